@@ -1,0 +1,124 @@
+#include <UdpSocket/detail/interfaces.h>
+
+#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace net {
+
+namespace {
+
+using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
+
+InterfaceList readInterfaces() {
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0)
+        std::perror("get ifAddrs");
+    return InterfaceList(first, &::freeifaddrs);
+}
+
+/// The entry's IPv4 address in network order; false for an entry of another family or without an address.
+bool ipv4Address(const ifaddrs& entry, in_addr& address) {
+    if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET)
+        return false;
+    sockaddr_in socketAddress;
+    std::memcpy(&socketAddress, entry.ifa_addr, sizeof socketAddress);
+    address = socketAddress.sin_addr;
+    return true;
+}
+
+} // namespace
+
+std::mutex networkIfMutex;
+
+std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
+    std::lock_guard lock(networkIfMutex);
+    std::map<unsigned int, tNetworkInterface> table;
+    const InterfaceList list = readInterfaces();
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        in_addr address;
+        if (!ipv4Address(*entry, address))
+            continue;
+        char text[INET_ADDRSTRLEN] = "";
+        ::inet_ntop(AF_INET, &address, text, sizeof text);
+        char mac[32] = "";
+        if (entry->ifa_name != nullptr)
+            getMac(mac, entry->ifa_name);
+        table.insert({address.s_addr, {text, mac, entry->ifa_name != nullptr ? entry->ifa_name : ""}});
+    }
+    table.erase(0);
+    return table;
+}
+
+std::string localMac(unsigned int ip) {
+    const auto table = localNetworkInterfaces();
+    const auto found = table.find(ip);
+    if (found == table.end())
+        throw std::logic_error("basic_string::_M_construct null not valid");
+    std::string mac = found->second.mac;
+    std::erase(mac, ':');
+    return mac;
+}
+
+std::string localIfaName(unsigned int ip) {
+    const auto table = localNetworkInterfaces();
+    const auto found = table.find(ip);
+    return found == table.end() ? "" : found->second.name;
+}
+
+std::set<unsigned int> localIpSet() {
+    const InterfaceList list = readInterfaces();
+    if (!list)
+        return {0};
+    std::set<unsigned int> addresses;
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        in_addr address;
+        if (ipv4Address(*entry, address))
+            addresses.insert(address.s_addr);
+    }
+    addresses.erase(htonl(INADDR_LOOPBACK));
+    addresses.erase(0);
+    return addresses;
+}
+
+char* getMac(char* mac, char* ifname) {
+    if (mac == nullptr || ifname == nullptr)
+        return mac;
+    const detail::Descriptor socket = detail::openSocket(SOCK_STREAM);
+    if (!socket.isOpen()) {
+        std::perror("socket ");
+        return mac;
+    }
+    ifreq request{};
+    if (std::strlen(ifname) >= sizeof request.ifr_name)
+        return mac;
+    std::strcpy(request.ifr_name, ifname);
+    if (::ioctl(socket.get(), SIOCGIFHWADDR, &request) != 0) {
+        std::perror("ioctl ");
+        return mac;
+    }
+    unsigned char bytes[6];
+    std::memcpy(bytes, request.ifr_hwaddr.sa_data, sizeof bytes);
+    std::sprintf(mac, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
+                 bytes[5]);
+    return mac;
+}
+
+namespace detail {
+
+std::string deviceName(const std::string& interfaceName) {
+    return interfaceName.substr(0, interfaceName.find(':'));
+}
+
+} // namespace detail
+} // namespace net

@@ -1,0 +1,58 @@
+/// @file
+/// Threads of the library, and how their pauses are cut short.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace net::detail {
+
+/// Starts a thread with all signals blocked: signals belong to the application's threads, and one that
+/// arrives in a receive call would interrupt it.
+template <class Body>
+std::thread startThread(Body&& body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    struct Restore {
+        const sigset_t& mask;
+        ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+    } restore{before}; // also when the system has no thread left
+    return std::thread(std::forward<Body>(body));
+}
+
+/// A pause that another thread can end for good. Any thread may call any operation.
+class Pause {
+public:
+    /// Waits for @p duration. @return false as soon as stop() has been called, now or earlier
+    template <class Duration>
+    bool sleep(Duration duration) {
+        std::unique_lock lock(m_mutex);
+        return !m_ended.wait_for(lock, duration, [this] { return m_stopped; });
+    }
+
+    void stop() {
+        {
+            std::lock_guard lock(m_mutex);
+            m_stopped = true;
+        }
+        m_ended.notify_all();
+    }
+
+    bool stopped() const {
+        std::lock_guard lock(m_mutex);
+        return m_stopped;
+    }
+
+private:
+    mutable std::mutex m_mutex; // guards m_stopped
+    std::condition_variable m_ended;
+    bool m_stopped = false;
+};
+
+} // namespace net::detail

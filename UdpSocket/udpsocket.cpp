@@ -1,0 +1,404 @@
+#include <UdpSocket/udpsocket.h>
+
+#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/detail/interfaces.h>
+#include <UdpSocket/detail/profile.h>
+#include <UdpSocket/detail/shell_text.h>
+#include <UdpSocket/detail/socket_error.h>
+#include <UdpSocket/detail/thread.h>
+#include <UdpSocket/detail/udp_receiver.h>
+#include <UdpSocket/netiphelper.h>
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+namespace net {
+
+namespace {
+
+using detail::Descriptor;
+using detail::setOption;
+using detail::SourceSite;
+
+constexpr timeval kSocketTimeOut{2, 0};        // UdpSocket: how often its thread looks at the running flag
+constexpr timeval kReceiverTimeOut{0, 500000}; // UdpReceiver: the same
+constexpr int kReceiveBufferFactor = 10;       // waiting datagrams of full size that a receiver asks room for
+
+sockaddr_in endpoint(in_addr_t address, unsigned short port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    result.sin_addr.s_addr = address;
+    return result;
+}
+
+/// The 8-byte value that IP_ADD_MEMBERSHIP and IP_MULTICAST_IF take.
+ip_mreq membership(in_addr_t group, in_addr_t interfaceAddress) {
+    return {in_addr{group}, in_addr{interfaceAddress}};
+}
+
+bool bindTo(const Descriptor& socket, const sockaddr_in& address) {
+    return ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+ssize_t sendTo(const Descriptor& socket, const char* data, int length, const sockaddr_in& destination) {
+    return ::sendto(socket.get(), data, static_cast<size_t>(length), 0,
+                    reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+}
+
+/// One datagram with its source; the result is that of recvfrom.
+ssize_t receiveFrom(const Descriptor& socket, char* buffer, int size, sockaddr_in& source) {
+    socklen_t length = sizeof source;
+    return ::recvfrom(socket.get(), buffer, static_cast<size_t>(size), 0,
+                      reinterpret_cast<sockaddr*>(&source), &length);
+}
+
+enum class Kind { Unicast, Multicast, Broadcast };
+
+Kind kindOf(const std::string& address) {
+    if (address == "255.255.255.255")
+        return Kind::Broadcast;
+    return IN_MULTICAST(ntohl(::inet_addr(address.c_str()))) ? Kind::Multicast : Kind::Unicast;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------- UdpSocket
+
+class UdpSocketPrivate {
+public:
+    UdpSocketPrivate(iUdpDataListener* listener, int bufferSize)
+        : m_listener(listener), m_bufferSize(bufferSize),
+          m_buffer(new char[static_cast<size_t>(bufferSize)]) {}
+    ~UdpSocketPrivate() { close(); }
+
+    void SetSendSockAddr(unsigned int localIp, const char* groupIp, int port);
+    void SetGroupRecvSockAddr(unsigned int localIp, const char* groupIp, unsigned short port);
+    int SendData(const char* data, int length) const;
+    void notifyForQuit() { m_running = false; }
+
+private:
+    void report(const char* call, SourceSite site = SourceSite::here()) const {
+        detail::reportSocketError(site, m_group.c_str(), m_port, call);
+    }
+    void close();
+    void launchThread();
+
+    Descriptor m_socket;
+    sockaddr_in m_destination{};
+    sockaddr_in m_bound{};
+    std::string m_group;
+    unsigned short m_port = 0; // host order
+    iUdpDataListener* const m_listener;
+    const int m_bufferSize;
+    const std::unique_ptr<char[]> m_buffer;
+    std::thread m_thread;
+    std::atomic<bool> m_running = false;
+};
+
+void UdpSocketPrivate::close() {
+    m_running = false;
+    m_socket.wakeReader();
+    if (m_thread.joinable())
+        m_thread.join();
+    m_socket.reset();
+}
+
+void UdpSocketPrivate::SetSendSockAddr(unsigned int localIp, const char* groupIp, int port) {
+    close();
+    m_socket = detail::openSocket(SOCK_DGRAM, IPPROTO_UDP);
+    if (!m_socket.isOpen()) {
+        report("socket");
+        return;
+    }
+    if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
+        report("setsockopt::SO_REUSERADDR");
+    if (!setOption(m_socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(::inet_addr(groupIp), localIp))) {
+        report("Setsockopt IP_ADD_MEMBERSHIP");
+        return;
+    }
+    m_destination = endpoint(::inet_addr(groupIp), static_cast<unsigned short>(port));
+}
+
+void UdpSocketPrivate::SetGroupRecvSockAddr(unsigned int localIp, const char* groupIp, unsigned short port) {
+    close();
+    m_socket = detail::openSocket(SOCK_DGRAM, IPPROTO_UDP);
+    if (!m_socket.isOpen()) {
+        report("socket");
+        return;
+    }
+    if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
+        report("setsockopt::SO_REUSERADDR");
+    m_group = groupIp;
+    m_port = port;
+    m_bound = endpoint(INADDR_ANY, port);
+    if (!bindTo(m_socket, m_bound)) {
+        report("bind");
+        return;
+    }
+    if (!setOption(m_socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(::inet_addr(groupIp), localIp))) {
+        report("setsockopt::IP_ADD_MEMBERSHIP");
+        return;
+    }
+    if (!setOption(m_socket, SOL_SOCKET, SO_RCVTIMEO, kSocketTimeOut))
+        report("setsockopt::SO_RCVTIMEO");
+    m_running = true;
+    launchThread();
+}
+
+void UdpSocketPrivate::launchThread() {
+    m_thread = detail::startThread([this] {
+        sockaddr_in source{};
+        while (m_running) {
+            errno = 0; // an empty datagram is reported with code 0
+            const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
+            if (count > 0)
+                m_listener->OnUdpGroupDataReceived(::inet_ntoa(source.sin_addr), ntohs(source.sin_port),
+                                                   m_group.c_str(), m_port, m_buffer.get(),
+                                                   static_cast<int>(count));
+            else if (m_running && errno != EAGAIN)
+                report("recvfrom");
+        }
+    });
+}
+
+int UdpSocketPrivate::SendData(const char* data, int length) const {
+    const auto sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
+    if (sent != length)
+        report("sendto");
+    return sent;
+}
+
+UdpSocket::UdpSocket(iUdpDataListener* listener, int bufferSize)
+    : d(new UdpSocketPrivate(listener, bufferSize)) {}
+UdpSocket::~UdpSocket() {
+    delete d;
+}
+void UdpSocket::SetSendSockAddr(unsigned int localIp, const char* groupIp, int port) {
+    d->SetSendSockAddr(localIp, groupIp, port);
+}
+void UdpSocket::SetGroupRecvSockAddr(unsigned int localIp, const char* groupIp, unsigned short port) {
+    d->SetGroupRecvSockAddr(localIp, groupIp, port);
+}
+int UdpSocket::SendData(const char* data, int length) const {
+    return d->SendData(data, length);
+}
+void UdpSocket::notifyForQuit() {
+    d->notifyForQuit();
+}
+
+// ---------------------------------------------------------------------------------------------- UdpSender
+
+class UdpSenderPrivate {
+public:
+    UdpSenderPrivate(const char* address, unsigned short port, unsigned int localIp,
+                     unsigned short localPort);
+
+    int sendData(const char* data, int length) const;
+    int sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) const;
+    void setMulticastLoop(bool on) const;
+    const std::string& address() const { return m_address; }
+    unsigned short port() const { return m_port; }
+
+private:
+    void report(const char* call, SourceSite site = SourceSite::here()) const {
+        detail::reportSocketError(site, m_address.c_str(), m_port, call);
+    }
+
+    const std::string m_address;
+    const unsigned short m_port;      // host order
+    const unsigned short m_localPort; // host order
+    Descriptor m_socket;
+    sockaddr_in m_destination{};
+    sockaddr_in m_local{};
+};
+
+UdpSenderPrivate::UdpSenderPrivate(const char* address, unsigned short port, unsigned int localIp,
+                                   unsigned short localPort)
+    : m_address(address), m_port(port), m_localPort(localPort),
+      m_socket(detail::openSocket(SOCK_DGRAM, IPPROTO_UDP)) {
+    if (!m_socket.isOpen()) {
+        report("socket");
+        return;
+    }
+    if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
+        report("setsockopt::SO_REUSEADDR");
+    m_destination = endpoint(::inet_addr(m_address.c_str()), port);
+    const Kind kind = kindOf(m_address);
+    if (kind == Kind::Broadcast && !setOption(m_socket, SOL_SOCKET, SO_BROADCAST, 1))
+        report("setsockopt::SO_BROADCAST");
+    if (kind == Kind::Multicast &&
+        !setOption(m_socket, IPPROTO_IP, IP_MULTICAST_IF, membership(m_destination.sin_addr.s_addr, localIp)))
+        report("setsockopt::IP_MULTICAST_IF");
+    const int loop = detail::profileFlag("Local", "MulticastLoop", "false") ? 1 : 0;
+    if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, loop))
+        report("setsockopt::IP_MULTICAST_LOOP");
+    m_local = endpoint(localIp, m_localPort);
+    if (!bindTo(m_socket, m_local))
+        report("bind");
+}
+
+int UdpSenderPrivate::sendData(const char* data, int length) const {
+    if (!m_socket.isOpen())
+        return -1;
+    const auto sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
+    if (sent != length)
+        report("sendto");
+    return sent;
+}
+
+int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) const {
+    if (!m_socket.isOpen())
+        return -1;
+    std::vector<iovec> buffers(datas.size());
+    std::vector<mmsghdr> messages(datas.size());
+    for (size_t i = 0; i < datas.size(); ++i) {
+        buffers[i] = {const_cast<void*>(datas[i].first), static_cast<size_t>(datas[i].second)};
+        msghdr& header = messages[i].msg_hdr;
+        header.msg_name = const_cast<sockaddr_in*>(&m_destination);
+        header.msg_namelen = sizeof m_destination;
+        header.msg_iov = &buffers[i];
+        header.msg_iovlen = 1;
+    }
+    const int sent =
+        ::sendmmsg(m_socket.get(), messages.data(), static_cast<unsigned int>(messages.size()), 0);
+    if (sent == -1)
+        report("sendmmsg");
+    return sent;
+}
+
+void UdpSenderPrivate::setMulticastLoop(bool on) const {
+    if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, on ? 1 : 0))
+        report("setsockopt::IP_MULTICAST_LOOP");
+}
+
+UdpSender::UdpSender(const char* address, unsigned short port, unsigned int localIp, unsigned short localPort)
+    : d(new UdpSenderPrivate(address, port, localIp, localPort)) {}
+UdpSender::UdpSender(const NetAddress& destination, unsigned int localIp, unsigned short localPort)
+    : UdpSender(transAddr(destination.ip), NtoHs(destination.port), localIp, localPort) {}
+UdpSender::~UdpSender() {
+    delete d;
+}
+int UdpSender::sendData(const char* data, int length) const {
+    return d->sendData(data, length);
+}
+int UdpSender::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) {
+    return d->sendMultipleDatas(datas);
+}
+void UdpSender::setMulticastLoop(bool on) {
+    d->setMulticastLoop(on);
+}
+const char* UdpSender::addr() const {
+    return d->address().c_str();
+}
+unsigned short UdpSender::port() const {
+    return d->port();
+}
+void UdpSender::notifyForQuit() {}
+
+// -------------------------------------------------------------------------------------------- UdpReceiver
+
+UdpReceiverPrivate::UdpReceiverPrivate(iUdpDataListener* listener, unsigned int localIp, const char* address,
+                                       unsigned short port, int bufferSize)
+    : m_address(address), m_port(port), m_localIp(localIp),
+      m_socket(detail::openSocket(SOCK_DGRAM, IPPROTO_UDP)), m_listener(listener), m_bufferSize(bufferSize),
+      m_buffer(new char[static_cast<size_t>(bufferSize)]) {
+    if (!m_socket.isOpen()) {
+        report("socket");
+        return;
+    }
+    if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
+        report("setsockopt::SO_REUSEADDR");
+    if (!setOption(m_socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferFactor * bufferSize))
+        report("setsockopt::SO_RCVBUF");
+    const in_addr_t listened = ::inet_addr(m_address.c_str());
+    if (!bindTo(m_socket, endpoint(listened, port))) {
+        report("bind");
+        return;
+    }
+    const Kind kind = kindOf(m_address);
+    if (kind == Kind::Broadcast && !setOption(m_socket, SOL_SOCKET, SO_BROADCAST, 1))
+        report("setsockopt::SO_BROADCAST");
+    if (kind == Kind::Multicast &&
+        !setOption(m_socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(listened, localIp)))
+        report("setsockopt::IP_ADD_MEMBERSHIP");
+    pinToInterface(SourceSite::here());
+    if (!setOption(m_socket, SOL_SOCKET, SO_RCVTIMEO, kReceiverTimeOut))
+        report("setsockopt::SO_RCVTIMEO");
+    m_running = true;
+    m_thread = detail::startThread([this] { recvThread(); });
+}
+
+UdpReceiverPrivate::~UdpReceiverPrivate() {
+    m_running = false;
+    m_socket.wakeReader();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void UdpReceiverPrivate::report(const char* call, SourceSite site) const {
+    detail::reportSocketError(site, m_address.c_str(), m_port, call);
+}
+
+void UdpReceiverPrivate::pinToInterface(SourceSite site) {
+    const std::string name = localIfaName(m_localIp);
+    if (name.empty())
+        return;
+    ifreq request{};
+    detail::deviceName(name).copy(request.ifr_name, sizeof request.ifr_name - 1);
+    if (!setOption(m_socket, SOL_SOCKET, SO_BINDTODEVICE, request))
+        report("setsockopt::SO_BINDTODEVICE", site);
+
+    if (!detail::isDottedQuad(m_address) || !detail::isInterfaceName(name))
+        return;
+    const std::string route = "route add -net " + m_address + " netmask 255.255.255.255 " + name;
+    if (!tNetIPHelper::SystemCmd("sudo " + route, false))
+        tNetIPHelper::SystemCmd(route, false); // fails harmlessly where the route stands already
+}
+
+void UdpReceiverPrivate::recvThread() {
+    sockaddr_in source{};
+    while (m_running) {
+        const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
+        if (count > 0 && m_listener != nullptr)
+            m_listener->OnUdpGroupDataReceived(::inet_ntoa(source.sin_addr), ntohs(source.sin_port),
+                                               m_address.c_str(), m_port, m_buffer.get(),
+                                               static_cast<int>(count));
+        else if (count < 0 && errno != EAGAIN)
+            report("recvfrom");
+    }
+}
+
+void UdpReceiverPrivate::growReceiveBuffer(UdpReceiver& receiver, int bytes) {
+    if (receiver.d->m_socket.isOpen() && !setOption(receiver.d->m_socket, SOL_SOCKET, SO_RCVBUF, bytes))
+        receiver.d->report("setsockopt::SO_RCVBUF");
+}
+
+UdpReceiver::UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const char* address,
+                         unsigned short port, int bufferSize)
+    : d(new UdpReceiverPrivate(listener, localIp, address, port, bufferSize)) {}
+UdpReceiver::UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const NetAddress& address,
+                         int bufferSize)
+    : UdpReceiver(listener, localIp, transAddr(address.ip), NtoHs(address.port), bufferSize) {}
+UdpReceiver::~UdpReceiver() {
+    delete d;
+}
+const char* UdpReceiver::addr() const {
+    return d->address().c_str();
+}
+unsigned short UdpReceiver::port() const {
+    return d->port();
+}
+void UdpReceiver::notifyForQuit() {
+    d->notifyForQuit();
+}
+
+} // namespace net

@@ -1,0 +1,23 @@
+/// @file
+/// A network of one's own: nothing that runs in it can reach the machine's network, and nothing of it is left
+/// when it ends.
+#pragma once
+
+namespace lab {
+
+/// Exit status of a process that is not allowed to make namespaces.
+inline constexpr int kNotPermitted = 3;
+
+/// Moves the rest of the calling program into namespaces of its own: user (unless the caller may do without),
+/// network (only a loopback interface, up), mount (a fresh /sys, and /run and /etc/netns for "ip netns" and
+/// nothing else) and process.
+///
+/// Returns in a child process; the caller's process stays behind, hands SIGINT, SIGTERM and SIGHUP on, and
+/// exits with the child's status. When the child ends, or either of the two is killed, every process in the
+/// namespace is killed with it, and with the last process the network is gone.
+///
+/// Call it before any thread is started. Where the system refuses, it says so on standard error in one line
+/// and exits with kNotPermitted.
+void enterPrivateNetwork();
+
+} // namespace lab

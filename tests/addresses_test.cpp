@@ -1,0 +1,100 @@
+#include <UdpSocket/detail/interfaces.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(Addresses, TextThatIsNoAddressIsAllOnes) {
+    EXPECT_EQ(net::transAddr("255.255.255.255"), 0xFFFFFFFFU);
+    EXPECT_EQ(net::transAddr("radar"), 0xFFFFFFFFU);
+    EXPECT_STREQ(net::transAddr(net::transAddr("236.6.7.8")), "236.6.7.8");
+}
+
+TEST(Addresses, ByteOrderIsReversedBothWays) {
+    EXPECT_EQ(net::HtoNs(0x1234), 0x3412);
+    EXPECT_EQ(net::NtoHs(0xFF00), 0x00FF);
+    EXPECT_EQ(net::NtoHl(0x01020304), 0x04030201U);
+    EXPECT_EQ(net::HtoNl(0xFF000080), 0x800000FFU);
+}
+
+TEST(Addresses, PrefixLengthsWrapOutsideZeroToThirtyTwo) {
+    EXPECT_EQ(net::cidrToMask(0), "0.0.0.0");
+    EXPECT_EQ(net::cidrToMask(1), "128.0.0.0");
+    EXPECT_EQ(net::cidrToMask(24), "255.255.255.0");
+    EXPECT_EQ(net::cidrToMask(32), "255.255.255.255");
+    EXPECT_EQ(net::cidrToMask(33), "128.0.0.0");
+    EXPECT_EQ(net::cidrToMask(64), "255.255.255.255");
+    EXPECT_EQ(net::cidrToMask(-1), net::cidrToMask(31));
+}
+
+TEST(Addresses, NetmaskBitsAreCountedWithoutRangeOrContiguity) {
+    for (int prefix = 0; prefix <= 32; ++prefix)
+        EXPECT_EQ(net::maskToCidr(net::cidrToMask(prefix)), prefix);
+    EXPECT_EQ(net::maskToCidr("255.0.255.0"), 16);
+    EXPECT_EQ(net::maskToCidr("255/255-255x0"), 24);
+    EXPECT_EQ(net::maskToCidr("0.256.0.0"), 1) << "256 spills into the first number";
+    EXPECT_EQ(net::maskToCidr("255.255"), 16);
+    EXPECT_EQ(net::maskToCidr("99999999999.255.255.255"), 0);
+    EXPECT_EQ(net::maskToCidr("mask"), 0);
+}
+
+TEST(Addresses, NamesResolveToAppendedAddresses) {
+    std::vector<std::string> addresses{"10.0.0.1"};
+    EXPECT_EQ(net::GetIpByDomainName("no-such-host.invalid", addresses), 0);
+    EXPECT_THAT(addresses, ElementsAre("10.0.0.1"));
+    const int count = net::GetIpByDomainName("localhost", addresses);
+    ASSERT_GE(count, 1);
+    EXPECT_EQ(addresses.size(), 1U + static_cast<unsigned>(count));
+    EXPECT_EQ(addresses[1], "127.0.0.1");
+}
+
+TEST(Interfaces, OnlyLoopbackIsListedButNotInTheSet) {
+    const auto table = net::localNetworkInterfaces();
+    ASSERT_EQ(table.size(), 1U);
+    const auto& [address, interface] = *table.begin();
+    EXPECT_EQ(address, net::transAddr("127.0.0.1"));
+    EXPECT_EQ(interface.ip, "127.0.0.1");
+    EXPECT_EQ(interface.mac, "00:00:00:00:00:00");
+    EXPECT_EQ(interface.name, "lo");
+    EXPECT_THAT(net::localIpSet(), IsEmpty());
+}
+
+TEST(Interfaces, EveryAddressOfAnInterfaceIsARecord) {
+    ASSERT_EQ(std::system(
+                  "ip link add eth0 type veth peer name far && ip link set eth0 address 00:1a:2b:3c:4d:5e && "
+                  "ip addr add 10.1.0.2/24 dev eth0 && "
+                  "ip addr add 10.1.0.1/24 dev eth0 label eth0:1 && ip link set eth0 up"),
+              0);
+    const unsigned int first = net::transAddr("10.1.0.1");
+    const unsigned int second = net::transAddr("10.1.0.2");
+    EXPECT_THAT(net::localIpSet(), ElementsAre(first, second));
+    EXPECT_EQ(net::localIfaName(first), "eth0:1");
+    EXPECT_EQ(net::localIfaName(second), "eth0");
+    EXPECT_EQ(net::localMac(first), "001A2B3C4D5E");
+    EXPECT_EQ(net::localMac(second), "001A2B3C4D5E");
+
+    EXPECT_EQ(net::localIfaName(net::transAddr("10.9.9.9")), "");
+    try {
+        net::localMac(net::transAddr("10.9.9.9"));
+        FAIL() << "an unknown address has no MAC";
+    } catch (const std::logic_error& error) {
+        EXPECT_STREQ(error.what(), "basic_string::_M_construct null not valid");
+    }
+}
+
+TEST(Interfaces, MacIsLeftAloneWithoutAUsableName) {
+    char mac[18] = "untouched";
+    char tooLong[] = "interface-name-16";
+    char unknown[] = "eth9";
+    EXPECT_EQ(net::getMac(mac, nullptr), mac);
+    EXPECT_EQ(net::getMac(nullptr, unknown), nullptr);
+    EXPECT_EQ(net::getMac(mac, tooLong), mac);
+    EXPECT_EQ(net::getMac(mac, unknown), mac);
+    EXPECT_STREQ(mac, "untouched");
+}
+
+} // namespace
