@@ -1,0 +1,193 @@
+#include <UdpSocket/detail/presence_checker.h>
+
+#include <UdpSocket/detail/discovery_sockets.h>
+#include <UdpSocket/detail/interfaces.h>
+#include <UdpSocket/detail/profile.h>
+#include <UdpSocket/detail/thread.h>
+#include <UdpSocket/detail/wire.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kCycle = 5s;
+constexpr auto kBeaconTime = 3s; // listening for beacons, twice
+constexpr auto kSettleTime = 1s; // between joining the group and the query
+constexpr auto kAnswerTime = 2s;
+
+unsigned int interfaceAddress(const std::string& netName) {
+    for (const auto& [address, interface] : net::localNetworkInterfaces())
+        if (interface.name.find(netName) != std::string::npos)
+            return address;
+    return 0;
+}
+
+} // namespace
+
+void MultiRadarCheckHelper::OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data,
+                                                   int len) {
+    const std::string_view message(data, static_cast<std::size_t>(len));
+    if (message.size() == wire::kShortAnnouncement.length ||
+        message.size() == wire::kLongAnnouncement.length || message == wire::kBeaconMarker)
+        m_heard = true;
+}
+
+MultiRadarCheckerPrivate::MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner) : m_listeners{owner} {
+    const std::string netName = net::detail::profileText("Local", "NetName", "", 64);
+    const std::string ip = net::detail::profileText("Local", "IP", "0.0.0.0", 16);
+    m_configured = net::detail::profileAddress("Local", "IP", ip);
+    if (m_configured == 0 && !netName.empty())
+        m_configured = interfaceAddress(netName);
+    std::printf("LocalIP (%s): %s\n", netName.c_str(), ip.c_str());
+    m_thread = net::detail::startThread([this] { run(); });
+}
+
+MultiRadarCheckerPrivate::~MultiRadarCheckerPrivate() {
+    {
+        std::lock_guard lock(m_controlMutex);
+        m_running = false;
+    }
+    m_control.notify_all();
+    m_thread.join();
+}
+
+void MultiRadarCheckerPrivate::addListener(iMultiRadarCheckerListener* listener) {
+    unsigned int current;
+    {
+        std::lock_guard lock(m_lock);
+        if (std::find(m_listeners.begin(), m_listeners.end(), listener) == m_listeners.end())
+            m_listeners.push_back(listener);
+        current = m_current;
+    }
+    // Again where the address changed during the call: the one told last must be the one in force.
+    for (unsigned int told = 0; current != told; current = currentAddress()) {
+        listener->OnLocalIpChanged(current);
+        told = current;
+    }
+}
+
+unsigned int MultiRadarCheckerPrivate::currentAddress() const {
+    std::lock_guard lock(m_lock);
+    return m_current;
+}
+
+void MultiRadarCheckerPrivate::removeListener(iMultiRadarCheckerListener* listener) {
+    std::lock_guard lock(m_lock);
+    m_listeners.remove(listener);
+}
+
+void MultiRadarCheckerPrivate::setLocalIP(unsigned int ip) {
+    {
+        std::lock_guard lock(m_controlMutex);
+        m_configured = ip;
+    }
+    m_control.notify_all();
+}
+
+/// False when the search at hand is no longer wanted.
+bool MultiRadarCheckerPrivate::searching() const {
+    std::lock_guard lock(m_controlMutex);
+    return m_running && m_configured == 0;
+}
+
+bool MultiRadarCheckerPrivate::sleepWhileSearching(std::chrono::seconds duration) {
+    std::unique_lock lock(m_controlMutex);
+    return !m_control.wait_for(lock, duration, [this] { return !m_running || m_configured != 0; });
+}
+
+void MultiRadarCheckerPrivate::run() {
+    std::unique_lock control(m_controlMutex);
+    while (m_running) {
+        const unsigned int address = m_configured;
+        control.unlock();
+        if (address == 0)
+            check();
+        else if (address != m_current)
+            makeCurrent(address);
+        control.lock();
+        m_control.wait_for(control, kCycle, [&] { return !m_running || m_configured != address; });
+    }
+}
+
+void MultiRadarCheckerPrivate::check() {
+    const std::set<unsigned int> addresses = net::localIpSet();
+    std::set<unsigned int> heard = probeAll(addresses, &MultiRadarCheckerPrivate::hearsBeacon);
+    if (!searching() || isConfirmed(heard))
+        return;
+    if (!heard.empty()) {
+        std::printf("Find a varen Radar new ip:%08X old ip:%08X\n", *heard.begin(), m_current);
+        settle(heard);
+        return;
+    }
+    heard = probeAll(addresses, &MultiRadarCheckerPrivate::hearsAnswer);
+    if (!searching() || isConfirmed(heard))
+        return;
+    if (heard.empty()) {
+        m_found = false;
+        return;
+    }
+    std::printf("Find a Radar new ip:%x old ip:%x\n", *heard.begin(), m_current);
+    settle(heard);
+}
+
+std::set<unsigned int> MultiRadarCheckerPrivate::probeAll(const std::set<unsigned int>& addresses,
+                                                          Probe probe) {
+    std::mutex mutex; // guards heard
+    std::set<unsigned int> heard;
+    std::vector<std::thread> probes;
+    for (const unsigned int address : addresses)
+        probes.push_back(net::detail::startThread([&, address] {
+            if (!(this->*probe)(address))
+                return;
+            std::lock_guard lock(mutex);
+            heard.insert(address);
+        }));
+    for (std::thread& thread : probes)
+        thread.join();
+    return heard;
+}
+
+bool MultiRadarCheckerPrivate::hearsBeacon(unsigned int localIp) {
+    for (int period = 0; period < 2; ++period) {
+        MultiRadarCheckHelper helper;
+        const auto receiver = net::detail::makeReceiver(&helper, wire::kBeacon, localIp);
+        if (!sleepWhileSearching(kBeaconTime) || !helper.heard())
+            return false;
+    }
+    return true;
+}
+
+bool MultiRadarCheckerPrivate::hearsAnswer(unsigned int localIp) {
+    MultiRadarCheckHelper helper;
+    const auto receiver = net::detail::makeReceiver(&helper, wire::kDiscovery, localIp);
+    if (!sleepWhileSearching(kSettleTime))
+        return false;
+    const auto sender = net::detail::makeSender(wire::kDiscovery, localIp);
+    net::detail::send(*sender, wire::kQuery);
+    return sleepWhileSearching(kAnswerTime) && helper.heard();
+}
+
+bool MultiRadarCheckerPrivate::isConfirmed(const std::set<unsigned int>& heard) const {
+    return m_found && heard.count(m_current) != 0;
+}
+
+void MultiRadarCheckerPrivate::settle(const std::set<unsigned int>& heard) {
+    m_found = true;
+    for (const unsigned int address : heard)
+        makeCurrent(address);
+}
+
+void MultiRadarCheckerPrivate::makeCurrent(unsigned int localIp) {
+    std::lock_guard lock(m_lock);
+    m_current = localIp;
+    if (localIp == 0)
+        std::puts("ERROR LOGIC HAPPENED!!!");
+    for (iMultiRadarCheckerListener* listener : m_listeners)
+        listener->OnLocalIpChanged(localIp);
+}

@@ -1,0 +1,71 @@
+/// @file
+/// Which local address leads to the radars.
+#pragma once
+
+#include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <set>
+#include <thread>
+
+/// Hears on one local address whether a radar is there.
+class MultiRadarCheckHelper : public net::iUdpDataListener {
+public:
+    /// Called on the thread of the probe's receiver.
+    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int len) override;
+    virtual ~MultiRadarCheckHelper() = default;
+
+    bool heard() const { return m_heard; }
+
+private:
+    std::atomic<bool> m_heard = false;
+};
+
+/// Settles the local address and tells its listeners: the configured one, or else the one found by a search
+/// over all local addresses, repeated every 5 seconds.
+///
+/// Threads: one checker thread from construction to destruction, and during a search one probe thread for
+/// each local address, which the checker thread joins. Destruction and setLocalIP cut every pause short.
+class MultiRadarCheckerPrivate {
+public:
+    /// Reads "Local"/"NetName" and "Local"/"IP" of profile.ini and starts.
+    /// @param owner the first listener; its OnLocalIpChanged may come before this constructor returns
+    explicit MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner);
+    ~MultiRadarCheckerPrivate();
+
+    void addListener(iMultiRadarCheckerListener* listener);
+    void removeListener(iMultiRadarCheckerListener* listener);
+    void setLocalIP(unsigned int ip);
+
+private:
+    using Probe = bool (MultiRadarCheckerPrivate::*)(unsigned int);
+
+    void run();
+    void check();
+    std::set<unsigned int> probeAll(const std::set<unsigned int>& addresses, Probe probe);
+    bool hearsBeacon(unsigned int localIp);
+    bool hearsAnswer(unsigned int localIp);
+    bool isConfirmed(const std::set<unsigned int>& heard) const;
+    void settle(const std::set<unsigned int>& heard);
+    void makeCurrent(unsigned int localIp);
+
+    unsigned int currentAddress() const;
+    bool searching() const;
+    bool sleepWhileSearching(std::chrono::seconds duration);
+
+    mutable std::mutex m_lock; // guards m_listeners and m_current; held while listeners are called
+    std::list<iMultiRadarCheckerListener*> m_listeners;
+    unsigned int m_current = 0; // the address last told to the listeners, network order
+    bool m_found = false;       // a radar was heard on it in the last search; checker thread only
+
+    mutable std::mutex m_controlMutex; // guards m_running and m_configured
+    std::condition_variable m_control; // either has changed
+    bool m_running = true;
+    unsigned int m_configured = 0; // network order, 0 = search
+    std::thread m_thread;
+};
