@@ -1,19 +1,26 @@
 /// @file
 /// The INI-profile library: two look-ups in a file of sections and keys.
 ///
-/// Thread safety: both functions may be called from any thread; each call reads the file afresh.
+/// Thread safety: both functions may be called from any thread at any time; each call reads the file afresh
+/// and nothing is kept open. No argument may be null.
+///
+/// The file: lines of `[section]` and `key = value` in UTF-8 (a byte order mark is skipped, line ends may be
+/// those of any system, lines may be indented and of any length). `;` or `#` at the start of a line, or
+/// behind a blank, begins a comment. Section and key are compared without regard to case. A section may stand
+/// in several pieces; of a key that stands twice the last one counts. Quotes belong to the value.
+///
+/// A relative file name is looked up in the directory that the environment variable INIPROFILE_DIR names, or
+/// in the current directory when that is not set or empty.
+///
+/// Errors: a file that does not exist counts as empty. A file that cannot be read, a line that cannot be
+/// understood and a value that cannot be used are each reported in one line on standard error, with file and
+/// line number; a process does not repeat such a line, and writes at most 100 of them.
 #pragma once
 
 #include <string>
 
-/// The text of @p key in @p section of @p file, or @p defaultText when the file, the section or the key is
-/// absent or the value is longer than @p maxLength bytes.
-///
-/// A relative @p file is looked up in the directory that the environment variable INIPROFILE_DIR names, or in
-/// the current directory when that is not set. Section and key are compared without regard to case. Blanks
-/// around the value and a comment behind it (a blank, then `;` or `#`) do not belong to it. A missing file is
-/// not an error; a line that cannot be understood, or a value that is too long, is reported on standard error
-/// in one line.
+/// The text of @p key in @p section of @p file without the blanks around it, or @p defaultText when there is
+/// no such key or its text is longer than @p maxLength bytes. A key without text gives the empty text.
 __attribute__((visibility("default"))) std::string GetProfileInfo(const char* section, const char* key,
                                                                   const char* defaultText, int maxLength,
                                                                   const char* file);
