@@ -1,0 +1,274 @@
+#include "profile_directory.h"
+#include "recorder.h"
+#include "records.h"
+
+#include <UdpSocket/detail/discovery_sockets.h>
+#include <UdpSocket/netiphelper.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+constexpr const char* kGroup = "236.1.2.3";
+constexpr auto kNothing = 200ms; // long enough for a datagram on one machine, were there one
+
+std::string socketError(const std::string& function, const std::string& configured, const std::string& call,
+                        const std::string& code) {
+    return "SocketError<UdpSocket/udpsocket.cpp," + function + ",[0-9]+,\\(" + configured +
+           "\\)>:\n\tfunction\\[" + call + "\\],code\\[" + code + "\\]\n";
+}
+
+/// One interface, eth0, with the address 10.1.0.1/24.
+class Udp : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
+                              "(ip link add eth0 type veth peer name far && ip link set far up && "
+                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up)"),
+                  0);
+    }
+
+    const unsigned int m_local = net::transAddr("10.1.0.1");
+    Recorder m_recorder;
+};
+
+TEST_F(Udp, MulticastReachesReceiversOfTheSameMachineOnlyWhenLooped) {
+    net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+    net::UdpSender sender(kGroup, 5000, m_local, 5001);
+    sender.sendData("unheard", 7);
+    sender.setMulticastLoop(true);
+    sender.sendData("heard", 5);
+    const auto datagram = m_recorder.next();
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(datagram->from, "10.1.0.1:5001");
+    EXPECT_EQ(datagram->to, "236.1.2.3:5000");
+    EXPECT_EQ(datagram->bytes, "heard");
+
+    const ProfileDirectory profile("[Local]\nMulticastLoop = true\n");
+    const net::UdpSender looped(endpoint(kGroup, 5000), m_local, 0);
+    EXPECT_EQ(looped.sendData("by profile", 10), 10);
+    EXPECT_EQ(m_recorder.nextBytes(), "by profile");
+    EXPECT_STREQ(looped.addr(), kGroup);
+    EXPECT_EQ(looped.port(), 5000);
+}
+
+TEST_F(Udp, SeveralDatagramsAreSentInOrder) {
+    const net::UdpReceiver receiver(&m_recorder, m_local, endpoint("10.1.0.1", 5000), 1000);
+    net::UdpSender sender("10.1.0.1", 5000, m_local, 0);
+    const std::string longer(1500, 'x');
+    EXPECT_EQ(sender.sendMultipleDatas({{"one", 3}, {"two", 3}, {longer.data(), 1500}}), 3);
+    EXPECT_EQ(m_recorder.nextBytes(), "one");
+    EXPECT_EQ(m_recorder.nextBytes(), "two");
+    EXPECT_EQ(m_recorder.nextBytes(), longer.substr(0, 1000)) << "cut to the receiver's buffer";
+    EXPECT_EQ(sender.sendMultipleDatas({}), 0);
+    EXPECT_STREQ(receiver.addr(), "10.1.0.1");
+    EXPECT_EQ(receiver.port(), 5000);
+}
+
+TEST_F(Udp, OnlyTheAllOnesAddressIsBroadcast) {
+    const net::UdpReceiver receiver(&m_recorder, m_local, "255.255.255.255", 5000, 64);
+    CaptureStderr();
+    const net::UdpSender all("255.255.255.255", 5000, m_local, 0);
+    EXPECT_EQ(all.sendData("all", 3), 3);
+    EXPECT_EQ(GetCapturedStderr(), "");
+    CaptureStderr();
+    const net::UdpSender subnet("10.1.0.255", 5000, m_local, 0);
+    EXPECT_EQ(subnet.sendData("subnet", 6), -1);
+    EXPECT_THAT(GetCapturedStderr(),
+                MatchesRegex(socketError("sendData", "10.1.0.255,5000", "sendto", "13,Permission denied")));
+}
+
+TEST_F(Udp, BothEndsOfTheMulticastRangeAreJoined) {
+    const unsigned int stranger = net::transAddr("10.9.9.9"); // a membership through it fails: was one tried?
+    for (const auto& [address, joins] : {std::pair{"224.0.0.0", true},
+                                         {"239.255.255.255", true},
+                                         {"240.0.0.1", false},
+                                         {"223.255.255.255", false}}) {
+        CaptureStderr();
+        const net::UdpReceiver receiver(nullptr, stranger, address, 5000, 64);
+        EXPECT_EQ(GetCapturedStderr().find("IP_ADD_MEMBERSHIP") != std::string::npos, joins) << address;
+    }
+}
+
+TEST_F(Udp, ReceiverOfAnUnknownLocalAddressReportsAndReceives) {
+    CaptureStderr();
+    const net::UdpReceiver receiver(&m_recorder, net::transAddr("10.9.9.9"), kGroup, 5000, 64);
+    EXPECT_THAT(GetCapturedStderr(),
+                MatchesRegex(socketError("UdpReceiverPrivate", "236.1.2.3,5000",
+                                         "setsockopt::IP_ADD_MEMBERSHIP", "19,No such device")));
+    net::UdpSender sender(kGroup, 5000, m_local, 0);
+    sender.setMulticastLoop(true);
+    const net::UdpReceiver joined(nullptr, m_local, kGroup, 5001, 64); // brings the group in
+    sender.sendData("hello", 5);
+    EXPECT_EQ(m_recorder.nextBytes(), "hello");
+}
+
+TEST_F(Udp, FailedSetUpLeavesAnInertObject) {
+    CaptureStderr();
+    { const net::UdpReceiver receiver(&m_recorder, m_local, "10.9.9.9", 5000, 64); }
+    EXPECT_THAT(GetCapturedStderr(), MatchesRegex(socketError("UdpReceiverPrivate", "10.9.9.9,5000", "bind",
+                                                              "99,Cannot assign requested address")));
+    CaptureStderr();
+    const net::UdpSender sender("10.1.0.1", 5000, net::transAddr("10.9.9.9"), 0);
+    EXPECT_THAT(GetCapturedStderr(), MatchesRegex(socketError("UdpSenderPrivate", "10.1.0.1,5000", "bind",
+                                                              "99,Cannot assign requested address")));
+    EXPECT_EQ(sender.sendData("still", 5), 5) << "an unbound sender sends all the same";
+}
+
+TEST_F(Udp, LibraryReceiversHoldAFullPlanOfAnswers) {
+    const auto bufferOf = [](net::UdpReceiver&) {
+        int size = 0; // the only socket of the process
+        socklen_t length = sizeof size;
+        for (int fd = 3; fd < 64; ++fd)
+            if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0)
+                return size;
+        return -1;
+    };
+    {
+        net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 1024);
+        EXPECT_EQ(bufferOf(receiver), 2 * 10 * 1024) << "ten times the buffer; the system doubles it";
+    }
+    const auto own = net::detail::makeReceiver(nullptr, wire::kDiscovery, m_local);
+    EXPECT_GT(bufferOf(*own), 2 * 100 * 1024);
+}
+
+TEST_F(Udp, DescriptorsAreNotInherited) {
+    const net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 64);
+    const net::UdpSender sender(kGroup, 5000, m_local, 0);
+    net::UdpSocket socket(&m_recorder, 64);
+    socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+    int sockets = 0;
+    for (int fd = 3; fd < 64; ++fd) {
+        struct stat status {};
+        if (::fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode))
+            continue;
+        ++sockets;
+        EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
+    }
+    EXPECT_EQ(sockets, 3);
+}
+
+TEST_F(Udp, EndsAtOnce) {
+    const auto before = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10; ++i) {
+        const net::UdpReceiver receiver(nullptr, 0, "127.0.0.1", 5000, 64);
+        net::UdpSocket socket(&m_recorder, 64);
+        socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+        socket.SetGroupRecvSockAddr(m_local, kGroup, 5001);
+        socket.notifyForQuit();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s)
+        << "one time-out of a receive call lasts as long";
+}
+
+class UdpSocketTest : public Udp {
+protected:
+    UdpSocketTest() : m_peer(kGroup, 5000, m_local, 0) { m_peer.setMulticastLoop(true); }
+    net::UdpSocket m_socket{&m_recorder, 64};
+    net::UdpSender m_peer;
+};
+
+TEST_F(UdpSocketTest, SendsAndReceivesWhenSetUpInThatOrder) {
+    m_socket.SetSendSockAddr(m_local, kGroup, 5000 + 65536);
+    m_socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+    EXPECT_EQ(m_socket.SendData("own", 3), 3) << "the port is cut to 16 bits";
+    const auto own = m_recorder.next();
+    ASSERT_TRUE(own);
+    EXPECT_EQ(own->from, "10.1.0.1:5000");
+    EXPECT_EQ(own->to, "236.1.2.3:5000");
+    EXPECT_EQ(own->bytes, "own");
+
+    m_socket.SetSendSockAddr(m_local, kGroup, 5000);
+    m_peer.sendData("unheard", 7);
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "a new set-up ends what was before";
+}
+
+TEST_F(UdpSocketTest, EmptyDatagramIsReportedWithCodeZero) {
+    CaptureStderr();
+    m_socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+    m_peer.sendData("", 0);
+    m_peer.sendData("next", 4);
+    EXPECT_EQ(m_recorder.nextBytes(), "next");
+    EXPECT_THAT(GetCapturedStderr(),
+                MatchesRegex(socketError("operator\\(\\)", "236.1.2.3,5000", "recvfrom", "0,Success")));
+}
+
+TEST_F(UdpSocketTest, FailuresNameWhatIsStored) {
+    const unsigned int stranger = net::transAddr("10.9.9.9");
+    CaptureStderr();
+    m_socket.SendData("none", 4);
+    m_socket.SetSendSockAddr(stranger, kGroup, 5000);
+    m_socket.SetGroupRecvSockAddr(stranger, kGroup, 5000);
+    m_socket.SetSendSockAddr(stranger, "236.9.9.9", 1);
+    EXPECT_THAT(GetCapturedStderr(),
+                MatchesRegex(socketError("SendData", ",0", "sendto", "9,Bad file descriptor") +
+                             socketError("SetSendSockAddr", ",0", "Setsockopt IP_ADD_MEMBERSHIP",
+                                         "19,No such device") +
+                             socketError("SetGroupRecvSockAddr", "236.1.2.3,5000",
+                                         "setsockopt::IP_ADD_MEMBERSHIP", "19,No such device") +
+                             socketError("SetSendSockAddr", "236.1.2.3,5000", "Setsockopt IP_ADD_MEMBERSHIP",
+                                         "19,No such device")));
+}
+
+TEST(ShellCommand, PrintsOnlyWhatSucceeded) {
+    CaptureStdout();
+    EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo hidden", false));
+    EXPECT_FALSE(net::tNetIPHelper::SystemCmd("exit 3", true));
+    EXPECT_FALSE(net::tNetIPHelper::SystemCmd("no-such-command", false));
+    EXPECT_EQ(GetCapturedStdout(), "@echo hidden\r\n");
+    CaptureStdout();
+    EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo shown", true));
+    EXPECT_EQ(GetCapturedStdout(), "shown\n@echo shown\r\n");
+}
+
+/// "sudo" and "route" are scripts that write down how they were called; "sudo" fails.
+class RouteCommand : public Udp {
+protected:
+    RouteCommand() {
+        m_bin.write("#!/bin/sh\necho sudo \"$@\" >> " + m_log + "\nexit 1\n", "sudo");
+        m_bin.write("#!/bin/sh\necho route \"$@\" >> " + m_log + "\n", "route");
+        for (const char* name : {"sudo", "route"})
+            std::filesystem::permissions(m_bin.path() / name, std::filesystem::perms::owner_all);
+        ::setenv("PATH", (m_bin.path().string() + ":" + m_path).c_str(), 1);
+    }
+    ~RouteCommand() override { ::setenv("PATH", m_path.c_str(), 1); }
+    std::string calls() const {
+        std::ifstream file(m_log);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    const std::string m_path = ::getenv("PATH");
+    const ProfileDirectory m_bin;
+    const std::string m_log = m_bin.path() / "calls";
+};
+
+TEST_F(RouteCommand, RunsThroughSudoAndThenWithout) {
+    ASSERT_EQ(std::system("ip addr add 10.1.0.7/24 dev eth0 label eth0:1"), 0);
+    const net::UdpReceiver receiver(nullptr, net::transAddr("10.1.0.7"), kGroup, 5000, 64);
+    EXPECT_EQ(calls(), "sudo route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"
+                       "route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n");
+}
+
+TEST_F(RouteCommand, NeverCarriesMoreThanAnAddress) {
+    const std::string hostile = "10.1.0.1 ; touch " + (m_bin.path() / "harm").string();
+    const net::UdpReceiver receiver(&m_recorder, m_local, hostile.c_str(), 5000, 64);
+    const net::UdpSender sender("10.1.0.1", 5000, m_local, 0);
+    sender.sendData("received", 8);
+    EXPECT_EQ(m_recorder.nextBytes(), "received");
+    EXPECT_EQ(calls(), "");
+    EXPECT_FALSE(std::filesystem::exists(m_bin.path() / "harm"));
+}
+
+} // namespace
