@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -182,6 +183,23 @@ TEST_F(Profile, LooksUpFromManyThreadsAtOnce) {
         thread.join();
     const std::string lines = GetCapturedStderr();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2) << lines;
+}
+
+TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndStandsInTheManual) {
+    const auto contents = [](const char* file) {
+        std::ostringstream text;
+        text << std::ifstream(std::string(HOUSE_DOCS) + "/" + file).rdbuf();
+        return text.str();
+    };
+    const std::string example = contents("profile.ini.example");
+    EXPECT_THAT(contents("configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
+    write(example);
+    EXPECT_THAT(complaints(), IsEmpty());
+    EXPECT_EQ(textOf("Radar", "IP", 16), "");
+    EXPECT_EQ(textOf("Radar", "TCPService"), "false");
+    EXPECT_EQ(textOf("Local", "IP", 16), "0.0.0.0");
+    EXPECT_EQ(textOf("Local", "NetName", 64), "");
+    EXPECT_EQ(textOf("Local", "MulticastLoop"), "false");
 }
 
 TEST_F(Profile, ComplaintsOfAProcessAreBounded) {
