@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,7 +78,11 @@ volatile pid_t s_child = -1; // the process that a signal is handed on to
 [[noreturn]] void superviseAndExit(pid_t child) {
     s_child = child;
     struct sigaction handOn {};
-    handOn.sa_handler = [](int number) { ::kill(s_child, number); };
+    handOn.sa_flags = SA_SIGINFO;
+    handOn.sa_sigaction = [](int number, siginfo_t* info, void*) {
+        if (info->si_code != SI_KERNEL) // a terminal has told the child already
+            ::kill(s_child, number);
+    };
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         ::sigaction(number, &handOn, nullptr);
     int status = 0;
@@ -89,15 +95,17 @@ volatile pid_t s_child = -1; // the process that a signal is handed on to
 
 pid_t forkThatDiesWithParent() {
     std::fflush(nullptr);
-    const pid_t parent = ::getpid();
+    const int parent = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
+    require(parent != -1, "pidfd_open");
     const pid_t child = ::fork();
     require(child != -1, "fork");
     if (child == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const pid_t seen = ::getppid(); // 0: the parent lives outside this process namespace
-        if (seen != parent && seen != 0)
+        pollfd ended{parent, POLLIN, 0};
+        if (::poll(&ended, 1, 0) != 0) // it went before it could be told
             std::_Exit(128 + SIGKILL);
     }
+    ::close(parent);
     return child;
 }
 

@@ -9,12 +9,13 @@ namespace lab {
 inline constexpr int kNotPermitted = 3;
 
 /// Moves the rest of the calling program into namespaces of its own: user (unless the caller may do without),
-/// network (only a loopback interface, up), mount (a fresh /sys, and /run and /etc/netns for "ip netns" and
-/// nothing else) and process.
+/// network (only a loopback interface, up), process, and mount (a /proc and /sys to match, and an empty /run:
+/// room for "ip netns", and no way to the machine's own services).
 ///
 /// Returns in a child process; the caller's process stays behind, hands SIGINT, SIGTERM and SIGHUP on, and
-/// exits with the child's status. When the child ends, or either of the two is killed, every process in the
-/// namespace is killed with it, and with the last process the network is gone.
+/// exits with the child's status (128 + the signal that ended it). When the child ends, or either of the two
+/// is killed, every process in the namespace is killed with it, and with the last process the network is
+/// gone.
 ///
 /// Call it before any thread is started. Where the system refuses, it says so on standard error in one line
 /// and exits with kNotPermitted.

@@ -1,0 +1,257 @@
+#include "lan.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace lab {
+
+namespace {
+
+using net::detail::Descriptor;
+
+const std::string kNames = "/run/netns/";  // where "ip" looks for networks
+const std::string kBridgeNetwork = "lan";  // name of the network that the bridge stands in
+constexpr const char* kDeviceGroup = "20"; // all devices of the bridge's network, for removing them at once
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string ethernet(size_t index) {
+    return "eth" + std::to_string(index);
+}
+
+/// The port of the bridge that an interface is plugged into.
+std::string farEnd(const Node& node, size_t interface) {
+    return node.name() + "-" + ethernet(interface);
+}
+
+bool leadsToLan(const Node& node, size_t interface) {
+    return node.plan().interfaces[interface].leads == Leads::ToLan;
+}
+
+/// Hands text to a command in the calling thread's network.
+void feed(const std::string& command, const std::string& text) {
+    FILE* pipe = ::popen(command.c_str(), "we");
+    if (pipe == nullptr)
+        fail(command);
+    std::fputs(text.c_str(), pipe);
+    if (::pclose(pipe) != 0)
+        throw std::runtime_error("lab: \"" + command + "\" failed");
+}
+
+void ip(const std::string& lines) {
+    feed("ip -batch -", lines);
+}
+
+/// Sets a value of the calling thread's network; one that the kernel does not know is left out.
+void setNetworkValue(const std::string& name, const char* value) {
+    const Descriptor file(::open(("/proc/sys/net/" + name).c_str(), O_WRONLY | O_CLOEXEC));
+    if (file.isOpen() ? ::write(file.get(), value, 1) != 1 : errno != ENOENT)
+        fail(name);
+}
+
+/// No IPv6 chatter, and no packet refused for where it comes from, whatever the machine's own settings are.
+void quieten() {
+    for (const std::string scope : {"all", "default"}) {
+        setNetworkValue("ipv6/conf/" + scope + "/disable_ipv6", "1");
+        setNetworkValue("ipv4/conf/" + scope + "/rp_filter", "0");
+    }
+}
+
+/// Gives the calling thread's network a name. @return the network
+Descriptor nameNetwork(const std::string& name) {
+    const std::string path = kNames + name;
+    Descriptor file(::open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444));
+    if (!file.isOpen() || ::mount("/proc/thread-self/ns/net", path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        fail(path);
+    return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+Descriptor makeNetwork(const std::string& name) {
+    Descriptor network;
+    std::exception_ptr thrown;
+    std::thread([&] {
+        try {
+            if (::unshare(CLONE_NEWNET) != 0)
+                fail("unshare");
+            quieten();
+            network = nameNetwork(name);
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+    }).join();
+    if (thrown)
+        std::rethrow_exception(thrown);
+    return network;
+}
+
+/// The network that the process is in, as the bridge's.
+Descriptor nameOwnNetwork() {
+    if (::mkdir(kNames.c_str(), 0755) != 0 && errno != EEXIST)
+        fail(kNames);
+    quieten();
+    return nameNetwork(kBridgeNetwork);
+}
+
+/// Waits until the bridge forwards through a port: the kernel opens it a moment after the link is up.
+void awaitForwarding(const std::string& port) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const std::string stateFile = "/sys/class/net/" + port + "/brport/state";
+    constexpr int forwarding = 3;
+    for (;;) {
+        int state = 0;
+        std::ifstream(stateFile) >> state;
+        if (state == forwarding)
+            return;
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("lab: no link at " + port);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+void forgetNetwork(const std::string& name) {
+    const std::string path = kNames + name;
+    if (::umount2(path.c_str(), MNT_DETACH) != 0 || ::unlink(path.c_str()) != 0)
+        std::perror(path.c_str());
+}
+
+std::string addressLines(const Node& node, size_t interface, const std::string& address) {
+    const std::string device = ethernet(interface);
+    std::string lines = "address add " + address + " broadcast + dev " + device + "\n";
+    if (node.plan().defaultRoute && interface == 0)
+        lines += "route add default dev " + device + "\n";
+    return lines;
+}
+
+} // namespace
+
+NodePlan radarHost(int number) {
+    const std::string text = std::to_string(number);
+    return {"host" + text, {{"10.20.1." + text + "/16", Leads::ToLan}}, true};
+}
+
+NodePlan display(size_t interfaces, size_t leading, const std::string& name) {
+    NodePlan plan{name, {}, false};
+    for (size_t i = 0; i < interfaces; ++i) {
+        if (i == leading)
+            plan.interfaces.push_back({"10.20.2.1/16", Leads::ToLan});
+        else
+            plan.interfaces.push_back({"192.168." + std::to_string(i) + ".1/24", Leads::Nowhere});
+    }
+    return plan;
+}
+
+Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, false}, nameOwnNetwork()) {
+    const std::string group = std::string(" group ") + kDeviceGroup;
+    std::string lines = "link add name lan0" + group + " up type bridge mcast_snooping 0\n";
+    for (const NodePlan& plan : plans) {
+        const Node& node = m_nodes.emplace_back(plan, makeNetwork(plan.name));
+        for (size_t i = 0; i < plan.interfaces.size(); ++i) {
+            lines += "link add name " + farEnd(node, i) + group +
+                     (leadsToLan(node, i) ? " master lan0" : "") + " up type veth peer name " + ethernet(i) +
+                     " netns " + node.name() + "\n";
+        }
+    }
+    ip(lines);
+    for (const Node& node : m_nodes)
+        connect(node);
+    m_bridge.run([this] {
+        for (const Node& node : m_nodes)
+            for (size_t i = 0; i < node.plan().interfaces.size(); ++i)
+                if (leadsToLan(node, i))
+                    awaitForwarding(farEnd(node, i));
+    });
+}
+
+void Lan::connect(const Node& node) {
+    std::string lines = "link set lo up\n";
+    for (size_t i = 0; i < node.plan().interfaces.size(); ++i) {
+        lines += "link set " + ethernet(i) + " up\n";
+        lines += addressLines(node, i, node.plan().interfaces[i].address);
+    }
+    const Inside inside = node.enter();
+    ip(lines);
+}
+
+Lan::~Lan() {
+    try {
+        m_dropRates.clear();
+        applyDropRates();
+        const Inside bridge = m_bridge.enter();
+        ip(std::string("link delete group ") + kDeviceGroup + "\n");
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lab: %s\n", error.what());
+    }
+    for (const Node& node : m_nodes)
+        forgetNetwork(node.name());
+    forgetNetwork(kBridgeNetwork);
+}
+
+Node& Lan::node(const std::string& name) {
+    for (Node& node : m_nodes)
+        if (node.name() == name)
+            return node;
+    throw std::out_of_range("lab: no node \"" + name + "\"");
+}
+
+void Lan::cut(const Node& node, size_t interface) {
+    const Inside bridge = m_bridge.enter();
+    ip("link set " + farEnd(node, interface) + " down\n");
+}
+
+void Lan::restore(const Node& node, size_t interface) {
+    const Inside bridge = m_bridge.enter();
+    ip("link set " + farEnd(node, interface) + " up\n");
+    if (leadsToLan(node, interface))
+        m_bridge.run([&] { awaitForwarding(farEnd(node, interface)); });
+}
+
+void Lan::dropRate(int percent) {
+    m_dropRates[""] = percent;
+    applyDropRates();
+}
+
+void Lan::dropRate(const Node& node, int percent) {
+    m_dropRates[node.name()] = percent;
+    applyDropRates();
+}
+
+void Lan::applyDropRates() {
+    std::string rules;
+    for (const auto& [name, percent] : m_dropRates) {
+        if (percent == 0)
+            continue;
+        const std::string chance = "numgen random mod 100 < " + std::to_string(percent) + " ";
+        const std::string drop = (percent < 100 ? chance : "") + "drop\n";
+        if (name.empty())
+            rules += drop;
+        else
+            for (const char* direction : {"iifname", "oifname"})
+                rules.append(direction).append(" \"" + name).append("-*\" " + drop);
+    }
+    const Inside bridge = m_bridge.enter();
+    // In one transaction: no moment without the old rules or the new ones.
+    feed("nft -f -", "table bridge lab\ndelete table bridge lab\n"
+                     "table bridge lab {\nchain forward {\ntype filter hook forward priority 0\n" +
+                         rules + "}\n}\n");
+}
+
+void Lan::changeAddress(const Node& node, size_t interface, const std::string& address) {
+    const Inside inside = node.enter();
+    ip("address flush dev " + ethernet(interface) + "\n" + addressLines(node, interface, address));
+}
+
+} // namespace lab

@@ -1,0 +1,264 @@
+#include <UdpSocket/udpsocket.h>
+#include <lab/lan.h>
+#include <lab/private_network.h>
+
+#include <gmock/gmock.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <set>
+
+namespace {
+
+using namespace std::chrono_literals;
+using lab::Lan;
+using lab::Node;
+using lab::Process;
+using testing::AllOf;
+using testing::Gt;
+using testing::HasSubstr;
+using testing::Lt;
+
+constexpr const char* kGroup = "236.6.7.8";
+constexpr unsigned short kPort = 6678;
+
+/// Hears the group in a node, through one of its addresses.
+class Ear : public net::iUdpDataListener {
+public:
+    Ear(const Node& node, const char* localIp) {
+        const lab::Inside inside = node.enter();
+        m_receiver.emplace(this, net::transAddr(localIp), kGroup, kPort, 1024);
+    }
+
+    size_t count(std::chrono::milliseconds patience, size_t enough = 1) {
+        std::unique_lock lock(m_mutex);
+        m_heard.wait_for(lock, patience, [&] { return m_sources.size() >= enough; });
+        return m_sources.size();
+    }
+    bool hearsNothing() { return count(200ms) == 0; }
+    std::string lastSource() {
+        std::lock_guard lock(m_mutex);
+        return m_sources.empty() ? "" : m_sources.back();
+    }
+    void forget() {
+        std::lock_guard lock(m_mutex);
+        m_sources.clear();
+    }
+
+private:
+    void OnUdpGroupDataReceived(const char* fromIp, int, const char*, int, const char*, int) override {
+        std::lock_guard lock(m_mutex);
+        m_sources.emplace_back(fromIp);
+        m_heard.notify_all();
+    }
+
+    std::mutex m_mutex; // guards m_sources
+    std::condition_variable m_heard;
+    std::vector<std::string> m_sources;
+    std::optional<net::UdpReceiver> m_receiver;
+};
+
+void send(const Node& node, int times = 1) {
+    const lab::Inside inside = node.enter();
+    const net::UdpSender sender(kGroup, kPort, 0, 0);
+    for (int i = 0; i < times; ++i)
+        sender.sendData("ping", 4);
+}
+
+char carrierIn(const Node& node) {
+    char carrier = '?';
+    node.run([&] { std::ifstream("/sys/class/net/eth0/carrier") >> carrier; });
+    return carrier;
+}
+
+TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNoOther) {
+    Lan lan({lab::display(3, 1), lab::radarHost(1), lab::radarHost(2)});
+    Ear leading(lan.node("display"), "10.20.2.1");
+    Ear dead(lan.node("display"), "192.168.2.1");
+    Ear neighbour(lan.node("host2"), "10.20.1.2");
+    send(lan.node("host1"));
+    EXPECT_EQ(leading.count(5s), 1U);
+    EXPECT_EQ(neighbour.count(5s), 1U);
+    EXPECT_EQ(leading.lastSource(), "10.20.1.1");
+    EXPECT_TRUE(dead.hearsNothing());
+}
+
+TEST(Lan, ACutTakesCarrierAndDatagramsUntilTheLinkIsRestored) {
+    Lan lan({lab::display(1), lab::radarHost(1)});
+    const Node& host = lan.node("host1");
+    Ear display(lan.node("display"), "10.20.2.1");
+    EXPECT_EQ(carrierIn(host), '1');
+
+    lan.cut(host);
+    EXPECT_EQ(carrierIn(host), '0');
+    Process cat = host.start({.command = {"cat", "/sys/class/net/eth0/carrier"}});
+    EXPECT_EQ(cat.nextLine(5s), "0") << "a process in the node sees the node's files";
+    send(host);
+    EXPECT_TRUE(display.hearsNothing());
+
+    lan.restore(host);
+    EXPECT_EQ(carrierIn(host), '1');
+    send(host);
+    EXPECT_EQ(display.count(5s), 1U) << "the host's routes have outlived the cut";
+}
+
+TEST(Lan, DropRatesHoldForTheLanOrForOneNodeBothWays) {
+    Lan lan({lab::radarHost(1), lab::radarHost(2), lab::radarHost(3)});
+    Ear first(lan.node("host1"), "10.20.1.1");
+    Ear second(lan.node("host2"), "10.20.1.2");
+    const auto forget = [&] {
+        first.forget();
+        second.forget();
+    };
+
+    lan.dropRate(lan.node("host1"), 100);
+    send(lan.node("host3"));
+    EXPECT_EQ(second.count(5s), 1U);
+    EXPECT_TRUE(first.hearsNothing());
+    forget();
+    send(lan.node("host1"));
+    EXPECT_TRUE(second.hearsNothing());
+
+    lan.dropRate(lan.node("host1"), 0);
+    send(lan.node("host1"));
+    EXPECT_EQ(second.count(5s), 1U);
+
+    forget();
+    lan.dropRate(50);
+    send(lan.node("host3"), 100);
+    lan.dropRate(100);
+    send(lan.node("host3"), 100);
+    EXPECT_THAT(first.count(200ms, 100), AllOf(Gt(20U), Lt(80U)));
+    EXPECT_THAT(second.count(200ms, 100), AllOf(Gt(20U), Lt(80U)));
+}
+
+TEST(Lan, AChangedAddressIsTheOneThatOthersSee) {
+    Lan lan({lab::display(1), lab::radarHost(1)});
+    Ear display(lan.node("display"), "10.20.2.1");
+    lan.changeAddress(lan.node("host1"), 0, "10.20.9.9/16");
+    send(lan.node("host1"));
+    EXPECT_EQ(display.count(5s), 1U);
+    EXPECT_EQ(display.lastSource(), "10.20.9.9");
+}
+
+TEST(Lan, FortyNineHostsFitAndNothingIsLeftOfThemAfterwards) {
+    std::vector<lab::NodePlan> plans{lab::display(1)};
+    for (int number = 1; number <= 49; ++number)
+        plans.push_back(lab::radarHost(number));
+    for (int round = 0; round < 2; ++round) {
+        {
+            Lan lan(plans);
+            Ear display(lan.node("display"), "10.20.2.1");
+            for (size_t number = 1; number <= 49; ++number) { // a burst would overrun the receive buffer
+                send(lan.nodes()[number]);
+                ASSERT_EQ(display.count(5s, number), number);
+            }
+        }
+        EXPECT_TRUE(std::filesystem::is_empty("/run/netns"));
+        EXPECT_EQ(net::localNetworkInterfaces().size(), 1U) << "only the loopback interface";
+    }
+}
+
+TEST(Process, TellsItsLinesAndHowItEnded) {
+    Process talker({.command = {"sh", "-c", "echo one; echo two >&2; printf three; exit 7"}});
+    EXPECT_EQ(talker.nextLine(5s), "one");
+    EXPECT_EQ(talker.lineWith("thr", 5s), "three");
+    EXPECT_EQ(talker.nextLine(5s), std::nullopt);
+    EXPECT_EQ(talker.wait(5s), 7);
+    EXPECT_EQ(talker.output(), "one\ntwo\nthree");
+
+    Process missing({.command = {"no-such-program"}});
+    EXPECT_EQ(missing.wait(5s), 127);
+    EXPECT_THAT(missing.output(), HasSubstr("no-such-program"));
+}
+
+TEST(Process, IsStoppedWithAllThatItStarted) {
+    Process stubborn({.command = {"sh", "-c", "trap '' TERM; sleep 1000 & echo $!; wait; sleep 1000"}});
+    const pid_t child = std::stoi(stubborn.nextLine(5s).value());
+    EXPECT_EQ(stubborn.wait(0s), std::nullopt);
+    EXPECT_EQ(stubborn.stop(50ms), 128 + SIGKILL);
+    const std::string stat = "/proc/" + std::to_string(child) + "/stat"; // a zombie until init has looked
+    for (int i = 0; i < 500 && std::filesystem::exists(stat); ++i)
+        ::usleep(10000);
+    EXPECT_FALSE(std::filesystem::exists(stat));
+}
+
+/// The program "lan", run in the private network of the test, which stands for the machine.
+class LanProgram : public testing::Test {
+protected:
+    static std::vector<std::string> lan(const std::vector<std::string>& arguments) {
+        std::vector<std::string> command{LAN_PROGRAM, "--hosts", "2", "--radarctl", "/bin/sh"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return command;
+    }
+
+    /// Interfaces, named networks and processes.
+    static std::set<std::string> machine() {
+        std::set<std::string> found;
+        for (const char* directory : {"/sys/class/net", "/run/netns"}) {
+            std::error_code none;
+            for (const auto& entry : std::filesystem::directory_iterator(directory, none))
+                found.insert(entry.path());
+        }
+        for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+            if (std::isdigit(entry.path().filename().string()[0]) != 0)
+                found.insert(entry.path());
+        return found;
+    }
+};
+
+TEST_F(LanProgram, RunsTheCommandOnTheDisplayAndEndsAsItEnds) {
+    Process program(
+        {.command = lan({"--", "sh", "-c", "cat /sys/class/net/eth1/carrier; ip netns; exit 5"})});
+    EXPECT_EQ(program.wait(20s), 5);
+    EXPECT_THAT(program.output(), AllOf(HasSubstr("10.20.2.1/16"), HasSubstr("\n1\n"), HasSubstr("\nhost2")));
+}
+
+TEST_F(LanProgram, LeavesNothingHoweverItEnds) {
+    const auto before = machine();
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGKILL}) {
+        {
+            Process program({.command = lan({"--", "sh", "-c", "echo up; sleep 1000"})});
+            ASSERT_TRUE(program.lineWith("up", 20s));
+            EXPECT_GT(machine().size(), before.size() + 2);
+            program.signal(number);
+            EXPECT_EQ(program.wait(20s), 128 + number);
+        }
+        for (int i = 0; i < 500 && machine() != before; ++i)
+            ::usleep(10000);
+        EXPECT_EQ(machine(), before) << "signal " << number;
+    }
+}
+
+TEST_F(LanProgram, NeedsNoPrivilegeWhereUserNamespacesAreAllowed) {
+    if (::getuid() != 0 || std::system("setpriv --reuid=65534 --clear-groups true 2>/dev/null") != 0)
+        GTEST_SKIP() << "not privileged to begin with";
+    std::filesystem::copy(LAN_PROGRAM, "/run/lan"); // the build may lie where nobody else can read
+    auto command = lan({"--drop", "10", "--", "ip", "netns"});
+    command[0] = "/run/lan";
+    command.insert(command.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    Process program({.command = command});
+    EXPECT_EQ(program.wait(20s), 0);
+    EXPECT_THAT(program.output(), HasSubstr("\nhost2"));
+}
+
+TEST_F(LanProgram, SaysInOneLineWhatItNeedsWhereItIsNotPermitted) {
+    auto command = lan({"true"});
+    // Forbids it below a user namespace that is made for this test.
+    command.insert(command.begin(), {"unshare", "--user", "--map-root-user", "sh", "-c",
+                                     "echo 0 > /proc/sys/user/max_net_namespaces && exec \"$0\" \"$@\""});
+    Process program({.command = command});
+    EXPECT_EQ(program.wait(20s), lab::kNotPermitted);
+    const std::string said = program.output();
+    EXPECT_THAT(said, AllOf(HasSubstr("cannot make a private network"), HasSubstr("run as root")));
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+}
+
+} // namespace
