@@ -36,7 +36,8 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
                               "(ip link add eth0 type veth peer name far && ip link set far up && "
-                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up)"),
+                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
+                              "ip route add 224.0.0.0/4 dev eth0)"),
                   0);
     }
 

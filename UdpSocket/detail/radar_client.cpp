@@ -1,0 +1,114 @@
+#include <UdpSocket/detail/radar_client.h>
+
+#include <UdpSocket/detail/clock.h>
+#include <UdpSocket/detail/discovery_sockets.h>
+#include <UdpSocket/detail/profile.h>
+
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+constexpr std::int64_t kSilence = 8; // seconds after which a radar that has not been heard leaves the table
+
+std::string clockText(std::int64_t time) {
+    const std::time_t seconds = time;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%I:%M:%S", &local);
+    return text;
+}
+
+} // namespace
+
+MultiRadarClientPrivate::MultiRadarClientPrivate() {
+    m_radarIp = net::detail::profileAddress("Radar", "IP", net::detail::profileText("Radar", "IP", "", 16));
+    if (m_radarIp != 0)
+        std::printf("RadarIP: %s\n", net::transAddr(m_radarIp));
+    m_checker = std::make_unique<MultiRadarCheckerPrivate>(this);
+}
+
+MultiRadarClientPrivate::~MultiRadarClientPrivate() {
+    m_checker.reset();
+    destroy(m_resetSender);
+    destroy(m_querySender);
+    destroy(m_announceReceiver);
+    destroy(m_tcpClient);
+}
+
+template <class Transport>
+void MultiRadarClientPrivate::destroy(std::unique_ptr<Transport>& slot) {
+    std::unique_ptr<Transport> old;
+    std::lock_guard lock(m_transportMutex);
+    old.swap(slot);
+}
+
+template <class Transport, class Make>
+void MultiRadarClientPrivate::replace(std::unique_ptr<Transport>& slot, Make make) {
+    destroy(slot);
+    auto made = make();
+    std::lock_guard lock(m_transportMutex);
+    slot = std::move(made);
+}
+
+void MultiRadarClientPrivate::OnLocalIpChanged(unsigned int localIp) {
+    std::lock_guard rebuild(m_rebuildMutex);
+    std::printf("LocalIpChanged %08X: %s \n", localIp, net::transAddr(localIp));
+    replace(m_resetSender, [&] { return net::detail::makeSender(wire::kNegotiation, localIp); });
+    replace(m_querySender, [&] { return net::detail::makeSender(wire::kDiscovery, localIp); });
+    destroy(m_announceReceiver);
+    destroy(m_tcpClient);
+    if (m_radarIp == 0)
+        replace(m_announceReceiver,
+                [&] { return net::detail::makeReceiver(this, wire::kDiscovery, localIp); });
+    else
+        replace(m_tcpClient, [&] {
+            const NetAddress radar{m_radarIp, net::HtoNs(wire::kDiscovery.port)};
+            return std::make_unique<net::TcpClient>(this, radar, localIp);
+        });
+}
+
+void MultiRadarClientPrivate::sendToRadars(const wire::Code& code) {
+    std::lock_guard lock(m_transportMutex);
+    if (m_querySender)
+        net::detail::send(*m_querySender, code);
+    if (m_tcpClient && m_tcpClient->isConnected())
+        m_tcpClient->asyncSendData(code.data(), static_cast<unsigned int>(code.size()));
+}
+
+void MultiRadarClientPrivate::resetRadar() {
+    std::lock_guard lock(m_transportMutex);
+    if (m_resetSender)
+        net::detail::send(*m_resetSender, wire::kReset);
+}
+
+void MultiRadarClientPrivate::query() {
+    removeSilentRadars();
+    sendToRadars(wire::kQuery);
+}
+
+void MultiRadarClientPrivate::removeSilentRadars() {
+    std::lock_guard lock(m_mutex);
+    const std::int64_t now = net::detail::now();
+    std::erase_if(m_radars, [now](const auto& radar) {
+        const auto& [name, entry] = radar;
+        if (now - entry.lastSeen < kSilence)
+            return false;
+        std::printf("Remove radar,name:%s,[%s,%s]\n", name.c_str(), clockText(entry.lastSeen).c_str(),
+                    clockText(now).c_str());
+        return true;
+    });
+}
+
+void MultiRadarClientPrivate::updateHostInfo(const char* name, const RadarAddress& addr) {
+    const std::string key = name;
+    if (m_radarIp != 0 && key.find("TCP") == std::string::npos)
+        return;
+    {
+        std::lock_guard lock(m_mutex);
+        m_radars[key] = {std::string(reinterpret_cast<const char*>(&addr), sizeof addr), net::detail::now()};
+    }
+    for (iRadarObserver* observer : m_radarObservers)
+        observer->OnRadarUpdated(name, &addr);
+}

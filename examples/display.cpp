@@ -1,0 +1,21 @@
+#include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+int main() {
+    MultiRadarClient* client =
+        MultiRadarClient::getInstance(); // searches for the radars' interface by itself
+    for (;;) {
+        client->query();
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        for (const std::string& name : client->getRadar())
+            if (const RadarAddress* found = client->getAddress(name.c_str(), 0)) {
+                const RadarEndpoint image = found->imageStream;
+                std::printf("%s: image on %s port %d\n", name.c_str(), net::transAddr(image.ip),
+                            net::NtoHs(image.port));
+            }
+    }
+}

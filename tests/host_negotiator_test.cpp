@@ -1,0 +1,178 @@
+#include "recorder.h"
+#include "wait.h"
+
+#include <UdpSocket/hostnegotiator.h>
+
+#include <lab/lan.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <random>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Ge;
+using testing::Le;
+
+constexpr auto kNothing = 300ms;
+constexpr char kProbe = 1;
+constexpr char kConfirm = 2;
+constexpr char kObjection = 3;
+
+std::string message(char code, int id) {
+    return {code, '\xA1', static_cast<char>(id), 1};
+}
+
+/// A negotiator on host1, and on host2 a peer that hears the group and speaks to it.
+class Negotiator : public testing::Test {
+protected:
+    static constexpr const char* kGroup = "236.6.7.4";
+    static constexpr unsigned short kPort = 6768;
+
+    Negotiator() {
+        const lab::Inside inside = m_lan.node("host2").enter();
+        m_hears = std::make_unique<net::UdpReceiver>(&m_recorder, 0, kGroup, kPort, 64);
+        m_speaks = std::make_unique<net::UdpSender>(kGroup, kPort, 0, 0);
+    }
+    std::unique_ptr<HostNegotiator> makeNegotiator(const char* host = "host1") {
+        const lab::Inside inside = m_lan.node(host).enter();
+        return std::make_unique<HostNegotiator>([this] { ++m_resets; },
+                                                [this](std::uint8_t id) {
+                                                    m_loggedIn = id;
+                                                    ++m_logins;
+                                                });
+    }
+    void say(const std::string& bytes) { m_speaks->sendData(bytes.data(), static_cast<int>(bytes.size())); }
+    std::string heard() { return m_recorder.nextBytes(); }
+
+    lab::Lan m_lan{{lab::radarHost(1), lab::radarHost(2)}};
+    Recorder m_recorder;
+    std::unique_ptr<net::UdpReceiver> m_hears;
+    std::unique_ptr<net::UdpSender> m_speaks;
+    std::atomic<int> m_resets = 0;
+    std::atomic<int> m_logins = 0;
+    std::atomic<int> m_loggedIn = 0;
+};
+
+TEST_F(Negotiator, UncontestedLoginSendsTwoDatagrams) {
+    const auto negotiator = makeNegotiator();
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(negotiator->syncLogin(20), 20);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 2s);
+    EXPECT_EQ(m_loggedIn, 20) << "a synchronous login calls back, too";
+    EXPECT_EQ(heard(), message(kProbe, 20));
+    EXPECT_EQ(heard(), message(kConfirm, 20));
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing");
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(negotiator->syncLogin(30), 0);
+    EXPECT_FALSE(negotiator->asyncLogin(30));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "syncLogin:Already login\nasyncLogin:Already login\n");
+}
+
+TEST_F(Negotiator, ObjectionInEitherWaitLeadsToAnotherId) {
+    const auto negotiator = makeNegotiator();
+    EXPECT_TRUE(negotiator->asyncLogin(5)); // used as given
+    EXPECT_FALSE(negotiator->asyncLogin(6)) << "logging in from the instant that a login is accepted";
+    EXPECT_EQ(heard(), message(kProbe, 5));
+    say(message(kObjection, 6)); // somebody else's
+    say(message(kObjection, 5).substr(0, 3));
+    say(message(kObjection, 5) + "x");
+    EXPECT_EQ(heard(), message(kConfirm, 5));
+    say(message(kObjection, 5));
+    const std::string second = heard();
+    EXPECT_THAT(second[2], AllOf(Ge(16), Le(63)));
+    EXPECT_EQ(second, message(kProbe, second[2]));
+    say({kObjection, '\xA1', second[2], 77}); // the fourth byte is not looked at
+    const std::string third = heard();
+    EXPECT_EQ(third, message(kProbe, third[2])) << "no confirm after an objection";
+    EXPECT_EQ(heard(), message(kConfirm, third[2]));
+    EXPECT_TRUE(comesTrue([&] { return m_logins == 1; }));
+    EXPECT_EQ(m_loggedIn, third[2]);
+}
+
+TEST_F(Negotiator, HolderGivesItsIdUpOnAnObjection) {
+    const auto negotiator = makeNegotiator();
+    ASSERT_EQ(negotiator->syncLogin(20), 20);
+    say(message(kProbe, 20));
+    say(message(kConfirm, 20));
+    heard(), heard();
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "only the holder of id 1 defends it";
+    say(message(kObjection, 21));
+    say(message(kObjection, 20));
+    const std::string probe = heard();
+    EXPECT_EQ(probe, message(kProbe, probe[2]));
+    EXPECT_TRUE(comesTrue([&] { return m_logins == 2; }));
+    EXPECT_THAT(m_loggedIn.load(), AllOf(Ge(16), Le(63)));
+}
+
+TEST_F(Negotiator, HolderOfIdOneObjectsToEveryClaim) {
+    const auto negotiator = makeNegotiator();
+    ASSERT_EQ(negotiator->syncLogin(1), 1);
+    heard(), heard();
+    say(message(kProbe, 40));
+    EXPECT_EQ(heard(), message(kObjection, 1));
+    say({kConfirm, '\xA1', 1, 2});
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "the fourth byte names the id that is defended";
+    say(message(kObjection, 1));
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "taken for its own, looped back";
+    say(message(kObjection, 1));
+    EXPECT_EQ(heard()[0], kProbe) << "the second one is somebody's";
+}
+
+TEST_F(Negotiator, SecondClaimantOfIdOneEndsElsewhere) {
+    const auto first = makeNegotiator();
+    ASSERT_EQ(first->syncLogin(1), 1);
+    const auto second = makeNegotiator("host2");
+    const int id = second->syncLogin(1);
+    EXPECT_THAT(id, AllOf(Ge(16), Le(63)));
+}
+
+TEST_F(Negotiator, ResetRequestChangesNothingElse) {
+    const auto negotiator = makeNegotiator();
+    say("\x20\xA1");
+    EXPECT_TRUE(comesTrue([&] { return m_resets == 1; }));
+    say("\x21\xA1");
+    say("\x20\xA2");
+    say(std::string("\x20\xA1\x00", 3));
+    say("\x20\xA1");
+    EXPECT_TRUE(comesTrue([&] { return m_resets == 2; }));
+    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "nothing is sent before a login";
+}
+
+TEST_F(Negotiator, RunningLoginEndsWithItsOwner) {
+    auto negotiator = makeNegotiator();
+    ASSERT_TRUE(negotiator->asyncLogin(20));
+    EXPECT_EQ(heard(), message(kProbe, 20));
+    const auto before = std::chrono::steady_clock::now();
+    negotiator.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms) << "half of a wait for objections";
+    EXPECT_EQ(m_recorder.nextBytes(1500ms), "nothing");
+    EXPECT_EQ(m_logins, 0);
+}
+
+TEST_F(Negotiator, GarbageIsIgnored) {
+    const auto negotiator = makeNegotiator();
+    ASSERT_EQ(negotiator->syncLogin(20), 20);
+    heard(), heard();
+    std::minstd_rand random(1);
+    for (int i = 0; i < 100'000; ++i) {
+        std::string noise(1 + random() % 6, '\0');
+        for (char& c : noise)
+            c = static_cast<char>(random() >> 8);
+        if (i % 2 == 0 && noise.size() > 2) {
+            noise[0] = static_cast<char>(random() % 4);
+            noise[1] = '\xA1';
+        }
+        if (noise.size() != 4 || noise[2] != 20)
+            say(noise);
+    }
+    say("\x20\xA1");
+    EXPECT_TRUE(comesTrue([&] { return m_resets > 0; })) << "still listening";
+    EXPECT_EQ(m_logins, 1);
+}
+
+} // namespace

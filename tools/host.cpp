@@ -1,0 +1,89 @@
+#include "command.h"
+#include "loop.h"
+
+#include <UdpSocket/hostnegotiator.h>
+#include <UdpSocket/hostserver.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+
+namespace {
+
+struct Options {
+    std::string name;
+    int id = 0; // 0: any from 16 to 63
+    unsigned int streams = 1;
+};
+
+int anyId() {
+    std::random_device source;
+    return std::uniform_int_distribution<int>(16, 63)(source);
+}
+
+int serve(const Options& options, Output& output) {
+    Loop loop;
+    std::atomic<int> id = 0;
+    std::atomic<bool> resetAsked = false;
+    HostNegotiator negotiator(
+        [&] {
+            resetAsked = true;
+            loop.wake();
+        },
+        [&](std::uint8_t held) {
+            id = held;
+            loop.wake();
+        });
+    negotiator.asyncLogin(static_cast<std::uint8_t>(options.id != 0 ? options.id : anyId()));
+
+    std::unique_ptr<HostServer> server;
+    for (;;) {
+        const Loop::Event event = loop.wait(std::chrono::milliseconds(-1));
+        if (event == Loop::Event::Stop)
+            return kFound;
+        if (resetAsked.exchange(false))
+            output.write("reset asked for\n");
+        if (const int held = id.exchange(0); held != 0) {
+            server.reset();
+            server = std::make_unique<HostServer>(options.name.c_str(), static_cast<std::uint8_t>(held),
+                                                  options.streams);
+            output.write("serving " + options.name + " as host id " + std::to_string(held) + ", " +
+                         std::to_string(options.streams) +
+                         (options.streams == 1 ? " stream\n" : " streams\n"));
+        }
+    }
+}
+
+std::string checkName(const std::string& name) {
+    return name.empty() || name.size() > 16 ? "'" + name + "' is no radar name: 1 to 16 bytes" : "";
+}
+
+std::string checkId(const std::string& text) {
+    int id = 0;
+    const bool isNumber = CLI::detail::lexical_cast(text, id);
+    return isNumber && (id == 1 || (id >= 16 && id <= 63)) ? ""
+                                                           : "'" + text + "' is no host id: 1, or 16 to 63";
+}
+
+std::string checkStreams(const std::string& text) {
+    return text == "1" || text == "2" ? "" : "'" + text + "' streams cannot be served: 1 or 2";
+}
+
+} // namespace
+
+void addHost(CLI::App& app, Run& chosen) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("host", "Negotiate a host id and answer discovery until stopped");
+    command->add_option("--name", options->name, "The radar's name, 1 to 16 bytes")
+        ->required()
+        ->check(checkName);
+    command
+        ->add_option("--id", options->id,
+                     "The host id to propose: 1, or 16 to 63 (default: any from 16 to 63)")
+        ->check(checkId);
+    command->add_option("--streams", options->streams, "1 or 2 streams (default 1)")->check(checkStreams);
+    command->callback(
+        [options, &chosen] { chosen = [options](Output& output) { return serve(*options, output); }; });
+}

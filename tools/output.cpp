@@ -1,0 +1,53 @@
+#include "output.h"
+
+#include "command.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+Output::Output(bool verbose) : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+    std::signal(SIGPIPE, SIG_IGN); // write tells
+    const int diagnostics = verbose ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (m_descriptor == -1 || diagnostics == -1 || ::dup2(diagnostics, STDOUT_FILENO) == -1) {
+        std::perror("radarctl: standard output");
+        std::_Exit(kNothingFound);
+    }
+    ::close(diagnostics);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // diagnostics in step with standard error
+}
+
+Output::~Output() {
+    ::close(m_descriptor);
+}
+
+bool Output::isTerminal() const {
+    return ::isatty(m_descriptor) == 1;
+}
+
+Output::Size Output::terminalSize() const {
+    winsize size{};
+    if (::ioctl(m_descriptor, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
+        return {24, 80};
+    return {size.ws_row, size.ws_col};
+}
+
+void Output::write(const std::string& text) const {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = ::write(m_descriptor, text.data() + done, text.size() - done);
+        if (count >= 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (errno == EPIPE) {
+            std::_Exit(kFound);
+        } else if (errno != EINTR) {
+            std::fprintf(stderr, "radarctl: cannot write the output: %s\n", std::strerror(errno));
+            std::_Exit(kNothingFound);
+        }
+    }
+}

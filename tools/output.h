@@ -1,0 +1,31 @@
+/// @file
+/// The tool's own output, apart from what the library prints.
+#pragma once
+
+#include <string>
+
+/// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
+/// error or nowhere.
+class Output {
+public:
+    /// @param verbose diagnostics to standard error
+    explicit Output(bool verbose);
+    ~Output();
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    bool isTerminal() const;
+    /// Rows and columns of the terminal, now.
+    struct Size {
+        int rows;
+        int columns;
+    };
+    Size terminalSize() const;
+
+    /// Writes all of @p text. A reader that has gone, or a full disk, ends the process: quietly with status 0
+    /// the first, with a line and status 1 the second.
+    void write(const std::string& text) const;
+
+private:
+    int m_descriptor; // a copy of the real standard output
+};
