@@ -12,10 +12,8 @@ int main() {
         client->query();
         std::this_thread::sleep_for(std::chrono::seconds(1));
         for (const std::string& name : client->getRadar())
-            if (const RadarAddress* found = client->getAddress(name.c_str(), 0)) {
-                const RadarEndpoint image = found->imageStream;
-                std::printf("%s: image on %s port %d\n", name.c_str(), net::transAddr(image.ip),
-                            net::NtoHs(image.port));
-            }
+            if (const RadarAddress* radar = client->getAddress(name.c_str(), 0))
+                std::printf("%s: image on %s port %d\n", name.c_str(), net::transAddr(radar->imageStream.ip),
+                            net::NtoHs(radar->imageStream.port));
     }
 }

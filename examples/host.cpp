@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 int main() {
-    HostNegotiator negotiator(nullptr, nullptr); // claims an id: 30, or else a random one
-    const HostServer server("North mast", negotiator.syncLogin(30), 2); // answers every query from here on
+    HostNegotiator negotiator(nullptr, nullptr);
+    const unsigned char id = negotiator.syncLogin(30); // 30, or a random one where another host objects
+    const HostServer server("North mast", id, 2);      // two streams; answers every query from here on
     pause();
 }

@@ -10,7 +10,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPeriod = 1s;
+constexpr std::chrono::milliseconds kPeriod = 1s; // of the queries
+constexpr std::chrono::milliseconds kRedraw = 250ms;
 
 /// One line for each radar that appeared (+), changed (=) or left (-) since the last call.
 class Events {
@@ -82,7 +83,7 @@ int watch(Output& output) {
             screen->draw(display.radars(), display.localIp());
         else
             events.print(display.radars(), output);
-        if (loop.wait(kPeriod / 4) == Loop::Event::Stop)
+        if (loop.wait(kRedraw) == Loop::Event::Stop)
             return kFound;
     }
 }
