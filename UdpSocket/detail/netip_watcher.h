@@ -1,0 +1,105 @@
+/// @file
+/// The implementation behind net::tNetIPHelper: the watch of one interface (netip_watcher.cpp) and the
+/// restart of the network, which concerns all of them (netip_restart.cpp).
+#pragma once
+
+#include <UdpSocket/detail/thread.h>
+#include <UdpSocket/netiphelper.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <initializer_list>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace net {
+
+/// One watched interface. Shared: a restart keeps every instance that it works on, also one whose handle is
+/// destroyed meanwhile; such an instance is "gone" and gets no further command or callback.
+class tNetIPHelperPrivate : public std::enable_shared_from_this<tNetIPHelperPrivate> {
+public:
+    tNetIPHelperPrivate(bool dhcp, std::string ifname, std::string manualIp, std::string netmask);
+
+    /// A new instance with its thread, in the list of all; end() is due.
+    static tNetIPHelperPrivate* start(bool dhcp, std::string ifname, std::string manualIp,
+                                      std::string netmask);
+    /// Takes the instance out of the list and ends its thread. The instance is not to be used afterwards.
+    void end();
+    bool isGone() const { return m_pause.stopped(); }
+
+    void AddNetIPListener(iNetIPListener* listener);
+    void RemoveNetIPListener(iNetIPListener* listener);
+    std::string GetNetIP() const;
+
+    static void SetResetReady(bool ready);
+    static void NetResetCmd(std::string cmd);
+
+    /// @param starter the instance on whose watch thread this runs; the restart is given up when it is gone.
+    ///                Null on an application's thread
+    static void NetworkRestart(const tNetIPHelperPrivate* starter);
+
+    static std::atomic<bool> s_netWorkTool; // true nmcli, false ifconfig and udhcpc
+
+private:
+    class Restart;
+    using InterfaceTable = std::map<unsigned int, tNetworkInterface>;
+
+    void watch();
+    void followCarrier();
+    void detect();
+    void detectWithNmcli(const InterfaceTable& table);
+    void detectWithIfconfig(const InterfaceTable& table);
+    void reportChange();
+    void notify(const std::string& address, bool dhcpAddress);
+
+    /// Configures the interface anew, and ends its pause.
+    void NetworkReset();
+    /// Forgets the address, so that the next one is reported in any case, and ends the pause.
+    void startOver();
+    void settle(const std::string& address, bool found);
+
+    /// Runs a command that names the interface. Nothing runs when the instance is gone, or when the name or
+    /// one of @p addresses is not plain: the command counts as failed.
+    void configure(const std::string& command, std::initializer_list<std::string> addresses = {}) const;
+    void setAlias() const;
+    /// Runs a command with the signals blocked that the application blocked, not all as on library threads:
+    /// what a command leaves running (udhcpc) must end when it is told to.
+    static void run(const std::string& command);
+    static void print(const std::string& text);
+
+    const bool m_dhcp;
+    const std::string m_ifname;
+    const std::string m_manualIp;
+    const std::string m_netmask;
+    sigset_t m_applicationSignals; // blocked by the thread that made the instance
+
+    bool m_carrier = false; // used on the watch thread only
+    std::atomic<bool> m_paused = false;
+    detail::Pause m_pause;
+    std::thread m_thread;
+
+    mutable std::mutex m_mutex; // guards everything below
+    std::list<iNetIPListener*> m_listeners;
+    std::string m_currentIp = "0.0.0.0";
+    std::string m_reportedIp; // empty: the next address is reported, whatever it is
+    bool m_addressFound = false;
+    int m_notifying = 0; // rounds of calls to the listeners under way
+    std::condition_variable m_notified;
+
+    static std::mutex s_networkMutex; // held while addresses are detected, the command that follows included
+
+    static std::mutex s_restartMutex; // guards everything below; never held while a command or listener runs
+    static std::list<std::shared_ptr<tNetIPHelperPrivate>> s_netIPHelperList;
+    static bool s_resetReady;
+    static bool s_restarting;
+    static std::string s_netRestartCmd;
+    static std::condition_variable s_networkCond; // a restart may go on, or must be given up
+};
+
+} // namespace net
