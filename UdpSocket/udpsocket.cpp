@@ -6,6 +6,7 @@
 #include <UdpSocket/detail/shell_text.h>
 #include <UdpSocket/detail/socket_error.h>
 #include <UdpSocket/detail/thread.h>
+#include <UdpSocket/detail/udp_checker.h>
 #include <UdpSocket/detail/udp_receiver.h>
 #include <UdpSocket/netiphelper.h>
 
@@ -399,6 +400,20 @@ unsigned short UdpReceiver::port() const {
 }
 void UdpReceiver::notifyForQuit() {
     d->notifyForQuit();
+}
+
+// --------------------------------------------------------------------------------------------- UdpChecker
+
+UdpChecker::UdpChecker(const char* groupIp, unsigned short port, const char* expected)
+    : d(new UdpCheckerPrivate(groupIp, port, expected)) {}
+UdpChecker::~UdpChecker() {
+    delete d;
+}
+void UdpChecker::addListener(iUdpCheckerListener* listener) {
+    d->addListener(listener);
+}
+void UdpChecker::removeListener(iUdpCheckerListener* listener) {
+    d->removeListener(listener);
 }
 
 } // namespace net

@@ -30,6 +30,7 @@ namespace net {
 class UdpSocketPrivate;
 class UdpSenderPrivate;
 class UdpReceiverPrivate;
+class UdpCheckerPrivate;
 
 /// Hears the datagrams of a UdpSocket or a UdpReceiver.
 class __attribute__((visibility("default"))) iUdpDataListener {
@@ -146,7 +147,44 @@ public:
 
 private:
     friend class UdpReceiverPrivate;
+    class UdpCheckerPrivate;
     UdpReceiverPrivate* d;
+};
+
+/// Hears through which local address a UdpChecker has received its text.
+class __attribute__((visibility("default"))) iUdpCheckerListener {
+public:
+    /// An address was found, or another one than before; a loss is not told. Called on the checker's thread,
+    /// or on the one that adds the listener.
+    /// @param localIp network order
+    virtual void OnUdpCheckerIpFound(unsigned int localIp) = 0;
+};
+
+/// Finds out through which local address a known multicast datagram can be received.
+///
+/// Every 5 seconds, at first at once, it listens on the group through every local address at the same time,
+/// for one datagram or 2 seconds each. A datagram that is the expected text, or its beginning, settles on
+/// that address; when several hear it, on one of them.
+///
+/// Life cycle: checks from construction to destruction. Threads: one, and one for each local address during a
+/// check; listeners may be added and removed from any thread.
+class __attribute__((visibility("default"))) UdpChecker {
+public:
+    /// @param port     host order
+    /// @param expected text of at most 128 bytes; not copied, must outlive the object
+    UdpChecker(const char* groupIp, unsigned short port, const char* expected);
+    /// Ends a check or pause in progress at once; a callback in progress is waited for.
+    ~UdpChecker();
+    UdpChecker(const UdpChecker&) = delete;
+    UdpChecker& operator=(const UdpChecker&) = delete;
+
+    /// Adds a listener, a second time too; when an address stands found, tells it that address at once.
+    void addListener(iUdpCheckerListener* listener);
+    /// Removes every entry of the listener. A round of calls that is under way may still reach it.
+    void removeListener(iUdpCheckerListener* listener);
+
+private:
+    UdpCheckerPrivate* d;
 };
 
 /// @name Address utilities
