@@ -87,6 +87,14 @@ protected:
                              "ip link set eth0 up && ip -n far addr add 10.5.0.1/24 dev far0"));
     }
 
+    /// What was printed since CaptureStdout; a failure noted meanwhile is shown after all.
+    static std::string captured() {
+        const std::string text = testing::internal::GetCapturedStdout();
+        if (HasFailure())
+            std::fputs(text.c_str(), stderr);
+        return text;
+    }
+
     static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
     static bool pullCable() { return succeeds("ip -n far link set far0 down"); }
 

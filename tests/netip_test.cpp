@@ -48,7 +48,7 @@ TEST_F(NetworkManagement, RestartWithNmcliRunsExactlyTheseCommandsInOrder) {
     testing::internal::CaptureStdout();
     tNetIPHelper::NetworkRestart();
     EXPECT_EQ(
-        testing::internal::GetCapturedStdout(),
+        captured(),
         "\r\n------------------------------network restart-------------------------------\r\n"
         "\r\nN++++++++ eth8 network reset mutex wait\r\n"
         "\r\nN++++++++ eth8 network reset mutex free\r\n"
@@ -81,8 +81,7 @@ TEST_F(NetworkManagement, RestartWithIfconfigAppliesDhcpAndManualSettings) {
     tNetIPHelper second(false, "eth9", "10.5.0.9", "255.255.255.0");
     testing::internal::CaptureStdout();
     tNetIPHelper::NetworkRestart();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                HasSubstr("@nmcli connection delete eth9\r\nIfconfig Mode ...\r\n@"));
+    EXPECT_THAT(captured(), HasSubstr("@nmcli connection delete eth9\r\nIfconfig Mode ...\r\n@"));
     EXPECT_EQ(
         recordedCommands(),
         "ifconfig|eth8:0|down\n"
@@ -148,8 +147,7 @@ TEST_F(NetworkManagement, ARestartWaitsUntilItMayGoOn) {
     EXPECT_THAT(recordedCommands(), testing::EndsWith("ifconfig|eth9:0|10.5.0.9|netmask|255.255.255.0\n"));
     ASSERT_TRUE(waitUntil([&] { return listener.events().size() == 2; }))
         << "reported although it is the same";
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                HasSubstr("eth9 unconnected, have no ip 0.0.0.0\r\n"));
+    EXPECT_THAT(captured(), HasSubstr("eth9 unconnected, have no ip 0.0.0.0\r\n"));
 }
 
 TEST_F(NetworkManagement, AnInstanceThatIsGoneGetsNoCommandAndHoldsNoRestartUp) {
@@ -207,7 +205,7 @@ TEST_F(NetworkManagement, ACablePluggedInDuringARestartIsLeftToSettleAndDestruct
     testing::internal::CaptureStdout();
     ASSERT_TRUE(plugCable());
     std::this_thread::sleep_for(1500ms); // one pass: nothing but standard output tells of it
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+    EXPECT_THAT(captured(),
                 "\r\n---------------carrier state------------------\r\neth0 carrier state changed 1\r\n"
                 "----------------------------------------------\r\n");
     const auto before = std::chrono::steady_clock::now();

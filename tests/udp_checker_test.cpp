@@ -96,12 +96,12 @@ protected:
 
 TEST_F(UdpCheckerOnTwoInterfaces, FindsTheOneThatHearsTheTextAndTellsEachNewAddress) {
     CountingListener listener;
+    CountingListener late;
     auto beacon = std::make_unique<Beacon>("a", "radar");
     net::UdpChecker checker(kGroup, kPort, "radar");
     checker.addListener(&listener);
     EXPECT_EQ(listener.waitForCall(1), "10.1.0.1");
 
-    CountingListener late;
     checker.addListener(&late);
     EXPECT_EQ(late.calls(), 1) << "told at once";
 
