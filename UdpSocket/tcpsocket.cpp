@@ -1,6 +1,7 @@
 #include <UdpSocket/tcpsocket.h>
 
 #include <UdpSocket/detail/tcp_client.h>
+#include <UdpSocket/detail/tcp_server.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <arpa/inet.h>
@@ -42,6 +43,46 @@ bool TcpClient::isConnected() const {
 }
 void TcpClient::notifyForQuit() {
     d->notifyForQuit();
+}
+
+// ---------------------------------------------------------------------------------------------- TcpServer
+
+TcpServer::TcpServer(iTcpDataListener* listener) : d(new TcpServerPrivate(listener)) {}
+TcpServer::~TcpServer() {
+    delete d;
+}
+bool TcpServer::connect(unsigned short port, int maxClients) {
+    return d->connect(INADDR_ANY, port, maxClients);
+}
+bool TcpServer::connect(const char* ip, unsigned short port, int maxClients) {
+    return d->connect(::inet_addr(ip), port, maxClients);
+}
+void TcpServer::disconnect() {
+    d->disconnect();
+}
+void TcpServer::notifyForQuit() {
+    d->notifyForQuit();
+}
+bool TcpServer::isConnected() const {
+    return d->numOfClients() > 0;
+}
+int TcpServer::numOfClients() {
+    return static_cast<int>(d->numOfClients());
+}
+int TcpServer::closeClient(int fd) {
+    return d->closeClient(fd);
+}
+void TcpServer::sendData(const char* data, unsigned int len) {
+    d->sendData(data, len);
+}
+void TcpServer::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& parts) {
+    d->sendMultipleDatas(parts);
+}
+bool TcpServer::sendData(int fd, const char* data, unsigned int len) {
+    return d->sendData(fd, data, len);
+}
+bool TcpServer::sendData(const char* addr, int port, const char* data, unsigned int len) {
+    return d->sendData(addr, port, data, len);
 }
 
 } // namespace net

@@ -34,9 +34,9 @@ class TcpServerPrivate;
 
 /// Hears what happens on the connections of a TcpClient or a TcpServer.
 ///
-/// Every Connected that is followed by the loss of the connection is followed by exactly one Disconnected.
-/// Both are left out for a connection that the object itself ends for good (destructor, notifyForQuit,
-/// TcpServer::disconnect). Texts and bytes are valid during the call.
+/// Every Connected is followed by exactly one Disconnected, unless the object itself ends the connection for
+/// good (destructor, notifyForQuit, TcpServer::disconnect): then there is none. Texts and bytes are valid
+/// during the call.
 class __attribute__((visibility("default"))) iTcpDataListener {
 public:
     /// Bytes have arrived. Called on the connection's own receive thread.
@@ -119,6 +119,73 @@ public:
 
 private:
     TcpClientPrivate* d;
+};
+
+/// A server for many clients, told apart by their descriptors.
+///
+/// Life cycle: silent after construction; listens from a successful connect to disconnect or the destructor,
+/// which end everything at once (a callback in progress is waited for) and can be called at any time, also
+/// twice. A client is served from its acceptance until it leaves, closeClient or disconnect. Its descriptor
+/// number is not given to anybody else before its Disconnected has returned.
+///
+/// Threads: one that accepts, one that cleans up, one receive thread a client. connect, disconnect and the
+/// destructor belong to one thread at a time and must not be called from a callback; every other operation
+/// may be called from any thread at any time, callbacks included.
+/// - OnTcpClientConnected comes on the accept thread, before the client's first bytes are read. Further
+///   clients wait meanwhile.
+/// - OnTcpDataReceived and OnTcpClientDisconnected come on the client's own receive thread: the events of one
+///   client are ordered, those of different clients run in parallel.
+///
+/// A send waits half a second at most for a client that does not read; what it had taken by then is sent.
+class __attribute__((visibility("default"))) TcpServer {
+public:
+    /// @param listener hears the clients; may be null
+    explicit TcpServer(iTcpDataListener* listener);
+    ~TcpServer();
+    TcpServer(const TcpServer&) = delete;
+    TcpServer& operator=(const TcpServer&) = delete;
+
+    /// Listens on all local addresses; a server that listens already disconnects first.
+    /// @param maxClients the most clients served at once: further ones are closed as soon as they are
+    ///                   accepted; 0 serves none, a negative number any. Also the length of the queue of
+    ///                   clients that wait to be accepted
+    /// @return false when the port cannot be had (reported on standard error)
+    bool connect(unsigned short port, int maxClients);
+    /// The same on one local address.
+    bool connect(const char* ip, unsigned short port, int maxClients);
+
+    /// Ends the server and all its connections, without OnTcpClientDisconnected for those that still stand.
+    void disconnect();
+
+    /// Asks the threads to end within half a second, and returns at once. The connections stay open,
+    /// unserved, until disconnect.
+    void notifyForQuit();
+
+    bool isConnected() const; ///< whether there is a client
+    int numOfClients();       ///< how many there are
+
+    /// Ends one client's connection: it is no client any more, its peer sees the end at once, and
+    /// OnTcpClientDisconnected follows on its receive thread.
+    /// @param fd the client's descriptor
+    /// @return 0, or -1 with errno EBADF when @p fd is no client's
+    int closeClient(int fd);
+
+    /// Sends the same bytes to every client, in parallel, and waits for all. Failures are reported on
+    /// standard error and touch nobody else.
+    void sendData(const char* data, unsigned int len);
+    /// Sends the same pieces, in order, to every client; at most 1024 pieces.
+    /// @param parts pointer and length of each piece
+    void sendMultipleDatas(const std::vector<std::pair<const void*, int>>& parts);
+
+    /// Sends to one client. @return whether anything was sent
+    bool sendData(int fd, const char* data, unsigned int len);
+    /// Sends to the first client, by descriptor, with the port @p port (host order) whose address begins with
+    /// the text @p addr: "10.0.0.1" also finds 10.0.0.12. Other clients' coming and going waits meanwhile.
+    /// @return whether anything was sent
+    bool sendData(const char* addr, int port, const char* data, unsigned int len);
+
+private:
+    TcpServerPrivate* d;
 };
 
 } // namespace net

@@ -155,13 +155,35 @@ struct Event {
     bool operator==(const Event&) const = default;
 };
 
+/// What a callback does besides; may be set while callbacks come.
+template <class... Arguments>
+class Hook {
+public:
+    Hook& operator=(std::function<void(Arguments...)> action) {
+        std::lock_guard lock(m_mutex);
+        m_action = std::move(action);
+        return *this;
+    }
+    void operator()(Arguments... arguments) const {
+        std::unique_lock lock(m_mutex);
+        const auto action = m_action;
+        lock.unlock();
+        if (action)
+            action(arguments...);
+    }
+
+private:
+    mutable std::mutex m_mutex; // guards m_action
+    std::function<void(Arguments...)> m_action;
+};
+
 /// Takes notes; the hooks run on the thread of the callback, after the note.
 class Notes : public net::iTcpDataListener {
 public:
     virtual ~Notes() = default;
-    std::function<void(int fd)> onConnected = [](int) {};
-    std::function<void(int fd)> onDisconnected = [](int) {};
-    std::function<void(int fd, const std::string& bytes)> onData = [](int, const std::string&) {};
+    Hook<int> onConnected;                // the descriptor
+    Hook<int> onDisconnected;             // the descriptor
+    Hook<int, const std::string&> onData; // the descriptor and the bytes
 
     void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
         const std::string bytes(data, static_cast<size_t>(len));
