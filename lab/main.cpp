@@ -35,7 +35,7 @@ struct Options {
 /// @return the options, or ends the program
 Options parse(int argc, char** argv) {
     Options options;
-    options.radarctl = std::filesystem::read_symlink("/proc/self/exe").replace_filename("radarctl");
+    options.radarctl = lab::programBeside("radarctl");
     CLI::App app{"Starts radar hosts on a virtual LAN and runs a command on a display of that LAN."};
     app.add_option("--hosts", options.hosts, "Radar hosts: host1, host2 and so on")
         ->check(CLI::Range(0, 49))

@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <system_error>
 
@@ -88,6 +89,10 @@ bool mountOwnSys() {
     // In place of the one that is there: "ip" takes a layer off, too, and may not find its own beneath.
     return ::unshare(CLONE_NEWNS) == 0 && ::umount2("/sys", MNT_DETACH) == 0 &&
            ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0;
+}
+
+std::string programBeside(const std::string& name) {
+    return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
 }
 
 struct Process::Output {

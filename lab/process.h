@@ -19,6 +19,9 @@ namespace lab {
 /// @return false when the system refuses (errno). Allocates nothing and takes no lock
 bool mountOwnSys();
 
+/// The path of a program in the directory that the running one is in.
+std::string programBeside(const std::string& name);
+
 /// A running program. It sees the network of the thread that starts it, with a /sys of that network.
 ///
 /// Its output is captured, or goes to a file. It leads a process group of its own, and what it leaves behind
