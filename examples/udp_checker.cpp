@@ -22,7 +22,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     Printer printer; // outlives the checker
-    net::UdpChecker checker(argv[1], static_cast<unsigned short>(std::atoi(argv[2])), argv[3]);
+    net::UdpChecker checker(argv[1], static_cast<unsigned short>(std::strtoul(argv[2], nullptr, 10)),
+                            argv[3]);
     checker.addListener(&printer);
     std::puts("Press Enter to end.");
     std::getchar();

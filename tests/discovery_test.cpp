@@ -21,7 +21,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// What an application hears of the local address.
 class Addresses : public iMultiRadarCheckerListener {

@@ -1,4 +1,5 @@
 #include "profile_directory.h"
+#include "wait.h"
 
 #include <UdpSocket/hostserver.h>
 
@@ -12,7 +13,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -141,6 +141,42 @@ TEST_F(Radarctl, EndsWithItsReader) {
     EXPECT_TRUE(pipe.lineWith("+ North", 10s));
     const lab::Process other = startHost("host2", {"--name", "South"}); // the next line finds no reader
     EXPECT_EQ(pipe.wait(10s), 0);
+}
+
+TEST_F(Radarctl, WatchGivesTheTerminalBackAsItWas) {
+    const lab::Process host = startHost("host1", {"--name", "North"});
+    lab::Process terminal = m_lan.node("display").start(
+        {.command = {"script", "-qec", "timeout --foreground -s INT 3 " RADARCTL " watch", "/dev/null"}});
+    ASSERT_TRUE(terminal.wait(20s));
+    const std::string drawn = terminal.output();
+    EXPECT_THAT(drawn, StartsWith("\x1b[?1049h\x1b[?25l"));
+    EXPECT_THAT(drawn, testing::AllOf(HasSubstr("1 radar, on 10.20.2.1"), HasSubstr("North ")));
+    EXPECT_TRUE(drawn.ends_with("\x1b[?25h\x1b[?1049l")) << testing::PrintToString(drawn);
+}
+
+TEST_F(Radarctl, EveryCommandEndsAtOnceWhenItIsStopped) {
+    const auto hasSocket = [](const lab::Process& tool) { // which comes after the signals are taken care of
+        std::ifstream table("/proc/" + std::to_string(tool.pid()) + "/net/udp");
+        std::string heading;
+        std::string socket;
+        return std::getline(table, heading) && std::getline(table, socket);
+    };
+    m_profile.write(""); // the search is stopped, too
+    const std::pair<std::vector<std::string>, int> cases[] = {
+        {{"list"}, 1}, {{"watch"}, 0}, {{"host", "--name", "North"}, 0}};
+    for (const auto& [arguments, status] : cases)
+        for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
+            lab::Process tool = start("host1", arguments);
+            ASSERT_TRUE(comesTrue([&] { return hasSocket(tool); }));
+            std::optional<int> ended;
+            // A command that the library is just starting may swallow SIGINT: system() ignores it meanwhile.
+            EXPECT_TRUE(comesTrue([&] {
+                tool.signal(number);
+                ended = tool.wait(number == SIGINT ? 1s : 10s);
+                return ended.has_value();
+            }));
+            EXPECT_EQ(ended, status) << arguments[0] << ", signal " << number;
+        }
 }
 
 } // namespace

@@ -192,7 +192,7 @@ TEST(TcpClient, AnIdleLinkIsProbedUnlessAutoConnectIsOff) {
     TcpClient client(nullptr, kLocal, listening.port(), 0);
     ASSERT_TRUE(client.connectOnce());
     const Peer peer = listening.accept();
-    EXPECT_GT(timeOf([&] { EXPECT_EQ(peer.read(6), std::string("check", 6)); }), 4s);
+    EXPECT_GT(timeOf([&] { EXPECT_EQ(peer.read(6), std::string("check") + '\0'); }), 4s);
     EXPECT_FALSE(quiet.peer.hasData(1s));
 }
 

@@ -14,7 +14,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;

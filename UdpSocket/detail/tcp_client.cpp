@@ -67,7 +67,7 @@ void TcpClientPrivate::report(const detail::SourceSite& site, const char* call) 
 /// Ends the current connection and makes a new socket with its options. Needs the connection lock.
 TcpClientPrivate::ConnectionPtr TcpClientPrivate::reset() {
     current()->end();
-    const auto connection = std::make_shared<Connection>(detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK));
+    auto connection = std::make_shared<Connection>(detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK));
     const detail::Descriptor& socket = connection->socket;
     if (!socket.isOpen()) {
         report(tcp_site::kClientSocket, "socket");
