@@ -33,7 +33,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     Reader reader; // outlives the client that calls it
-    net::TcpClient client(&reader, argv[1], static_cast<unsigned short>(std::atoi(argv[2])), 0);
+    net::TcpClient client(&reader, argv[1], static_cast<unsigned short>(std::strtoul(argv[2], nullptr, 10)),
+                          0);
     client.connectOnce(); // otherwise the first attempt comes after five seconds
     std::string line;
     while (std::getline(std::cin, line)) {

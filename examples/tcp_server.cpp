@@ -36,7 +36,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     Relay relay;
-    if (!relay.server.connect(static_cast<unsigned short>(std::atoi(argv[1])), 10)) // at most ten clients
+    if (!relay.server.connect(static_cast<unsigned short>(std::strtoul(argv[1], nullptr, 10)),
+                              10)) // at most ten clients
         return 1;
     std::puts("press Enter to end");
     std::getchar();
