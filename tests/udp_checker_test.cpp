@@ -1,3 +1,5 @@
+#include "wait.h"
+
 #include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
@@ -7,53 +9,38 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-
-static_assert(sizeof(net::UdpChecker) == sizeof(void*));
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr const char* kGroup = "236.6.7.30";
 constexpr unsigned short kPort = 6730;
 
-class CountingListener : public net::iUdpCheckerListener {
+class Addresses : public net::iUdpCheckerListener {
 public:
     void OnUdpCheckerIpFound(unsigned int localIp) override {
         std::lock_guard lock(m_mutex);
-        m_lastIp = localIp;
-        ++m_calls;
-        m_changed.notify_all();
+        m_heard.emplace_back(net::transAddr(localIp));
     }
-    /// Waits for call number @p calls. @return the address of the last call, or "none"
-    std::string waitForCall(int calls, std::chrono::seconds deadline = 30s) {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, deadline, [&] { return m_calls >= calls; }) ? net::transAddr(m_lastIp)
-                                                                                    : "none";
-    }
-    int calls() const {
+    std::vector<std::string> heard() const {
         std::lock_guard lock(m_mutex);
-        return m_calls;
+        return m_heard;
+    }
+    bool hears(size_t count, std::chrono::seconds deadline = 30s) const {
+        return comesTrue([&] { return heard().size() >= count; }, deadline);
     }
 
 private:
-    mutable std::mutex m_mutex; // guards everything below
-    std::condition_variable m_changed;
-    unsigned int m_lastIp = 0;
-    int m_calls = 0;
+    mutable std::mutex m_mutex; // guards m_heard
+    std::vector<std::string> m_heard;
 };
-
-bool succeeds(const std::string& command) {
-    return std::system(command.c_str()) == 0;
-}
 
 /// Sends a text again and again from the far end of a cable, until it is destroyed.
 class Beacon {
@@ -83,54 +70,49 @@ private:
 class UdpCheckerOnTwoInterfaces : public testing::Test {
 protected:
     void SetUp() override {
-        for (const std::string cable : {"a", "b"}) {
-            const std::string subnet = cable == "a" ? "10.1.0." : "10.2.0.";
-            ASSERT_TRUE(succeeds("ip netns add " + cable + " && ip link add eth" + cable +
-                                 " type veth peer name far netns " + cable + " && ip addr add " + subnet +
-                                 "1/24 dev eth" + cable + " && ip link set eth" + cable + " up && ip -n " +
-                                 cable + " addr add " + subnet + "2/24 dev far && ip -n " + cable +
-                                 " link set far up && ip -n " + cable + " route add default dev far"));
-        }
+        ASSERT_EQ(std::system(R"(set -e
+            cable() {
+                ip netns add $1
+                ip link add eth$1 type veth peer name far netns $1
+                ip addr add $2.1/24 dev eth$1; ip link set eth$1 up
+                ip -n $1 addr add $2.2/24 dev far; ip -n $1 link set far up
+                ip -n $1 route add default dev far
+            }
+            cable a 10.1.0
+            cable b 10.2.0)"),
+                  0);
     }
 };
 
-TEST_F(UdpCheckerOnTwoInterfaces, FindsTheOneThatHearsTheTextAndTellsEachNewAddress) {
-    CountingListener listener;
-    CountingListener late;
-    auto beacon = std::make_unique<Beacon>("a", "radar");
+TEST_F(UdpCheckerOnTwoInterfaces, FindsTheOneThatHearsTheTextAndTellsEachListenerEachNewAddress) {
+    Addresses twice;
+    Addresses late;
+    Addresses removed;
+    std::optional<Beacon> beacon(std::in_place, "a", "radar");
     net::UdpChecker checker(kGroup, kPort, "radar");
-    checker.addListener(&listener);
-    EXPECT_EQ(listener.waitForCall(1), "10.1.0.1");
-
+    checker.addListener(&twice);
+    checker.addListener(&twice);
+    checker.addListener(&removed);
+    checker.addListener(&removed);
+    checker.removeListener(&removed);
+    ASSERT_TRUE(twice.hears(2));
     checker.addListener(&late);
-    EXPECT_EQ(late.calls(), 1) << "told at once";
+    EXPECT_THAT(late.heard(), ElementsAre("10.1.0.1")) << "told at once";
 
-    beacon = std::make_unique<Beacon>("b", "rad"); // the beginning of the text will do
-    EXPECT_EQ(listener.waitForCall(2), "10.2.0.1");
-    EXPECT_EQ(listener.calls(), 2);
+    beacon.emplace("b", "rad"); // the beginning of the text will do
+    ASSERT_TRUE(late.hears(2));
+    EXPECT_THAT(late.heard(), ElementsAre("10.1.0.1", "10.2.0.1"));
+    EXPECT_THAT(twice.heard(), ElementsAre("10.1.0.1", "10.1.0.1", "10.2.0.1", "10.2.0.1"));
+    EXPECT_THAT(removed.heard(), IsEmpty());
 }
 
 TEST_F(UdpCheckerOnTwoInterfaces, OtherAndLongerTextsAreNotTheText) {
-    CountingListener listener;
+    Addresses addresses;
     Beacon other("a", "sonar");
     Beacon longer("b", std::string("radar\0", 6));
     net::UdpChecker checker(kGroup, kPort, "radar");
-    checker.addListener(&listener);
-    EXPECT_EQ(listener.waitForCall(1, 4s), "none");
-}
-
-TEST_F(UdpCheckerOnTwoInterfaces, AListenerIsCalledAsOftenAsAddedAndRemovedAltogether) {
-    CountingListener removed;
-    CountingListener twice;
-    net::UdpChecker checker(kGroup, kPort, "radar");
-    checker.addListener(&removed);
-    checker.addListener(&removed);
-    checker.addListener(&twice);
-    checker.addListener(&twice);
-    checker.removeListener(&removed);
-    Beacon beacon("b", "radar");
-    EXPECT_EQ(twice.waitForCall(2), "10.2.0.1");
-    EXPECT_EQ(removed.calls(), 0);
+    checker.addListener(&addresses);
+    EXPECT_FALSE(addresses.hears(1, 4s));
 }
 
 TEST_F(UdpCheckerOnTwoInterfaces, AFailedProbeIsReportedAndEndsAloneAndDestructionIsQuick) {
@@ -148,7 +130,7 @@ TEST_F(UdpCheckerOnTwoInterfaces, AFailedProbeIsReportedAndEndsAloneAndDestructi
     EXPECT_THAT(errors, testing::ContainsRegex("SocketError<UdpSocket/udpsocket.cpp,operator\\(\\),[0-9]+,"
                                                "\\(10.9.9.9,6730\\)>:\n\tfunction\\[setsockopt::"
                                                "IP_ADD_MEMBERSHIP\\],code\\[22,"));
-    EXPECT_THAT(errors, testing::Not(HasSubstr(kGroup)));
+    EXPECT_THAT(errors, testing::Not(testing::HasSubstr(kGroup)));
 }
 
 } // namespace
