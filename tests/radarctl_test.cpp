@@ -6,8 +6,10 @@
 #include <lab/lan.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <deque>
 #include <sstream>
 
 namespace {
@@ -67,8 +69,10 @@ protected:
 
 TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
-        {{}, "name one of the commands host, list and watch"},
-        {{"lits"}, "name one of the commands host, list and watch"},
+        {{}, "name a command: list, watch, show"},
+        {{"lits"}, "name a command: list, watch, show"},
+        {{"--color", "mauve", "list"}, "'mauve' is no colour setting"},
+        {{"--profile", "/nowhere", "list"}, "no profile.ini in '/nowhere'"},
         {{"host"}, "--name is required"},
         {{"host", "--name", ""}, "'' is no radar name: 1 to 16 bytes"},
         {{"host", "--name", "seventeen letters"}, "is no radar name: 1 to 16 bytes"},
@@ -77,7 +81,16 @@ TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
         {{"host", "--name", "R", "--streams", "3"}, "'3' streams cannot be served: 1 or 2"},
         {{"list", "--timeout", "soon"}, "'soon' is no time-out: seconds, up to 3600"},
         {{"list", "--timeout", "-1"}, "'-1' is no time-out: seconds, up to 3600"},
+        {{"list", "--local", "10.20.2"}, "'10.20.2' is no IPv4 address"},
+        {{"list", "--local", "10.9.9.9"},
+         "10.9.9.9 is no address of this computer; it has: 127.0.0.1, 10.20.2.1"},
+        {{"list", "--interface", "eth9"}, "no interface \"eth9\" with an IPv4 address; there are: lo, eth0"},
+        {{"list", "--interface", "eth0", "--local", "10.20.2.1"}, "excludes"},
         {{"watch", "closely"}, "closely"},
+        {{"watch", "--count", "0"}, "'0' is no number of events"},
+        {{"show"}, "name is required"},
+        {{"listen", "North", "2"}, "'2' is no stream: 0 or 1"},
+        {{"listen", "North", "0", "--endpoint", "sound"}, "'sound' is no endpoint: image, image-control"},
     };
     for (const auto& [arguments, expected] : cases) {
         const Result result = run(arguments);
@@ -96,12 +109,15 @@ TEST_F(Radarctl, ListsWhatHostsServe) {
     EXPECT_THAT(
         lines(result.output),
         ElementsAre(
-            MatchesRegex("RADAR +ID +STREAMS +LAST HEARD"), MatchesRegex("North +1 +1  .\\.. s ago"),
-            MatchesRegex(" +image 236.6.7.8:6878 +control 236.6.7.10:6680 +state 236.6.7.9:6679"),
-            MatchesRegex(" +ARPA +236.6.7.18:6688 +control 236.6.7.20:6690 +state 236.6.7.19:6889"),
-            MatchesRegex("South mast +20 +2  .\\.. s ago"),
-            MatchesRegex(" +image 236.6.7.99:6131 +control 236.6.7.100:6132 +state 236.6.7.101:6133"),
-            MatchesRegex(" +ARPA +236.6.7.105:6137 +control 236.6.7.106:6138 +state 236.6.7.107:6139")));
+            MatchesRegex("RADAR +ID +STREAMS +INTERFACE +LAST HEARD"),
+            MatchesRegex("North +1 +1  eth0 +.\\.. s ago"),
+            MatchesRegex(" +0 image 236.6.7.8:6878 +control 236.6.7.10:6680 +state 236.6.7.9:6679"),
+            MatchesRegex(" +0 ARPA +236.6.7.18:6688 +control 236.6.7.20:6690 +state 236.6.7.19:6889"),
+            MatchesRegex("South mast +20 +2  eth0 +.\\.. s ago"),
+            MatchesRegex(" +0 image 236.6.7.99:6131 +control 236.6.7.100:6132 +state 236.6.7.101:6133"),
+            MatchesRegex(" +0 ARPA +236.6.7.105:6137 +control 236.6.7.106:6138 +state 236.6.7.107:6139"),
+            MatchesRegex(" +1 image 236.6.7.102:6134 +control 236.6.7.103:6135 +state 236.6.7.104:6136"),
+            MatchesRegex(" +1 ARPA +236.6.7.108:6140 +control 236.6.7.109:6141 +state 236.6.7.110:6142")));
     EXPECT_THAT(result.errors, testing::Not(HasSubstr("LocalIP")));
     EXPECT_THAT(run({"list", "--verbose"}).errors, HasSubstr("LocalIP (): 10.20.2.1"))
         << "diagnostics on request";
@@ -112,6 +128,68 @@ TEST_F(Radarctl, SaysThatNothingWasFound) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
     EXPECT_THAT(result.errors, HasSubstr("radarctl: no radar found within 1 s\n"));
+    const lab::Process host = startHost("host1", {"--name", "North"});
+    const Result other = run({"show", "South", "--timeout", "1"});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.errors, HasSubstr("radarctl: no radar \"South\"; there are: North\n"));
+}
+
+TEST_F(Radarctl, SimulatedDataArriveWhereTheAnnouncementSays) {
+    m_profile.write(""); // the search is replaced by an option
+    for (const char* id : {"1", "63"}) {
+        const lab::Process host = startHost(
+            "host1", {"--name", "North", "--id", id, "--streams", "2", "--simulate", "--rate", "60"});
+        std::deque<lab::Process> listeners;
+        for (const char* stream : {"0", "1"})
+            for (const char* endpoint : {"image", "arpa"})
+                listeners.push_back(start("display", {"listen", "North", stream, "--endpoint", endpoint,
+                                                      "--seconds", "1.2", "--local", "10.20.2.1", "--json"}));
+        for (lab::Process& listener : listeners) {
+            EXPECT_EQ(listener.wait(20s), 0);
+            const auto total = nlohmann::json::parse(lines(listener.output()).back());
+            EXPECT_TRUE(total["total"]) << listener.output();
+            EXPECT_EQ(total["dropped"], 0);
+        }
+    }
+    const lab::Process host = startHost("host1", {"--name", "North"});
+    const Result silent = run({"listen", "North", "0", "--seconds", "0.2", "--interface", "eth0"});
+    EXPECT_EQ(silent.status, 1) << "nothing came";
+    EXPECT_THAT(silent.errors, HasSubstr("listening to image of North, stream 0: 236.6."));
+    EXPECT_THAT(run({"listen", "North", "0", "--endpoint", "original", "--interface", "eth0"}).errors,
+                HasSubstr("North does not announce its endpoint original"));
+}
+
+TEST_F(Radarctl, RenumberAndResetSayWhatTheySentAndWhatCameOfIt) {
+    lab::Process host = startHost("host1", {"--name", "North", "--id", "20"});
+    const Result renumbered = run({"renumber", "North"});
+    EXPECT_EQ(renumbered.status, 0) << renumbered.errors;
+    EXPECT_THAT(lines(renumbered.output),
+                ElementsAre(HasSubstr("sent an objection to host id 20 to 236.6.7.4:6768 on 10.20.2.1"),
+                            MatchesRegex("North now has host id [1-6][0-9]")));
+    EXPECT_EQ(run({"reset"}).status, 0);
+    EXPECT_TRUE(host.lineWith("reset asked for", 5s));
+}
+
+TEST_F(Radarctl, NobodyIsAskedForAPasswordBehindHisBack) {
+    const std::filesystem::path commands = m_profile.path() / "commands";
+    std::filesystem::create_directory(commands);
+    for (const char* name : {"sudo", "route"}) { // in place of the machine's
+        m_profile.write("#!/bin/sh\necho " + std::string(name) + " \"$@\" >>" +
+                            (m_profile.path() / "ran").string() + "\nexit 1\n",
+                        std::string("commands/") + name);
+        std::filesystem::permissions(commands / name, std::filesystem::perms(0755));
+    }
+    std::filesystem::permissions(m_profile.path(), std::filesystem::perms(0777));
+    lab::Process tool = m_lan.node("display").start(
+        {.command = {"env", "PATH=" + commands.string() + ":/usr/sbin:/usr/bin:/sbin:/bin", "unshare",
+                     "--user", RADARCTL, "list", "--timeout",
+                     "1"}}); // without a user's privileges in this network
+    ASSERT_TRUE(tool.wait(20s));
+    EXPECT_THAT(tool.output(), HasSubstr("it does not matter: all sockets are tied to eth0"));
+    std::ifstream file(m_profile.path() / "ran");
+    const std::string ran{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_THAT(ran, StartsWith("sudo -n route add -net 236.6.7.5 netmask 255.255.255.255 eth0\n"
+                                "route add -net 236.6.7.5 netmask 255.255.255.255 eth0\n"));
 }
 
 TEST_F(Radarctl, WatchTellsOfRadarsThatComeAndGo) {
@@ -124,15 +202,31 @@ TEST_F(Radarctl, WatchTellsOfRadarsThatComeAndGo) {
     lab::Process other = startHost("host1", {"--name", "North", "--id", "21"});
     EXPECT_THAT(watch.lineWith("North", 10s).value_or("nothing"), StartsWith("= North id 21"));
     EXPECT_EQ(other.stop(), 0);
-    EXPECT_THAT(watch.lineWith("North", 12s).value_or("nothing"), "- North");
+    EXPECT_THAT(watch.lineWith("North", 12s).value_or("nothing"),
+                StartsWith("- North: 10.20.1.1 has not answered for 8 s, and nobody else does"));
     watch.signal(SIGINT);
     EXPECT_EQ(watch.wait(2s), 0);
 }
 
-TEST_F(Radarctl, NamesCannotDrawOnTheTerminal) {
+TEST_F(Radarctl, NamesCanNeitherDrawOnTheTerminalNorForgeALineOrMember) {
     const lab::Inside inside = m_lan.node("host1").enter();
-    const HostServer hostile("\x1b[2J\r\nx\x9b \xc3\xa4", 16, 1U);
-    EXPECT_THAT(run({"list"}).output, HasSubstr("\n\\x1B[2J\\x0D\\x0Ax\\x9B \xc3\xa4 "));
+    const HostServer drawing("\x1b[2J\r\nx\x9b \xc3\xa4", 16, 1U);
+    const HostServer forging("\",\"hostId\":1}\n", 17, 1U);
+    const Result text = run({"list"});
+    EXPECT_THAT(text.output, HasSubstr("\n\\x1B[2J\\x0D\\x0Ax\\x9B \xc3\xa4 "));
+    EXPECT_EQ(lines(text.output).size(), 7);
+    const auto json = nlohmann::json::parse(run({"list", "--json"}).output);
+    EXPECT_EQ(json["schema"], 1);
+    EXPECT_EQ(json["radars"][0]["nameHex"], "1b5b324a0d0a789b20c3a4");
+    EXPECT_EQ(json["radars"][1]["name"], "\",\"hostId\":1}\n");
+    EXPECT_EQ(json["radars"][1]["hostId"], 17);
+    EXPECT_EQ(json["radars"][1]["streams"][0]["image"]["address"], "236.6.7.51");
+    lab::Process watch = start("display", {"watch", "--json", "--count", "2"});
+    EXPECT_EQ(watch.wait(10s), 0);
+    for (const std::string& line : lines(watch.output()))
+        EXPECT_EQ(nlohmann::json::parse(line)["event"], "appeared");
+    EXPECT_THAT(run({"show", "\\x1B[2J\\x0D\\x0Ax\\x9B \xc3\xa4"}).output,
+                HasSubstr("host id             16"));
 }
 
 TEST_F(Radarctl, EndsWithItsReader) {

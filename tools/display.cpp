@@ -1,6 +1,11 @@
 #include "display.h"
 
+#include "plan.h"
+#include "privileges.h"
+
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <string_view>
 
 namespace {
@@ -11,25 +16,28 @@ using namespace std::chrono_literals;
 constexpr std::string_view kCode = "\x01\xB2";
 constexpr std::size_t kNameOffset = 2;
 constexpr std::size_t kNameWidth = 16;
-constexpr std::size_t kLengths[] = {150, 222}; // of a host with one stream, and with two
+constexpr std::size_t kOneStream = 150; // lengths
+constexpr std::size_t kTwoStreams = 222;
+
+struct Place {
+    RadarEndpoint RadarAddress::*endpoint;
+    std::size_t offset;
+};
+constexpr Place kSecondStream[] = {
+    {&RadarAddress::imageStream, 124}, {&RadarAddress::imageCtrl, 134}, {&RadarAddress::imageState, 144},
+    {&RadarAddress::arpaStream, 196},  {&RadarAddress::arpaCtrl, 206},  {&RadarAddress::arpaState, 216},
+};
 
 constexpr auto kForgotten = 60s; // names that have not been heard for so long are dropped
 
-int hostIdOf(const RadarAddress& record) {
-    constexpr int kHostOne = 6688; // ARPA stream ports
-    constexpr int kHostSixteen = 6009;
-    constexpr int kStep = 32;
-    const int port = net::NtoHs(record.arpaStream.port);
-    const int index = (port - kHostSixteen) / kStep;
-    if (port == kHostOne)
-        return 1;
-    const bool planned = port >= kHostSixteen && (port - kHostSixteen) % kStep == 0 && index <= 63 - 16;
-    return planned ? index + 16 : 0;
-}
-
-/// The announcement of two streams is the one that the client completes from the address plan.
-int streamsOf(const RadarAddress& record) {
-    return record.isMulti == 0 && record.imageOriginal.port != 0 ? 2 : 1;
+RadarAddress readSecondStream(std::string_view announcement) {
+    RadarAddress record{};
+    for (const Place& place : kSecondStream) {
+        NetAddress endpoint;
+        std::memcpy(&endpoint, announcement.data() + place.offset, sizeof endpoint);
+        record.*place.endpoint = {endpoint.ip, endpoint.port, 0};
+    }
+    return record;
 }
 
 /// The name that a radar announced, behind the name under which the client lists it.
@@ -42,8 +50,11 @@ std::string announcedName(const std::string& listed) {
 
 } // namespace
 
-Display::Display() {
-    MultiRadarClient::getInstance()->addListener(this);
+Display::Display(unsigned int localIp) : m_wantedIp(localIp) {
+    MultiRadarClient* client = MultiRadarClient::getInstance();
+    if (m_wantedIp != 0)
+        client->setLocalIP(m_wantedIp);
+    client->addListener(this);
 }
 
 Display::~Display() {
@@ -51,15 +62,24 @@ Display::~Display() {
     m_receiver.reset();
 }
 
-void Display::OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) {
+void Display::OnLocalIpChanged(unsigned int localIp) {
+    if (m_wantedIp == 0 || localIp == m_wantedIp) // the configured one may have come first
+        m_localIp = localIp;
+}
+
+void Display::OnUdpGroupDataReceived(const char* fromIp, int, const char*, int, const char* data,
+                                     int length) {
     const std::string_view datagram(data, static_cast<std::size_t>(length));
-    if (std::ranges::count(kLengths, datagram.size()) == 0 || !datagram.starts_with(kCode))
+    if ((datagram.size() != kOneStream && datagram.size() != kTwoStreams) || !datagram.starts_with(kCode))
         return;
     const std::string_view field = datagram.substr(kNameOffset, kNameWidth);
     const auto now = std::chrono::steady_clock::now();
+    Announcement heard{now, fromIp, std::nullopt};
+    if (datagram.size() == kTwoStreams)
+        heard.secondStream = readSecondStream(datagram);
     std::lock_guard lock(m_mutex);
-    m_heard[std::string(field.substr(0, field.find('\0')))] = now;
-    std::erase_if(m_heard, [now](const auto& heard) { return now - heard.second > kForgotten; });
+    m_heard[std::string(field.substr(0, field.find('\0')))] = heard;
+    std::erase_if(m_heard, [now](const auto& entry) { return now - entry.second.time > kForgotten; });
 }
 
 void Display::query() {
@@ -70,6 +90,13 @@ void Display::query() {
         m_receiver.reset();
         m_receiver = std::make_unique<net::UdpReceiver>(this, localIp, "236.6.7.5", 6878, 8192);
         m_receiverIp = localIp;
+        const std::string interface = net::localIfaName(localIp);
+        if (!interface.empty() && !hasDiscoveryRoute(interface))
+            std::fprintf(
+                stderr,
+                "radarctl: no host routes to the radars' groups were added (that needs root, or sudo "
+                "without a password); it does not matter: all sockets are tied to %s\n",
+                interface.c_str());
     }
     MultiRadarClient::getInstance()->query();
 }
@@ -82,11 +109,27 @@ std::vector<Radar> Display::radars() const {
         const RadarAddress* found = client.getAddress(name.c_str(), 0);
         if (found == nullptr)
             continue; // gone meanwhile
-        const RadarAddress record = *found;
-        Radar radar{name, hostIdOf(record), streamsOf(record), record, std::nullopt};
+        Radar radar;
+        radar.name = name;
+        radar.streams = {*found};
+        const RadarAddress& record = radar.streams.front();
+        radar.hostId = hostIdOf(record);
         std::lock_guard lock(m_mutex);
-        if (const auto heard = m_heard.find(announcedName(name)); heard != m_heard.end())
-            radar.age = std::chrono::duration_cast<std::chrono::milliseconds>(now - heard->second);
+        if (const auto heard = m_heard.find(announcedName(name)); heard != m_heard.end()) {
+            const Announcement& announcement = heard->second;
+            radar.age = std::chrono::duration_cast<std::chrono::milliseconds>(now - announcement.time);
+            radar.source = announcement.source;
+            if (announcement.secondStream && record.isMulti == 0) {
+                RadarAddress second = *announcement.secondStream;
+                second.head = record.head;
+                second.infoDev = record.infoDev; // a host's streams share its devices
+                if (radar.hostId != 0) {
+                    const NetAddress original = streamGroups(radar.hostId, 1).original;
+                    second.imageOriginal = {original.ip, original.port, 0};
+                }
+                radar.streams.push_back(second);
+            }
+        }
         radars.push_back(std::move(radar));
     }
     return radars;

@@ -15,21 +15,24 @@
 #include <vector>
 
 struct Radar {
-    std::string name; ///< as the client lists it, bytes of any kind
-    int hostId;       ///< 0: the radar is not in the plan of host ids
-    int streams;
-    RadarAddress endpoints;
-    std::optional<std::chrono::milliseconds> age; ///< since its last announcement, where that was heard
+    std::string name;                  ///< as the client lists it, bytes of any kind
+    int hostId = 0;                    ///< 0: the radar is not in the plan of host ids
+    std::vector<RadarAddress> streams; ///< at least one
+
+    /// Of its last announcement, where that was heard.
+    std::string source;                           ///< the address that it came from
+    std::optional<std::chrono::milliseconds> age; ///< how long ago that was
 };
 
 /// The process's MultiRadarClient, and beside it a receiver of its own on the announcements: the client tells
-/// neither when a radar was heard last nor how many streams it announced.
+/// neither when a radar was heard last, nor from where, nor the endpoints of a second stream.
 ///
 /// Threads: query() and radars() belong to one thread. The listener's calls come on the client's
 /// threads.
 class Display : public iMultiRadarCheckerListener, public net::iUdpDataListener {
 public:
-    Display();
+    /// @param localIp the local address to use, network order; 0: as profile.ini says, or a search
+    explicit Display(unsigned int localIp);
     ~Display();
     Display(const Display&) = delete;
     Display& operator=(const Display&) = delete;
@@ -41,13 +44,21 @@ public:
     void query();
     std::vector<Radar> radars() const;
 
-    void OnLocalIpChanged(unsigned int localIp) override { m_localIp = localIp; }
-    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) override;
+    void OnLocalIpChanged(unsigned int localIp) override;
+    void OnUdpGroupDataReceived(const char* fromIp, int, const char*, int, const char* data,
+                                int length) override;
 
 private:
+    struct Announcement {
+        std::chrono::steady_clock::time_point time;
+        std::string source;
+        std::optional<RadarAddress> secondStream;
+    };
+
+    const unsigned int m_wantedIp;
     std::atomic<unsigned int> m_localIp = 0;
-    unsigned int m_receiverIp = 0; // what m_receiver listens on
-    mutable std::mutex m_mutex;    // guards m_heard
-    std::map<std::string, std::chrono::steady_clock::time_point> m_heard;
+    unsigned int m_receiverIp = 0;               // what m_receiver listens on
+    mutable std::mutex m_mutex;                  // guards m_heard
+    std::map<std::string, Announcement> m_heard; // by the name announced
     std::unique_ptr<net::UdpReceiver> m_receiver;
 };

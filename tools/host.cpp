@@ -1,5 +1,8 @@
 #include "command.h"
 #include "loop.h"
+#include "privileges.h"
+#include "simulator.h"
+#include "table.h"
 
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/hostserver.h>
@@ -16,7 +19,12 @@ struct Options {
     std::string name;
     int id = 0; // 0: any from 16 to 63
     unsigned int streams = 1;
+    bool simulate = false;
+    double rate = 24; // revolutions a minute
 };
+
+constexpr std::chrono::milliseconds kForEver(-1);
+constexpr std::chrono::milliseconds kSimulationStep(10);
 
 int anyId() {
     std::random_device source;
@@ -25,6 +33,10 @@ int anyId() {
 
 int serve(const Options& options, Output& output) {
     Loop loop;
+    if (!canReachGroups())
+        throw Failure(kNotAllowed,
+                      "no route leads to the radars' groups, so nothing can be sent; as root: ip route "
+                      "add 236.6.0.0/16 dev INTERFACE");
     std::atomic<int> id = 0;
     std::atomic<bool> resetAsked = false;
     HostNegotiator negotiator(
@@ -39,8 +51,9 @@ int serve(const Options& options, Output& output) {
     negotiator.asyncLogin(static_cast<std::uint8_t>(options.id != 0 ? options.id : anyId()));
 
     std::unique_ptr<HostServer> server;
+    std::unique_ptr<Simulator> simulator;
     for (;;) {
-        const Loop::Event event = loop.wait(std::chrono::milliseconds(-1));
+        const Loop::Event event = loop.wait(simulator ? kSimulationStep : kForEver);
         if (event == Loop::Event::Stop)
             return kFound;
         if (resetAsked.exchange(false))
@@ -49,15 +62,20 @@ int serve(const Options& options, Output& output) {
             server.reset();
             server = std::make_unique<HostServer>(options.name.c_str(), static_cast<std::uint8_t>(held),
                                                   options.streams);
-            output.write("serving " + options.name + " as host id " + std::to_string(held) + ", " +
+            if (options.simulate)
+                simulator = std::make_unique<Simulator>(held, options.streams, options.rate);
+            output.write("serving " + printable(options.name) + " as host id " + std::to_string(held) + ", " +
                          std::to_string(options.streams) +
                          (options.streams == 1 ? " stream\n" : " streams\n"));
         }
+        if (simulator)
+            simulator->send();
     }
 }
 
 std::string checkName(const std::string& name) {
-    return name.empty() || name.size() > 16 ? "'" + name + "' is no radar name: 1 to 16 bytes" : "";
+    return name.empty() || name.size() > 16 ? "'" + printable(name) + "' is no radar name: 1 to 16 bytes"
+                                            : "";
 }
 
 std::string checkId(const std::string& text) {
@@ -71,6 +89,13 @@ std::string checkStreams(const std::string& text) {
     return text == "1" || text == "2" ? "" : "'" + text + "' streams cannot be served: 1 or 2";
 }
 
+std::string checkRate(const std::string& text) {
+    double rate = 0;
+    return CLI::detail::lexical_cast(text, rate) && rate >= 1 && rate <= 120
+               ? ""
+               : "'" + text + "' is no rate: revolutions a minute, 1 to 120";
+}
+
 } // namespace
 
 void addHost(CLI::App& app, Run& chosen) {
@@ -78,12 +103,23 @@ void addHost(CLI::App& app, Run& chosen) {
     CLI::App* command = app.add_subcommand("host", "Negotiate a host id and answer discovery until stopped");
     command->add_option("--name", options->name, "The radar's name, 1 to 16 bytes")
         ->required()
-        ->check(checkName);
+        ->check(checkName)
+        ->type_name("NAME");
     command
         ->add_option("--id", options->id,
                      "The host id to propose: 1, or 16 to 63 (default: any from 16 to 63)")
-        ->check(checkId);
-    command->add_option("--streams", options->streams, "1 or 2 streams (default 1)")->check(checkStreams);
+        ->check(checkId)
+        ->type_name("ID");
+    command->add_option("--streams", options->streams, "1 or 2 streams (default 1)")
+        ->check(checkStreams)
+        ->type_name("N");
+    command->add_flag("--simulate", options->simulate,
+                      "Send a rotating image and moving ARPA targets on the streams' endpoints");
+    command
+        ->add_option("--rate", options->rate,
+                     "The simulated antenna's revolutions a minute, up to 120 (default 24)")
+        ->check(checkRate)
+        ->type_name("RPM");
     command->callback(
         [options, &chosen] { chosen = [options](Output& output) { return serve(*options, output); }; });
 }

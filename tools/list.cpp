@@ -1,62 +1,64 @@
-#include "command.h"
-#include "display.h"
-#include "loop.h"
+#include "json.h"
+#include "search.h"
 #include "table.h"
-
-#include <chrono>
 
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+struct Options {
+    SearchOptions search;
+    bool json = false;
+};
 
-constexpr auto kAnswerTime = 1s; // from the first query to the table: every host answers in milliseconds
-constexpr auto kPoll = 50ms;
-
-int list(double timeout, Output& output) {
-    Loop loop;
-    Display display;
-    const auto deadline =
-        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
-    bool stopped = false;
-    const auto pause = [&](std::chrono::milliseconds duration) {
-        stopped = stopped || loop.wait(duration) == Loop::Event::Stop;
-    };
-    while (!stopped && display.localIp() == 0 && Clock::now() < deadline)
-        pause(kPoll);
-    while (!stopped && display.localIp() != 0 && display.radars().empty() && Clock::now() < deadline) {
-        display.query();
-        for (const auto answered = Clock::now() + kAnswerTime; !stopped && Clock::now() < answered;)
-            pause(kPoll);
+void print(const std::vector<Radar>& radars, const std::string& interface, const Output& output) {
+    output.write(output.styled(Output::Style::Heading, kTableHeading + "LAST HEARD") + "\n");
+    for (const Radar& radar : radars) {
+        output.write(tableLine(radar, interface) + ageText(radar.age) + "\n");
+        for (const std::string& line : endpointLines(radar))
+            output.write(line + "\n");
     }
-    const std::vector<Radar> radars = display.radars();
-    if (radars.empty()) {
-        std::fprintf(stderr,
-                     stopped ? "radarctl: stopped before a radar was found\n"
-                             : "radarctl: no radar found within %g s\n",
-                     timeout);
-        return kNothingFound;
-    }
-    for (const std::string& line : table(radars))
-        output.write(line + "\n");
-    return kFound;
 }
 
-std::string checkTimeout(const std::string& text) {
-    double seconds = 0;
-    const bool isNumber = CLI::detail::lexical_cast(text, seconds);
-    return isNumber && seconds > 0 && seconds <= 3600 ? ""
-                                                      : "'" + text + "' is no time-out: seconds, up to 3600";
+void printJson(const std::vector<Radar>& radars, unsigned int localIp, const std::string& interface,
+               const Output& output) {
+    nlohmann::ordered_json document = jsonDocument();
+    document["localAddress"] =
+        localIp != 0 ? nlohmann::ordered_json(net::transAddr(localIp)) : nlohmann::ordered_json(nullptr);
+    document["interface"] = interface;
+    document["radars"] = nlohmann::ordered_json::array();
+    for (const Radar& radar : radars)
+        document["radars"].push_back(toJson(radar));
+    output.write(jsonText(document, false));
+}
+
+int list(const Options& options, Output& output) {
+    Search search(options.search);
+    std::vector<Radar> radars;
+    const Search::End end = search.until([&](const std::vector<Radar>& heard) {
+        radars = heard;
+        return !radars.empty();
+    });
+    const unsigned int localIp = search.display().localIp();
+    const std::string interface = net::localIfaName(localIp);
+    if (options.json)
+        printJson(radars, localIp, interface, output);
+    else if (!radars.empty())
+        print(radars, interface, output);
+    if (!radars.empty())
+        return kFound;
+    if (end == Search::End::Stopped)
+        std::fprintf(stderr, "radarctl: stopped before a radar was found\n");
+    else
+        std::fprintf(stderr, "radarctl: no radar found within %g s\n", options.search.timeout);
+    return kNothingFound;
 }
 
 } // namespace
 
 void addList(CLI::App& app, Run& chosen) {
-    const auto timeout =
-        std::make_shared<double>(15); // a search without a configured address takes 6 to 12 seconds
+    const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("list", "Find the radars once and print a table of them");
-    command->add_option("--timeout", *timeout, "Seconds after which to give up (default 15)")
-        ->check(checkTimeout);
+    addSearchOptions(*command, options->search);
+    command->add_flag("--json", options->json, "Print JSON");
     command->callback(
-        [timeout, &chosen] { chosen = [timeout](Output& output) { return list(*timeout, output); }; });
+        [options, &chosen] { chosen = [options](Output& output) { return list(*options, output); }; });
 }

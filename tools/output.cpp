@@ -12,7 +12,21 @@
 #include <cstdlib>
 #include <cstring>
 
-Output::Output(bool verbose) : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+namespace {
+
+bool wantsColor(const std::string& color, int descriptor) {
+    if (color != "auto")
+        return color == "always";
+    const char* noColor = std::getenv("NO_COLOR");
+    const char* terminal = std::getenv("TERM");
+    return (noColor == nullptr || *noColor == '\0') && ::isatty(descriptor) == 1 &&
+           (terminal == nullptr || std::strcmp(terminal, "dumb") != 0);
+}
+
+} // namespace
+
+Output::Output(bool verbose, const std::string& color)
+    : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), m_colored(wantsColor(color, m_descriptor)) {
     std::signal(SIGPIPE, SIG_IGN); // write tells
     const int diagnostics = verbose ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (m_descriptor == -1 || diagnostics == -1 || ::dup2(diagnostics, STDOUT_FILENO) == -1) {
@@ -36,6 +50,13 @@ Output::Size Output::terminalSize() const {
     if (::ioctl(m_descriptor, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
         return {24, 80};
     return {size.ws_row, size.ws_col};
+}
+
+std::string Output::styled(Style style, const std::string& text) const {
+    if (!m_colored)
+        return text;
+    const char* codes[] = {"1", "32", "31", "2"}; // bold, green, red, faint
+    return std::string("\x1b[") + codes[static_cast<int>(style)] + "m" + text + "\x1b[0m";
 }
 
 void Output::write(const std::string& text) const {

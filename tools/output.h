@@ -9,7 +9,8 @@
 class Output {
 public:
     /// @param verbose diagnostics to standard error
-    explicit Output(bool verbose);
+    /// @param color   "always", "never", or "auto": on a terminal, unless NO_COLOR is set
+    Output(bool verbose, const std::string& color);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -22,10 +23,15 @@ public:
     };
     Size terminalSize() const;
 
+    enum class Style { Heading, Good, Bad, Dim };
+    /// @p text in that style, where colour is wanted.
+    std::string styled(Style style, const std::string& text) const;
+
     /// Writes all of @p text. A reader that has gone, or a full disk, ends the process: quietly with status 0
     /// the first, with a line and status 1 the second.
     void write(const std::string& text) const;
 
 private:
     int m_descriptor; // a copy of the real standard output
+    bool m_colored;
 };

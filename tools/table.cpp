@@ -8,6 +8,7 @@
 namespace {
 
 constexpr int kNameWidth = 22;
+constexpr int kInterfaceWidth = 12;
 
 /// Columns that printable text takes.
 int width(const std::string& text) {
@@ -21,10 +22,6 @@ int width(const std::string& text) {
     return columns;
 }
 
-std::string padded(const std::string& text, int columns) {
-    return text + std::string(static_cast<std::size_t>(std::max(1, columns - width(text))), ' ');
-}
-
 template <class... Values>
 std::string format(const char* pattern, Values... values) {
     char text[128];
@@ -32,17 +29,16 @@ std::string format(const char* pattern, Values... values) {
     return text;
 }
 
-std::string orDash(int number) {
-    return number != 0 ? std::to_string(number) : "-";
-}
-
-std::string endpointLine(const char* label, const NetAddress& stream, const NetAddress& control,
-                         const NetAddress& state) {
-    return format("    %-6s%-19scontrol %-19sstate %s", label, endpointText(stream).c_str(),
+std::string endpointLine(std::size_t stream, const char* label, const NetAddress& data,
+                         const NetAddress& control, const NetAddress& state) {
+    return format("  %zu %-6s%-19scontrol %-19sstate %s", stream, label, endpointText(data).c_str(),
                   endpointText(control).c_str(), endpointText(state).c_str());
 }
 
 } // namespace
+
+const std::string kTableHeading =
+    padded("RADAR", kNameWidth) + " ID  STREAMS  " + padded("INTERFACE", kInterfaceWidth);
 
 std::string printable(const std::string& bytes) {
     std::string result;
@@ -63,28 +59,45 @@ std::string printable(const std::string& bytes) {
     return result;
 }
 
+std::string padded(const std::string& text, int columns) {
+    return text + std::string(static_cast<std::size_t>(std::max(1, columns - width(text))), ' ');
+}
+
 std::string endpointText(const NetAddress& endpoint) {
-    return net::transAddr(endpoint.ip) + (":" + std::to_string(net::NtoHs(endpoint.port)));
+    return isTold(endpoint) ? net::transAddr(endpoint.ip) + (":" + std::to_string(net::NtoHs(endpoint.port)))
+                            : "-";
+}
+
+std::string ageText(const std::optional<std::chrono::milliseconds>& age) {
+    return age ? format("%.1f s ago", static_cast<double>(age->count()) / 1000) : "-";
+}
+
+std::string hostIdText(int hostId) {
+    return hostId != 0 ? std::to_string(hostId) : "-";
+}
+
+std::string tableLine(const Radar& radar, const std::string& interface) {
+    return padded(printable(radar.name), kNameWidth) +
+           format("%3s  %7zu  ", hostIdText(radar.hostId).c_str(), radar.streams.size()) +
+           padded(interface, kInterfaceWidth);
+}
+
+std::vector<std::string> endpointLines(const Radar& radar) {
+    std::vector<std::string> lines;
+    for (std::size_t i = 0; i < radar.streams.size(); ++i) {
+        const RadarAddress& record = radar.streams[i];
+        lines.push_back(endpointLine(i, "image", record.imageStream, record.imageCtrl, record.imageState));
+        lines.push_back(endpointLine(i, "ARPA", record.arpaStream, record.arpaCtrl, record.arpaState));
+    }
+    return lines;
 }
 
 std::string summary(const Radar& radar) {
-    return printable(radar.name) + " id " + orDash(radar.hostId) + " streams " + orDash(radar.streams) +
-           " image " + endpointText(radar.endpoints.imageStream) + " " +
-           endpointText(radar.endpoints.imageCtrl) + " " + endpointText(radar.endpoints.imageState) +
-           " ARPA " + endpointText(radar.endpoints.arpaStream) + " " +
-           endpointText(radar.endpoints.arpaCtrl) + " " + endpointText(radar.endpoints.arpaState);
-}
-
-std::vector<std::string> table(const std::vector<Radar>& radars) {
-    std::vector<std::string> lines{padded("RADAR", kNameWidth) + " ID  STREAMS  LAST HEARD"};
-    for (const Radar& radar : radars) {
-        const std::string age =
-            radar.age ? format("%.1f s ago", static_cast<double>(radar.age->count()) / 1000) : "-";
-        lines.push_back(padded(printable(radar.name), kNameWidth) +
-                        format("%3s  %7d  %s", orDash(radar.hostId).c_str(), radar.streams, age.c_str()));
-        const RadarAddress& record = radar.endpoints;
-        lines.push_back(endpointLine("image", record.imageStream, record.imageCtrl, record.imageState));
-        lines.push_back(endpointLine("ARPA", record.arpaStream, record.arpaCtrl, record.arpaState));
-    }
-    return lines;
+    std::string text = printable(radar.name) + " id " + hostIdText(radar.hostId) + " streams " +
+                       std::to_string(radar.streams.size());
+    for (const RadarAddress& record : radar.streams)
+        text += " image " + endpointText(record.imageStream) + " " + endpointText(record.imageCtrl) + " " +
+                endpointText(record.imageState) + " ARPA " + endpointText(record.arpaStream) + " " +
+                endpointText(record.arpaCtrl) + " " + endpointText(record.arpaState);
+    return text;
 }

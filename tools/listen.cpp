@@ -1,0 +1,144 @@
+#include "datagram_counter.h"
+#include "json.h"
+#include "search.h"
+#include "table.h"
+
+#include <algorithm>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Options {
+    SearchOptions search;
+    std::string name;
+    int stream = 0;
+    std::string endpoint = "image";
+    double seconds = 0; // 0: until stopped
+    bool json = false;
+};
+
+RadarEndpoint chosenEndpoint(const Radar& radar, const Options& options) {
+    const std::string name = printable(radar.name);
+    if (options.stream >= static_cast<int>(radar.streams.size()))
+        throw Failure(kNothingFound, name + " has " +
+                                         (radar.streams.size() == 1
+                                              ? "one stream, number 0"
+                                              : "streams 0 to " + std::to_string(radar.streams.size() - 1)));
+    const auto* const known = std::ranges::find(kEndpointNames, options.endpoint, &EndpointName::name);
+    const RadarEndpoint endpoint = radar.streams[static_cast<std::size_t>(options.stream)].*known->endpoint;
+    if (!isTold(endpoint))
+        throw Failure(kNothingFound, name + " does not announce its endpoint " + options.endpoint);
+    if (endpoint.type != 0)
+        throw Failure(kNothingFound, options.endpoint + " of " + name + " is served over TCP (" +
+                                         endpointText(endpoint) + "); only groups can be listened to");
+    return endpoint;
+}
+
+nlohmann::ordered_json toJson(const DatagramCounter::Second& second, bool total) {
+    nlohmann::ordered_json document = jsonDocument();
+    document["total"] = total;
+    document["seconds"] = second.duration.count();
+    document["datagrams"] = second.datagrams;
+    document["bytes"] = second.bytes;
+    document["smallest"] = second.smallest;
+    document["largest"] = second.largest;
+    document["longestGapSeconds"] = second.longestGap.count();
+    document["dropped"] = second.dropped ? nlohmann::ordered_json(*second.dropped) : nlohmann::ordered_json();
+    document["sources"] = nlohmann::ordered_json::array();
+    for (const auto& [source, count] : second.sources)
+        document["sources"].push_back({{"endpoint", source}, {"datagrams", count}});
+    return document;
+}
+
+std::string line(const DatagramCounter::Second& second, const std::string& label) {
+    char text[160];
+    std::snprintf(text, sizeof text, "%-7s%9.0f/s %9.1f kB/s  %5d..%-5d  %7.1f ms  %7s", label.c_str(),
+                  static_cast<double>(second.datagrams) / second.duration.count(),
+                  static_cast<double>(second.bytes) / second.duration.count() / 1000, second.smallest,
+                  second.largest, second.longestGap.count() * 1000,
+                  second.dropped ? std::to_string(*second.dropped).c_str() : "-");
+    std::string result = text;
+    for (const auto& [source, count] : second.sources)
+        result += "  " + source;
+    return result;
+}
+
+int listen(const Options& options, Output& output) {
+    Search search(options.search);
+    const Radar radar = search.find(options.name);
+    const RadarEndpoint endpoint = chosenEndpoint(radar, options);
+    std::fprintf(stderr, "radarctl: listening to %s of %s, stream %d: %s on %s; Ctrl-C ends\n",
+                 options.endpoint.c_str(), printable(radar.name).c_str(), options.stream,
+                 endpointText(endpoint).c_str(), net::localIfaName(search.display().localIp()).c_str());
+    DatagramCounter counter(endpoint, search.display().localIp());
+    if (!options.json)
+        output.write(
+            output.styled(Output::Style::Heading,
+                          "SECOND  DATAGRAMS         BYTES       SIZES  LONGEST GAP  DROPPED  SOURCES") +
+            "\n");
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    const auto end = options.seconds > 0 ? start + std::chrono::duration_cast<Clock::duration>(
+                                                       std::chrono::duration<double>(options.seconds))
+                                         : Clock::time_point::max();
+    bool stopped = false;
+    for (int seconds = 1; !stopped && Clock::now() < end; ++seconds) {
+        const auto until = std::min(start + seconds * Clock::duration(1s), end);
+        while (!stopped && Clock::now() < until)
+            stopped =
+                search.loop().wait(std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now())) ==
+                Loop::Event::Stop;
+        const DatagramCounter::Second second = counter.next();
+        output.write(options.json ? jsonText(toJson(second, false), true)
+                                  : line(second, std::to_string(seconds)) + "\n");
+    }
+    const DatagramCounter::Second total = counter.total();
+    output.write(options.json ? jsonText(toJson(total, true), true) : line(total, "all") + "\n");
+    return total.datagrams > 0 ? kFound : kNothingFound;
+}
+
+std::string checkStream(const std::string& text) {
+    int number = 0;
+    return CLI::detail::lexical_cast(text, number) && number >= 0 && number <= 1
+               ? ""
+               : "'" + text + "' is no stream: 0 or 1";
+}
+
+std::string checkEndpoint(const std::string& text) {
+    std::string names;
+    for (const EndpointName& known : kEndpointNames) {
+        if (text == known.name)
+            return "";
+        names += std::string(names.empty() ? "" : ", ") + known.name;
+    }
+    return "'" + text + "' is no endpoint: " + names;
+}
+
+} // namespace
+
+void addListen(CLI::App& app, Run& chosen) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("listen", "Join an endpoint of a radar and show, second by second, what arrives");
+    command->add_option("name", options->name, "The radar's name as list prints it")
+        ->required()
+        ->type_name("NAME");
+    command->add_option("stream", options->stream, "The stream's number, from 0")
+        ->required()
+        ->check(checkStream)
+        ->type_name("STREAM");
+    command
+        ->add_option(
+            "--endpoint", options->endpoint,
+            "image (default), image-control, image-state, arpa, arpa-control, arpa-state or original")
+        ->check(checkEndpoint)
+        ->type_name("ENDPOINT");
+    command->add_option("--seconds", options->seconds, "End after so many seconds")
+        ->check(checkSeconds(0.1, "duration"))
+        ->type_name("S");
+    addSearchOptions(*command, options->search);
+    command->add_flag("--json", options->json, "Print each second, and the total, as a line of JSON");
+    command->callback(
+        [options, &chosen] { chosen = [options](Output& output) { return listen(*options, output); }; });
+}

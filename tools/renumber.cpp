@@ -1,0 +1,46 @@
+#include "search.h"
+#include "table.h"
+
+namespace {
+
+struct Options {
+    SearchOptions search;
+    std::string name;
+};
+
+int renumber(const Options& options, Output& output) {
+    Search search(options.search);
+    const Radar before = search.find(options.name);
+    const std::string name = printable(before.name);
+    if (before.hostId == 0)
+        throw Failure(kNothingFound, name + " is not in the plan of host ids, so there is none to object to");
+    MultiRadarClient::getInstance()->queryForAdjust(before.name.c_str());
+    const std::string id = std::to_string(before.hostId);
+    output.write("sent an objection to host id " + id + " to 236.6.7.4:6768 on " +
+                 net::transAddr(search.display().localIp()) + "; waiting for " + name +
+                 " to negotiate another\n");
+    int held = before.hostId;
+    const Search::End end = search.until([&](const std::vector<Radar>& radars) {
+        for (const Radar& radar : radars)
+            if (radar.name == before.name)
+                held = radar.hostId;
+        return held != before.hostId;
+    });
+    if (end != Search::End::Enough)
+        throw Failure(kNothingFound, name + " still announces host id " + id);
+    output.write(name + " now has host id " + std::to_string(held) + "\n");
+    return kFound;
+}
+
+} // namespace
+
+void addRenumber(CLI::App& app, Run& chosen) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("renumber", "Make a radar's host negotiate another host id");
+    command->add_option("name", options->name, "The radar's name as list prints it")
+        ->required()
+        ->type_name("NAME");
+    addSearchOptions(*command, options->search);
+    command->callback(
+        [options, &chosen] { chosen = [options](Output& output) { return renumber(*options, output); }; });
+}

@@ -1,0 +1,137 @@
+#include "search.h"
+
+#include "progress.h"
+#include "table.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kAnswerTime = 1s; // every host answers in milliseconds
+constexpr auto kPoll = 50ms;
+
+std::string checkAddress(const std::string& text) {
+    return CLI::ValidIPV4(text).empty() ? "" : "'" + text + "' is no IPv4 address";
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
+void requireSockets() {
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (socket == -1)
+        throw Failure(kNotAllowed,
+                      std::string("this computer allows no UDP socket: ") + std::strerror(errno));
+    ::close(socket);
+}
+
+unsigned int checkedLocalAddress(const LocalOptions& options) {
+    requireSockets();
+    return localAddress(options);
+}
+
+} // namespace
+
+std::function<std::string(const std::string&)> checkSeconds(double least, const std::string& what) {
+    return [=](const std::string& text) {
+        double seconds = 0;
+        const bool isNumber = CLI::detail::lexical_cast(text, seconds);
+        return isNumber && seconds >= least && seconds <= 3600
+                   ? ""
+                   : "'" + text + "' is no " + what + ": seconds, up to 3600";
+    };
+}
+
+void addLocalOptions(CLI::App& command, LocalOptions& options) {
+    CLI::Option* address = command
+                               .add_option("--local", options.address,
+                                           "The local address that leads to the radars, instead of a search")
+                               ->check(checkAddress)
+                               ->type_name("IP");
+    command
+        .add_option("--interface", options.interface,
+                    "The interface that leads to the radars, instead of a search")
+        ->excludes(address)
+        ->type_name("NAME");
+}
+
+unsigned int localAddress(const LocalOptions& options) {
+    if (options.address.empty() && options.interface.empty())
+        return 0;
+    std::vector<std::string> present;
+    for (const auto& [address, interface] : net::localNetworkInterfaces()) {
+        if (interface.ip == options.address || interface.name == options.interface)
+            return address;
+        present.push_back(options.address.empty() ? interface.name : interface.ip);
+    }
+    if (options.address.empty())
+        throw Failure(kUsage, "no interface \"" + printable(options.interface) +
+                                  "\" with an IPv4 address; there are: " + joined(present));
+    throw Failure(kUsage, options.address + " is no address of this computer; it has: " + joined(present));
+}
+
+void addSearchOptions(CLI::App& command, SearchOptions& options) {
+    addLocalOptions(command, options.local);
+    command.add_option("--timeout", options.timeout, "Seconds after which to give up (default 15)")
+        ->check(checkSeconds(0.1, "time-out"))
+        ->type_name("S");
+}
+
+Search::Search(const SearchOptions& options)
+    : m_display(checkedLocalAddress(options.local)), m_timeout(options.timeout) {}
+
+Search::End Search::until(const std::function<bool(const std::vector<Radar>&)>& enough) {
+    const auto deadline =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_timeout));
+    Progress progress(deadline);
+    auto answered = Clock::time_point::max();
+    while (Clock::now() < deadline) {
+        progress.show(m_display.localIp());
+        if (m_display.localIp() != 0 && answered == Clock::time_point::max()) {
+            m_display.query();
+            answered = Clock::now() + kAnswerTime;
+        }
+        if (m_loop.wait(kPoll) == Loop::Event::Stop)
+            return End::Stopped;
+        if (Clock::now() < answered)
+            continue;
+        if (enough(m_display.radars()))
+            return End::Enough;
+        answered = Clock::time_point::max();
+    }
+    return enough(m_display.radars()) ? End::Enough : End::TimedOut;
+}
+
+Radar Search::find(const std::string& name) {
+    Radar found;
+    std::vector<std::string> names;
+    const End end = until([&](const std::vector<Radar>& radars) {
+        names.clear();
+        for (const Radar& radar : radars) {
+            names.push_back(printable(radar.name));
+            if (radar.name == name || printable(radar.name) == name)
+                found = radar;
+        }
+        return !found.streams.empty();
+    });
+    if (end == End::Enough)
+        return found;
+    if (end == End::Stopped)
+        throw Failure(kNothingFound, "stopped before the radar was found");
+    throw Failure(kNothingFound, "no radar \"" + printable(name) + "\"; " +
+                                     (names.empty() ? "none was found (see radarctl doctor)"
+                                                    : "there are: " + joined(names)));
+}

@@ -1,0 +1,67 @@
+#include "json.h"
+#include "search.h"
+#include "table.h"
+
+namespace {
+
+struct Options {
+    SearchOptions search;
+    std::string name;
+    bool json = false;
+};
+
+void print(const Radar& radar, const std::string& localAddress, const Output& output) {
+    output.write(output.styled(Output::Style::Heading, printable(radar.name)) + "\n");
+    output.write("host id             " + hostIdText(radar.hostId) + "\n");
+    output.write("announced from      " + (radar.source.empty() ? "-" : radar.source) + ", " +
+                 ageText(radar.age) + "\n");
+    output.write(
+        "own address         " +
+        (radar.streams[0].head == 0 ? "not announced" : std::string(net::transAddr(radar.streams[0].head))) +
+        "\n");
+    output.write("heard on            " + localAddress + "\n");
+    for (std::size_t i = 0; i < radar.streams.size(); ++i) {
+        const RadarAddress& record = radar.streams[i];
+        output.write(output.styled(Output::Style::Heading, "stream " + std::to_string(i)) +
+                     (record.isMulti != 0 ? ", dedicated number " + std::to_string(record.multiNum) : "") +
+                     "\n");
+        for (const EndpointName& name : kEndpointNames) {
+            const RadarEndpoint& endpoint = record.*name.endpoint;
+            output.write("  " + padded(name.name, 18) + padded(endpointText(endpoint), 22) +
+                         (isTold(endpoint) ? kindText(endpoint.type) : "not announced") + "\n");
+        }
+        for (std::size_t device = 0; device < InfoDeviceEndpoints::size(); ++device)
+            if (isTold(record.infoDev[device]))
+                output.write("  " + padded("information " + std::to_string(device), 18) +
+                             padded(endpointText(record.infoDev[device]), 22) + "udp\n");
+    }
+}
+
+int show(const Options& options, Output& output) {
+    Search search(options.search);
+    const Radar radar = search.find(options.name);
+    const std::string localAddress = net::transAddr(search.display().localIp());
+    if (options.json) {
+        nlohmann::ordered_json document = jsonDocument();
+        document["localAddress"] = localAddress;
+        document["radar"] = toJson(radar);
+        output.write(jsonText(document, false));
+    } else {
+        print(radar, localAddress, output);
+    }
+    return kFound;
+}
+
+} // namespace
+
+void addShow(CLI::App& app, Run& chosen) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("show", "Print every endpoint of every stream of one radar");
+    command->add_option("name", options->name, "The radar's name as list prints it")
+        ->required()
+        ->type_name("NAME");
+    addSearchOptions(*command, options->search);
+    command->add_flag("--json", options->json, "Print JSON");
+    command->callback(
+        [options, &chosen] { chosen = [options](Output& output) { return show(*options, output); }; });
+}
