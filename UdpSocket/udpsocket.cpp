@@ -5,6 +5,7 @@
 #include <UdpSocket/detail/profile.h>
 #include <UdpSocket/detail/shell_text.h>
 #include <UdpSocket/detail/socket_error.h>
+#include <UdpSocket/detail/source_text.h>
 #include <UdpSocket/detail/thread.h>
 #include <UdpSocket/detail/udp_checker.h>
 #include <UdpSocket/detail/udp_receiver.h>
@@ -158,11 +159,12 @@ void UdpSocketPrivate::SetGroupRecvSockAddr(unsigned int localIp, const char* gr
 void UdpSocketPrivate::launchThread() {
     m_thread = detail::startThread([this] {
         sockaddr_in source{};
+        detail::SourceText sourceText;
         while (m_running) {
             errno = 0; // an empty datagram is reported with code 0
             const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
             if (count > 0)
-                m_listener->OnUdpGroupDataReceived(::inet_ntoa(source.sin_addr), ntohs(source.sin_port),
+                m_listener->OnUdpGroupDataReceived(sourceText.of(source.sin_addr), ntohs(source.sin_port),
                                                    m_group.c_str(), m_port, m_buffer.get(),
                                                    static_cast<int>(count));
             else if (m_running && errno != EAGAIN)
@@ -367,10 +369,11 @@ void UdpReceiverPrivate::pinToInterface(SourceSite site) {
 
 void UdpReceiverPrivate::recvThread() {
     sockaddr_in source{};
+    detail::SourceText sourceText;
     while (m_running) {
         const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
         if (count > 0 && m_listener != nullptr)
-            m_listener->OnUdpGroupDataReceived(::inet_ntoa(source.sin_addr), ntohs(source.sin_port),
+            m_listener->OnUdpGroupDataReceived(sourceText.of(source.sin_addr), ntohs(source.sin_port),
                                                m_address.c_str(), m_port, m_buffer.get(),
                                                static_cast<int>(count));
         else if (count < 0 && errno != EAGAIN)

@@ -1,8 +1,13 @@
 #include "profile_directory.h"
+#include "wait.h"
 
 #include <IniProfile/iniprofile.h>
+#include <UdpSocket/detail/descriptor.h>
 
 #include <gmock/gmock.h>
+
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
@@ -119,6 +124,25 @@ TEST_F(Profile, FileIsInTheNamedDirectoryOrInTheCurrentOneUnlessItsPathIsAbsolut
     ::unsetenv("INIPROFILE_DIR");
     EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, "current.ini"), "current");
     std::filesystem::current_path("/");
+}
+
+TEST_F(Profile, IsReadAgainExactlyWhenItsFileHasChanged) {
+    write("[Local]\nIP = old\n");
+    const net::detail::Descriptor reads(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_NE(::inotify_add_watch(reads.get(), (path() / "profile.ini").c_str(), IN_OPEN), -1);
+    const auto wasOpened = [&] {
+        char events[4096];
+        return ::read(reads.get(), events, sizeof events) > 0;
+    };
+    // A file that has just been written may be written again without a sign of it, so it is read each time.
+    EXPECT_EQ(textOf("Local", "IP"), "old");
+    EXPECT_TRUE(wasOpened());
+    EXPECT_TRUE(comesTrue([&] { return textOf("Local", "IP") == "old" && !wasOpened(); }));
+    write("[Local]\nIP = new\n", "other.ini");
+    std::filesystem::rename(path() / "other.ini", path() / "profile.ini");
+    EXPECT_EQ(textOf("Local", "IP"), "new");
+    std::filesystem::remove(path() / "profile.ini");
+    EXPECT_EQ(textOf("Local", "IP"), "default");
 }
 
 TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndStandsInTheManual) {

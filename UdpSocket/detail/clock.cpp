@@ -8,7 +8,9 @@ namespace net::detail {
 namespace {
 
 std::int64_t systemClock() {
-    return std::time(nullptr);
+    std::timespec time{};
+    ::clock_gettime(CLOCK_BOOTTIME, &time); // cannot fail
+    return time.tv_sec;
 }
 
 std::atomic<std::int64_t (*)()> s_clock = &systemClock;
@@ -17,6 +19,10 @@ std::atomic<std::int64_t (*)()> s_clock = &systemClock;
 
 std::int64_t now() {
     return s_clock.load()();
+}
+
+std::int64_t wallClockAt(std::int64_t moment) {
+    return s_clock.load() == &systemClock ? moment + std::time(nullptr) - systemClock() : moment;
 }
 
 void setClock(std::int64_t (*clock)()) {

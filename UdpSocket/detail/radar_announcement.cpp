@@ -18,10 +18,24 @@ std::uint32_t readAddress(std::string_view datagram, const wire::Field& field) {
     return address;
 }
 
-std::string readName(std::string_view datagram) {
-    const std::string_view field = datagram.substr(wire::kName.offset, wire::kName.width);
-    return std::string(field.substr(0, field.find('\0')));
-}
+/// A radar's name as the table lists it.
+class Name {
+public:
+    explicit Name(std::string_view datagram) {
+        const std::string_view field = datagram.substr(wire::kName.offset, wire::kName.width);
+        m_length = field.substr(0, field.find('\0')).copy(m_text, wire::kName.width);
+    }
+    const char* plain() { return with(""); }
+    const char* with(std::string_view suffix) {
+        m_text[m_length + suffix.copy(m_text + m_length, kLongestSuffix)] = '\0';
+        return m_text;
+    }
+
+private:
+    static constexpr std::size_t kLongestSuffix = 5; // ":User"
+    char m_text[wire::kName.width + kLongestSuffix + 1];
+    std::size_t m_length;
+};
 
 /// The record of the first stream, every endpoint UDP; what the address plan adds is left zero.
 RadarAddress readStandardRecord(std::string_view datagram, const wire::Layout& layout) {
@@ -81,18 +95,18 @@ void MultiRadarClientPrivate::OnUdpGroupDataReceived(const char*, int, const cha
 }
 
 void MultiRadarClientPrivate::onShortAnnouncement(std::string_view datagram) {
-    updateHostInfo(readName(datagram).c_str(), readStandardRecord(datagram, wire::kShortAnnouncement));
+    updateHostInfo(Name(datagram).plain(), readStandardRecord(datagram, wire::kShortAnnouncement));
 }
 
 void MultiRadarClientPrivate::onLongAnnouncement(std::string_view datagram) {
-    const std::string name = readName(datagram);
+    Name name(datagram);
     const bool extended = wire::byteAt(datagram, wire::kExtended) == 1;
     const bool userValid = extended && wire::byteAt(datagram, wire::kUserValid) != 0;
     RadarAddress record = readStandardRecord(datagram, wire::kLongAnnouncement);
     fillFromPlan(record);
     if (userValid)
         replaceByUserEndpoints(record, datagram);
-    updateHostInfo((userValid ? name + ":User" : name).c_str(), record);
+    updateHostInfo(userValid ? name.with(":User") : name.plain(), record);
 
     const bool wantsTcp = net::detail::profileFlag("Radar", "TCPService", "");
     if (!extended || !wantsTcp)
@@ -102,7 +116,7 @@ void MultiRadarClientPrivate::onLongAnnouncement(std::string_view datagram) {
         RadarAddress tcp = plan::dedicatedRecord(wire::byteAt(datagram, wire::kRadarNumber));
         tcp.head = record.head;
         replaceByTcpEndpoints(tcp, datagram);
-        updateHostInfo((name + ":TCP").c_str(), tcp);
+        updateHostInfo(name.with(":TCP"), tcp);
         sendToRadars(wire::kTcpWanted);
     } else if (offered == 0) {
         sendToRadars(wire::kTcpUnwanted);

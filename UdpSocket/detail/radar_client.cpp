@@ -11,8 +11,8 @@ namespace {
 
 constexpr std::int64_t kSilence = 8; // seconds after which a radar that has not been heard leaves the table
 
-std::string clockText(std::int64_t time) {
-    const std::time_t seconds = time;
+std::string clockText(std::int64_t moment) {
+    const std::time_t seconds = net::detail::wallClockAt(moment);
     std::tm local{};
     localtime_r(&seconds, &local);
     char text[32];
@@ -102,12 +102,16 @@ void MultiRadarClientPrivate::removeSilentRadars() {
 }
 
 void MultiRadarClientPrivate::updateHostInfo(const char* name, const RadarAddress& addr) {
-    const std::string key = name;
-    if (m_radarIp != 0 && key.find("TCP") == std::string::npos)
+    if (m_radarIp != 0 && std::string_view(name).find("TCP") == std::string_view::npos)
         return;
     {
         std::lock_guard lock(m_mutex);
-        m_radars[key] = {std::string(reinterpret_cast<const char*>(&addr), sizeof addr), net::detail::now()};
+        auto found = m_radars.find(std::string_view(name));
+        if (found == m_radars.end())
+            found = m_radars.try_emplace(name).first;
+        Entry& entry = found->second; // what it holds already is written over, without the heap
+        entry.records.assign(reinterpret_cast<const char*>(&addr), sizeof addr);
+        entry.lastSeen = net::detail::now();
     }
     for (iRadarObserver* observer : m_radarObservers)
         observer->OnRadarUpdated(name, &addr);

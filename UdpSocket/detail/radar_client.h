@@ -9,6 +9,7 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -69,7 +70,7 @@ public:
 private:
     struct Entry {
         std::string records;   // RadarAddress records back to back
-        std::int64_t lastSeen; // seconds since the epoch
+        std::int64_t lastSeen; // seconds of net::detail::now()
     };
 
     void onLongAnnouncement(std::string_view datagram);
@@ -100,8 +101,8 @@ private:
 
     std::list<iRadarObserver*> m_radarObservers; // not owned
 
-    mutable std::mutex m_mutex; // guards m_radars
-    std::map<std::string, Entry> m_radars;
+    mutable std::mutex m_mutex;                         // guards m_radars
+    std::map<std::string, Entry, std::less<>> m_radars; // looked up without making a string
 
     std::unique_ptr<MultiRadarCheckerPrivate> m_checker;
 };

@@ -66,7 +66,7 @@ const RadarAddress* MultiRadarClientPrivate::getAddress(const char* name, int st
     if (isDefault(name) || stream == kDefaultRecordStream)
         return &announceDefaultRecord();
     std::lock_guard lock(m_mutex);
-    const auto found = m_radars.find(name);
+    const auto found = m_radars.find(std::string_view(name));
     if (found == m_radars.end())
         return nullptr;
     std::lock_guard lookup(s_lookupMutex);
@@ -84,7 +84,7 @@ const RadarAddress* MultiRadarClientPrivate::getAddress(const char* name, int st
 
 int MultiRadarClientPrivate::getRadarStreamCount(const char* name) const {
     std::lock_guard lock(m_mutex);
-    const auto found = m_radars.find(name);
+    const auto found = m_radars.find(std::string_view(name));
     return found == m_radars.end() ? 0
                                    : static_cast<int>(found->second.records.size() / sizeof(RadarAddress));
 }
@@ -95,7 +95,7 @@ void MultiRadarClientPrivate::queryForAdjust(const char* name) {
         first = announceDefaultRecord();
     } else {
         std::lock_guard lock(m_mutex);
-        const auto found = m_radars.find(name);
+        const auto found = m_radars.find(std::string_view(name));
         if (found == m_radars.end()) {
             std::printf("%s: donot find radar[%s]\n", __func__, name);
             return;

@@ -242,28 +242,40 @@ int TcpServerPrivate::closeClient(int fd) {
 
 // ----------------------------------------------------------------------------------------------- sending
 
-void TcpServerPrivate::sendToAll(const std::function<ssize_t(const detail::Descriptor&)>& send,
-                                 const detail::SourceSite& site) {
+void TcpServerPrivate::sendToAll(std::size_t length, const Send& send, const detail::SourceSite& site) {
     std::vector<ClientPtr> clients;
     {
         std::lock_guard lock(m_clientsMutex);
         for (const auto& [fd, client] : m_clients)
             clients.push_back(client);
     }
+    const auto tell = [&site](const Client& client, ssize_t sent) {
+        if (sent < 0)
+            detail::reportSocketError(site, client.server.address.c_str(), client.server.port, "send");
+        else if (sent == 0)
+            std::printf("Server send 0Byte\n");
+    };
+    // First to each what the system takes at once; a thread only for who would have to be waited for.
     std::vector<std::thread> threads;
-    threads.reserve(clients.size());
+    std::vector<std::pair<ClientPtr, std::size_t>> waiting; // with the bytes sent so far
     for (const ClientPtr& client : clients) {
-        const auto sendToOne = [&send, &site, &client] {
-            const ssize_t sent = send(client->socket);
-            if (sent < 0)
-                detail::reportSocketError(site, client->server.address.c_str(), client->server.port, "send");
-            else if (sent == 0)
-                std::printf("Server send 0Byte\n");
+        const ssize_t sent = send(client->socket, MSG_DONTWAIT, 0);
+        if (sent < 0 ? errno == EAGAIN : static_cast<std::size_t>(sent) < length)
+            waiting.emplace_back(client, std::max<ssize_t>(sent, 0));
+        else
+            tell(*client, sent);
+    }
+    threads.reserve(waiting.size());
+    for (const auto& [client, begun] : waiting) {
+        const auto sendRest = [&send, &tell, &client = client, begun = begun] {
+            const ssize_t sent = send(client->socket, 0, begun);
+            if (begun == 0) // else the send as a whole has been a short one, which is no error
+                tell(*client, sent);
         };
         try {
-            threads.push_back(detail::startThread(sendToOne));
+            threads.push_back(detail::startThread(sendRest));
         } catch (const std::system_error&) { // no thread to be had
-            sendToOne();
+            sendRest();
         }
     }
     for (std::thread& thread : threads)
@@ -271,13 +283,24 @@ void TcpServerPrivate::sendToAll(const std::function<ssize_t(const detail::Descr
 }
 
 void TcpServerPrivate::sendData(const char* data, unsigned int len) {
-    sendToAll([=](const detail::Descriptor& socket) { return detail::sendBytes(socket, data, len); },
-              tcp_site::kServerSend);
+    sendToAll(
+        len,
+        [=](const detail::Descriptor& socket, int flags, std::size_t skipped) {
+            return detail::sendBytes(socket, data + skipped, len - skipped, flags);
+        },
+        tcp_site::kServerSend);
 }
 
 void TcpServerPrivate::sendMultipleDatas(const detail::Parts& parts) {
-    sendToAll([&](const detail::Descriptor& socket) { return detail::sendParts(socket, parts); },
-              tcp_site::kServerSendParts);
+    std::size_t length = 0;
+    for (const auto& [data, size] : parts)
+        length += static_cast<std::size_t>(size);
+    sendToAll(
+        length,
+        [&](const detail::Descriptor& socket, int flags, std::size_t skipped) {
+            return detail::sendParts(socket, parts, flags, skipped);
+        },
+        tcp_site::kServerSendParts);
 }
 
 bool TcpServerPrivate::sendData(int fd, const char* data, unsigned int len) {

@@ -29,9 +29,10 @@ namespace net {
 /// may use it.
 ///
 /// Threads, all from connect to disconnect: the accept thread, one receive thread a client, and the clean-up
-/// thread, which joins receive threads whose client has gone. Sends to all have one thread a client, joined
-/// before they return. Life cycle: disconnect shuts the sockets, which wakes the threads, and joins them.
-/// Errors: as TcpServer says; a client that the system refuses memory or a thread for is dropped.
+/// thread, which joins receive threads whose client has gone. Sends to all have one thread for each client
+/// that does not take everything at once, joined before they return. Life cycle: disconnect shuts the
+/// sockets, which wakes the threads, and joins them. Errors: as TcpServer says; a client that the system
+/// refuses memory or a thread for is dropped.
 class TcpServerPrivate {
 public:
     explicit TcpServerPrivate(iTcpDataListener* listener) : m_listener(listener) {}
@@ -74,8 +75,10 @@ private:
     void receiveThread(const ClientPtr& client, char* buffer);
     void dismiss(const ClientPtr& client);
     void cleanUpThread();
-    void sendToAll(const std::function<ssize_t(const detail::Descriptor&)>& send,
-                   const detail::SourceSite& site);
+    /// Sends what comes behind the first so many bytes of a message, with further flags of send().
+    using Send = std::function<ssize_t(const detail::Descriptor&, int flags, std::size_t skipped)>;
+    /// @param length of the whole message
+    void sendToAll(std::size_t length, const Send& send, const detail::SourceSite& site);
 
     iTcpDataListener* const m_listener;
     std::atomic<bool> m_running = false;

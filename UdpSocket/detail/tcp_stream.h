@@ -28,10 +28,12 @@ inline sockaddr_in tcpAddress(in_addr_t address, unsigned short port) {
 }
 
 /// send() that never raises SIGPIPE. A result of 0 leaves errno 0.
-ssize_t sendBytes(const Descriptor& socket, const char* data, std::size_t length);
+/// @param flags more of its flags
+ssize_t sendBytes(const Descriptor& socket, const char* data, std::size_t length, int flags = 0);
 
 /// The same for several pieces in order, as writev takes and refuses them.
-ssize_t sendParts(const Descriptor& socket, const Parts& parts);
+/// @param skipped that many bytes at the front are left out
+ssize_t sendParts(const Descriptor& socket, const Parts& parts, int flags = 0, std::size_t skipped = 0);
 
 /// Ends a connection for both sides at once and wakes every thread that is blocked on it. The number stays
 /// taken until its owners let go of it.
