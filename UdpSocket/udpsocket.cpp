@@ -32,7 +32,9 @@ using detail::SourceSite;
 
 constexpr timeval kSocketTimeOut{2, 0};        // UdpSocket: how often its thread looks at the running flag
 constexpr timeval kReceiverTimeOut{0, 500000}; // UdpReceiver: the same
-constexpr int kReceiveBufferFactor = 10;       // waiting datagrams of full size that a receiver asks room for
+constexpr auto kSilence = std::chrono::milliseconds(500); // the same without a socket
+constexpr auto kMendPeriod = std::chrono::seconds(2); // how soon a receiver notices that its interface is new
+constexpr int kReceiveBufferFactor = 10; // waiting datagrams of full size that a receiver asks room for
 
 sockaddr_in endpoint(in_addr_t address, unsigned short port) {
     sockaddr_in result{};
@@ -157,7 +159,7 @@ void UdpSocketPrivate::SetGroupRecvSockAddr(unsigned int localIp, const char* gr
 }
 
 void UdpSocketPrivate::launchThread() {
-    m_thread = detail::startThread([this] {
+    const bool launched = detail::launchThread(m_thread, [this] {
         sockaddr_in source{};
         detail::SourceText sourceText;
         while (m_running) {
@@ -171,6 +173,8 @@ void UdpSocketPrivate::launchThread() {
                 report("recvfrom");
         }
     });
+    if (!launched)
+        report("thread");
 }
 
 int UdpSocketPrivate::SendData(const char* data, int length) const {
@@ -216,12 +220,16 @@ private:
         detail::reportSocketError(site, m_address.c_str(), m_port, call);
     }
 
+    bool setInterface() const;
+    bool takesUpInterface() const;
+
     const std::string m_address;
     const unsigned short m_port;      // host order
     const unsigned short m_localPort; // host order
     Descriptor m_socket;
     sockaddr_in m_destination{};
     sockaddr_in m_local{};
+    mutable std::atomic<bool> m_interfaceSet = true;
 };
 
 UdpSenderPrivate::UdpSenderPrivate(const char* address, unsigned short port, unsigned int localIp,
@@ -238,21 +246,43 @@ UdpSenderPrivate::UdpSenderPrivate(const char* address, unsigned short port, uns
     const Kind kind = kindOf(m_address);
     if (kind == Kind::Broadcast && !setOption(m_socket, SOL_SOCKET, SO_BROADCAST, 1))
         report("setsockopt::SO_BROADCAST");
-    if (kind == Kind::Multicast &&
-        !setOption(m_socket, IPPROTO_IP, IP_MULTICAST_IF, membership(m_destination.sin_addr.s_addr, localIp)))
+    m_local = endpoint(localIp, m_localPort);
+    m_interfaceSet = kind != Kind::Multicast || setInterface();
+    if (!m_interfaceSet)
         report("setsockopt::IP_MULTICAST_IF");
     const int loop = detail::profileFlag("Local", "MulticastLoop", "false") ? 1 : 0;
     if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, loop))
         report("setsockopt::IP_MULTICAST_LOOP");
-    m_local = endpoint(localIp, m_localPort);
     if (!bindTo(m_socket, m_local))
         report("bind");
+}
+
+bool UdpSenderPrivate::setInterface() const {
+    return setOption(m_socket, IPPROTO_IP, IP_MULTICAST_IF,
+                     membership(m_destination.sin_addr.s_addr, m_local.sin_addr.s_addr));
+}
+
+/// A sender to a group goes through the interface that carried its address when it was made. Where there was
+/// none yet, or another has taken its place, it would fail for good.
+bool UdpSenderPrivate::takesUpInterface() const {
+    const int code = errno;
+    if (kindOf(m_address) != Kind::Multicast || !setInterface()) {
+        errno = code;
+        return false;
+    }
+    if (!m_interfaceSet.exchange(true))
+        bindTo(m_socket, m_local); // refused where the system has chosen a port meanwhile
+    return true;
 }
 
 int UdpSenderPrivate::sendData(const char* data, int length) const {
     if (!m_socket.isOpen())
         return -1;
-    const auto sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
+    if (!m_interfaceSet)
+        takesUpInterface();
+    auto sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
+    if (sent == -1 && errno == ENODEV && takesUpInterface())
+        sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
     if (sent != length)
         report("sendto");
     return sent;
@@ -271,8 +301,14 @@ int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*,
         header.msg_iov = &buffers[i];
         header.msg_iovlen = 1;
     }
-    const int sent =
-        ::sendmmsg(m_socket.get(), messages.data(), static_cast<unsigned int>(messages.size()), 0);
+    if (!m_interfaceSet)
+        takesUpInterface();
+    const auto send = [&] {
+        return ::sendmmsg(m_socket.get(), messages.data(), static_cast<unsigned int>(messages.size()), 0);
+    };
+    int sent = send();
+    if (sent == -1 && errno == ENODEV && takesUpInterface())
+        sent = send();
     if (sent == -1)
         report("sendmmsg");
     return sent;
@@ -311,38 +347,20 @@ void UdpSender::notifyForQuit() {}
 
 UdpReceiverPrivate::UdpReceiverPrivate(iUdpDataListener* listener, unsigned int localIp, const char* address,
                                        unsigned short port, int bufferSize)
-    : m_address(address), m_port(port), m_localIp(localIp),
-      m_socket(detail::openSocket(SOCK_DGRAM, IPPROTO_UDP)), m_listener(listener), m_bufferSize(bufferSize),
-      m_buffer(new char[static_cast<size_t>(bufferSize)]) {
-    if (!m_socket.isOpen()) {
-        report("socket");
-        return;
-    }
-    if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
-        report("setsockopt::SO_REUSEADDR");
-    if (!setOption(m_socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferFactor * bufferSize))
-        report("setsockopt::SO_RCVBUF");
-    const in_addr_t listened = ::inet_addr(m_address.c_str());
-    if (!bindTo(m_socket, endpoint(listened, port))) {
-        report("bind");
-        return;
-    }
-    const Kind kind = kindOf(m_address);
-    if (kind == Kind::Broadcast && !setOption(m_socket, SOL_SOCKET, SO_BROADCAST, 1))
-        report("setsockopt::SO_BROADCAST");
-    if (kind == Kind::Multicast &&
-        !setOption(m_socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(listened, localIp)))
-        report("setsockopt::IP_ADD_MEMBERSHIP");
-    pinToInterface(SourceSite::here());
-    if (!setOption(m_socket, SOL_SOCKET, SO_RCVTIMEO, kReceiverTimeOut))
-        report("setsockopt::SO_RCVTIMEO");
-    m_running = true;
-    m_thread = detail::startThread([this] { recvThread(); });
+    : m_address(address), m_port(port), m_localIp(localIp), m_listened(::inet_addr(address)),
+      m_listener(listener), m_bufferSize(bufferSize), m_buffer(new char[static_cast<size_t>(bufferSize)]) {
+    setUp(true);
+    if (!detail::launchThread(m_thread, [this] { recvThread(); }))
+        report("thread");
 }
 
 UdpReceiverPrivate::~UdpReceiverPrivate() {
     m_running = false;
-    m_socket.wakeReader();
+    m_ending.stop();
+    {
+        std::lock_guard lock(m_socketMutex);
+        m_socket.wakeReader();
+    }
     if (m_thread.joinable())
         m_thread.join();
 }
@@ -351,14 +369,52 @@ void UdpReceiverPrivate::report(const char* call, SourceSite site) const {
     detail::reportSocketError(site, m_address.c_str(), m_port, call);
 }
 
-void UdpReceiverPrivate::pinToInterface(SourceSite site) {
+/// Reports of the set-up name the constructor, which readers of logs know, also when the thread repeats it.
+void UdpReceiverPrivate::report(bool wanted, const char* call, int line) const {
+    if (wanted)
+        report(call, {"UdpSocket/udpsocket.cpp", "UdpReceiverPrivate", line});
+}
+
+void UdpReceiverPrivate::setUp(bool reporting) {
+    Descriptor socket = detail::openSocket(SOCK_DGRAM, IPPROTO_UDP);
+    if (!socket.isOpen()) {
+        report(reporting, "socket");
+        return;
+    }
+    if (!setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1))
+        report(reporting, "setsockopt::SO_REUSEADDR");
+    if (!setOption(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferFactor * m_bufferSize))
+        report(reporting, "setsockopt::SO_RCVBUF");
+    if (!bindTo(socket, endpoint(m_listened, m_port))) {
+        report(reporting, "bind");
+        return;
+    }
+    const Kind kind = kindOf(m_address);
+    if (kind == Kind::Broadcast && !setOption(socket, SOL_SOCKET, SO_BROADCAST, 1))
+        report(reporting, "setsockopt::SO_BROADCAST");
+    m_interface = detail::interfaceIndex(m_localIp, m_listened);
+    m_joined = kind != Kind::Multicast ||
+               setOption(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(m_listened, m_localIp));
+    if (!m_joined)
+        report(reporting, "setsockopt::IP_ADD_MEMBERSHIP");
+    pinToInterface(socket, reporting);
+    if (!setOption(socket, SOL_SOCKET, SO_RCVTIMEO, kReceiverTimeOut))
+        report(reporting, "setsockopt::SO_RCVTIMEO");
+
+    std::lock_guard lock(m_socketMutex);
+    if (m_wantedBuffer != 0 && !setOption(socket, SOL_SOCKET, SO_RCVBUF, m_wantedBuffer))
+        report(reporting, "setsockopt::SO_RCVBUF");
+    m_socket = std::move(socket);
+}
+
+void UdpReceiverPrivate::pinToInterface(const Descriptor& socket, bool reporting) {
     const std::string name = localIfaName(m_localIp);
     if (name.empty())
         return;
     ifreq request{};
     detail::deviceName(name).copy(request.ifr_name, sizeof request.ifr_name - 1);
-    if (!setOption(m_socket, SOL_SOCKET, SO_BINDTODEVICE, request))
-        report("setsockopt::SO_BINDTODEVICE", site);
+    if (!setOption(socket, SOL_SOCKET, SO_BINDTODEVICE, request))
+        report(reporting, "setsockopt::SO_BINDTODEVICE");
 
     if (!detail::isDottedQuad(m_address) || !detail::isInterfaceName(name))
         return;
@@ -368,22 +424,54 @@ void UdpReceiverPrivate::pinToInterface(SourceSite site) {
 }
 
 void UdpReceiverPrivate::recvThread() {
+    using Clock = std::chrono::steady_clock;
     sockaddr_in source{};
     detail::SourceText sourceText;
+    auto nextLook = Clock::now() + kMendPeriod;
     while (m_running) {
-        const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
-        if (count > 0 && m_listener != nullptr)
-            m_listener->OnUdpGroupDataReceived(sourceText.of(source.sin_addr), ntohs(source.sin_port),
-                                               m_address.c_str(), m_port, m_buffer.get(),
-                                               static_cast<int>(count));
-        else if (count < 0 && errno != EAGAIN)
-            report("recvfrom");
+        if (m_socket.isOpen()) {
+            const ssize_t count = receiveFrom(m_socket, m_buffer.get(), m_bufferSize, source);
+            if (count > 0 && m_listener != nullptr)
+                m_listener->OnUdpGroupDataReceived(sourceText.of(source.sin_addr), ntohs(source.sin_port),
+                                                   m_address.c_str(), m_port, m_buffer.get(),
+                                                   static_cast<int>(count));
+            else if (count < 0 && errno != EAGAIN)
+                report("recvfrom");
+            if (count >= 0)
+                continue;
+        } else {
+            m_ending.sleep(kSilence);
+        }
+        if (m_running && Clock::now() >= nextLook) {
+            mend();
+            nextLook = Clock::now() + kMendPeriod;
+        }
     }
 }
 
+void UdpReceiverPrivate::mend() {
+    if (!m_socket.isOpen()) {
+        setUp(false);
+        return;
+    }
+    char name[IF_NAMESIZE];
+    if (m_localIp == 0 && m_joined && ::if_indextoname(m_interface, name) != nullptr)
+        return; // another interface may be the system's choice by now, but this one is there
+    const unsigned int interface = detail::interfaceIndex(m_localIp, m_listened);
+    if (interface != 0 && (interface != m_interface || !m_joined))
+        setUp(false);
+}
+
 void UdpReceiverPrivate::growReceiveBuffer(UdpReceiver& receiver, int bytes) {
-    if (receiver.d->m_socket.isOpen() && !setOption(receiver.d->m_socket, SOL_SOCKET, SO_RCVBUF, bytes))
-        receiver.d->report("setsockopt::SO_RCVBUF");
+    UdpReceiverPrivate& own = *receiver.d;
+    std::lock_guard lock(own.m_socketMutex);
+    own.m_wantedBuffer = bytes;
+    if (own.m_socket.isOpen() && !setOption(own.m_socket, SOL_SOCKET, SO_RCVBUF, bytes))
+        own.report("setsockopt::SO_RCVBUF");
+}
+
+bool UdpReceiverPrivate::hasThread(const UdpReceiver& receiver) {
+    return receiver.d->m_thread.joinable();
 }
 
 UdpReceiver::UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const char* address,

@@ -37,6 +37,21 @@ bool ipv4Address(const ifaddrs& entry, in_addr& address) {
     return true;
 }
 
+/// The address that the system would send from to @p destination, both network order; 0: it has no route.
+unsigned int sourceTowards(unsigned int destination) {
+    const detail::Descriptor socket = detail::openSocket(SOCK_DGRAM);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(9); // any: connecting sends nothing
+    address.sin_addr.s_addr = destination;
+    socklen_t length = sizeof address;
+    if (!socket.isOpen() ||
+        ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return 0;
+    return address.sin_addr.s_addr;
+}
+
 } // namespace
 
 std::mutex networkIfMutex;
@@ -118,6 +133,20 @@ namespace detail {
 
 std::string deviceName(const std::string& interfaceName) {
     return interfaceName.substr(0, interfaceName.find(':'));
+}
+
+unsigned int interfaceIndex(unsigned int localIp, unsigned int group) {
+    if (localIp == 0)
+        localIp = sourceTowards(group);
+    if (localIp == 0)
+        return 0;
+    const InterfaceList list = readInterfaces();
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        in_addr address;
+        if (ipv4Address(*entry, address) && address.s_addr == localIp && entry->ifa_name != nullptr)
+            return ::if_nametoindex(deviceName(entry->ifa_name).c_str());
+    }
+    return 0;
 }
 
 } // namespace detail

@@ -16,5 +16,10 @@ namespace detail {
 /// The device behind an interface name: the name without an alias suffix ("eth0" for "eth0:1").
 std::string deviceName(const std::string& interfaceName);
 
+/// The index of the interface that carries @p localIp, or, for 0, of the one through which the system sends
+/// to
+/// @p group (both network order). 0: there is none.
+unsigned int interfaceIndex(unsigned int localIp, unsigned int group);
+
 } // namespace detail
 } // namespace net

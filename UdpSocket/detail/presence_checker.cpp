@@ -7,9 +7,12 @@
 #include <UdpSocket/detail/wire.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -20,6 +23,7 @@ constexpr auto kCycle = 5s;
 constexpr auto kBeaconTime = 3s; // listening for beacons, twice
 constexpr auto kSettleTime = 1s; // between joining the group and the query
 constexpr auto kAnswerTime = 2s;
+constexpr auto kAddressLook = 1s; // how soon a change of the local addresses is noticed
 
 unsigned int interfaceAddress(const std::string& netName) {
     for (const auto& [address, interface] : net::localNetworkInterfaces())
@@ -38,7 +42,9 @@ void MultiRadarCheckHelper::OnUdpGroupDataReceived(const char*, int, const char*
         m_heard = true;
 }
 
-MultiRadarCheckerPrivate::MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner) : m_listeners{owner} {
+MultiRadarCheckerPrivate::MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner,
+                                                   std::function<void()> mend)
+    : m_listeners{owner}, m_mend(std::move(mend)) {
     const std::string netName = net::detail::profileText("Local", "NetName", "", 64);
     const std::string ip = net::detail::profileText("Local", "IP", "0.0.0.0", 16);
     m_configured = net::detail::profileAddress("Local", "IP", ip);
@@ -96,9 +102,26 @@ bool MultiRadarCheckerPrivate::searching() const {
     return m_running && m_configured == 0;
 }
 
+/// Waits, with the control lock but for the waiting itself, until @p done or the duration is over or the
+/// machine has other addresses than those of the search at hand.
+template <class Done>
+void MultiRadarCheckerPrivate::pause(std::unique_lock<std::mutex>& control, std::chrono::seconds duration,
+                                     Done done) {
+    const auto end = std::chrono::steady_clock::now() + duration;
+    for (;;) {
+        const auto now = std::chrono::steady_clock::now();
+        const bool ended = m_control.wait_until(control, std::min(end, now + kAddressLook), done);
+        if (ended || std::chrono::steady_clock::now() >= end || net::localIpSet() != m_addresses)
+            return;
+    }
+}
+
 bool MultiRadarCheckerPrivate::sleepWhileSearching(std::chrono::seconds duration) {
+    const auto givenUp = [this] { return !m_running || m_configured != 0; };
+    const auto end = std::chrono::steady_clock::now() + duration;
     std::unique_lock lock(m_controlMutex);
-    return !m_control.wait_for(lock, duration, [this] { return !m_running || m_configured != 0; });
+    pause(lock, duration, givenUp);
+    return !givenUp() && std::chrono::steady_clock::now() >= end;
 }
 
 void MultiRadarCheckerPrivate::run() {
@@ -110,13 +133,22 @@ void MultiRadarCheckerPrivate::run() {
             check();
         else if (address != m_current)
             makeCurrent(address);
+        m_mend();
         control.lock();
-        m_control.wait_for(control, kCycle, [&] { return !m_running || m_configured != address; });
+        const auto changed = [&] { return !m_running || m_configured != address; };
+        if (address == 0)
+            pause(control, kCycle, changed);
+        else
+            m_control.wait_for(control, kCycle, changed);
     }
 }
 
 void MultiRadarCheckerPrivate::check() {
     const std::set<unsigned int> addresses = net::localIpSet();
+    {
+        std::lock_guard lock(m_controlMutex);
+        m_addresses = addresses;
+    }
     std::set<unsigned int> heard = probeAll(addresses, &MultiRadarCheckerPrivate::hearsBeacon);
     if (!searching() || isConfirmed(heard))
         return;
@@ -141,13 +173,19 @@ std::set<unsigned int> MultiRadarCheckerPrivate::probeAll(const std::set<unsigne
     std::mutex mutex; // guards heard
     std::set<unsigned int> heard;
     std::vector<std::thread> probes;
-    for (const unsigned int address : addresses)
-        probes.push_back(net::detail::startThread([&, address] {
+    for (const unsigned int address : addresses) {
+        const auto probeOne = [&, address] {
             if (!(this->*probe)(address))
                 return;
             std::lock_guard lock(mutex);
             heard.insert(address);
-        }));
+        };
+        if (!net::detail::launchThread(probes.emplace_back(), probeOne)) {
+            std::fprintf(stderr, "MultiRadarClient: %s is not searched this time: no thread (%s)\n",
+                         net::transAddr(address), std::strerror(errno));
+            probes.pop_back();
+        }
+    }
     for (std::thread& thread : probes)
         thread.join();
     return heard;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <set>
@@ -29,13 +30,17 @@ private:
 /// Settles the local address and tells its listeners: the configured one, or else the one found by a search
 /// over all local addresses, repeated every 5 seconds.
 ///
+/// A search begins anew when the local addresses change, so that one that comes late, or takes the place of
+/// another, is not missed for a whole cycle.
+///
 /// Threads: one checker thread from construction to destruction, and during a search one probe thread for
 /// each local address, which the checker thread joins. Destruction and setLocalIP cut every pause short.
 class MultiRadarCheckerPrivate {
 public:
     /// Reads "Local"/"NetName" and "Local"/"IP" of profile.ini and starts.
     /// @param owner the first listener; its OnLocalIpChanged may come before this constructor returns
-    explicit MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner);
+    /// @param mend  called on the checker thread every cycle, without a lock
+    MultiRadarCheckerPrivate(iMultiRadarCheckerListener* owner, std::function<void()> mend);
     ~MultiRadarCheckerPrivate();
 
     void addListener(iMultiRadarCheckerListener* listener);
@@ -57,15 +62,19 @@ private:
     unsigned int currentAddress() const;
     bool searching() const;
     bool sleepWhileSearching(std::chrono::seconds duration);
+    template <class Done>
+    void pause(std::unique_lock<std::mutex>& control, std::chrono::seconds duration, Done done);
 
     mutable std::mutex m_lock; // guards m_listeners and m_current; held while listeners are called
     std::list<iMultiRadarCheckerListener*> m_listeners;
     unsigned int m_current = 0; // the address last told to the listeners, network order
     bool m_found = false;       // a radar was heard on it in the last search; checker thread only
+    const std::function<void()> m_mend;
 
-    mutable std::mutex m_controlMutex; // guards m_running and m_configured
-    std::condition_variable m_control; // either has changed
+    mutable std::mutex m_controlMutex; // guards what follows, but for the thread
+    std::condition_variable m_control; // m_running or m_configured has changed
     bool m_running = true;
-    unsigned int m_configured = 0; // network order, 0 = search
+    unsigned int m_configured = 0;      // network order, 0 = search
+    std::set<unsigned int> m_addresses; // among which the search at hand looks
     std::thread m_thread;
 };

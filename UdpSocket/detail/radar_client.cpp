@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <exception>
 
 namespace {
 
@@ -26,7 +27,7 @@ MultiRadarClientPrivate::MultiRadarClientPrivate() {
     m_radarIp = net::detail::profileAddress("Radar", "IP", net::detail::profileText("Radar", "IP", "", 16));
     if (m_radarIp != 0)
         std::printf("RadarIP: %s\n", net::transAddr(m_radarIp));
-    m_checker = std::make_unique<MultiRadarCheckerPrivate>(this);
+    m_checker = std::make_unique<MultiRadarCheckerPrivate>(this, [this] { mend(); });
 }
 
 MultiRadarClientPrivate::~MultiRadarClientPrivate() {
@@ -55,6 +56,18 @@ void MultiRadarClientPrivate::replace(std::unique_ptr<Transport>& slot, Make mak
 void MultiRadarClientPrivate::OnLocalIpChanged(unsigned int localIp) {
     std::lock_guard rebuild(m_rebuildMutex);
     std::printf("LocalIpChanged %08X: %s \n", localIp, net::transAddr(localIp));
+    m_localIp = localIp;
+    m_whole = openSockets();
+}
+
+void MultiRadarClientPrivate::mend() {
+    std::lock_guard rebuild(m_rebuildMutex);
+    if (!m_whole)
+        m_whole = openSockets();
+}
+
+bool MultiRadarClientPrivate::openSockets() try {
+    const std::uint32_t localIp = m_localIp;
     replace(m_resetSender, [&] { return net::detail::makeSender(wire::kNegotiation, localIp); });
     replace(m_querySender, [&] { return net::detail::makeSender(wire::kDiscovery, localIp); });
     destroy(m_announceReceiver);
@@ -67,6 +80,12 @@ void MultiRadarClientPrivate::OnLocalIpChanged(unsigned int localIp) {
             const NetAddress radar{m_radarIp, net::HtoNs(wire::kDiscovery.port)};
             return std::make_unique<net::TcpClient>(this, radar, localIp);
         });
+    std::lock_guard lock(m_transportMutex);
+    return m_tcpClient != nullptr || net::UdpReceiverPrivate::hasThread(*m_announceReceiver);
+} catch (const std::exception& error) { // no thread, no memory
+    std::fprintf(stderr, "MultiRadarClient: cannot listen for radars now (%s), will try again\n",
+                 error.what());
+    return false;
 }
 
 void MultiRadarClientPrivate::sendToRadars(const wire::Code& code) {

@@ -88,11 +88,18 @@ private:
     template <class Transport>
     void destroy(std::unique_ptr<Transport>& slot);
     void sendToRadars(const wire::Code& code);
+    /// Opens the sockets on m_localIp. @return false, and a line on standard error, where the system lacks
+    /// what they need
+    bool openSockets();
+    /// Opens them again after that, at most once a cycle of the checker.
+    void mend();
 
     std::uint32_t m_radarIp = 0; // network order; 0: discover by multicast
     std::string m_tcpBuffer;     // what a message on the TCP stream has so far; TCP client's thread only
 
-    std::mutex m_rebuildMutex;   // one rebuild of the sockets at a time
+    std::mutex m_rebuildMutex;   // one rebuild of the sockets at a time; guards the next two
+    std::uint32_t m_localIp = 0; // network order
+    bool m_whole = true;         // the last rebuild gave all that is needed
     std::mutex m_transportMutex; // guards the four pointers; held while sending, which does not block
     std::unique_ptr<net::UdpSender> m_resetSender;
     std::unique_ptr<net::UdpSender> m_querySender;

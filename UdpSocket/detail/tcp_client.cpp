@@ -35,8 +35,15 @@ TcpClientPrivate::TcpClientPrivate(iTcpDataListener* listener, in_addr_t ip, uns
     : m_listener(listener), m_server(detail::tcpAddress(ip, port)), m_address(transAddr(ip)), m_port(port),
       m_localIp(localIp), m_current(std::make_shared<Connection>(detail::Descriptor())) {
     std::signal(SIGPIPE, SIG_IGN);
-    m_autoConnect = detail::startThread([this] { autoConnectThread(); });
     m_sender = detail::startThread([this] { queueThread(); });
+    try {
+        m_autoConnect = detail::startThread([this] { autoConnectThread(); });
+    } catch (...) {
+        m_ending.stop();
+        m_queued.notify_all();
+        m_sender.join();
+        throw;
+    }
 }
 
 TcpClientPrivate::~TcpClientPrivate() {
@@ -73,6 +80,7 @@ TcpClientPrivate::ConnectionPtr TcpClientPrivate::reset() {
         report(tcp_site::kClientSocket, "socket");
     } else {
         detail::setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+        detail::askSilentPeer(socket);
         bindToInterface(socket);
         if (!detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, detail::kTcpTimeOut))
             report(tcp_site::kClientReceiveTimeOut, "setsockopt::SO_RCVTIMEO");
@@ -150,7 +158,11 @@ bool TcpClientPrivate::connectUnlessConnected() {
         m_announced = connection;
     }
     m_running = true;
-    m_receiver = detail::startThread([this, connection] { receiveThread(*connection); });
+    if (!detail::launchThread(m_receiver, [this, connection] { receiveThread(*connection); })) {
+        report(tcp_site::kClientReceive, "thread");
+        connection->connected = false; // lost at once, and tried again like any other
+        return false;
+    }
     return true;
 }
 
@@ -227,9 +239,11 @@ void TcpClientPrivate::receiveThread(Connection& connection) {
         } else if (count == 0) {
             report(tcp_site::kClientPeerClosed, "peer closed connection");
             break;
-        } else if (errno == EAGAIN) {
+        } else if (errno == EAGAIN && !detail::isPeerGone(connection.socket)) {
             m_ending.sleep(kPauseAfterTimeOut);
         } else {
+            if (errno == EAGAIN)
+                errno = ETIMEDOUT;
             report(tcp_site::kClientReceive, "recv error");
             break;
         }

@@ -62,8 +62,12 @@ bool TcpServerPrivate::connect(in_addr_t ip, unsigned short port, int maxClients
         return false;
     }
     m_running = true;
-    m_cleanUp = detail::startThread([this] { cleanUpThread(); });
-    m_accept = detail::startThread([this] { acceptThread(); });
+    if (!detail::launchThread(m_cleanUp, [this] { cleanUpThread(); }) ||
+        !detail::launchThread(m_accept, [this] { acceptThread(); })) {
+        report(tcp_site::kServerListen, "thread");
+        disconnect();
+        return false;
+    }
     return true;
 }
 
@@ -129,6 +133,7 @@ void TcpServerPrivate::welcome(detail::Descriptor socket, const sockaddr_in& fro
         new Client{std::move(socket), {transAddr(from.sin_addr.s_addr), ntohs(from.sin_port)}, m_bound});
     if (!detail::setOption(client->socket, SOL_SOCKET, SO_RCVTIMEO, detail::kTcpTimeOut))
         report(tcp_site::kServerReceiveTimeOut, "setsockopt::SO_RCVTIMEO");
+    detail::askSilentPeer(client->socket);
     if (!detail::setOption(client->socket, SOL_SOCKET, SO_SNDTIMEO, detail::kTcpTimeOut))
         report(tcp_site::kServerSendTimeOut, "setsockopt::SO_SNDTIMEO");
     {
@@ -166,7 +171,8 @@ void TcpServerPrivate::receiveThread(const ClientPtr& client, char* buffer) {
     const int fd = client->socket.get();
     while (m_running && !client->closed) {
         const ssize_t count = ::recv(fd, buffer, kReceiveBuffer, 0);
-        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR))
+        const bool timedOut = count < 0 && (errno == EAGAIN || errno == EINTR);
+        if (count == 0 || (count < 0 && !timedOut) || (timedOut && detail::isPeerGone(client->socket)))
             break;
         if (count > 0 && !client->closed && m_listener != nullptr)
             m_listener->OnTcpDataReceived(fd, client->peer.address.c_str(), client->peer.port, buffer,

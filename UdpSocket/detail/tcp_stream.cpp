@@ -1,12 +1,23 @@
 #include <UdpSocket/detail/tcp_stream.h>
 
+#include <netinet/tcp.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 
 namespace net::detail {
+
+namespace {
+
+constexpr int kFirstQuestion = 5; // seconds of silence
+constexpr int kBetweenQuestions = 3;
+constexpr int kQuestions = 3; // without an answer, and the connection fails with ETIMEDOUT
+constexpr std::uint32_t kLongestSilenceMs = 15000;
+
+} // namespace
 
 ssize_t sendBytes(const Descriptor& socket, const char* data, std::size_t length, int flags) {
     errno = 0;
@@ -34,6 +45,22 @@ ssize_t sendParts(const Descriptor& socket, const Parts& parts, int flags, std::
     message.msg_iov = pieces.data();
     message.msg_iovlen = pieces.size();
     return ::sendmsg(socket.get(), &message, MSG_NOSIGNAL | flags);
+}
+
+void askSilentPeer(const Descriptor& socket) {
+    // Refused by no system that has TCP; without them the connection is what it was before.
+    setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, kFirstQuestion);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, kBetweenQuestions);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, kQuestions);
+}
+
+bool isPeerGone(const Descriptor& socket) {
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    // The system asks nothing while data is on its way: it sends that again, for a quarter of an hour.
+    return ::getsockopt(socket.get(), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+           info.tcpi_retransmits > 0 && info.tcpi_last_ack_recv >= kLongestSilenceMs;
 }
 
 } // namespace net::detail

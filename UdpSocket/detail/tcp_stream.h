@@ -35,6 +35,13 @@ ssize_t sendBytes(const Descriptor& socket, const char* data, std::size_t length
 /// @param skipped that many bytes at the front are left out
 ssize_t sendParts(const Descriptor& socket, const Parts& parts, int flags = 0, std::size_t skipped = 0);
 
+/// Has the system ask a silent peer whether it is still there, from 5 seconds of silence on.
+void askSilentPeer(const Descriptor& socket);
+
+/// Whether nothing at all has come from the peer for 15 seconds although it was asked: its machine is gone,
+/// or cut off. A peer that only does not read answers.
+bool isPeerGone(const Descriptor& socket);
+
 /// Ends a connection for both sides at once and wakes every thread that is blocked on it. The number stays
 /// taken until its owners let go of it.
 inline void endStream(const Descriptor& socket) noexcept {

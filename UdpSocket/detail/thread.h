@@ -2,10 +2,12 @@
 /// Threads of the library, and how their pauses are cut short.
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -24,6 +26,18 @@ std::thread startThread(Body&& body) {
         ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
     } restore{before}; // also when the system has no thread left
     return std::thread(std::forward<Body>(body));
+}
+
+/// Starts a thread as startThread does. @return false when the system has none left (errno)
+template <class Body>
+bool launchThread(std::thread& thread, Body&& body) {
+    try {
+        thread = startThread(std::forward<Body>(body));
+        return true;
+    } catch (const std::system_error& error) {
+        errno = error.code().value();
+        return false;
+    }
 }
 
 /// A pause that another thread can end for good. Any thread may call any operation.

@@ -73,9 +73,10 @@ unsigned int UdpCheckerPrivate::probeAll() {
         Probe& probe = m_probes.emplace_back();
         probe.localIp = localIp;
         probe.socket = openProbe(localIp);
-        if (probe.socket.isOpen())
-            probe.thread =
-                detail::startThread([this, &probe] { probe.heard = receivesExpected(probe.socket); });
+        if (probe.socket.isOpen() && !detail::launchThread(probe.thread, [this, &probe] {
+                probe.heard = receivesExpected(probe.socket);
+            }))
+            report("thread", __LINE__);
     }
     unsigned int foundIp = 0;
     for (Probe& probe : m_probes) { // only this thread changes the list

@@ -5,17 +5,22 @@
 
 #include <UdpSocket/detail/descriptor.h>
 #include <UdpSocket/detail/socket_error.h>
+#include <UdpSocket/detail/thread.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <netinet/in.h>
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
 namespace net {
 
+/// A receiver whose socket could not be set up, or whose interface was replaced by another with its address,
+/// would hear nothing for good: its thread looks for that every 2 seconds without a datagram, and sets up a
+/// new socket.
 class UdpReceiverPrivate {
 public:
     UdpReceiverPrivate(iUdpDataListener* listener, unsigned int localIp, const char* address,
@@ -24,6 +29,8 @@ public:
 
     /// Asks the system for @p bytes of receive buffer, beyond what the constructor asked for.
     static void growReceiveBuffer(UdpReceiver& receiver, int bytes);
+    /// False where the system had no thread for the receiver: it will never hear anything.
+    static bool hasThread(const UdpReceiver& receiver);
 
     const std::string& address() const { return m_address; }
     unsigned short port() const { return m_port; }
@@ -31,14 +38,25 @@ public:
 
 private:
     void report(const char* call, detail::SourceSite site = detail::SourceSite::here()) const;
-    void pinToInterface(detail::SourceSite site);
+    void report(bool wanted, const char* call, int line = __builtin_LINE()) const;
+    void setUp(bool reporting);
+    void pinToInterface(const detail::Descriptor& socket, bool reporting);
     void recvThread();
+    void mend();
 
     const std::string m_address;
     const unsigned short m_port;
-    const unsigned int m_localIp; // network order
+    const unsigned int m_localIp;  // network order
+    const unsigned int m_listened; // m_address in network order
+    std::atomic<bool> m_running = true;
+    detail::Pause m_ending;
+    unsigned int m_interface = 0; // its index, as it was when the socket was set up; 0: none
+    bool m_joined = false;        // or there was nothing to join
+
+    std::mutex m_socketMutex; // guards m_socket, which the receive thread alone replaces, and m_wantedBuffer
     detail::Descriptor m_socket;
-    std::atomic<bool> m_running = false;
+    int m_wantedBuffer = 0; // bytes, beyond what the constructor asks for; 0: no more
+
     std::thread m_thread;
     iUdpDataListener* const m_listener;
     const int m_bufferSize;
