@@ -84,6 +84,7 @@ local FIRST_GROUP, FIRST_PORT = 0xEC060723, 6003 -- 236.6.7.35, of host id 16
 local GROUPS_PER_HOST, PORTS_PER_HOST = 16, 32
 local INFO_DEVICES = { ip = 0xEC060B0A, port = 7600, perHost = 32, baseId = 9 } -- 236.6.11.10
 
+local PT_TCP = 2      -- in pinfo.port_type
 local AGEING = 8      -- seconds after which a display forgets a silent radar
 local CLAIM_TIME = 1  -- seconds that others have to object to a probe, and again to a confirm
 
@@ -128,14 +129,13 @@ local function addEndpointFields(key)
         ip = ProtoField.ipv4(abbreviation .. ".ip", "Address"),
         port = ProtoField.uint16(abbreviation .. ".port", "Port"),
         kind = ProtoField.uint8(abbreviation .. ".kind", "Kind, as the radar sees it", base.DEC, kindTexts),
-        label = key:gsub("^stream", "Stream "):gsub("^tcp", "TCP"):gsub("^user", "User"):gsub("[._]", " ")
-                   :gsub("arpa", "ARPA"),
+        label = key:gsub("^%l", string.upper):gsub("^Tcp", "TCP"):gsub("arpa", "ARPA"):gsub("[._]", " "),
     }
 end
 for key in pairs(PLAN) do addEndpointFields(key) end
 for _, place in ipairs(TCP_ENDPOINTS) do addEndpointFields(place[1]) end
 for _, place in ipairs(USER_ENDPOINTS) do addEndpointFields(place[1]) end
-addEndpointFields("info_devices")
+addEndpointFields("info_devices") -- the first of ten
 
 local registered = {}
 for _, field in pairs(fields) do table.insert(registered, field) end
@@ -215,7 +215,7 @@ end
 local seen, found
 
 function udpsocket.init()
-    seen = { query = nil, claim = nil, announcers = {}, names = {} }
+    seen = { query = nil, claim = nil, claims = {}, announcers = {} }
     found = { queryOf = {}, answersTo = {}, claimOf = {}, objectionTo = {}, twice = {}, sameName = {} }
 end
 
@@ -229,7 +229,7 @@ local function rememberAnnouncement(pinfo, name, id)
     local me = from .. "/" .. name
     for key, other in pairs(seen.announcers) do
         if key ~= me and now - other.time < AGEING then
-            if other.id == id then found.twice[number] = other
+            if other.id == id and isHostId(id) then found.twice[number] = other
             elseif other.name == name then found.sameName[number] = other end
         end
     end
@@ -240,10 +240,14 @@ local function rememberNegotiation(pinfo, code, id)
     if pinfo.visited then return end
     local from = tostring(pinfo.src)
     if code ~= OBJECTION then
-        seen.claim = { number = pinfo.number, time = pinfo.rel_ts, from = from, id = id }
-    elseif seen.claim and seen.claim.from ~= from and pinfo.rel_ts - seen.claim.time <= CLAIM_TIME then
-        found.claimOf[pinfo.number] = seen.claim.number
-        found.objectionTo[seen.claim.number] = pinfo.number
+        seen.claim = { number = pinfo.number, time = pinfo.rel_ts, from = from }
+        seen.claims[id] = seen.claim
+        return
+    end
+    local claim = id == 1 and seen.claim or seen.claims[id] -- the holder of id 1 objects to every claim
+    if claim and claim.from ~= from and pinfo.rel_ts - claim.time <= CLAIM_TIME then
+        found.claimOf[pinfo.number] = claim.number
+        found.objectionTo[claim.number] = pinfo.number
     end
 end
 
@@ -267,11 +271,11 @@ end
 local function addEndpoint(tree, tvb, place)
     local key, offset = table.unpack(place)
     local names = endpointFields[key]
-    local ip, port = tostring(tvb(offset, 4):ipv4()), tvb(offset + 4, 2):uint()
-    local item = tree:add(tvb(offset, 6), names.label .. ": " .. dotted(tvb(offset, 4):uint()) .. ":" .. port)
+    local ip, port = dotted(tvb(offset, 4):uint()), tvb(offset + 4, 2):uint()
+    local item = tree:add(tvb(offset, 6), string.format("%s: %s:%d", names.label, ip, port))
     item:add(names.ip, tvb(offset, 4))
     item:add(names.port, tvb(offset + 4, 2))
-    return item, dotted(tvb(offset, 4):uint()), port
+    return item, ip, port
 end
 
 local function addPlanned(tree, key, ip, port)
@@ -346,7 +350,7 @@ local function dissectAnnouncement(tree, tvb, pinfo)
     local nameItem = tree:add(fields.name, raw, name)
     if name == "" then nameItem:add_proto_expert_info(experts.name, "The name is empty") end
     if raw:bytes():get_index(NAME[2] - 1) ~= 0 then nameItem:add_proto_expert_info(experts.full_name) end
-    if pinfo.port_type == 2 and name:sub(1, #TCP_NAME_START) ~= TCP_NAME_START then
+    if pinfo.port_type == PT_TCP and name:sub(1, #TCP_NAME_START) ~= TCP_NAME_START then
         nameItem:add_proto_expert_info(experts.name, "Over TCP, displays drop a name that does not begin with ZQ")
     end
     tree:add(fields.radar_ip, at(tvb, RADAR_IP))
@@ -380,7 +384,7 @@ local function dissectAnnouncement(tree, tvb, pinfo)
         addGenerated(tree, fields.query_in, query.number)
         local time = pinfo.rel_ts - query.time
         addGenerated(tree, fields.response_time, NSTime.new(math.floor(time), math.floor(time % 1 * 1e9 + 0.5)))
-    elseif pinfo.port_type ~= 2 then
+    elseif pinfo.port_type ~= PT_TCP then
         tree:add_proto_expert_info(experts.unasked)
     end
     local other = found.twice[pinfo.number]
