@@ -94,6 +94,7 @@ class Host:
 
     def __init__(self, name, host_id, streams, local):
         self.name, self.streams, self.host_id = name, streams, host_id
+        self.answer = None  # nothing to say before an id is held
         self.discovery = Group(DISCOVERY, local)
         self.negotiation = Group(NEGOTIATION, local)
         self.claim()
@@ -137,7 +138,7 @@ class Host:
                 self.opposed = True
 
     def on_discovery(self, message):
-        if message == QUERY and hasattr(self, "answer"):
+        if message == QUERY and self.answer:
             self.discovery.send(self.answer)
 
     def run(self, stop):
@@ -180,7 +181,10 @@ def main():
     signal.set_wakeup_fd(wake.fileno())
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: None)
-    Host(options.name, options.id, options.streams, options.local).run(stop)
+    try:
+        Host(options.name, options.id, options.streams, options.local).run(stop)
+    except OSError as error:  # no such interface, say
+        sys.exit(f"host.py: {error}")
 
 
 if __name__ == "__main__":

@@ -129,7 +129,8 @@ local function addEndpointFields(key)
         ip = ProtoField.ipv4(abbreviation .. ".ip", "Address"),
         port = ProtoField.uint16(abbreviation .. ".port", "Port"),
         kind = ProtoField.uint8(abbreviation .. ".kind", "Kind, as the radar sees it", base.DEC, kindTexts),
-        label = key:gsub("^%l", string.upper):gsub("^Tcp", "TCP"):gsub("arpa", "ARPA"):gsub("[._]", " "),
+        label = key:gsub("^%l", string.upper):gsub("^Tcp", "TCP"):gsub("^Stream", "Stream "):gsub("arpa", "ARPA")
+                   :gsub("[._]", " "),
     }
 end
 for key in pairs(PLAN) do addEndpointFields(key) end

@@ -1,0 +1,121 @@
+// The example host, which shares nothing with the library but docs/protocol.md, beside the library's own.
+
+#include "profile_directory.h"
+#include "recorder.h"
+#include "wait.h"
+
+#include <UdpSocket/detail/address_plan.h>
+#include <UdpSocket/detail/wire.h>
+#include <UdpSocket/hostnegotiator.h>
+#include <UdpSocket/hostserver.h>
+#include <UdpSocket/multiradarclient.h>
+
+#include <lab/lan.h>
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <map>
+#include <set>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Ge;
+using testing::Le;
+
+/// A display, and computers for hosts.
+class ForeignHost : public testing::Test {
+protected:
+    ForeignHost() {
+        const lab::Inside inside = m_lan.node("display").enter();
+        m_client = std::make_unique<MultiRadarClient>();
+        m_tap = std::make_unique<net::UdpReceiver>(&m_heard, net::transAddr("10.20.2.1"), "236.6.7.5", 6878,
+                                                   1024);
+    }
+    lab::Process start(const lab::Node& node, const std::string& name, int id, int streams) {
+        return node.start({.command = {"python3", HOST_PY, "--name", name, "--id", std::to_string(id),
+                                       "--streams", std::to_string(streams)}});
+    }
+    static int servedId(lab::Process& host) {
+        const std::string words = "serving as host id ";
+        const std::string line = host.lineWith(words, 15s).value_or(words + "0");
+        return std::stoi(line.substr(words.size()));
+    }
+    bool lists(const std::vector<std::string>& names) {
+        return comesTrue([&] {
+            m_client->query();
+            return comesTrue([&] { return m_client->getRadar() == names; }, 500ms);
+        });
+    }
+    int listedId(const char* name) {
+        m_client->query();
+        return plan::streamPort2MultiNum(net::NtoHs(m_client->getAddress(name, 0)->arpaStream.port));
+    }
+    std::unique_ptr<HostNegotiator> makeNegotiator(const lab::Node& node) {
+        const lab::Inside inside = node.enter();
+        return std::make_unique<HostNegotiator>(nullptr, nullptr);
+    }
+
+    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
+    lab::Lan m_lan{
+        {lab::radarHost(1), lab::radarHost(2), lab::radarHost(3), lab::radarHost(4), lab::display(1)}};
+    Recorder m_heard;
+    std::unique_ptr<net::UdpReceiver> m_tap;
+    std::unique_ptr<MultiRadarClient> m_client;
+};
+
+TEST_F(ForeignHost, AnnouncesByteForByteWhatTheLibraryAnnounces) {
+    const std::vector<std::pair<std::string, int>> radars = {
+        {"A", 1}, {"B", 16}, {"C", 30}, {"sixteen letters.", 63}};
+    for (const int streams : {1, 2}) {
+        std::vector<lab::Process> foreign;
+        for (const auto& [name, id] : radars)
+            foreign.push_back(start(m_lan.nodes()[foreign.size()], name, id, streams));
+        for (std::size_t i = 0; i < radars.size(); ++i)
+            EXPECT_EQ(servedId(foreign[i]), radars[i].second);
+        EXPECT_TRUE(lists({"A", "B", "C", "sixteen letters."}));
+
+        std::vector<std::unique_ptr<HostServer>> own;
+        for (const auto& [name, id] : radars) {
+            const lab::Inside inside = m_lan.nodes()[own.size()].enter();
+            own.push_back(std::make_unique<HostServer>(name.c_str(), static_cast<std::uint8_t>(id),
+                                                       static_cast<std::uint32_t>(streams)));
+        }
+        while (m_heard.next(100ms)) { // answers to the queries before
+        }
+        m_client->query();
+        std::map<std::string, int> announcements; // how often each came
+        for (std::size_t i = 0; i < 2 * radars.size(); ++i)
+            ++announcements[m_heard.nextBytes()];
+        EXPECT_EQ(announcements.size(), radars.size()) << streams << " streams";
+        for (const auto& [bytes, count] : announcements)
+            EXPECT_EQ(count, 2) << bytes.substr(wire::kName.offset, wire::kName.width);
+
+        for (std::size_t i = 0; i < foreign.size(); ++i) {
+            foreign[i].signal(i % 2 == 0 ? SIGINT : SIGTERM);
+            EXPECT_EQ(foreign[i].wait(5s), 0);
+        }
+    }
+}
+
+TEST_F(ForeignHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
+    const auto drawn = AllOf(Ge(16), Le(63));
+    lab::Process first = start(m_lan.node("host1"), "R", 1, 2);
+    EXPECT_EQ(servedId(first), 1);
+    EXPECT_THAT(makeNegotiator(m_lan.node("host2"))->syncLogin(1), drawn) << "the holder of id 1 objects";
+
+    ASSERT_TRUE(lists({"R"}));
+    m_client->queryForAdjust("R");
+    const int id = servedId(first);
+    EXPECT_THAT(id, drawn);
+    EXPECT_TRUE(comesTrue([&] { return listedId("R") == id; }));
+
+    const auto holder = makeNegotiator(m_lan.node("host2"));
+    EXPECT_EQ(holder->syncLogin(1), 1);
+    lab::Process second = start(m_lan.node("host3"), "S", 1, 1);
+    EXPECT_THAT(servedId(second), drawn) << "gives way to an objection";
+}
+
+} // namespace
