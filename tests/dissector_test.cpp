@@ -1,0 +1,258 @@
+// The Wireshark dissector, on what the real programs send: it must say what the library says.
+
+#include "capture.h"
+#include "profile_directory.h"
+#include "records.h"
+
+#include <UdpSocket/detail/address_plan.h>
+#include <UdpSocket/detail/wire.h>
+#include <UdpSocket/hostnegotiator.h>
+#include <UdpSocket/hostserver.h>
+#include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/tcpsocket.h>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::HasSubstr;
+
+const std::string kPrefix = "udpsocket.announcement.";
+const std::pair<plan::EndpointField, const char*> kEndpointNames[] = {
+    {&RadarAddress::imageStream, "image"},      {&RadarAddress::imageCtrl, "image_control"},
+    {&RadarAddress::imageState, "image_state"}, {&RadarAddress::arpaStream, "arpa"},
+    {&RadarAddress::arpaCtrl, "arpa_control"},  {&RadarAddress::arpaState, "arpa_state"},
+    {&RadarAddress::imageOriginal, "original"},
+};
+
+std::string endpointName(plan::EndpointField field) {
+    return std::find_if(std::begin(kEndpointNames), std::end(kEndpointNames),
+                        [=](const auto& entry) { return entry.first == field; })
+        ->second;
+}
+
+void put(Frame& frame, const std::string& name, const NetAddress& endpoint) {
+    frame[kPrefix + name + ".ip"] = net::transAddr(endpoint.ip);
+    frame[kPrefix + name + ".port"] = std::to_string(net::NtoHs(endpoint.port));
+}
+
+void putExtension(Frame& frame, std::string_view datagram) {
+    const auto number = [&](const char* name, const wire::Field& field, std::size_t index = 0) {
+        frame[kPrefix + name] = std::to_string(wire::byteAt(datagram, field, index));
+    };
+    number("radar_number", wire::kRadarNumber);
+    number("tcp_offered", wire::kTcpOffered);
+    number("user_valid", wire::kUserValid);
+    for (std::size_t i = 0; i < std::size(wire::kTcpEndpoints); ++i) {
+        const std::string name = "tcp." + endpointName(wire::kTcpEndpoints[i].field);
+        put(frame, name, wire::endpointAt(datagram, wire::kTcpEndpoints[i]));
+        number((name + ".kind").c_str(), wire::kTcpKinds, i);
+    }
+    for (const wire::EndpointPlace& place : wire::kUserEndpoints)
+        put(frame, "user." + endpointName(place.field), wire::endpointAt(datagram, place));
+}
+
+/// What the library's own tables make of an announcement.
+void putAnnouncement(Frame& frame, std::string_view datagram) {
+    const bool isLong = datagram.size() == wire::kLongAnnouncement.length;
+    const std::string_view name = datagram.substr(wire::kName.offset, wire::kName.width);
+    frame[kPrefix + "name"] = name.substr(0, name.find('\0'));
+    std::uint32_t radarIp;
+    std::memcpy(&radarIp, datagram.data() + wire::kRadarIp.offset, sizeof radarIp);
+    frame[kPrefix + "radar_ip"] = net::transAddr(radarIp);
+    frame[kPrefix + "streams"] = isLong ? "2" : "1";
+    std::uint8_t id = 0;
+    for (const wire::EndpointPlace& place :
+         (isLong ? wire::kLongAnnouncement : wire::kShortAnnouncement).endpoints) {
+        const NetAddress endpoint = wire::endpointAt(datagram, place);
+        put(frame, "stream" + std::to_string(place.stream) + "." + endpointName(place.field), endpoint);
+        if (place.field == &RadarAddress::arpaStream && place.stream == 0)
+            id = plan::streamPort2MultiNum(net::NtoHs(endpoint.port));
+    }
+    frame[kPrefix + "host_id"] = std::to_string(id);
+    put(frame, "info_devices", plan::getInfoDevBaseEp(id));
+    put(frame, "stream0.original", plan::getOriginalImageEp(id, 0));
+    if (!isLong)
+        return;
+    put(frame, "stream1.original", plan::getOriginalImageEp(id, 1));
+    frame[kPrefix + "extended"] = std::to_string(wire::byteAt(datagram, wire::kExtended));
+    if (wire::byteAt(datagram, wire::kExtended) == 1)
+        putExtension(frame, datagram);
+}
+
+/// What the library says of a well-formed datagram.
+Frame expected(std::string_view datagram) {
+    Frame frame;
+    if (datagram == wire::kBeaconMarker) {
+        frame["udpsocket.beacon.marker"] = datagram;
+        return frame;
+    }
+    char code[8];
+    std::snprintf(code, sizeof code, "0x%02x%02x", static_cast<std::uint8_t>(datagram[1]),
+                  static_cast<std::uint8_t>(datagram[0]));
+    frame["udpsocket.code"] = code;
+    if (wire::hasCode(datagram, wire::kAnnouncement)) {
+        putAnnouncement(frame, datagram);
+    } else if (datagram.size() == sizeof(wire::Negotiation)) {
+        wire::Negotiation message;
+        std::memcpy(&message, datagram.data(), sizeof message);
+        frame["udpsocket.negotiation.host_id"] = std::to_string(message.hostId);
+        frame["udpsocket.negotiation.one"] = std::to_string(message.one);
+    }
+    return frame;
+}
+
+std::string unhex(const std::string& hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+/// An announcement with different bytes in all places, and an extension.
+std::string fullAnnouncement() {
+    std::string datagram(wire::kLongAnnouncement.length, '\0');
+    for (std::size_t i = 0; i < datagram.size(); ++i)
+        datagram[i] = static_cast<char>(i);
+    datagram.replace(0, 9, std::string(wire::text(wire::kAnnouncement)) + "Mast 7" + '\0');
+    datagram[wire::kExtended.offset] = 1;
+    return datagram;
+}
+
+/// Every field that stands for bytes of a message, or is computed from them.
+std::vector<std::string> messageFields() {
+    Frame all;
+    for (const std::string& datagram :
+         {fullAnnouncement(), std::string("\x01\xA1\x14\x01"), std::string(wire::kBeaconMarker)})
+        all.merge(expected(datagram));
+    std::vector<std::string> names;
+    for (const auto& [name, value] : all)
+        names.push_back(name);
+    return names;
+}
+
+/// A display and two hosts. What is sent to the last group of all ends the capture.
+class Dissector : public testing::Test {
+protected:
+    explicit Dissector(const std::string& profile = "[Local]\nIP = 10.20.2.1\n") : m_profile(profile) {}
+
+    std::vector<Frame> read() {
+        const std::string last = "the last datagram";
+        say("host1", {"236.6.7.9", 6878}, last);
+        std::vector<std::string> fields = messageFields();
+        fields.insert(fields.end(),
+                      {"frame.number", "ip.src", "udp.payload", "tcp.payload", "_ws.col.Info",
+                       "_ws.expert.message", "udpsocket.query_in", "udpsocket.answer_in",
+                       "udpsocket.response_time", "udpsocket.claim_in", "udpsocket.objection_in"});
+        std::vector<Frame> frames = m_capture.read(last, fields);
+        EXPECT_EQ(frames.back()["udpsocket.code"], "") << "other groups have these ports, too";
+        frames.pop_back();
+        return frames;
+    }
+    void say(const char* node, const wire::Group& group, const std::string& datagram) {
+        const lab::Inside inside = m_lan.node(node).enter();
+        net::UdpSender(group.address, group.port, 0, 0)
+            .sendData(datagram.data(), static_cast<int>(datagram.size()));
+    }
+    std::unique_ptr<HostServer> serve(const char* node, const char* name, std::uint8_t id,
+                                      std::uint32_t streams) {
+        const lab::Inside inside = m_lan.node(node).enter();
+        return std::make_unique<HostServer>(name, id, streams);
+    }
+    std::unique_ptr<MultiRadarClient> makeClient() {
+        const lab::Inside inside = m_lan.node("display").enter();
+        return std::make_unique<MultiRadarClient>();
+    }
+    static bool lists(MultiRadarClient& client, const std::vector<std::string>& names) {
+        return comesTrue([&] {
+            client.query();
+            return comesTrue([&] { return client.getRadar() == names; }, 500ms);
+        });
+    }
+
+    const ProfileDirectory m_profile;
+    lab::Lan m_lan{{lab::radarHost(1), lab::radarHost(2), lab::display(1)}};
+    Capture m_capture{m_lan.node("display"), m_profile.path()};
+};
+
+void expectSameFields(const std::vector<Frame>& frames) {
+    const std::vector<std::string> names = messageFields();
+    for (const Frame& frame : frames) {
+        Frame wanted = expected(unhex(frame.at("udp.payload")));
+        for (const std::string& name : names)
+            EXPECT_EQ(frame.at(name), wanted[name]) << name << " of frame " << frame.at("frame.number");
+    }
+}
+
+/// The record of the first stream, as far as it is announced or computed for that form of announcement.
+void expectSameRecord(Frame frame, const RadarAddress& record) {
+    Frame wanted;
+    for (const auto& [field, name] : kEndpointNames)
+        if (field != &RadarAddress::imageOriginal || record.imageOriginal.port != 0)
+            put(wanted, std::string("stream0.") + name, record.*field);
+    if (record.infoDev[0].port != 0)
+        put(wanted, "info_devices", record.infoDev[0]);
+    for (const auto& [name, value] : wanted)
+        EXPECT_EQ(frame[name], value) << name;
+}
+
+TEST_F(Dissector, SaysWhatTheLibrarySays) {
+    HostNegotiator* negotiator;
+    {
+        const lab::Inside inside = m_lan.node("host1").enter();
+        negotiator = new HostNegotiator(nullptr, nullptr);
+    }
+    const std::unique_ptr<HostNegotiator> owner(negotiator);
+    ASSERT_EQ(negotiator->syncLogin(1), 1);
+    const auto north = serve("host1", "North", 1, 1);
+    lab::Process south = m_lan.node("host2").start(
+        {.command = {RADARCTL, "host", "--name", "South mast", "--id", "1", "--streams", "2"}}); // contested
+    ASSERT_TRUE(south.lineWith("serving", 20s));
+    const auto client = makeClient();
+    ASSERT_TRUE(lists(*client, {"North", "South mast"}));
+    const RadarAddress northRecord = *client->getAddress("North", 0);
+    const RadarAddress southRecord = *client->getAddress("South mast", 0);
+    client->queryForAdjust("South mast");
+    ASSERT_TRUE(south.lineWith("serving", 20s));
+    client->resetRadar();
+    say("host1", wire::kBeacon, std::string(wire::kBeaconMarker));
+    say("host2", wire::kDiscovery, fullAnnouncement());
+
+    const std::vector<Frame> frames = read();
+    expectSameFields(frames);
+    const std::string id = std::to_string(plan::streamPort2MultiNum(net::NtoHs(southRecord.arpaStream.port)));
+    std::map<std::string, Frame> last; // by text
+    std::vector<std::string> texts;
+    for (const Frame& frame : frames) {
+        last[frame.at("_ws.col.Info")] = frame;
+        texts.push_back(frame.at("_ws.col.Info"));
+    }
+    for (const std::string text :
+         {"Probe of host id 1", "Confirm of host id 1", "Objection to host id 1", "Reset", "Presence beacon"})
+        EXPECT_THAT(texts, Contains(text));
+    Frame announcement = last["Announcement: South mast, host id " + id + ", 2 streams"];
+    expectSameRecord(announcement, southRecord);
+    expectSameRecord(last["Announcement: North, host id 1, 1 stream"], northRecord);
+    EXPECT_EQ(announcement["_ws.expert.message"], "");
+    EXPECT_THAT(last["Objection to host id " + id]["_ws.expert.message"],
+                "The host that holds id " + id + " is to take another");
+
+    const auto peer = [&](const Frame& frame, const char* field) -> Frame {
+        return frame.at(field).empty() ? Frame() : frames.at(std::stoul(frame.at(field)) - 1);
+    };
+    for (const Frame& frame : frames) {
+        const std::string& text = frame.at("_ws.col.Info");
+        if (text.starts_with("Announcement: ") && frame.at("_ws.expert.message").empty()) {
+            Frame query = peer(frame, "udpsocket.query_in");
+            EXPECT_EQ(query["_ws.col.Info"], "Query") << "of frame " << frame.at("frame.number");
+            EXPECT_THAT(query["udpsocket.answer_in"], HasSubstr(frame.at("frame.number")));
+            EXPECT_LT(std::stod(frame.at("udpsocket.response_time")), 8) << "seconds";
+        } else if (text == "Objection to host id 1") {
+            EXPECT_EQ(peer(frame, "udpsocket.claim_in")["udpsocket.objection_in"], frame.at("frame.number"));
+        }
+    }
+}
+
+} // namespace
