@@ -255,4 +255,166 @@ TEST_F(Dissector, SaysWhatTheLibrarySays) {
     }
 }
 
+/// An announcement as a host composes it, with what a case changes.
+std::string announcement(const std::string& name, std::uint8_t id, const wire::Layout& layout,
+                         const std::map<std::size_t, std::string>& changes = {}) {
+    std::string datagram(layout.length, '\0');
+    datagram.replace(0, 2, wire::text(wire::kAnnouncement));
+    datagram.replace(wire::kName.offset, name.size(), name);
+    for (const wire::EndpointPlace& place : layout.endpoints) {
+        const NetAddress endpoint = plan::announcedEndpoint(id, place.field, place.stream);
+        datagram.replace(place.offset, sizeof endpoint, reinterpret_cast<const char*>(&endpoint),
+                         sizeof endpoint);
+    }
+    for (const auto& [position, bytes] : changes)
+        datagram.replace(position, bytes.size(), bytes);
+    return datagram;
+}
+
+TEST_F(Dissector, WarnsOfWhatTheProtocolForbids) {
+    const wire::Layout& oneStream = wire::kShortAnnouncement;
+    const wire::Layout& twoStreams = wire::kLongAnnouncement;
+    const std::string yes = "\x01";
+    const std::string no(1, '\0');
+    struct Case {
+        wire::Group group;
+        std::string datagram;
+        std::string warnings; // in order, joined by '|'
+    };
+    const std::string unasked = "Announcement without a query";
+    const Case cases[] = {
+        {wire::kDiscovery, "\x01", "Too short for a code"},
+        {wire::kDiscovery, "\x07\xB1", "Unknown code"},
+        {wire::kDiscovery, "\x01\xA1", "Unknown code"}, // of the other group
+        {wire::kDiscovery, "\x01\xB1" + no, "3 bytes, not 2: nobody acts on it"},
+        {wire::kDiscovery, "\x01\xB2" + std::string(147, 'x'),
+         "149 bytes, not 150 or 222: nobody acts on it"},
+        {wire::kDiscovery, "\x02\xC1", ""},
+        {wire::kDiscovery, announcement("R", 16, oneStream), unasked},
+        {wire::kDiscovery, announcement("R", 1, twoStreams), unasked},
+        {wire::kDiscovery, announcement("", 17, oneStream), "The name is empty|" + unasked},
+        {wire::kDiscovery, announcement("sixteen letters.", 18, oneStream),
+         "Name fills its field: perhaps cut|" + unasked},
+        {wire::kDiscovery, announcement("R", 16, oneStream, {{89, "\x01"}}),
+         "Image endpoint of the host's own|" + unasked},
+        {wire::kDiscovery, announcement("R", 16, twoStreams, {{89, "\x01"}}),
+         "Endpoint that is in the plan of no host id|" + unasked},
+        {wire::kDiscovery, announcement("R", 16, twoStreams, {{160, std::string(6, '\0')}}),
+         "Endpoint that is in the plan of no host id|No host id: 1, or 16 to 63|" + unasked},
+        {wire::kDiscovery,
+         announcement("R", 16, oneStream, {{134, announcement("R", 17, oneStream).substr(134, 6)}}),
+         "Endpoints of different host ids: displays take it for 16, but Stream 0 ARPA control is that of "
+         "17|" +
+             unasked},
+        {wire::kDiscovery, announcement("R", 16, oneStream, {{149, "\x01\x02"}}).substr(0, 150),
+         "Endpoint that is in the plan of no host id|" + unasked},
+        {wire::kDiscovery, announcement("R", 16, oneStream, {{94, yes}, {23, yes}}),
+         "Byte 23 is always zero, and is not|Byte 94 is always zero, and is not|" + unasked},
+        {wire::kDiscovery, announcement("R", 16, twoStreams, {{30, yes}}),
+         "Byte 30 is always zero, and is not|" + unasked}, // not extended
+        {wire::kDiscovery, announcement("R", 16, twoStreams, {{22, yes}, {30, yes}, {70, "\x03"}}),
+         "Unknown kind of socket|" + unasked},
+        {wire::kNegotiation, "\x01\xA1\x14\x01", ""},
+        {wire::kNegotiation, "\x02\xA1\x0F\x01", "No host id: 1, or 16 to 63"},
+        {wire::kNegotiation, "\x01\xA1\x14\x02", "The fourth byte is always 1"},
+        {wire::kNegotiation, "\x03\xA1\x3F\x01", "The host that holds id 63 is to take another"},
+        {wire::kNegotiation, "\x03\xA1\x14", "3 bytes, not 4: nobody acts on it"},
+        {wire::kNegotiation, "\x01\xB1", "Unknown code"},
+        {wire::kNegotiation, "\x20\xA1", "Radars are told to reset"},
+        {wire::kBeacon, std::string(wire::kBeaconMarker), ""},
+        {wire::kBeacon, "aabbccde", "Not the beacon marker"},
+        {wire::kBeacon, std::string(150, 'x'),
+         "Not the beacon marker, but displays take this length for one"},
+    };
+    for (const Case& each : cases)
+        say("host1", each.group, each.datagram);
+    std::map<std::string, std::string> warnings; // by datagram
+    for (const Frame& frame : read())
+        warnings[unhex(frame.at("udp.payload"))] = frame.at("_ws.expert.message");
+    for (const Case& each : cases)
+        EXPECT_EQ(warnings[each.datagram], each.warnings) << testing::PrintToString(each.datagram);
+}
+
+TEST_F(Dissector, WarnsOfTwoRadarsThatCannotBeToldApart) {
+    const auto first = serve("host1", "A\x1b[2J", 40, 1);
+    const auto second = serve("host2", "B", 40, 2);
+    const auto third = serve("host2", "A\x1b[2J", 41, 2);
+    say("host1", wire::kNegotiation, "\x01\xA1\x1E\x01");
+    say("host2", wire::kNegotiation, "\x03\xA1\x1E\x01"); // a foreign holder that defends its id
+    const auto client = makeClient();
+    ASSERT_TRUE(lists(*client, {"A\x1b[2J", "B"}));
+    std::string all;
+    for (const Frame& frame : read())
+        all += frame.at("_ws.col.Info") + ": " + frame.at("_ws.expert.message") + "\n";
+    EXPECT_THAT(all,
+                testing::ContainsRegex("Host id 40 is also that of .+ at 10.20.1.[12] \\(frame [0-9]+\\)"));
+    EXPECT_THAT(all, testing::ContainsRegex("Host id 4[01] at 10.20.1.[12] has this name, too"));
+    EXPECT_THAT(all, HasSubstr("Announcement: A\\x1B[2J, host id 40"));
+    EXPECT_EQ(all.find('\x1b'), std::string::npos) << "names cannot draw on the terminal";
+    EXPECT_THAT(all, HasSubstr("Objection to host id 30: \n")) << "an answer to the probe, not an order";
+}
+
+/// A fixed radar's end of the TCP connection.
+class FixedRadar : public net::iTcpDataListener {
+public:
+    void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int length) override {
+        std::lock_guard lock(m_mutex);
+        m_heard.append(data, static_cast<std::size_t>(length));
+    }
+    void OnTcpClientConnected(int fd, const char*, unsigned short) override { client = fd; }
+    void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
+    bool heard(const wire::Code& code) const {
+        std::lock_guard lock(m_mutex);
+        return m_heard.find(wire::text(code)) != std::string::npos;
+    }
+    std::atomic<int> client = -1;
+
+private:
+    mutable std::mutex m_mutex; // guards m_heard
+    std::string m_heard;
+};
+
+class TcpDissector : public Dissector {
+protected:
+    TcpDissector() : Dissector("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = true\n") {}
+};
+
+TEST_F(TcpDissector, FindsTheMessagesInAStream) {
+    FixedRadar radar;
+    std::unique_ptr<net::TcpServer> server;
+    {
+        const lab::Inside inside = m_lan.node("host1").enter();
+        server = std::make_unique<net::TcpServer>(&radar);
+        ASSERT_TRUE(server->connect(wire::kDiscovery.port, 1));
+    }
+    const auto send = [&](const std::string& bytes) {
+        server->sendData(radar.client, bytes.data(), static_cast<unsigned int>(bytes.size()));
+    };
+    const std::string datagram =
+        announcement("ZQ-7", 20, wire::kLongAnnouncement,
+                     {{wire::kExtended.offset, "\x01"}, {wire::kTcpOffered.offset, "\x01"}});
+    const auto client = makeClient();
+    ASSERT_TRUE(comesTrue([&] {
+        client->query();
+        return comesTrue([&] { return radar.heard(wire::kQuery); }, 500ms);
+    }));
+    send(datagram.substr(0, 100));
+    send(datagram.substr(100));
+    ASSERT_TRUE(comesTrue([&] { return radar.heard(wire::kTcpWanted); }));
+    EXPECT_EQ(client->getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
+    send(std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x') +
+         announcement("R", 21, wire::kLongAnnouncement));
+
+    std::map<std::string, Frame> overTcp; // by text
+    for (const Frame& frame : read())
+        if (frame.at("udp.payload").empty())
+            overTcp[frame.at("_ws.col.Info")] = frame;
+    Frame frame = overTcp["Announcement: ZQ-7, host id 20, 2 streams"];
+    for (const auto& [name, value] : expected(datagram))
+        EXPECT_EQ(frame[name], value) << name;
+    EXPECT_TRUE(overTcp.contains("TCP service wanted"));
+    EXPECT_EQ(overTcp["TCP reply; Announcement: R, host id 21, 2 streams"]["_ws.expert.message"],
+              "Over TCP, displays drop a name that does not begin with ZQ");
+}
+
 } // namespace

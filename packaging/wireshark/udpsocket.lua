@@ -332,14 +332,15 @@ local function dissectStandardEndpoints(tree, tvb, layout, id, covered)
             item:add_proto_expert_info(experts.own)
         elseif not owner then
             item:add_proto_expert_info(experts.unplanned)
-        elseif owner ~= id then
-            table.insert(others, string.format("%s: %d", endpointFields[key].label, owner))
+        elseif owner ~= id and isHostId(id) then
+            table.insert(others, string.format("%s is that of %d", endpointFields[key].label, owner))
         end
         table.insert(covered, { place[2], 6 })
     end
     if #others > 0 then
         tree:add_proto_expert_info(experts.mixed_ids, string.format(
-            "Endpoints of different host ids: displays take it for %d, but %s", id, table.concat(others, ", ")))
+            "Endpoints of different host ids: displays take it for %d, but %s%s", id, others[1],
+            #others > 1 and string.format(", and %d more differ", #others - 1) or ""))
     end
 end
 
