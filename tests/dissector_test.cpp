@@ -3,13 +3,13 @@
 #include "capture.h"
 #include "profile_directory.h"
 #include "records.h"
+#include "tcp_support.h"
 
 #include <UdpSocket/detail/address_plan.h>
 #include <UdpSocket/detail/wire.h>
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/hostserver.h>
 #include <UdpSocket/multiradarclient.h>
-#include <UdpSocket/tcpsocket.h>
 
 #include <gmock/gmock.h>
 
@@ -354,33 +354,13 @@ TEST_F(Dissector, WarnsOfTwoRadarsThatCannotBeToldApart) {
     EXPECT_THAT(all, HasSubstr("Objection to host id 30: \n")) << "an answer to the probe, not an order";
 }
 
-/// A fixed radar's end of the TCP connection.
-class FixedRadar : public net::iTcpDataListener {
-public:
-    void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int length) override {
-        std::lock_guard lock(m_mutex);
-        m_heard.append(data, static_cast<std::size_t>(length));
-    }
-    void OnTcpClientConnected(int fd, const char*, unsigned short) override { client = fd; }
-    void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
-    bool heard(const wire::Code& code) const {
-        std::lock_guard lock(m_mutex);
-        return m_heard.find(wire::text(code)) != std::string::npos;
-    }
-    std::atomic<int> client = -1;
-
-private:
-    mutable std::mutex m_mutex; // guards m_heard
-    std::string m_heard;
-};
-
 class TcpDissector : public Dissector {
 protected:
     TcpDissector() : Dissector("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = true\n") {}
 };
 
 TEST_F(TcpDissector, FindsTheMessagesInAStream) {
-    FixedRadar radar;
+    tcp_test::Notes radar;
     std::unique_ptr<net::TcpServer> server;
     {
         const lab::Inside inside = m_lan.node("host1").enter();
@@ -388,7 +368,10 @@ TEST_F(TcpDissector, FindsTheMessagesInAStream) {
         ASSERT_TRUE(server->connect(wire::kDiscovery.port, 1));
     }
     const auto send = [&](const std::string& bytes) {
-        server->sendData(radar.client, bytes.data(), static_cast<unsigned int>(bytes.size()));
+        server->sendData(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    };
+    const auto heard = [&](const wire::Code& code) {
+        return comesTrue([&] { return radar.bytes().find(wire::text(code)) != std::string::npos; }, 500ms);
     };
     const std::string datagram =
         announcement("ZQ-7", 20, wire::kLongAnnouncement,
@@ -396,11 +379,11 @@ TEST_F(TcpDissector, FindsTheMessagesInAStream) {
     const auto client = makeClient();
     ASSERT_TRUE(comesTrue([&] {
         client->query();
-        return comesTrue([&] { return radar.heard(wire::kQuery); }, 500ms);
+        return heard(wire::kQuery);
     }));
     send(datagram.substr(0, 100));
     send(datagram.substr(100));
-    ASSERT_TRUE(comesTrue([&] { return radar.heard(wire::kTcpWanted); }));
+    ASSERT_TRUE(comesTrue([&] { return heard(wire::kTcpWanted); }));
     EXPECT_EQ(client->getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
     send(std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x') +
          announcement("R", 21, wire::kLongAnnouncement));
