@@ -2,6 +2,7 @@
 
 #include "profile_directory.h"
 #include "recorder.h"
+#include "records.h"
 #include "wait.h"
 
 #include <UdpSocket/detail/address_plan.h>
@@ -14,7 +15,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <set>
 
@@ -23,7 +26,89 @@ namespace {
 using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Ge;
+using testing::HasSubstr;
 using testing::Le;
+
+std::string name(plan::EndpointField field) {
+    for (const auto& [candidate, words] : {std::pair{&RadarAddress::imageStream, "image"},
+                                           {&RadarAddress::imageCtrl, "image control"},
+                                           {&RadarAddress::imageState, "image state"},
+                                           {&RadarAddress::arpaStream, "ARPA"},
+                                           {&RadarAddress::arpaCtrl, "ARPA control"},
+                                           {&RadarAddress::arpaState, "ARPA state"}})
+        if (candidate == field)
+            return words;
+    return "original image";
+}
+
+std::string name(plan::EndpointField field, int stream) {
+    return "stream " + std::to_string(stream) + " " + name(field);
+}
+
+/// The beginning of a table's row.
+std::string row(const std::vector<std::string>& cells) {
+    std::string result = "\n";
+    for (const std::string& cell : cells)
+        result += "| " + cell + (&cell == &cells.back() ? "" : " ");
+    return result;
+}
+
+std::string row(const wire::Field& field, const std::string& words) {
+    return row({std::to_string(field.offset), std::to_string(field.width), words});
+}
+
+TEST(ProtocolPage, NumbersAreThoseOfTheCode) {
+    std::ifstream file(PROTOCOL_PAGE);
+    const std::string page{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t longForm = page.find("Endpoints of the long form");
+    const std::size_t extension = page.find("### The extension");
+    ASSERT_NE(extension, std::string::npos);
+
+    for (const auto& place : wire::kShortEndpoints)
+        EXPECT_THAT(page.substr(0, longForm),
+                    HasSubstr(row({place.offset, 6}, name(place.field, place.stream))));
+    for (const auto& place : wire::kLongEndpoints)
+        EXPECT_THAT(page.substr(longForm, extension - longForm),
+                    HasSubstr(row({place.offset, 6}, name(place.field, place.stream))));
+    std::vector<std::string> rows = {row(wire::kCode, "code"),
+                                     row(wire::kName, "name"),
+                                     row(wire::kRadarIp, "the radar's own"),
+                                     row(wire::kExtended, "extended"),
+                                     row(wire::kRadarNumber, "dedicated number"),
+                                     row(wire::kTcpOffered, "TCP service"),
+                                     row(wire::kTcpKinds, "a kind byte"),
+                                     row(wire::kUserValid, "user endpoints")};
+    for (const auto& place : wire::kTcpEndpoints)
+        rows.push_back(row({place.offset, 6}, "TCP " + name(place.field)));
+    for (const auto& place : wire::kUserEndpoints)
+        rows.push_back(row({place.offset, 6}, "user " + name(place.field)));
+    for (const wire::Group& group : {wire::kDiscovery, wire::kNegotiation, wire::kBeacon})
+        rows.push_back(row({group.address, std::to_string(group.port)}));
+
+    constexpr std::array<std::uint8_t, 5> kIds = {1, 16, 17, 30, 63};
+    for (const plan::Row& planned : plan::kRows) {
+        std::vector<std::string> cells = {name(planned.field, planned.stream),
+                                          std::to_string(planned.offset)};
+        for (const std::uint8_t id : kIds)
+            cells.push_back(text(plan::announcedEndpoint(id, planned.field, planned.stream)));
+        rows.push_back(row(cells));
+        if (planned.displayPort != 0)
+            rows.push_back(row({name(planned.field), text(plan::defaultRecord().*planned.field)}));
+    }
+    for (const std::uint8_t id : kIds) {
+        InfoDeviceEndpoints devices;
+        plan::fillInfoDevices(devices, plan::getInfoDevBaseEp(id));
+        rows.push_back(row({std::to_string(id), text(devices[0]), text(devices[9])}));
+    }
+    constexpr std::array<std::uint8_t, 4> kNumbers = {0, 1, 2, 255};
+    for (const std::uint8_t number : kNumbers) {
+        const RadarAddress record = plan::dedicatedRecord(number);
+        rows.push_back(row({std::to_string(number), text(record.imageStream), text(record.arpaStream),
+                            text(record.imageOriginal), text(record.infoDev[0])}));
+    }
+    for (const std::string& expected : rows)
+        EXPECT_THAT(page, HasSubstr(expected));
+}
 
 /// A display, and computers for hosts.
 class ForeignHost : public testing::Test {
