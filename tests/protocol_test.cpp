@@ -119,9 +119,10 @@ protected:
         m_tap = std::make_unique<net::UdpReceiver>(&m_heard, net::transAddr("10.20.2.1"), "236.6.7.5", 6878,
                                                    1024);
     }
-    lab::Process start(const lab::Node& node, const std::string& name, int id, int streams) {
+    lab::Process start(const lab::Node& node, const std::string& name, int id, int streams,
+                       const std::string& local = "0.0.0.0") {
         return node.start({.command = {"python3", HOST_PY, "--name", name, "--id", std::to_string(id),
-                                       "--streams", std::to_string(streams)}});
+                                       "--streams", std::to_string(streams), "--local", local}});
     }
     static int servedId(lab::Process& host) {
         const std::string words = "serving as host id ";
@@ -187,7 +188,7 @@ TEST_F(ForeignHost, AnnouncesByteForByteWhatTheLibraryAnnounces) {
 
 TEST_F(ForeignHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
     const auto drawn = AllOf(Ge(16), Le(63));
-    lab::Process first = start(m_lan.node("host1"), "R", 1, 2);
+    lab::Process first = start(m_lan.node("host1"), "R", 1, 2, "10.20.1.1");
     EXPECT_EQ(servedId(first), 1);
     EXPECT_THAT(makeNegotiator(m_lan.node("host2"))->syncLogin(1), drawn) << "the holder of id 1 objects";
 

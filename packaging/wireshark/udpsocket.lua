@@ -229,9 +229,12 @@ local function rememberAnnouncement(pinfo, name, id)
     end
     local me = from .. "/" .. name
     for key, other in pairs(seen.announcers) do
-        if key ~= me and now - other.time < AGEING then
-            if other.id == id and isHostId(id) then found.twice[number] = other
-            elseif other.name == name then found.sameName[number] = other end
+        if now - other.time >= AGEING then
+            seen.announcers[key] = nil
+        elseif key ~= me and other.id == id and isHostId(id) then
+            found.twice[number] = other
+        elseif key ~= me and other.name == name then
+            found.sameName[number] = other
         end
     end
     seen.announcers[me] = { number = number, time = now, id = id, name = name, from = from }
@@ -348,7 +351,7 @@ local function dissectAnnouncement(tree, tvb, pinfo)
     local layout = LAYOUTS[tvb:len()]
     local covered = { { 0, 2 }, NAME, RADAR_IP }
     local raw = at(tvb, NAME)
-    local name = raw:string(ENC_UTF_8):gsub("%z.*", "")
+    local name = raw:string(ENC_UTF_8):gsub("\0.*", "")
     local nameItem = tree:add(fields.name, raw, name)
     if name == "" then nameItem:add_proto_expert_info(experts.name, "The name is empty") end
     if raw:bytes():get_index(NAME[2] - 1) ~= 0 then nameItem:add_proto_expert_info(experts.full_name) end
