@@ -24,6 +24,9 @@ int renumber(const Options& options, Output& output) {
         for (const Radar& radar : radars)
             if (radar.name == before.name)
                 held = radar.hostId;
+        // Again: a holder of id 1 takes the first objection after one of its own for that one's echo.
+        if (held == before.hostId)
+            MultiRadarClient::getInstance()->queryForAdjust(before.name.c_str());
         return held != before.hostId;
     });
     if (end != Search::End::Enough)
