@@ -1,4 +1,5 @@
 #include <IniProfile/iniprofile.h>
+#include <UdpSocket/detail/mutex.h>
 
 #include <ini.h>
 
@@ -16,22 +17,27 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string_view>
 
 namespace {
 
+using net::detail::Lock;
+using net::detail::Mutex;
+
 constexpr size_t kMostComplaints = 100; // a process writes no more lines than these about its profiles
 
 /// Writes @p line to standard error, once in the life of the process: profiles are read again and again.
 void complain(const std::string& line) {
-    static std::mutex mutex;                           // guards written
-    static auto& written = *new std::set<std::string>; // never destroyed: threads may read until the very end
+    struct Written {
+        Mutex mutex;
+        std::set<std::string> lines GUARDED_BY(mutex);
+    };
+    static auto& written = *new Written; // never destroyed: threads may read until the very end
     {
-        std::lock_guard lock(mutex);
-        if (written.size() == kMostComplaints || !written.insert(line).second)
+        Lock lock(written.mutex);
+        if (written.lines.size() == kMostComplaints || !written.lines.insert(line).second)
             return;
     }
     std::fprintf(stderr, "%s\n", line.c_str());
@@ -224,7 +230,7 @@ public:
             complain(std::string(file) + ": cannot be read (its path is too long), defaults are used");
             return use(nullptr);
         }
-        std::lock_guard lock(m_mutex);
+        Lock lock(m_mutex);
         const Profile& profile = read(path);
         if (const auto found = profile.find(std::string_view(section)); found != profile.end())
             if (const auto value = found->second.find(std::string_view(key)); value != found->second.end())
@@ -238,7 +244,7 @@ private:
         Profile profile;
     };
 
-    const Profile& read(const char* path) {
+    const Profile& read(const char* path) REQUIRES(m_mutex) {
         static constexpr size_t kMostFiles = 16;
         struct stat status {};
         const bool exists = ::stat(path, &status) == 0;
@@ -259,8 +265,8 @@ private:
         return fresh.profile;
     }
 
-    std::mutex m_mutex; // guards m_entries
-    std::map<std::string, Entry, std::less<>> m_entries;
+    Mutex m_mutex;
+    std::map<std::string, Entry, std::less<>> m_entries GUARDED_BY(m_mutex);
 };
 
 Cache& profiles() {

@@ -1,16 +1,15 @@
 #include <UdpSocket/hostnegotiator.h>
 
 #include <UdpSocket/detail/discovery_sockets.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/thread.h>
 #include <UdpSocket/detail/wire.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string_view>
 #include <system_error>
@@ -60,9 +59,9 @@ private:
     }
     void onClaim(std::uint8_t fourthByte);
     void onObjection(std::uint8_t id);
-    std::uint8_t drawId() { return static_cast<std::uint8_t>(m_idRange(m_engine)); }
+    std::uint8_t drawId() REQUIRES(m_mutex) { return static_cast<std::uint8_t>(m_idRange(m_engine)); }
     bool opposed() const {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         return !m_unopposed;
     }
 
@@ -71,23 +70,23 @@ private:
     const std::unique_ptr<net::UdpSender> m_sender;
     net::detail::Pause m_pause;
 
-    mutable std::mutex m_mutex; // guards what follows
-    std::minstd_rand0 m_engine{static_cast<std::minstd_rand0::result_type>(
+    mutable net::detail::Mutex m_mutex;
+    std::minstd_rand0 m_engine GUARDED_BY(m_mutex){static_cast<std::minstd_rand0::result_type>(
         std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now())
             .time_since_epoch()
             .count())};
-    std::uniform_int_distribution<std::uint16_t> m_idRange{kFirstDrawnId, kLastDrawnId};
-    std::uint8_t m_hostId = 0; // claimed or held
-    LoginState m_loginState = LoginState::Out;
-    bool m_unopposed = false;
-    bool m_replied = false; // the next objection to our id is our own, looped back
-    int m_callbacks = 0;    // logins whose onLogin is running
-    bool m_ended = false;
-    std::condition_variable m_callbackDone;
+    std::uniform_int_distribution<std::uint16_t> m_idRange GUARDED_BY(m_mutex){kFirstDrawnId, kLastDrawnId};
+    std::uint8_t m_hostId GUARDED_BY(m_mutex) = 0; // claimed or held
+    LoginState m_loginState GUARDED_BY(m_mutex) = LoginState::Out;
+    bool m_unopposed GUARDED_BY(m_mutex) = false;
+    bool m_replied GUARDED_BY(m_mutex) = false; // the next objection to our id is our own, looped back
+    int m_callbacks GUARDED_BY(m_mutex) = 0;    // logins whose onLogin is running
+    bool m_ended GUARDED_BY(m_mutex) = false;
+    net::detail::Condition m_callbackDone;
 };
 
 bool Negotiation::begin(std::uint8_t id, const char* function) {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     if (m_loginState != LoginState::Out) {
         std::printf("%s:Already login\n", function);
         return false;
@@ -98,7 +97,7 @@ bool Negotiation::begin(std::uint8_t id, const char* function) {
 }
 
 void Negotiation::abandonBegin() {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     m_loginState = LoginState::Out;
 }
 
@@ -106,7 +105,7 @@ std::uint8_t Negotiation::login() {
     std::uint8_t id = 0;
     for (bool held = false; !held;) {
         {
-            std::lock_guard lock(m_mutex);
+            net::detail::Lock lock(m_mutex);
             id = m_hostId;
             m_unopposed = true;
         }
@@ -118,7 +117,7 @@ std::uint8_t Negotiation::login() {
             if (!m_pause.sleep(kObjectionTime))
                 return 0;
         }
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         held = m_unopposed;
         if (!held)
             m_hostId = drawId();
@@ -132,7 +131,7 @@ std::uint8_t Negotiation::login() {
     if (m_onLogin)
         m_onLogin(id);
     {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         --m_callbacks;
     }
     m_callbackDone.notify_all();
@@ -159,7 +158,7 @@ void Negotiation::onDatagram(std::string_view message) {
 void Negotiation::onClaim(std::uint8_t fourthByte) {
     std::uint8_t id;
     {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         // The fourth byte, always 1, and not the id that is claimed: only the holder of id 1 defends it.
         if (m_loginState != LoginState::LoggedIn || fourthByte != m_hostId)
             return;
@@ -171,7 +170,7 @@ void Negotiation::onClaim(std::uint8_t fourthByte) {
 
 void Negotiation::onObjection(std::uint8_t id) {
     {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         if (id != m_hostId || m_loginState == LoginState::Out)
             return;
         if (m_loginState == LoginState::LoggingIn) {
@@ -186,7 +185,7 @@ void Negotiation::onObjection(std::uint8_t id) {
     try {
         launchLogin();
     } catch (const std::system_error& error) {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         std::fprintf(stderr, "HostNegotiator: keeps host id %d: no thread to negotiate another (%s)\n", id,
                      error.what());
         m_hostId = id;
@@ -196,9 +195,9 @@ void Negotiation::onObjection(std::uint8_t id) {
 
 void Negotiation::end() {
     m_pause.stop();
-    std::unique_lock lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     m_ended = true;
-    m_callbackDone.wait(lock, [this] { return m_callbacks == 0; });
+    m_callbackDone.wait(lock, [this]() REQUIRES(m_mutex) { return m_callbacks == 0; });
 }
 
 } // namespace

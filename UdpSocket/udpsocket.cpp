@@ -358,7 +358,7 @@ UdpReceiverPrivate::~UdpReceiverPrivate() {
     m_running = false;
     m_ending.stop();
     {
-        std::lock_guard lock(m_socketMutex);
+        detail::Lock lock(m_socketMutex);
         m_socket.wakeReader();
     }
     if (m_thread.joinable())
@@ -401,7 +401,7 @@ void UdpReceiverPrivate::setUp(bool reporting) {
     if (!setOption(socket, SOL_SOCKET, SO_RCVTIMEO, kReceiverTimeOut))
         report(reporting, "setsockopt::SO_RCVTIMEO");
 
-    std::lock_guard lock(m_socketMutex);
+    detail::Lock lock(m_socketMutex);
     if (m_wantedBuffer != 0 && !setOption(socket, SOL_SOCKET, SO_RCVBUF, m_wantedBuffer))
         report(reporting, "setsockopt::SO_RCVBUF");
     m_socket = std::move(socket);
@@ -464,7 +464,7 @@ void UdpReceiverPrivate::mend() {
 
 void UdpReceiverPrivate::growReceiveBuffer(UdpReceiver& receiver, int bytes) {
     UdpReceiverPrivate& own = *receiver.d;
-    std::lock_guard lock(own.m_socketMutex);
+    detail::Lock lock(own.m_socketMutex);
     own.m_wantedBuffer = bytes;
     if (own.m_socket.isOpen() && !setOption(own.m_socket, SOL_SOCKET, SO_RCVBUF, bytes))
         own.report("setsockopt::SO_RCVBUF");

@@ -14,23 +14,23 @@ constexpr const char* kDefaultProfiles[] = {
 
 } // namespace
 
-std::mutex tNetIPHelperPrivate::s_restartMutex;
+detail::Mutex tNetIPHelperPrivate::s_restartMutex;
 std::list<std::shared_ptr<tNetIPHelperPrivate>> tNetIPHelperPrivate::s_netIPHelperList;
 bool tNetIPHelperPrivate::s_resetReady = true;
 bool tNetIPHelperPrivate::s_restarting = false;
 std::string tNetIPHelperPrivate::s_netRestartCmd = "service network-manager restart";
-std::condition_variable tNetIPHelperPrivate::s_networkCond;
+detail::Condition tNetIPHelperPrivate::s_networkCond;
 
 void tNetIPHelperPrivate::SetResetReady(bool ready) {
     {
-        std::lock_guard lock(s_restartMutex);
+        detail::Lock lock(s_restartMutex);
         s_resetReady = ready;
     }
     s_networkCond.notify_all();
 }
 
 void tNetIPHelperPrivate::NetResetCmd(std::string cmd) {
-    std::lock_guard lock(s_restartMutex);
+    detail::Lock lock(s_restartMutex);
     s_netRestartCmd = std::move(cmd);
 }
 
@@ -56,8 +56,8 @@ private:
 };
 
 tNetIPHelperPrivate::Restart::Restart(const tNetIPHelperPrivate* starter) : m_starter(starter) {
-    std::unique_lock lock(s_restartMutex);
-    s_networkCond.wait(lock, [this] { return !s_restarting || givenUp(); });
+    detail::Lock lock(s_restartMutex);
+    s_networkCond.wait(lock, [this]() REQUIRES(s_restartMutex) { return !s_restarting || givenUp(); });
     if (givenUp())
         return;
     s_restarting = m_begun = true;
@@ -71,7 +71,7 @@ tNetIPHelperPrivate::Restart::~Restart() {
         if (instance->m_paused)
             instance->startOver();
     {
-        std::lock_guard lock(s_restartMutex);
+        detail::Lock lock(s_restartMutex);
         s_restarting = false;
     }
     s_networkCond.notify_all();
@@ -108,12 +108,13 @@ void tNetIPHelperPrivate::Restart::pause(tNetIPHelperPrivate& instance) {
     instance.notify("0.0.0.0", false);
     print("\r\nN++++++++ " + instance.m_ifname + " network reset mutex wait\r\n");
     {
-        std::unique_lock lock(s_restartMutex);
-        s_networkCond.wait(lock, [&] { return s_resetReady || instance.isGone() || givenUp(); });
+        detail::Lock lock(s_restartMutex);
+        s_networkCond.wait(
+            lock, [&]() REQUIRES(s_restartMutex) { return s_resetReady || instance.isGone() || givenUp(); });
     }
     if (givenUp() || instance.isGone())
         return;
-    { std::lock_guard lock(s_networkMutex); } // a detection that is under way ends first
+    { detail::Lock lock(s_networkMutex); } // a detection that is under way ends first
     print("\r\nN++++++++ " + instance.m_ifname + " network reset mutex free\r\n");
 }
 
@@ -125,7 +126,7 @@ void tNetIPHelperPrivate::Restart::restartService() {
     }
     std::string command;
     {
-        std::lock_guard lock(s_restartMutex);
+        detail::Lock lock(s_restartMutex);
         command = s_netRestartCmd;
     }
     if (!givenUp())
@@ -153,7 +154,7 @@ void tNetIPHelperPrivate::NetworkReset() {
 
 void tNetIPHelperPrivate::startOver() {
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         m_addressFound = false;
         m_currentIp = "0.0.0.0";
         m_reportedIp.clear();

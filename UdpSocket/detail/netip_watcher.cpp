@@ -29,7 +29,7 @@ std::string addressOf(const std::map<unsigned int, tNetworkInterface>& table, co
 } // namespace
 
 std::atomic<bool> tNetIPHelperPrivate::s_netWorkTool = false;
-std::mutex tNetIPHelperPrivate::s_networkMutex;
+detail::Mutex tNetIPHelperPrivate::s_networkMutex;
 
 tNetIPHelperPrivate::tNetIPHelperPrivate(bool dhcp, std::string ifname, std::string manualIp,
                                          std::string netmask)
@@ -43,7 +43,7 @@ tNetIPHelperPrivate* tNetIPHelperPrivate::start(bool dhcp, std::string ifname, s
     auto made = std::make_shared<tNetIPHelperPrivate>(dhcp, std::move(ifname), std::move(manualIp),
                                                       std::move(netmask));
     made->m_thread = detail::startThread([watcher = made.get()] { watcher->watch(); });
-    std::lock_guard lock(s_restartMutex);
+    detail::Lock lock(s_restartMutex);
     return s_netIPHelperList.emplace_back(std::move(made)).get();
 }
 
@@ -51,30 +51,30 @@ void tNetIPHelperPrivate::end() {
     const auto self = shared_from_this();
     m_pause.stop();
     {
-        std::lock_guard lock(s_restartMutex);
+        detail::Lock lock(s_restartMutex);
         s_netIPHelperList.remove(self);
     }
     s_networkCond.notify_all();
     m_thread.join();
-    std::unique_lock lock(m_mutex); // a restart on another thread may be calling the listeners
-    m_notified.wait(lock, [this] { return m_notifying == 0; });
+    detail::Lock lock(m_mutex); // a restart on another thread may be calling the listeners
+    m_notified.wait(lock, [this]() REQUIRES(m_mutex) { return m_notifying == 0; });
 }
 
 void tNetIPHelperPrivate::AddNetIPListener(iNetIPListener* listener) {
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         m_listeners.push_back(listener);
     }
     listener->OnNetIPChanged(m_ifname, kNoAddress, false);
 }
 
 void tNetIPHelperPrivate::RemoveNetIPListener(iNetIPListener* listener) {
-    std::lock_guard lock(m_mutex);
+    detail::Lock lock(m_mutex);
     m_listeners.remove(listener);
 }
 
 std::string tNetIPHelperPrivate::GetNetIP() const {
-    std::lock_guard lock(m_mutex);
+    detail::Lock lock(m_mutex);
     return m_currentIp;
 }
 
@@ -108,7 +108,7 @@ void tNetIPHelperPrivate::followCarrier() {
 }
 
 void tNetIPHelperPrivate::detect() {
-    std::lock_guard lock(s_networkMutex);
+    detail::Lock lock(s_networkMutex);
     if (m_paused || isGone()) // since this thread began to wait
         return;
     const InterfaceTable table = localNetworkInterfaces();
@@ -142,7 +142,7 @@ void tNetIPHelperPrivate::detectWithIfconfig(const InterfaceTable& table) {
 }
 
 void tNetIPHelperPrivate::settle(const std::string& address, bool found) {
-    std::lock_guard lock(m_mutex);
+    detail::Lock lock(m_mutex);
     m_currentIp = address;
     m_addressFound = found;
 }
@@ -151,7 +151,7 @@ void tNetIPHelperPrivate::reportChange() {
     std::string address;
     bool found;
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         if (m_currentIp == m_reportedIp || m_paused || isGone())
             return;
         m_reportedIp = m_currentIp;
@@ -175,7 +175,7 @@ void tNetIPHelperPrivate::reportChange() {
 void tNetIPHelperPrivate::notify(const std::string& address, bool dhcpAddress) {
     std::list<iNetIPListener*> listeners;
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         if (isGone())
             return;
         ++m_notifying;
@@ -183,7 +183,7 @@ void tNetIPHelperPrivate::notify(const std::string& address, bool dhcpAddress) {
     }
     for (iNetIPListener* listener : listeners)
         listener->OnNetIPChanged(m_ifname, address, dhcpAddress);
-    std::lock_guard lock(m_mutex);
+    detail::Lock lock(m_mutex);
     --m_notifying;
     m_notified.notify_all();
 }

@@ -3,18 +3,17 @@
 /// restart of the network, which concerns all of them (netip_restart.cpp).
 #pragma once
 
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/thread.h>
 #include <UdpSocket/netiphelper.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
 #include <initializer_list>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -84,22 +83,23 @@ private:
     detail::Pause m_pause;
     std::thread m_thread;
 
-    mutable std::mutex m_mutex; // guards everything below
-    std::list<iNetIPListener*> m_listeners;
-    std::string m_currentIp = "0.0.0.0";
-    std::string m_reportedIp; // empty: the next address is reported, whatever it is
-    bool m_addressFound = false;
-    int m_notifying = 0; // rounds of calls to the listeners under way
-    std::condition_variable m_notified;
+    mutable detail::Mutex m_mutex;
+    std::list<iNetIPListener*> m_listeners GUARDED_BY(m_mutex);
+    std::string m_currentIp GUARDED_BY(m_mutex) = "0.0.0.0";
+    std::string m_reportedIp GUARDED_BY(m_mutex); // empty: the next address is reported, whatever it is
+    bool m_addressFound GUARDED_BY(m_mutex) = false;
+    int m_notifying GUARDED_BY(m_mutex) = 0; // rounds of calls to the listeners under way
+    detail::Condition m_notified;
 
-    static std::mutex s_networkMutex; // held while addresses are detected, the command that follows included
+    static detail::Mutex
+        s_networkMutex; // held while addresses are detected, the command that follows included
 
-    static std::mutex s_restartMutex; // guards everything below; never held while a command or listener runs
-    static std::list<std::shared_ptr<tNetIPHelperPrivate>> s_netIPHelperList;
-    static bool s_resetReady;
-    static bool s_restarting;
-    static std::string s_netRestartCmd;
-    static std::condition_variable s_networkCond; // a restart may go on, or must be given up
+    static detail::Mutex s_restartMutex; // never held while a command or listener runs
+    static std::list<std::shared_ptr<tNetIPHelperPrivate>> s_netIPHelperList GUARDED_BY(s_restartMutex);
+    static bool s_resetReady GUARDED_BY(s_restartMutex);
+    static bool s_restarting GUARDED_BY(s_restartMutex);
+    static std::string s_netRestartCmd GUARDED_BY(s_restartMutex);
+    static detail::Condition s_networkCond; // a restart may go on, or must be given up
 };
 
 } // namespace net

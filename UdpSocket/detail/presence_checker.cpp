@@ -56,7 +56,7 @@ MultiRadarCheckerPrivate::MultiRadarCheckerPrivate(iMultiRadarCheckerListener* o
 
 MultiRadarCheckerPrivate::~MultiRadarCheckerPrivate() {
     {
-        std::lock_guard lock(m_controlMutex);
+        net::detail::Lock lock(m_controlMutex);
         m_running = false;
     }
     m_control.notify_all();
@@ -66,7 +66,7 @@ MultiRadarCheckerPrivate::~MultiRadarCheckerPrivate() {
 void MultiRadarCheckerPrivate::addListener(iMultiRadarCheckerListener* listener) {
     unsigned int current;
     {
-        std::lock_guard lock(m_lock);
+        net::detail::Lock lock(m_lock);
         if (std::find(m_listeners.begin(), m_listeners.end(), listener) == m_listeners.end())
             m_listeners.push_back(listener);
         current = m_current;
@@ -79,18 +79,18 @@ void MultiRadarCheckerPrivate::addListener(iMultiRadarCheckerListener* listener)
 }
 
 unsigned int MultiRadarCheckerPrivate::currentAddress() const {
-    std::lock_guard lock(m_lock);
+    net::detail::Lock lock(m_lock);
     return m_current;
 }
 
 void MultiRadarCheckerPrivate::removeListener(iMultiRadarCheckerListener* listener) {
-    std::lock_guard lock(m_lock);
+    net::detail::Lock lock(m_lock);
     m_listeners.remove(listener);
 }
 
 void MultiRadarCheckerPrivate::setLocalIP(unsigned int ip) {
     {
-        std::lock_guard lock(m_controlMutex);
+        net::detail::Lock lock(m_controlMutex);
         m_configured = ip;
     }
     m_control.notify_all();
@@ -98,15 +98,14 @@ void MultiRadarCheckerPrivate::setLocalIP(unsigned int ip) {
 
 /// False when the search at hand is no longer wanted.
 bool MultiRadarCheckerPrivate::searching() const {
-    std::lock_guard lock(m_controlMutex);
+    net::detail::Lock lock(m_controlMutex);
     return m_running && m_configured == 0;
 }
 
 /// Waits, with the control lock but for the waiting itself, until @p done or the duration is over or the
 /// machine has other addresses than those of the search at hand.
 template <class Done>
-void MultiRadarCheckerPrivate::pause(std::unique_lock<std::mutex>& control, std::chrono::seconds duration,
-                                     Done done) {
+void MultiRadarCheckerPrivate::pause(net::detail::Lock& control, std::chrono::seconds duration, Done done) {
     const auto end = std::chrono::steady_clock::now() + duration;
     for (;;) {
         const auto now = std::chrono::steady_clock::now();
@@ -117,25 +116,25 @@ void MultiRadarCheckerPrivate::pause(std::unique_lock<std::mutex>& control, std:
 }
 
 bool MultiRadarCheckerPrivate::sleepWhileSearching(std::chrono::seconds duration) {
-    const auto givenUp = [this] { return !m_running || m_configured != 0; };
+    const auto givenUp = [this]() REQUIRES(m_controlMutex) { return !m_running || m_configured != 0; };
     const auto end = std::chrono::steady_clock::now() + duration;
-    std::unique_lock lock(m_controlMutex);
+    net::detail::Lock lock(m_controlMutex);
     pause(lock, duration, givenUp);
     return !givenUp() && std::chrono::steady_clock::now() >= end;
 }
 
 void MultiRadarCheckerPrivate::run() {
-    std::unique_lock control(m_controlMutex);
+    net::detail::Lock control(m_controlMutex);
     while (m_running) {
         const unsigned int address = m_configured;
         control.unlock();
         if (address == 0)
             check();
-        else if (address != m_current)
+        else if (address != currentAddress())
             makeCurrent(address);
         m_mend();
         control.lock();
-        const auto changed = [&] { return !m_running || m_configured != address; };
+        const auto changed = [&]() REQUIRES(m_controlMutex) { return !m_running || m_configured != address; };
         if (address == 0)
             pause(control, kCycle, changed);
         else
@@ -146,14 +145,14 @@ void MultiRadarCheckerPrivate::run() {
 void MultiRadarCheckerPrivate::check() {
     const std::set<unsigned int> addresses = net::localIpSet();
     {
-        std::lock_guard lock(m_controlMutex);
+        net::detail::Lock lock(m_controlMutex);
         m_addresses = addresses;
     }
     std::set<unsigned int> heard = probeAll(addresses, &MultiRadarCheckerPrivate::hearsBeacon);
     if (!searching() || isConfirmed(heard))
         return;
     if (!heard.empty()) {
-        std::printf("Find a varen Radar new ip:%08X old ip:%08X\n", *heard.begin(), m_current);
+        std::printf("Find a varen Radar new ip:%08X old ip:%08X\n", *heard.begin(), currentAddress());
         settle(heard);
         return;
     }
@@ -164,20 +163,20 @@ void MultiRadarCheckerPrivate::check() {
         m_found = false;
         return;
     }
-    std::printf("Find a Radar new ip:%x old ip:%x\n", *heard.begin(), m_current);
+    std::printf("Find a Radar new ip:%x old ip:%x\n", *heard.begin(), currentAddress());
     settle(heard);
 }
 
 std::set<unsigned int> MultiRadarCheckerPrivate::probeAll(const std::set<unsigned int>& addresses,
                                                           Probe probe) {
-    std::mutex mutex; // guards heard
+    net::detail::Mutex mutex; // guards heard
     std::set<unsigned int> heard;
     std::vector<std::thread> probes;
     for (const unsigned int address : addresses) {
         const auto probeOne = [&, address] {
             if (!(this->*probe)(address))
                 return;
-            std::lock_guard lock(mutex);
+            net::detail::Lock lock(mutex);
             heard.insert(address);
         };
         if (!net::detail::launchThread(probes.emplace_back(), probeOne)) {
@@ -212,7 +211,7 @@ bool MultiRadarCheckerPrivate::hearsAnswer(unsigned int localIp) {
 }
 
 bool MultiRadarCheckerPrivate::isConfirmed(const std::set<unsigned int>& heard) const {
-    return m_found && heard.count(m_current) != 0;
+    return m_found && heard.count(currentAddress()) != 0;
 }
 
 void MultiRadarCheckerPrivate::settle(const std::set<unsigned int>& heard) {
@@ -222,7 +221,7 @@ void MultiRadarCheckerPrivate::settle(const std::set<unsigned int>& heard) {
 }
 
 void MultiRadarCheckerPrivate::makeCurrent(unsigned int localIp) {
-    std::lock_guard lock(m_lock);
+    net::detail::Lock lock(m_lock);
     m_current = localIp;
     if (localIp == 0)
         std::puts("ERROR LOGIC HAPPENED!!!");

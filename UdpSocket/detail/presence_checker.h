@@ -2,15 +2,15 @@
 /// Which local address leads to the radars.
 #pragma once
 
+#include <UdpSocket/detail/mutex.h>
+
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <list>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -63,18 +63,18 @@ private:
     bool searching() const;
     bool sleepWhileSearching(std::chrono::seconds duration);
     template <class Done>
-    void pause(std::unique_lock<std::mutex>& control, std::chrono::seconds duration, Done done);
+    void pause(net::detail::Lock& control, std::chrono::seconds duration, Done done) REQUIRES(m_controlMutex);
 
-    mutable std::mutex m_lock; // guards m_listeners and m_current; held while listeners are called
-    std::list<iMultiRadarCheckerListener*> m_listeners;
-    unsigned int m_current = 0; // the address last told to the listeners, network order
-    bool m_found = false;       // a radar was heard on it in the last search; checker thread only
+    mutable net::detail::Mutex m_lock; // held while listeners are called
+    std::list<iMultiRadarCheckerListener*> m_listeners GUARDED_BY(m_lock);
+    unsigned int m_current GUARDED_BY(m_lock) = 0; // the address last told to the listeners, network order
+    bool m_found = false; // a radar was heard on it in the last search; checker thread only
     const std::function<void()> m_mend;
 
-    mutable std::mutex m_controlMutex; // guards what follows, but for the thread
-    std::condition_variable m_control; // m_running or m_configured has changed
-    bool m_running = true;
-    unsigned int m_configured = 0;      // network order, 0 = search
-    std::set<unsigned int> m_addresses; // among which the search at hand looks
+    mutable net::detail::Mutex m_controlMutex;
+    net::detail::Condition m_control; // m_running or m_configured has changed
+    bool m_running GUARDED_BY(m_controlMutex) = true;
+    unsigned int m_configured GUARDED_BY(m_controlMutex) = 0;      // network order, 0 = search
+    std::set<unsigned int> m_addresses GUARDED_BY(m_controlMutex); // among which the search at hand looks
     std::thread m_thread;
 };

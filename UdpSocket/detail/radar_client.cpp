@@ -32,55 +32,57 @@ MultiRadarClientPrivate::MultiRadarClientPrivate() {
 
 MultiRadarClientPrivate::~MultiRadarClientPrivate() {
     m_checker.reset();
-    destroy(m_resetSender);
-    destroy(m_querySender);
-    destroy(m_announceReceiver);
-    destroy(m_tcpClient);
+    destroy(&MultiRadarClientPrivate::m_resetSender);
+    destroy(&MultiRadarClientPrivate::m_querySender);
+    destroy(&MultiRadarClientPrivate::m_announceReceiver);
+    destroy(&MultiRadarClientPrivate::m_tcpClient);
 }
 
 template <class Transport>
-void MultiRadarClientPrivate::destroy(std::unique_ptr<Transport>& slot) {
+void MultiRadarClientPrivate::destroy(Slot<Transport> slot) {
     std::unique_ptr<Transport> old;
-    std::lock_guard lock(m_transportMutex);
-    old.swap(slot);
+    net::detail::Lock lock(m_transportMutex);
+    old.swap(this->*slot);
 }
 
 template <class Transport, class Make>
-void MultiRadarClientPrivate::replace(std::unique_ptr<Transport>& slot, Make make) {
+void MultiRadarClientPrivate::replace(Slot<Transport> slot, Make make) {
     destroy(slot);
     auto made = make();
-    std::lock_guard lock(m_transportMutex);
-    slot = std::move(made);
+    net::detail::Lock lock(m_transportMutex);
+    this->*slot = std::move(made);
 }
 
 void MultiRadarClientPrivate::OnLocalIpChanged(unsigned int localIp) {
-    std::lock_guard rebuild(m_rebuildMutex);
+    net::detail::Lock rebuild(m_rebuildMutex);
     std::printf("LocalIpChanged %08X: %s \n", localIp, net::transAddr(localIp));
     m_localIp = localIp;
     m_whole = openSockets();
 }
 
 void MultiRadarClientPrivate::mend() {
-    std::lock_guard rebuild(m_rebuildMutex);
+    net::detail::Lock rebuild(m_rebuildMutex);
     if (!m_whole)
         m_whole = openSockets();
 }
 
 bool MultiRadarClientPrivate::openSockets() try {
     const std::uint32_t localIp = m_localIp;
-    replace(m_resetSender, [&] { return net::detail::makeSender(wire::kNegotiation, localIp); });
-    replace(m_querySender, [&] { return net::detail::makeSender(wire::kDiscovery, localIp); });
-    destroy(m_announceReceiver);
-    destroy(m_tcpClient);
+    replace(&MultiRadarClientPrivate::m_resetSender,
+            [&] { return net::detail::makeSender(wire::kNegotiation, localIp); });
+    replace(&MultiRadarClientPrivate::m_querySender,
+            [&] { return net::detail::makeSender(wire::kDiscovery, localIp); });
+    destroy(&MultiRadarClientPrivate::m_announceReceiver);
+    destroy(&MultiRadarClientPrivate::m_tcpClient);
     if (m_radarIp == 0)
-        replace(m_announceReceiver,
+        replace(&MultiRadarClientPrivate::m_announceReceiver,
                 [&] { return net::detail::makeReceiver(this, wire::kDiscovery, localIp); });
     else
-        replace(m_tcpClient, [&] {
+        replace(&MultiRadarClientPrivate::m_tcpClient, [&] {
             const NetAddress radar{m_radarIp, net::HtoNs(wire::kDiscovery.port)};
             return std::make_unique<net::TcpClient>(this, radar, localIp);
         });
-    std::lock_guard lock(m_transportMutex);
+    net::detail::Lock lock(m_transportMutex);
     return m_tcpClient != nullptr || net::UdpReceiverPrivate::hasThread(*m_announceReceiver);
 } catch (const std::exception& error) { // no thread, no memory
     std::fprintf(stderr, "MultiRadarClient: cannot listen for radars now (%s), will try again\n",
@@ -89,7 +91,7 @@ bool MultiRadarClientPrivate::openSockets() try {
 }
 
 void MultiRadarClientPrivate::sendToRadars(const wire::Code& code) {
-    std::lock_guard lock(m_transportMutex);
+    net::detail::Lock lock(m_transportMutex);
     if (m_querySender)
         net::detail::send(*m_querySender, code);
     if (m_tcpClient && m_tcpClient->isConnected())
@@ -97,7 +99,7 @@ void MultiRadarClientPrivate::sendToRadars(const wire::Code& code) {
 }
 
 void MultiRadarClientPrivate::resetRadar() {
-    std::lock_guard lock(m_transportMutex);
+    net::detail::Lock lock(m_transportMutex);
     if (m_resetSender)
         net::detail::send(*m_resetSender, wire::kReset);
 }
@@ -108,7 +110,7 @@ void MultiRadarClientPrivate::query() {
 }
 
 void MultiRadarClientPrivate::removeSilentRadars() {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     const std::int64_t now = net::detail::now();
     std::erase_if(m_radars, [now](const auto& radar) {
         const auto& [name, entry] = radar;
@@ -124,7 +126,7 @@ void MultiRadarClientPrivate::updateHostInfo(const char* name, const RadarAddres
     if (m_radarIp != 0 && std::string_view(name).find("TCP") == std::string_view::npos)
         return;
     {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         auto found = m_radars.find(std::string_view(name));
         if (found == m_radars.end())
             found = m_radars.try_emplace(name).first;

@@ -2,6 +2,7 @@
 /// The implementation behind MultiRadarClient.
 #pragma once
 
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/presence_checker.h>
 #include <UdpSocket/detail/wire.h>
 #include <UdpSocket/multiradarclient.h>
@@ -13,7 +14,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,33 +83,37 @@ private:
 
     /// Destroys the object in @p slot, then puts what @p make returns there. Threads of the old object may be
     /// inside this one and sending, so no lock that they take is held meanwhile.
-    template <class Transport, class Make>
-    void replace(std::unique_ptr<Transport>& slot, Make make);
     template <class Transport>
-    void destroy(std::unique_ptr<Transport>& slot);
+    using Slot = std::unique_ptr<Transport> MultiRadarClientPrivate::*;
+    template <class Transport, class Make>
+    void replace(Slot<Transport> slot, Make make);
+    template <class Transport>
+    void destroy(Slot<Transport> slot);
     void sendToRadars(const wire::Code& code);
     /// Opens the sockets on m_localIp. @return false, and a line on standard error, where the system lacks
     /// what they need
-    bool openSockets();
+    bool openSockets() REQUIRES(m_rebuildMutex);
     /// Opens them again after that, at most once a cycle of the checker.
     void mend();
 
     std::uint32_t m_radarIp = 0; // network order; 0: discover by multicast
     std::string m_tcpBuffer;     // what a message on the TCP stream has so far; TCP client's thread only
 
-    std::mutex m_rebuildMutex;   // one rebuild of the sockets at a time; guards the next two
-    std::uint32_t m_localIp = 0; // network order
-    bool m_whole = true;         // the last rebuild gave all that is needed
-    std::mutex m_transportMutex; // guards the four pointers; held while sending, which does not block
-    std::unique_ptr<net::UdpSender> m_resetSender;
-    std::unique_ptr<net::UdpSender> m_querySender;
-    std::unique_ptr<net::UdpReceiver> m_announceReceiver;
-    std::unique_ptr<net::TcpClient> m_tcpClient;
+    net::detail::Mutex
+        m_rebuildMutex ACQUIRED_BEFORE(m_transportMutex);   // one rebuild of the sockets at a time
+    std::uint32_t m_localIp GUARDED_BY(m_rebuildMutex) = 0; // network order
+    bool m_whole GUARDED_BY(m_rebuildMutex) = true;         // the last rebuild gave all that is needed
+    net::detail::Mutex m_transportMutex;                    // held while sending, which does not block
+    std::unique_ptr<net::UdpSender> m_resetSender GUARDED_BY(m_transportMutex);
+    std::unique_ptr<net::UdpSender> m_querySender GUARDED_BY(m_transportMutex);
+    std::unique_ptr<net::UdpReceiver> m_announceReceiver GUARDED_BY(m_transportMutex);
+    std::unique_ptr<net::TcpClient> m_tcpClient GUARDED_BY(m_transportMutex);
 
     std::list<iRadarObserver*> m_radarObservers; // not owned
 
-    mutable std::mutex m_mutex;                         // guards m_radars
-    std::map<std::string, Entry, std::less<>> m_radars; // looked up without making a string
+    mutable net::detail::Mutex m_mutex;
+    std::map<std::string, Entry, std::less<>>
+        m_radars GUARDED_BY(m_mutex); // looked up without making a string
 
     std::unique_ptr<MultiRadarCheckerPrivate> m_checker;
 };

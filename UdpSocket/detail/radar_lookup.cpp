@@ -1,6 +1,7 @@
 // What MultiRadarClientPrivate hands out of its radar table.
 
 #include <UdpSocket/detail/address_plan.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/radar_client.h>
 
 #include <algorithm>
@@ -12,7 +13,7 @@ namespace {
 
 constexpr int kDefaultRecordStream = 101; // selects the default record for any name
 
-std::mutex s_lookupMutex; // guards the records handed out last, and what printRadarAddrs remembers
+net::detail::Mutex s_lookupMutex; // guards the records handed out last, and what printRadarAddrs remembers
 
 /// The records found last, one copy for the process: what getAddress returns points into it.
 std::string& lastRecords() {
@@ -42,7 +43,7 @@ const RadarAddress& announceDefaultRecord() {
 } // namespace
 
 int MultiRadarClientPrivate::getRadar(char (*names)[24], int max) const {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     int count = 0;
     for (const auto& [name, entry] : m_radars) {
         if (count >= max)
@@ -54,7 +55,7 @@ int MultiRadarClientPrivate::getRadar(char (*names)[24], int max) const {
 }
 
 std::vector<std::string> MultiRadarClientPrivate::getRadar() const {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     std::vector<std::string> names;
     names.reserve(m_radars.size());
     for (const auto& [name, entry] : m_radars)
@@ -65,11 +66,11 @@ std::vector<std::string> MultiRadarClientPrivate::getRadar() const {
 const RadarAddress* MultiRadarClientPrivate::getAddress(const char* name, int stream) const {
     if (isDefault(name) || stream == kDefaultRecordStream)
         return &announceDefaultRecord();
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     const auto found = m_radars.find(std::string_view(name));
     if (found == m_radars.end())
         return nullptr;
-    std::lock_guard lookup(s_lookupMutex);
+    net::detail::Lock lookup(s_lookupMutex);
     std::string& data = lastRecords();
     data = found->second.records;
     const std::int64_t position = std::int64_t{stream} * std::int64_t{sizeof(RadarAddress)};
@@ -83,7 +84,7 @@ const RadarAddress* MultiRadarClientPrivate::getAddress(const char* name, int st
 }
 
 int MultiRadarClientPrivate::getRadarStreamCount(const char* name) const {
-    std::lock_guard lock(m_mutex);
+    net::detail::Lock lock(m_mutex);
     const auto found = m_radars.find(std::string_view(name));
     return found == m_radars.end() ? 0
                                    : static_cast<int>(found->second.records.size() / sizeof(RadarAddress));
@@ -94,13 +95,13 @@ void MultiRadarClientPrivate::queryForAdjust(const char* name) {
     if (isDefault(name)) {
         first = announceDefaultRecord();
     } else {
-        std::lock_guard lock(m_mutex);
+        net::detail::Lock lock(m_mutex);
         const auto found = m_radars.find(std::string_view(name));
         if (found == m_radars.end()) {
             std::printf("%s: donot find radar[%s]\n", __func__, name);
             return;
         }
-        std::lock_guard lookup(s_lookupMutex);
+        net::detail::Lock lookup(s_lookupMutex);
         std::string& data = lastRecords();
         data = found->second.records;
         std::memcpy(&first, data.data(), sizeof first);
@@ -108,7 +109,7 @@ void MultiRadarClientPrivate::queryForAdjust(const char* name) {
     const std::uint8_t id = plan::streamPort2MultiNum(net::NtoHs(first.arpaStream.port));
     std::printf("query for reset id=0x%x\n", id);
     const wire::Negotiation objection{wire::kObjection, id};
-    std::lock_guard lock(m_transportMutex);
+    net::detail::Lock lock(m_transportMutex);
     if (m_resetSender)
         m_resetSender->sendData(reinterpret_cast<const char*>(&objection), sizeof objection);
 }

@@ -50,9 +50,9 @@ TcpClientPrivate::~TcpClientPrivate() {
     m_running = false;
     m_ending.stop();
     current()->end();
-    { std::lock_guard lock(m_queueMutex); } // the queue thread waits, or will see the end
+    { detail::Lock lock(m_queueMutex); } // the queue thread waits, or will see the end
     m_queued.notify_all();
-    { std::lock_guard lock(m_connectMutex); } // an attempt in progress ends now, a later one does not begin
+    { detail::Lock lock(m_connectMutex); } // an attempt in progress ends now, a later one does not begin
     m_autoConnect.join();
     current()->end(); // when that attempt has just succeeded
     if (m_receiver.joinable())
@@ -61,7 +61,7 @@ TcpClientPrivate::~TcpClientPrivate() {
 }
 
 TcpClientPrivate::ConnectionPtr TcpClientPrivate::current() const {
-    std::lock_guard lock(m_stateMutex);
+    detail::Lock lock(m_stateMutex);
     return m_current;
 }
 
@@ -85,7 +85,7 @@ TcpClientPrivate::ConnectionPtr TcpClientPrivate::reset() {
         if (!detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, detail::kTcpTimeOut))
             report(tcp_site::kClientReceiveTimeOut, "setsockopt::SO_RCVTIMEO");
     }
-    std::lock_guard lock(m_stateMutex);
+    detail::Lock lock(m_stateMutex);
     m_current = connection;
     return connection;
 }
@@ -130,7 +130,7 @@ bool TcpClientPrivate::connectOnce() {
 
 /// Another thread's connection that came to stand meanwhile is kept.
 bool TcpClientPrivate::connectUnlessConnected() {
-    std::unique_lock lock(m_connectMutex);
+    detail::Lock lock(m_connectMutex);
     ConnectionPtr found;
     while (!m_ending.stopped() && (found = announced()) != nullptr) {
         if (found->connected)
@@ -154,7 +154,7 @@ bool TcpClientPrivate::connectUnlessConnected() {
         m_listener->OnTcpClientConnected(0, m_address.c_str(), m_port);
     connection->connected = true;
     {
-        std::lock_guard stateLock(m_stateMutex);
+        detail::Lock stateLock(m_stateMutex);
         m_announced = connection;
     }
     m_running = true;
@@ -168,7 +168,7 @@ bool TcpClientPrivate::connectUnlessConnected() {
 
 /// The connection that is owed a Disconnected, standing or lost, or null.
 TcpClientPrivate::ConnectionPtr TcpClientPrivate::announced() const {
-    std::lock_guard lock(m_stateMutex);
+    detail::Lock lock(m_stateMutex);
     return m_announced;
 }
 
@@ -176,7 +176,7 @@ TcpClientPrivate::ConnectionPtr TcpClientPrivate::announced() const {
 /// lock not to be held: the listener may connect.
 void TcpClientPrivate::announceLoss(const ConnectionPtr& lost) {
     {
-        std::lock_guard lock(m_stateMutex);
+        detail::Lock lock(m_stateMutex);
         if (m_announced != lost || m_ending.stopped())
             return;
         m_announced.reset();
@@ -188,7 +188,7 @@ void TcpClientPrivate::announceLoss(const ConnectionPtr& lost) {
 
 void TcpClientPrivate::autoConnectThread() {
     {
-        std::lock_guard lock(m_connectMutex);
+        detail::Lock lock(m_connectMutex);
         if (!current()->socket.isOpen() && !m_ending.stopped())
             reset();
     }
@@ -289,7 +289,7 @@ bool TcpClientPrivate::checkSent(Connection& connection, ssize_t result, const c
 
 bool TcpClientPrivate::asyncSendData(const char* data, unsigned int len) {
     {
-        std::lock_guard lock(m_queueMutex);
+        detail::Lock lock(m_queueMutex);
         m_queue.emplace_back(data, len);
     }
     m_queued.notify_one();
@@ -301,8 +301,10 @@ void TcpClientPrivate::queueThread() {
         std::string item;
         std::size_t left = 0;
         {
-            std::unique_lock lock(m_queueMutex);
-            m_queued.wait_for(lock, kTick, [this] { return !m_queue.empty() || m_ending.stopped(); });
+            detail::Lock lock(m_queueMutex);
+            m_queued.wait_for(lock, kTick, [this]() REQUIRES(m_queueMutex) {
+                return !m_queue.empty() || m_ending.stopped();
+            });
             if (m_queue.empty() || m_ending.stopped())
                 continue;
             item = std::move(m_queue.front());

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/socket_error.h>
 #include <UdpSocket/detail/tcp_stream.h>
 #include <UdpSocket/detail/thread.h>
@@ -11,10 +12,8 @@
 #include <netinet/in.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -60,7 +59,7 @@ private:
     bool running() const { return m_running && !m_ending.stopped(); }
     void report(const detail::SourceSite& site, const char* call) const;
 
-    ConnectionPtr reset();
+    ConnectionPtr reset() REQUIRES(m_connectMutex);
     void bindToInterface(const detail::Descriptor& socket) const;
     bool connectSocket(const detail::Descriptor& socket) const;
     bool connectUnlessConnected();
@@ -83,16 +82,16 @@ private:
     std::atomic<int> m_idleTicks = 0; // half seconds since the last traffic
     detail::Pause m_ending;
 
-    mutable std::mutex m_stateMutex; // guards m_current and m_announced
-    ConnectionPtr m_current;         // never null
-    ConnectionPtr m_announced;       // Connected was called for it, Disconnected was not
+    mutable detail::Mutex m_stateMutex;
+    ConnectionPtr m_current GUARDED_BY(m_stateMutex);   // never null
+    ConnectionPtr m_announced GUARDED_BY(m_stateMutex); // Connected was called for it, Disconnected was not
 
-    std::mutex m_queueMutex; // guards m_queue
-    std::condition_variable m_queued;
-    std::deque<std::string> m_queue;
+    detail::Mutex m_queueMutex;
+    detail::Condition m_queued;
+    std::deque<std::string> m_queue GUARDED_BY(m_queueMutex);
 
-    std::mutex m_connectMutex; // guards m_receiver; one socket is made and connected at a time
-    std::thread m_receiver;
+    detail::Mutex m_connectMutex ACQUIRED_BEFORE(m_stateMutex); // one socket is made and connected at a time
+    std::thread m_receiver GUARDED_BY(m_connectMutex);
     std::thread m_autoConnect;
     std::thread m_sender;
 };

@@ -74,7 +74,7 @@ bool TcpServerPrivate::connect(in_addr_t ip, unsigned short port, int maxClients
 void TcpServerPrivate::disconnect() {
     m_running = false;
     {
-        std::lock_guard lock(m_threadsMutex);
+        detail::Lock lock(m_threadsMutex);
         m_stopping = true;
     }
     m_threadsChanged.notify_all();
@@ -82,19 +82,26 @@ void TcpServerPrivate::disconnect() {
     if (m_accept.joinable())
         m_accept.join(); // from here on no client is added
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         for (const auto& [fd, client] : m_clients)
             detail::endStream(client->socket);
     }
     if (m_cleanUp.joinable())
         m_cleanUp.join();
-    for (std::thread& receiver : m_receivers) // nobody else touches the list any more
+    std::list<std::thread> receivers;
+    {
+        detail::Lock lock(m_threadsMutex);
+        receivers.swap(m_receivers);
+    }
+    for (std::thread& receiver : receivers)
         receiver.join();
-    m_receivers.clear();
-    m_ended.clear();
-    m_stopping = false;
+    {
+        detail::Lock lock(m_threadsMutex);
+        m_ended.clear();
+        m_stopping = false;
+    }
     m_listening.reset();
-    std::lock_guard lock(m_clientsMutex);
+    detail::Lock lock(m_clientsMutex);
     m_clients.clear();
 }
 
@@ -119,8 +126,9 @@ void TcpServerPrivate::acceptThread() {
             welcome(std::move(socket), from);
         } else if (errno != EAGAIN && errno != EINTR) {
             report(tcp_site::kServerAccept, "accept");
-            std::unique_lock lock(m_threadsMutex);
-            m_threadsChanged.wait_for(lock, kPauseAfterFailedAccept, [this] { return m_stopping; });
+            detail::Lock lock(m_threadsMutex);
+            m_threadsChanged.wait_for(lock, kPauseAfterFailedAccept,
+                                      [this]() REQUIRES(m_threadsMutex) { return m_stopping; });
         }
     }
 }
@@ -137,7 +145,7 @@ void TcpServerPrivate::welcome(detail::Descriptor socket, const sockaddr_in& fro
     if (!detail::setOption(client->socket, SOL_SOCKET, SO_SNDTIMEO, detail::kTcpTimeOut))
         report(tcp_site::kServerSendTimeOut, "setsockopt::SO_SNDTIMEO");
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         if (!m_clients.emplace(fd, client).second) { // somebody closed a client's number behind our back
             std::printf("Warning:A Repeat client sock\n");
             return;
@@ -156,7 +164,7 @@ void TcpServerPrivate::startReceiver(const ClientPtr& client) {
     std::unique_ptr<char[]> buffer(new char[kReceiveBuffer]);
     std::list<std::thread> entry(1);
     const int clients = number(numOfClients());
-    std::lock_guard lock(m_threadsMutex);
+    detail::Lock lock(m_threadsMutex);
     std::printf("TCP Server(%s:%d): client %s:%d connect, clients num %d recv thread %d ...\r\n",
                 m_bound.address.c_str(), m_bound.port, client->peer.address.c_str(), client->peer.port,
                 clients, number(m_receivers.size() + 1));
@@ -182,7 +190,7 @@ void TcpServerPrivate::receiveThread(const ClientPtr& client, char* buffer) {
         return; // disconnect() does the rest
     dismiss(client);
     {
-        std::lock_guard lock(m_threadsMutex);
+        detail::Lock lock(m_threadsMutex);
         m_ended.push_back(std::this_thread::get_id());
     }
     m_threadsChanged.notify_all();
@@ -192,7 +200,7 @@ void TcpServerPrivate::receiveThread(const ClientPtr& client, char* buffer) {
 void TcpServerPrivate::dismiss(const ClientPtr& client) {
     const int fd = client->socket.get();
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         if (const auto found = m_clients.find(fd); found != m_clients.end() && found->second == client)
             m_clients.erase(found);
     }
@@ -204,14 +212,13 @@ void TcpServerPrivate::dismiss(const ClientPtr& client) {
 }
 
 void TcpServerPrivate::cleanUpThread() {
-    std::unique_lock lock(m_threadsMutex);
+    detail::Lock lock(m_threadsMutex);
     for (;;) {
-        m_threadsChanged.wait(lock, [this] { return m_stopping || !m_ended.empty(); });
+        m_threadsChanged.wait(lock,
+                              [this]() REQUIRES(m_threadsMutex) { return m_stopping || !m_ended.empty(); });
         if (m_ended.empty())
             return;
-        const auto found = std::find_if(m_receivers.begin(), m_receivers.end(), [this](const auto& thread) {
-            return thread.get_id() == m_ended.front();
-        });
+        const auto found = std::ranges::find(m_receivers, m_ended.front(), &std::thread::get_id);
         m_ended.pop_front();
         std::list<std::thread> ended;
         ended.splice(ended.end(), m_receivers, found);
@@ -225,14 +232,14 @@ void TcpServerPrivate::cleanUpThread() {
 }
 
 std::size_t TcpServerPrivate::numOfClients() const {
-    std::lock_guard lock(m_clientsMutex);
+    detail::Lock lock(m_clientsMutex);
     return m_clients.size();
 }
 
 int TcpServerPrivate::closeClient(int fd) {
     ClientPtr client;
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         if (const auto found = m_clients.find(fd); found != m_clients.end()) {
             client = found->second;
             m_clients.erase(found);
@@ -251,7 +258,7 @@ int TcpServerPrivate::closeClient(int fd) {
 void TcpServerPrivate::sendToAll(std::size_t length, const Send& send, const detail::SourceSite& site) {
     std::vector<ClientPtr> clients;
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         for (const auto& [fd, client] : m_clients)
             clients.push_back(client);
     }
@@ -312,7 +319,7 @@ void TcpServerPrivate::sendMultipleDatas(const detail::Parts& parts) {
 bool TcpServerPrivate::sendData(int fd, const char* data, unsigned int len) {
     ClientPtr client;
     {
-        std::lock_guard lock(m_clientsMutex);
+        detail::Lock lock(m_clientsMutex);
         if (const auto found = m_clients.find(fd); found != m_clients.end())
             client = found->second;
     }
@@ -329,7 +336,7 @@ bool TcpServerPrivate::sendData(int fd, const char* data, unsigned int len) {
 }
 
 bool TcpServerPrivate::sendData(const char* addr, int port, const char* data, unsigned int len) {
-    std::lock_guard lock(m_clientsMutex);
+    detail::Lock lock(m_clientsMutex);
     const auto found = std::find_if(m_clients.begin(), m_clients.end(), [&](const auto& entry) {
         const Endpoint& peer = entry.second->peer;
         return peer.address.starts_with(addr) && peer.port == port;

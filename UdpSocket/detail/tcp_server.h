@@ -3,6 +3,7 @@
 #pragma once
 
 #include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/socket_error.h>
 #include <UdpSocket/detail/tcp_stream.h>
 #include <UdpSocket/tcpsocket.h>
@@ -10,14 +11,12 @@
 #include <netinet/in.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,14 +89,14 @@ private:
     std::thread m_accept;
     std::thread m_cleanUp;
 
-    mutable std::mutex m_clientsMutex; // guards m_clients
-    std::map<int, ClientPtr> m_clients;
+    mutable detail::Mutex m_clientsMutex;
+    std::map<int, ClientPtr> m_clients GUARDED_BY(m_clientsMutex);
 
-    std::mutex m_threadsMutex; // guards the three below; never held together with m_clientsMutex
-    std::list<std::thread> m_receivers;
-    std::deque<std::thread::id> m_ended; // receivers to be joined
-    bool m_stopping = false;
-    std::condition_variable m_threadsChanged;
+    detail::Mutex m_threadsMutex; // never held together with m_clientsMutex
+    std::list<std::thread> m_receivers GUARDED_BY(m_threadsMutex);
+    std::deque<std::thread::id> m_ended GUARDED_BY(m_threadsMutex); // receivers to be joined
+    bool m_stopping GUARDED_BY(m_threadsMutex) = false;
+    detail::Condition m_threadsChanged;
 };
 
 } // namespace net

@@ -2,11 +2,11 @@
 /// Threads of the library, and how their pauses are cut short.
 #pragma once
 
+#include <UdpSocket/detail/mutex.h>
+
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -46,27 +46,27 @@ public:
     /// Waits for @p duration. @return false as soon as stop() has been called, now or earlier
     template <class Duration>
     bool sleep(Duration duration) {
-        std::unique_lock lock(m_mutex);
-        return !m_ended.wait_for(lock, duration, [this] { return m_stopped; });
+        Lock lock(m_mutex);
+        return !m_ended.wait_for(lock, duration, [this]() REQUIRES(m_mutex) { return m_stopped; });
     }
 
     void stop() {
         {
-            std::lock_guard lock(m_mutex);
+            Lock lock(m_mutex);
             m_stopped = true;
         }
         m_ended.notify_all();
     }
 
     bool stopped() const {
-        std::lock_guard lock(m_mutex);
+        Lock lock(m_mutex);
         return m_stopped;
     }
 
 private:
-    mutable std::mutex m_mutex; // guards m_stopped
-    std::condition_variable m_ended;
-    bool m_stopped = false;
+    mutable Mutex m_mutex;
+    Condition m_ended;
+    bool m_stopped GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace net::detail

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <vector>
 
 namespace net {
 
@@ -30,7 +31,7 @@ UdpCheckerPrivate::UdpCheckerPrivate(const char* groupIp, unsigned short port, c
 UdpCheckerPrivate::~UdpCheckerPrivate() {
     m_pause.stop();
     {
-        std::lock_guard lock(m_probesMutex);
+        detail::Lock lock(m_probesMutex);
         for (const Probe& probe : m_probes)
             probe.socket.wakeReader();
     }
@@ -40,7 +41,7 @@ UdpCheckerPrivate::~UdpCheckerPrivate() {
 void UdpCheckerPrivate::addListener(iUdpCheckerListener* listener) {
     unsigned int foundIp;
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         m_listeners.push_back(listener);
         foundIp = m_foundIp;
     }
@@ -49,7 +50,7 @@ void UdpCheckerPrivate::addListener(iUdpCheckerListener* listener) {
 }
 
 void UdpCheckerPrivate::removeListener(iUdpCheckerListener* listener) {
-    std::lock_guard lock(m_mutex);
+    detail::Lock lock(m_mutex);
     m_listeners.remove(listener);
 }
 
@@ -64,13 +65,15 @@ void UdpCheckerPrivate::check() {
 
 /// Listens once through every local address at the same time. @return one that the text came through, or 0
 unsigned int UdpCheckerPrivate::probeAll() {
+    std::vector<Probe*> probes; // those of m_probes, which only this thread changes
     for (const unsigned int localIp : localIpSet()) {
         if (localIp == 0) // the addresses could not be listed
             continue;
-        std::lock_guard lock(m_probesMutex);
+        detail::Lock lock(m_probesMutex);
         if (m_pause.stopped())
             break;
         Probe& probe = m_probes.emplace_back();
+        probes.push_back(&probe);
         probe.localIp = localIp;
         probe.socket = openProbe(localIp);
         if (probe.socket.isOpen() && !detail::launchThread(probe.thread, [this, &probe] {
@@ -79,13 +82,13 @@ unsigned int UdpCheckerPrivate::probeAll() {
             report("thread", __LINE__);
     }
     unsigned int foundIp = 0;
-    for (Probe& probe : m_probes) { // only this thread changes the list
-        if (probe.thread.joinable())
-            probe.thread.join();
-        if (probe.heard)
-            foundIp = probe.localIp;
+    for (Probe* probe : probes) {
+        if (probe->thread.joinable())
+            probe->thread.join();
+        if (probe->heard)
+            foundIp = probe->localIp;
     }
-    std::lock_guard lock(m_probesMutex);
+    detail::Lock lock(m_probesMutex);
     m_probes.clear();
     return foundIp;
 }
@@ -130,7 +133,7 @@ bool UdpCheckerPrivate::receivesExpected(const Descriptor& socket) const {
 void UdpCheckerPrivate::store(unsigned int foundIp) {
     std::list<iUdpCheckerListener*> listeners;
     {
-        std::lock_guard lock(m_mutex);
+        detail::Lock lock(m_mutex);
         if (foundIp != 0 && foundIp != m_foundIp)
             listeners = m_listeners;
         m_foundIp = foundIp;

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/thread.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <list>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -40,12 +40,13 @@ private:
     const unsigned short m_port; // host order
     const char* const m_expected;
 
-    std::mutex m_mutex; // guards m_listeners and m_foundIp; never held while a listener runs
-    std::list<iUdpCheckerListener*> m_listeners;
-    unsigned int m_foundIp = 0; // network order; 0 while none
+    detail::Mutex m_mutex; // never held while a listener runs
+    std::list<iUdpCheckerListener*> m_listeners GUARDED_BY(m_mutex);
+    unsigned int m_foundIp GUARDED_BY(m_mutex) = 0; // network order; 0 while none
 
-    std::mutex m_probesMutex; // guards m_probes; the sockets stay open until their threads have ended
-    std::list<Probe> m_probes;
+    detail::Mutex m_probesMutex; // the checker's thread alone changes the list
+    std::list<Probe>
+        m_probes GUARDED_BY(m_probesMutex); // the sockets stay open until their threads have ended
 
     detail::Pause m_pause;
     std::thread m_thread;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/socket_error.h>
 #include <UdpSocket/detail/thread.h>
 #include <UdpSocket/udpsocket.h>
@@ -12,7 +13,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -53,9 +53,11 @@ private:
     unsigned int m_interface = 0; // its index, as it was when the socket was set up; 0: none
     bool m_joined = false;        // or there was nothing to join
 
-    std::mutex m_socketMutex; // guards m_socket, which the receive thread alone replaces, and m_wantedBuffer
+    detail::Mutex
+        m_socketMutex; // also guards m_socket, which the receive thread alone replaces, and reads without it
     detail::Descriptor m_socket;
-    int m_wantedBuffer = 0; // bytes, beyond what the constructor asks for; 0: no more
+    int m_wantedBuffer GUARDED_BY(m_socketMutex) =
+        0; // bytes, beyond what the constructor asks for; 0: no more
 
     std::thread m_thread;
     iUdpDataListener* const m_listener;
