@@ -27,6 +27,7 @@ struct Failure : std::runtime_error {
 using Run = std::function<int(Output&)>;
 
 /// Each adds its subcommand to @p app and leaves in @p chosen what is to run when it is called.
+void addDoctor(CLI::App& app, Run& chosen);
 void addHost(CLI::App& app, Run& chosen);
 void addList(CLI::App& app, Run& chosen);
 void addListen(CLI::App& app, Run& chosen);

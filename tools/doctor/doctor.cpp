@@ -1,0 +1,175 @@
+#include "doctor.h"
+
+#include "../command.h"
+#include "../json.h"
+#include "../search.h"
+#include "../table.h"
+#include "observation.h"
+
+#include <UdpSocket/udpsocket.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <memory>
+#include <system_error>
+
+namespace doctor {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr Seconds kQuickLook = 1500ms;
+
+struct Options {
+    bool json = false;
+    bool list = false;
+    double seconds = 10;
+    LocalOptions local;
+};
+
+Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop) {
+    Observation seen;
+    seen.interfaces = readInterfaces();
+    if (!only.empty()) {
+        std::erase_if(seen.interfaces, [&](const Interface& interface) { return interface.name != only; });
+        if (seen.interfaces.empty())
+            throw Failure(kUsage, "this computer has no interface \"" + printable(only) + "\"");
+    }
+    seen.profile = readProfile();
+    seen.socketsBefore = readUdpSockets();
+    seen.discoveryRoute = routeTo(net::transAddr(kGroups[0].address), seen.interfaces);
+    const unsigned long drops = reversePathDrops();
+    seen.listening = listen(seen.interfaces, duration, quick, loop);
+    seen.reversePathDrops = reversePathDrops() - drops;
+    seen.socketsAfter = readUdpSockets();
+    seen.igmp = readIgmp();
+    if (quick)
+        seen.rules.error = "not asked for";
+    else
+        seen.rules = readRuleset();
+    for (const auto& [index, sources] : seen.listening.onWire)
+        for (const unsigned int source : sources)
+            seen.routesToRadars[source] = routeTo(source, seen.interfaces);
+    return seen;
+}
+
+Report judge(const Observation& seen) {
+    Report all;
+    const auto add = [&all](Report part) {
+        std::ranges::move(part.findings, std::back_inserter(all.findings));
+        std::ranges::move(part.checks, std::back_inserter(all.checks));
+    };
+    add(judgeInterfaces(seen));
+    add(judgeFirewall(seen));
+    add(judgeSockets(seen));
+    add(judgeMachine(seen));
+    add(judgeHosts(seen));
+    if (std::ranges::none_of(all.findings, &Finding::isComplaint))
+        add(judgeSilence(seen));
+    std::ranges::stable_sort(all.findings, {},
+                             [](const Finding& finding) { return std::pair(finding.severity, finding.id); });
+    return all;
+}
+
+std::string line(const Finding& finding) {
+    return finding.what + (finding.remedy.empty() ? "" : "; " + finding.remedy);
+}
+
+std::string asText(const Report& report) {
+    std::string result;
+    for (const Finding& finding : report.findings)
+        result += std::string(word(finding.severity)) + " " + finding.word() + ": " + line(finding) +
+                  "\n    measured: " + finding.measured + "\n";
+    result += std::string(report.findings.empty() ? "" : "\n") + "looked at:\n";
+    for (const Check& check : report.checks)
+        result += "    " + check.subject + ": " + check.seen + "\n";
+    if (std::ranges::none_of(report.findings, &Finding::isComplaint))
+        result += "nothing to complain about\n";
+    return result;
+}
+
+std::string asJson(const Report& report, const Observation& seen) {
+    nlohmann::ordered_json document = jsonDocument();
+    document["seconds"] = seen.listening.duration.count();
+    document["findings"] = nlohmann::ordered_json::array();
+    for (const Finding& finding : report.findings)
+        document["findings"].push_back({{"id", finding.word()},
+                                        {"severity", word(finding.severity)},
+                                        {"what", finding.what},
+                                        {"remedy", finding.remedy},
+                                        {"measured", finding.measured}});
+    document["checks"] = nlohmann::ordered_json::array();
+    for (const Check& check : report.checks)
+        document["checks"].push_back({{"subject", check.subject}, {"seen", check.seen}});
+    return jsonText(document, false);
+}
+
+std::string listOfKinds() {
+    std::string result;
+    for (const Kind& kind : kKinds)
+        result +=
+            std::string(kind.word) + std::string(20 - std::string(kind.word).size(), ' ') + kind.about + "\n";
+    return result;
+}
+
+/// The one interface that the command line names, or nothing.
+std::string interfaceOf(const LocalOptions& options) {
+    if (options.address.empty())
+        return options.interface;
+    const std::string name = net::localIfaName(localAddress(options));
+    return name.substr(0, name.find(':'));
+}
+
+int examine(const Options& options, Output& output) {
+    if (options.list) {
+        output.write(listOfKinds());
+        return kFound;
+    }
+    Loop loop;
+    if (::isatty(STDERR_FILENO) == 1)
+        std::fprintf(stderr, "radarctl: listening and asking for %g s, Ctrl-C ends\n", options.seconds);
+    const Observation seen = observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
+    if (seen.listening.stopped) {
+        std::fprintf(stderr, "radarctl: stopped before the examination was over\n");
+        return kNothingFound;
+    }
+    const Report report = judge(seen);
+    output.write(options.json ? asJson(report, seen) : asText(report));
+    return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
+}
+
+} // namespace
+
+std::optional<std::string> likelyCause(const std::string& interface, Loop& loop) {
+    try {
+        const Observation seen = observe(interface, kQuickLook, true, loop);
+        if (seen.listening.stopped)
+            return std::nullopt;
+        for (const Finding& finding : judge(seen).findings)
+            if (finding.isComplaint() && finding.id != Id::NoRadar)
+                return line(finding);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return std::nullopt;
+}
+
+} // namespace doctor
+
+void addDoctor(CLI::App& app, Run& chosen) {
+    const auto options = std::make_shared<doctor::Options>();
+    CLI::App* command = app.add_subcommand(
+        "doctor", "Find out why no radar is seen, or two for one, or one that comes and goes");
+    command->add_flag("--json", options->json, "One JSON object instead of text");
+    command->add_flag("--list", options->list, "List what can be found, and look at nothing");
+    command->add_option("--seconds", options->seconds, "How long to listen and ask (default 10)")
+        ->check(checkSeconds(1, "time to look"))
+        ->type_name("S");
+    addLocalOptions(*command, options->local);
+    command->callback([options, &chosen] {
+        chosen = [options](Output& output) { return doctor::examine(*options, output); };
+    });
+}

@@ -1,0 +1,129 @@
+/// @file
+/// What doctor can find, and how a finding reads.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace doctor {
+
+/// Every finding that there is, in the order in which they are listed.
+enum class Id {
+    NoAddress,
+    InterfaceDown,
+    NoCarrier,
+    NoMulticast,
+    WrongSubnet,
+    WrongInterface,
+    TwoPaths,
+    RpFilter,
+    NoMulticastRoute,
+    Firewall,
+    FirewallUnread,
+    QueryNotSent,
+    PortTaken,
+    MembershipLimit,
+    ReceiveBuffer,
+    SocketDrops,
+    IgmpVersion,
+    NoQuerier,
+    WireUnread,
+    ProfileUnreadable,
+    ProfileAddress,
+    ProfileInterface,
+    FixedRadar,
+    SameId,
+    SameName,
+    LateAnswers,
+    LostAnswers,
+    IdContest,
+    OtherDisplay,
+    HostHere,
+    NoRadar,
+    Count
+};
+
+/// Stable words: they stand in the output, in its JSON and in docs/troubleshooting.md.
+struct Kind {
+    const char* word;
+    const char* about;
+};
+
+inline constexpr std::array<Kind, static_cast<std::size_t>(Id::Count)> kKinds{{
+    {"no-address", "no interface has an IPv4 address"},
+    {"interface-down", "an interface with an address is switched off"},
+    {"no-carrier", "an interface has no link"},
+    {"no-multicast", "an interface has its multicast flag off"},
+    {"wrong-subnet", "a radar announces from outside the interface's network"},
+    {"wrong-interface", "the configured interface hears no radar, another one does"},
+    {"two-paths", "the same radar is heard through two interfaces"},
+    {"rp-filter", "the kernel drops announcements by their source"},
+    {"no-multicast-route", "a radar host on this machine has no route for its groups"},
+    {"firewall", "this machine's packet filter drops the radar groups"},
+    {"firewall-unread", "the packet filter's rules could not be read"},
+    {"query-not-sent", "the system refuses to send a query"},
+    {"port-taken", "another program holds a port of the library for itself"},
+    {"membership-limit", "the system allows too few multicast memberships"},
+    {"receive-buffer", "the system grants too small a receive buffer"},
+    {"socket-drops", "a program does not empty its socket in time"},
+    {"igmp-version", "an old IGMP version is in use"},
+    {"no-querier", "nobody on the network asks for multicast memberships"},
+    {"wire-unread", "the wire itself could not be looked at"},
+    {"profile-unreadable", "profile.ini is there and cannot be read"},
+    {"profile-address", "profile.ini names an address that this machine lacks"},
+    {"profile-interface", "profile.ini names an interface that this machine lacks"},
+    {"fixed-radar", "profile.ini names a radar that is reached over TCP"},
+    {"same-id", "two hosts hold one host id"},
+    {"same-name", "two hosts have one name"},
+    {"late-answers", "a host answers later than displays wait"},
+    {"lost-answers", "a host answers only some of the queries"},
+    {"id-contest", "host ids are being objected to again and again"},
+    {"other-display", "another display asks the radars, too"},
+    {"host-here", "a radar host runs on this machine"},
+    {"no-radar", "nobody answers, and nothing on this machine explains it"},
+}};
+
+enum class Severity { Fault, Warning, Note, Unchecked };
+
+inline const char* word(Severity severity) {
+    constexpr const char* words[] = {"fault", "warning", "note", "unchecked"};
+    return words[static_cast<std::size_t>(severity)];
+}
+
+/// Each text is a part of a line, without a full stop and fit for a terminal.
+struct Finding {
+    Id id;
+    Severity severity;
+    std::string what;
+    std::string remedy; ///< may be empty
+    std::string measured;
+
+    const char* word() const { return kKinds[static_cast<std::size_t>(id)].word; }
+    bool isComplaint() const { return severity == Severity::Fault || severity == Severity::Warning; }
+};
+
+using Findings = std::vector<Finding>;
+
+/// One thing that was looked at, with what was seen.
+struct Check {
+    std::string subject;
+    std::string seen;
+};
+
+/// What one family of checks has to say.
+struct Report {
+    Findings findings;
+    std::vector<Check> checks;
+
+    void find(Id id, Severity severity, std::string what, std::string remedy, std::string measured) {
+        findings.push_back({id, severity, std::move(what), std::move(remedy), std::move(measured)});
+    }
+    void check(std::string subject, std::string seen) {
+        checks.push_back({std::move(subject), std::move(seen)});
+    }
+};
+
+} // namespace doctor

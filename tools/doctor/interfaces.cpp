@@ -1,0 +1,272 @@
+#include "observation.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <system_error>
+
+namespace doctor {
+
+std::string text(unsigned int ip) {
+    char buffer[INET_ADDRSTRLEN] = "";
+    const in_addr address{ip};
+    ::inet_ntop(AF_INET, &address, buffer, sizeof buffer);
+    return buffer;
+}
+
+std::string text(const LocalAddress& address) {
+    return text(address.ip) + "/" + std::to_string(std::popcount(address.mask));
+}
+
+namespace {
+
+unsigned int ipOf(const sockaddr* address) {
+    sockaddr_in ipv4;
+    std::memcpy(&ipv4, address, sizeof ipv4);
+    return ipv4.sin_addr.s_addr;
+}
+
+int setting(const std::string& path) {
+    std::ifstream file(path);
+    int value = 0;
+    return file >> value ? value : 0;
+}
+
+std::string addressesOf(const Interface& interface) {
+    std::string list;
+    for (const LocalAddress& address : interface.addresses)
+        list += (list.empty() ? "" : ", ") + text(address);
+    return list.empty() ? "no address" : list;
+}
+
+std::string stateOf(const Interface& interface) {
+    return !interface.up ? "down" : !interface.carrier ? "no carrier" : "up";
+}
+
+} // namespace
+
+std::vector<Interface> readInterfaces() {
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot list the interfaces");
+    const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, &::freeifaddrs);
+    std::map<int, Interface> byIndex;
+    for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+        std::string name = entry->ifa_name;
+        name.resize(std::min(name.size(), name.find(':'))); // of an alias
+        const int index = static_cast<int>(::if_nametoindex(name.c_str()));
+        if (index == 0 || (entry->ifa_flags & IFF_LOOPBACK) != 0)
+            continue;
+        Interface& interface = byIndex[index];
+        interface.name = name;
+        interface.index = index;
+        interface.up = (entry->ifa_flags & IFF_UP) != 0;
+        interface.carrier = (entry->ifa_flags & IFF_RUNNING) != 0;
+        interface.multicast = (entry->ifa_flags & IFF_MULTICAST) != 0;
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
+            interface.addresses.push_back({ipOf(entry->ifa_addr), ipOf(entry->ifa_netmask)});
+    }
+    std::vector<Interface> result;
+    for (auto& [index, interface] : byIndex) {
+        const std::string settings = "/proc/sys/net/ipv4/conf/";
+        interface.rpFilter =
+            std::max(setting(settings + "all/rp_filter"), setting(settings + interface.name + "/rp_filter"));
+        result.push_back(std::move(interface));
+    }
+    return result;
+}
+
+Route routeTo(unsigned int ip, const std::vector<Interface>& interfaces) {
+    // The kernel picks the source address with the route; nothing is sent by connecting a UDP socket.
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (socket == -1)
+        return {"", errno};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kGroups[0].port);
+    address.sin_addr.s_addr = ip;
+    socklen_t length = sizeof address;
+    Route route;
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        route.error = errno;
+    ::close(socket);
+    if (route.error != 0)
+        return route;
+    route.interface = "lo";
+    for (const Interface& interface : interfaces)
+        for (const LocalAddress& own : interface.addresses)
+            if (own.ip == address.sin_addr.s_addr)
+                route.interface = interface.name;
+    return route;
+}
+
+bool Observation::radarHeardOn(int index) const {
+    return std::ranges::any_of(listening.hosts,
+                               [index](const auto& host) { return host.first.interface == index; });
+}
+
+const Interface* Observation::interface(int index) const {
+    const auto found = std::ranges::find(interfaces, index, &Interface::index);
+    return found != interfaces.end() ? &*found : nullptr;
+}
+
+std::set<unsigned int> undelivered(const Observation& seen, int index) {
+    std::set<unsigned int> sources;
+    if (const auto found = seen.listening.onWire.find(index); found != seen.listening.onWire.end())
+        sources = found->second;
+    for (const auto& [host, hearing] : seen.listening.hosts)
+        if (host.interface == index)
+            sources.erase(host.source);
+    return sources;
+}
+
+namespace {
+
+void judgeLink(const Observation& seen, const Interface& interface, Report& report) {
+    // One that nobody needs is no fault while the radars are heard through another.
+    const Severity severity = seen.radarHeard() ? Severity::Note : Severity::Fault;
+    const std::string measured = interface.name + " " + addressesOf(interface) + ", " + stateOf(interface);
+    if (!interface.up)
+        report.find(Id::InterfaceDown, severity, interface.name + " is switched off",
+                    "ip link set " + interface.name + " up", measured);
+    else if (!interface.carrier)
+        report.find(Id::NoCarrier, severity, interface.name + " has no carrier",
+                    "plug in its cable, or look at the switch port at the other end", measured);
+    else if (!interface.multicast)
+        report.find(Id::NoMulticast, seen.radarHeard() ? Severity::Warning : Severity::Fault,
+                    interface.name + " has its multicast flag off",
+                    "ip link set " + interface.name + " multicast on", measured);
+}
+
+void judgeSubnet(const Observation& seen, const Interface& interface, Report& report) {
+    std::set<unsigned int> sources = undelivered(seen, interface.index);
+    for (const auto& [host, hearing] : seen.listening.hosts)
+        if (host.interface == interface.index)
+            sources.insert(host.source);
+    std::erase_if(sources, [&](unsigned int source) { return interface.contains(source); });
+    for (const unsigned int source : sources)
+        report.find(Id::WrongSubnet, Severity::Warning,
+                    "the radar at " + text(source) + " is outside the network of " + interface.name,
+                    "give " + interface.name +
+                        " an address and netmask of the radars' network, or the radar "
+                        "one of this network",
+                    "announcements from " + text(source) + ", " + interface.name + " has " +
+                        addressesOf(interface));
+}
+
+void judgeReversePath(const Observation& seen, const Interface& interface, Report& report) {
+    if (interface.rpFilter == 0)
+        return;
+    const std::string measured = "rp_filter " + std::to_string(interface.rpFilter) + " on " + interface.name +
+                                 ", " + std::to_string(seen.reversePathDrops) +
+                                 " datagrams of this machine failed the check while it was looked at";
+    const std::string remedy = "sysctl net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + interface.name +
+                               ".rp_filter=0, or correct the route to the radars";
+    for (const unsigned int source : undelivered(seen, interface.index)) {
+        const auto route = seen.routesToRadars.find(source);
+        const std::string way = route == seen.routesToRadars.end() || route->second.interface.empty()
+                                    ? "nowhere"
+                                    : route->second.interface;
+        const bool failsCheck = interface.rpFilter == 1 ? way != interface.name : way == "nowhere";
+        if (failsCheck)
+            return report.find(Id::RpFilter, Severity::Fault,
+                               "the kernel drops what " + text(source) + " sends through " + interface.name +
+                                   ", since its way back leads " +
+                                   (way == "nowhere" ? way : "through " + way),
+                               remedy, measured);
+    }
+    const bool blind =
+        !seen.listening.ears.contains(interface.index) || !seen.listening.ears.at(interface.index).wire;
+    if (blind && seen.reversePathDrops > 0 && !seen.radarHeardOn(interface.index) && interface.usable())
+        report.find(Id::RpFilter, seen.radarHeard() ? Severity::Note : Severity::Fault,
+                    "the kernel drops datagrams whose way back does not lead through the interface that they "
+                    "came in by, and " +
+                        interface.name + " checks for that",
+                    remedy, measured);
+}
+
+void judgeRoute(const Observation& seen, Report& report) {
+    const Route& route = seen.discoveryRoute;
+    const std::string way = route.interface.empty() ? "none" : "through " + route.interface;
+    const std::string group = kGroups[0].address;
+    report.check("multicast route", group + ": " + way + " (displays need none, radar hosts do)");
+    if (!seen.hostHere())
+        return;
+    if (route.interface.empty())
+        report.find(Id::NoMulticastRoute, Severity::Fault,
+                    "a radar host runs here, and there is no route that its answers could take",
+                    "ip route add 236.6.0.0/16 dev INTERFACE, or a default route",
+                    group + ": " + std::generic_category().message(route.error));
+    for (const auto& [host, hearing] : seen.listening.hosts)
+        if (const Interface* heard = seen.interface(host.interface);
+            heard != nullptr && !route.interface.empty() && heard->name != route.interface)
+            return report.find(Id::NoMulticastRoute, Severity::Fault,
+                               "a radar host runs here, and its answers leave through " + route.interface +
+                                   " while the radars are on " + heard->name,
+                               "ip route add 236.6.0.0/16 dev " + heard->name,
+                               group + ": " + way + ", radar heard through " + heard->name);
+}
+
+/// Whether the library would take an interface, and why.
+std::string verdict(const Observation& seen, const Interface& interface) {
+    if (!interface.up || interface.addresses.empty())
+        return "not taken: " + std::string(interface.up ? "no address" : "down");
+    if (!interface.carrier)
+        return "not taken: no carrier";
+    int radars = 0;
+    for (const auto& [host, hearing] : seen.listening.hosts)
+        radars += host.interface == interface.index ? 1 : 0;
+    if (radars == 0)
+        return "not taken: no radar heard there";
+    return "taken: " + std::to_string(radars) + (radars == 1 ? " radar" : " radars") + " heard there";
+}
+
+} // namespace
+
+Report judgeInterfaces(const Observation& seen) {
+    Report report;
+    bool anyAddress = false;
+    int heardOn = 0;
+    std::string where;
+    for (const Interface& interface : seen.interfaces) {
+        report.check("interface " + interface.name,
+                     addressesOf(interface) + ", " + stateOf(interface) + "; " + verdict(seen, interface));
+        if (seen.radarHeardOn(interface.index)) {
+            ++heardOn;
+            where += (where.empty() ? "" : ", ") + interface.name;
+        }
+        if (interface.addresses.empty())
+            continue;
+        anyAddress = true;
+        judgeLink(seen, interface, report);
+        judgeSubnet(seen, interface, report);
+        judgeReversePath(seen, interface, report);
+    }
+    if (!anyAddress) {
+        std::string names;
+        for (const Interface& interface : seen.interfaces)
+            names += (names.empty() ? "" : ", ") + interface.name + " (" + stateOf(interface) + ")";
+        report.find(Id::NoAddress, Severity::Fault, "no interface has an IPv4 address",
+                    "ip address add ADDRESS/PREFIX dev INTERFACE, or start the network's DHCP client",
+                    names.empty() ? "no interface at all" : names);
+    }
+    if (heardOn > 1)
+        report.find(Id::TwoPaths, Severity::Warning,
+                    "radars are heard through more than one interface, and displays change between them",
+                    "set [Local] IP in profile.ini to the address that displays shall use",
+                    "heard through " + where);
+    judgeRoute(seen, report);
+    return report;
+}
+
+} // namespace doctor

@@ -1,0 +1,276 @@
+#include "observation.h"
+
+#include "../table.h"
+
+#include <IniProfile/iniprofile.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+namespace doctor {
+namespace {
+
+constexpr const char* kProfile = "profile.ini";
+constexpr int kTooSmallBuffer = 128 * 1024; // holds what 49 hosts answer at once, with little to spare
+constexpr int kEndpoints = 14;              // of a radar with two streams
+
+/// @return errno of reading the file, 0 when it can be read
+int readError(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file == -1)
+        return errno;
+    char first;
+    const int error = ::read(file, &first, 1) == -1 ? errno : 0;
+    ::close(file);
+    return error;
+}
+
+/// @return errno of a TCP connection, 0 when it came about within the time
+int connectError(unsigned int ip, unsigned short port, int milliseconds) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (socket == -1)
+        return errno;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = ip;
+    int error = 0;
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        error = errno;
+    if (error == EINPROGRESS) {
+        pollfd connected{socket, POLLOUT, 0};
+        socklen_t length = sizeof error;
+        if (::poll(&connected, 1, milliseconds) != 1)
+            error = ETIMEDOUT;
+        else if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+            error = errno;
+    }
+    ::close(socket);
+    return error;
+}
+
+/// 0 for text that is no address, as the library takes it.
+unsigned int addressOf(const std::string& text) {
+    in_addr address{};
+    return ::inet_pton(AF_INET, text.c_str(), &address) == 1 ? address.s_addr : 0;
+}
+
+} // namespace
+
+Profile readProfile() {
+    Profile profile;
+    const char* directory = std::getenv("INIPROFILE_DIR");
+    profile.path =
+        (directory != nullptr && *directory != '\0' ? std::string(directory) + "/" : "") + kProfile;
+    profile.error = readError(profile.path);
+    profile.localText = GetProfileInfo("Local", "IP", "0.0.0.0", 16, kProfile);
+    profile.netName = GetProfileInfo("Local", "NetName", "", 64, kProfile);
+    profile.radarText = GetProfileInfo("Radar", "IP", "", 16, kProfile);
+    profile.tcpService = GetProfileInfo_bool("Radar", "TCPService", "", kProfile);
+    profile.multicastLoop = GetProfileInfo_bool("Local", "MulticastLoop", "false", kProfile);
+
+    const auto table = net::localNetworkInterfaces();
+    profile.localIp = addressOf(profile.localText);
+    if (profile.localIp == 0 && !profile.netName.empty()) {
+        const auto named = std::ranges::find_if(table, [&](const auto& entry) {
+            return entry.second.name.find(profile.netName) != std::string::npos;
+        });
+        if (named != table.end())
+            profile.localIp = named->first;
+    }
+    profile.localIsOurs = table.contains(profile.localIp);
+    profile.radarIp = addressOf(profile.radarText);
+    if (profile.radarIp != 0)
+        profile.radarError = connectError(profile.radarIp, kGroups[0].port, 1000);
+    return profile;
+}
+
+Igmp readIgmp() {
+    Igmp igmp;
+    std::ifstream table("/proc/net/igmp");
+    std::string line;
+    std::getline(table, line); // heading
+    while (std::getline(table, line)) {
+        if (line.starts_with("\t")) {
+            ++igmp.memberships;
+            continue;
+        }
+        std::istringstream words(line); // index, name, ":", count, version
+        std::string index, name, colon, count, version;
+        if (words >> index >> name >> colon >> count >> version)
+            igmp.versions[name] = version;
+    }
+    std::ifstream limit("/proc/sys/net/ipv4/igmp_max_memberships");
+    if (!(limit >> igmp.limit))
+        igmp.limit = -1;
+    return igmp;
+}
+
+unsigned long reversePathDrops() {
+    std::ifstream file("/proc/net/netstat"); // pairs of lines, names and values
+    std::string names;
+    std::string values;
+    while (std::getline(file, names) && std::getline(file, values)) {
+        std::istringstream nameWords(names);
+        std::istringstream valueWords(values);
+        std::string name;
+        std::string value;
+        while (nameWords >> name && valueWords >> value)
+            if (name == "IPReversePathFilter")
+                return std::strtoul(value.c_str(), nullptr, 10);
+    }
+    return 0;
+}
+
+namespace {
+
+void judgeProfile(const Observation& seen, Report& report) {
+    const Profile& profile = seen.profile;
+    const std::string path = printable(profile.path);
+    if (profile.error == ENOENT) {
+        report.check("profile.ini", path + ": none, so the library searches by itself");
+        return;
+    }
+    if (profile.error != 0)
+        return report.find(Id::ProfileUnreadable, Severity::Warning,
+                           path + " cannot be read, so the library takes its defaults",
+                           "let every user of the radar programs read it: chmod a+r " + path,
+                           std::generic_category().message(profile.error));
+    report.check("profile.ini", path + ": [Local] IP " + printable(profile.localText) + ", NetName '" +
+                                    printable(profile.netName) + "'; [Radar] IP '" +
+                                    printable(profile.radarText) + "'");
+    const std::string measured =
+        "[Local] IP = " + printable(profile.localText) + ", NetName = " + printable(profile.netName);
+    if (addressOf(profile.localText) == 0 && profile.localText != "0.0.0.0" && !profile.localText.empty())
+        report.find(Id::ProfileAddress, Severity::Warning,
+                    path + " has an [Local] IP that is no IPv4 address, so the library searches",
+                    "correct it, or remove it", measured);
+    if (profile.localIp != 0 && !profile.localIsOurs)
+        report.find(Id::ProfileAddress, Severity::Fault,
+                    path + " names a local address that this machine does not have",
+                    "set [Local] IP to one that it has, or remove it to search", measured);
+    if (profile.localIp == 0 && !profile.netName.empty())
+        report.find(Id::ProfileInterface, Severity::Warning,
+                    path + " names an interface that this machine does not have, so the library searches",
+                    "set [Local] NetName to one that it has, or remove it", measured);
+
+    // Where the library listens, and where the radars are.
+    const Interface* heard = nullptr;
+    bool heardThere = false;
+    for (const auto& [host, hearing] : seen.listening.hosts) {
+        heard = seen.interface(host.interface);
+        heardThere =
+            heardThere || (heard != nullptr && std::ranges::any_of(heard->addresses, [&](const auto& own) {
+                               return own.ip == profile.localIp;
+                           }));
+    }
+    if (heard != nullptr && !heardThere && profile.localIsOurs)
+        report.find(Id::WrongInterface, Severity::Fault,
+                    path + " sets the local address to " + text(profile.localIp) +
+                        ", and the radars are on another interface",
+                    "set [Local] IP to " + text(heard->addresses.front().ip) + ", or remove it to search",
+                    "radars heard through " + heard->name + ", none at " + text(profile.localIp));
+}
+
+void judgeFixedRadar(const Observation& seen, Report& report) {
+    const Profile& profile = seen.profile;
+    if (profile.radarText.empty() || profile.error != 0)
+        return;
+    const std::string port = " TCP port " + std::to_string(kGroups[0].port);
+    const std::string measured =
+        "[Radar] IP = " + printable(profile.radarText) + "," + port + ": " +
+        (profile.radarIp == 0      ? "no IPv4 address"
+         : profile.radarError == 0 ? "connected"
+                                   : std::generic_category().message(profile.radarError));
+    if (profile.radarIp == 0)
+        report.find(Id::FixedRadar, Severity::Warning,
+                    "profile.ini has a [Radar] IP that is no IPv4 address, so it counts for nothing",
+                    "correct it, or remove it", measured);
+    else if (profile.radarError != 0)
+        report.find(Id::FixedRadar, Severity::Fault,
+                    "profile.ini fixes the radar to " + text(profile.radarIp) + ", which does not answer" +
+                        port,
+                    "correct [Radar] IP, or remove it to find radars by multicast", measured);
+    else if (!profile.tcpService)
+        report.find(Id::FixedRadar, Severity::Warning,
+                    "profile.ini fixes the radar, and without TCPService none of its entries is listed",
+                    "set [Radar] TCPService = true", measured);
+    else
+        report.find(Id::FixedRadar, Severity::Note,
+                    "profile.ini fixes the radar: it is reached over TCP, and multicast does not matter", "",
+                    measured);
+}
+
+void judgeIgmp(const Observation& seen, Report& report) {
+    bool refused = false;
+    bool wire = !seen.listening.ears.empty();
+    int queries = 0;
+    for (const auto& [index, ear] : seen.listening.ears) {
+        refused = refused || std::ranges::count(ear.joinErrors, ENOBUFS) != 0;
+        wire = wire && ear.wire;
+        queries += ear.igmpQueries;
+    }
+    std::string versions;
+    for (const Interface& interface : seen.interfaces)
+        if (const auto version = seen.igmp.versions.find(interface.name);
+            version != seen.igmp.versions.end()) {
+            versions += interface.name + " " + version->second + ", ";
+            if (version->second == "V1")
+                report.find(Id::IgmpVersion, Severity::Note,
+                            interface.name + " speaks IGMP version 1, so switches notice late what it leaves",
+                            "sysctl net.ipv4.conf." + interface.name +
+                                ".force_igmp_version=0, and a querier of version 2 or 3",
+                            interface.name + ": " + version->second);
+        }
+    report.check("IGMP", versions + (wire ? std::to_string(queries) + " queries heard from a querier"
+                                          : "queriers could not be listened for"));
+    if (!wire && !seen.listening.ears.empty())
+        report.find(Id::WireUnread, Severity::Unchecked,
+                    "could not check: needs root (CAP_NET_RAW) to hear IGMP queriers, and to tell what never "
+                    "came from what the kernel dropped",
+                    "sudo radarctl doctor", "packet socket refused");
+
+    const std::string measured = "limit " + std::to_string(seen.igmp.limit) + " a socket, " +
+                                 std::to_string(seen.igmp.memberships) + " memberships on this machine";
+    const std::string remedy = "sysctl net.ipv4.igmp_max_memberships=20";
+    report.check("memberships", measured);
+    if (refused)
+        report.find(Id::MembershipLimit, Severity::Fault,
+                    "the system refuses to join the radars' groups: too many memberships", remedy, measured);
+    else if (seen.igmp.limit >= 0 && seen.igmp.limit < kEndpoints)
+        report.find(Id::MembershipLimit, Severity::Warning,
+                    "a program that hears every endpoint of a radar on one socket may not join them all",
+                    remedy, measured);
+}
+
+} // namespace
+
+Report judgeMachine(const Observation& seen) {
+    Report report;
+    judgeProfile(seen, report);
+    judgeFixedRadar(seen, report);
+    judgeIgmp(seen, report);
+    if (const int granted = seen.listening.grantedBuffer; granted > 0) {
+        const std::string measured = std::to_string(granted / 1024) + " KiB granted of 256 KiB";
+        report.check("receive buffer", measured);
+        if (granted < kTooSmallBuffer)
+            report.find(
+                Id::ReceiveBuffer, Severity::Warning,
+                "the system grants too small a receive buffer: answers of many hosts at once are lost",
+                "sysctl net.core.rmem_max=262144", measured);
+    }
+    return report;
+}
+
+} // namespace doctor

@@ -1,0 +1,198 @@
+/// @file
+/// What doctor has seen, before anything is made of it. Addresses are in network byte order.
+#pragma once
+
+#include "../loop.h"
+#include "findings.h"
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace doctor {
+
+using Seconds = std::chrono::duration<double>;
+
+struct Group {
+    const char* address;
+    unsigned short port;
+    const char* use;
+};
+inline constexpr std::array<Group, 3> kGroups{{{"236.6.7.5", 6878, "queries and announcements"},
+                                               {"236.6.7.4", 6768, "host ids"},
+                                               {"236.6.7.20", 6720, "presence beacons"}}};
+
+// ------------------------------------------------------------------------------------------------ interfaces
+
+struct LocalAddress {
+    unsigned int ip;
+    unsigned int mask;
+};
+
+struct Interface {
+    std::string name;
+    int index = 0;
+    bool up = false;
+    bool carrier = false;
+    bool multicast = false;
+    std::vector<LocalAddress> addresses;
+    int rpFilter =
+        0; ///< the stricter of the machine's and the interface's own setting, as the kernel takes it
+
+    bool contains(unsigned int ip) const {
+        for (const LocalAddress& own : addresses)
+            if ((own.ip & own.mask) == (ip & own.mask))
+                return true;
+        return false;
+    }
+    bool usable() const { return up && carrier && !addresses.empty(); }
+};
+
+/// All interfaces but the loopback.
+std::vector<Interface> readInterfaces();
+
+/// Where the kernel sends to from the "any" address.
+struct Route {
+    std::string interface; ///< empty: there is none
+    int error = 0;
+};
+Route routeTo(unsigned int ip, const std::vector<Interface>& interfaces);
+
+// ----------------------------------------------------------------------------------------------- the
+// listening
+
+/// How sockets fared on one interface.
+struct Ear {
+    std::array<int, kGroups.size()> joinErrors{}; ///< errno of bind or join, 0: listens
+    std::array<bool, kGroups.size()> bound{};
+    int sendError = 0;
+    int sent = 0;      ///< queries
+    int looped = 0;    ///< of them came back
+    bool wire = false; ///< frames could be looked at before the kernel judged them
+    int igmpQueries = 0;
+};
+
+/// A host as it was heard: the same name and id from the same address through the same interface.
+struct HostKey {
+    int interface;
+    unsigned int source;
+    std::string name; ///< bytes of any kind
+    int id;           ///< 0: none of the plan
+    auto operator<=>(const HostKey&) const = default;
+};
+struct Hearing {
+    std::vector<Seconds> times;
+    unsigned int imageGroup = 0;
+    unsigned short imagePort = 0; ///< host order
+};
+struct ForeignQuery {
+    int interface;
+    unsigned int source;
+    Seconds time;
+};
+
+/// Times count from the start of the listening.
+struct Listening {
+    Seconds duration{0};
+    std::vector<Seconds> queries; ///< own ones, on every interface
+    std::map<int, Ear> ears;      ///< by interface index
+    std::map<HostKey, Hearing> hosts;
+    std::vector<ForeignQuery> foreignQueries;
+    std::map<int, std::set<unsigned int>>
+        onWire;                             ///< announcements' sources by interface, whatever became of them
+    std::map<std::uint8_t, int> objections; ///< by host id
+    std::map<unsigned int, std::set<int>> claims; ///< host ids that each address probed for
+    int beacons = 0;
+    int grantedBuffer = 0; ///< of the 256 KiB that the library asks for
+    bool stopped = false;
+};
+
+/// Listens, asks, and listens on. @throws std::system_error when the machine allows no socket at all
+Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop);
+
+// -----------------------------------------------------------------------------------------------------
+// machine
+
+struct UdpSocketEntry {
+    unsigned int ip;
+    unsigned short port; ///< host order
+    unsigned int uid;
+    unsigned long inode;
+    unsigned long drops;
+};
+std::vector<UdpSocketEntry> readUdpSockets();
+
+struct Profile {
+    std::string path;
+    int error = 0; ///< errno of reading it, ENOENT included
+    std::string localText;
+    std::string netName;
+    std::string radarText;
+    unsigned int localIp =
+        0; ///< what the library takes from the file, by address or by interface; 0: it searches
+    bool localIsOurs = false; ///< and whether this machine has it
+    unsigned int radarIp = 0;
+    int radarError = 0; ///< errno of a TCP connection to the fixed radar
+    bool tcpService = false;
+    bool multicastLoop = false;
+};
+Profile readProfile();
+
+struct Igmp {
+    std::map<std::string, std::string> versions; ///< by interface
+    int memberships = 0;                         ///< of the whole machine
+    int limit = -1;                              ///< for one socket; -1: not readable
+};
+Igmp readIgmp();
+
+/// Datagrams that failed the kernel's check of their source since it started.
+unsigned long reversePathDrops();
+
+/// The packet filter's rules, as its own tools print them.
+struct Ruleset {
+    std::string nft;      ///< JSON; empty: not readable
+    std::string iptables; ///< empty: not readable, or not installed
+    std::string error;    ///< why nothing is readable
+};
+Ruleset readRuleset();
+
+struct Observation {
+    std::vector<Interface> interfaces;
+    Listening listening;
+    std::vector<UdpSocketEntry> socketsBefore; ///< before doctor made its own
+    std::vector<UdpSocketEntry> socketsAfter;  ///< after doctor closed its own
+    Profile profile;
+    Igmp igmp;
+    Ruleset rules;
+    unsigned long reversePathDrops = 0; ///< during the listening
+    Route discoveryRoute;
+    std::map<unsigned int, Route> routesToRadars;
+
+    bool radarHeard() const { return !listening.hosts.empty(); }
+    bool radarHeardOn(int interface) const;
+    const Interface* interface(int index) const;
+    /// Whether a program on this machine takes part in the negotiation of host ids.
+    bool hostHere() const;
+};
+
+Report judgeInterfaces(const Observation& seen);
+Report judgeMachine(const Observation& seen);
+Report judgeSockets(const Observation& seen);
+Report judgeFirewall(const Observation& seen);
+Report judgeHosts(const Observation& seen);
+/// What is left to say when no other finding explains why nothing is heard.
+Report judgeSilence(const Observation& seen);
+
+/// Sources that announce on the wire of an interface and reach no socket there.
+std::set<unsigned int> undelivered(const Observation& seen, int index);
+
+/// Dotted text of a network-order address, and of an address with its prefix length.
+std::string text(unsigned int ip);
+std::string text(const LocalAddress& address);
+
+} // namespace doctor

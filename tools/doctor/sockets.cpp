@@ -1,0 +1,145 @@
+#include "observation.h"
+
+#include "../table.h"
+
+#include <UdpSocket/udpsocket.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+namespace doctor {
+
+std::vector<UdpSocketEntry> readUdpSockets() {
+    std::vector<UdpSocketEntry> sockets;
+    std::ifstream table("/proc/net/udp");
+    std::string line;
+    std::getline(table, line); // heading
+    while (std::getline(table, line)) {
+        // slot, local and remote address, state, queues, timer, retransmits, uid, time-out, inode,
+        // references, pointer, drops
+        std::istringstream words(line);
+        std::string slot, local, remote, state, queues, timer, retransmits, timeout, references, pointer;
+        UdpSocketEntry entry{};
+        if (!(words >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> entry.uid >>
+              timeout >> entry.inode >> references >> pointer >> entry.drops) ||
+            local.size() != 13)
+            continue;
+        entry.ip = static_cast<unsigned int>(std::stoul(local.substr(0, 8), nullptr, 16));
+        entry.port = static_cast<unsigned short>(std::stoul(local.substr(9), nullptr, 16));
+        if (std::ranges::count(kGroups, entry.port, &Group::port) != 0)
+            sockets.push_back(entry);
+    }
+    return sockets;
+}
+
+bool Observation::hostHere() const {
+    return std::ranges::any_of(socketsBefore, [](const UdpSocketEntry& socket) {
+        return socket.port == kGroups[1].port && socket.ip == net::transAddr(kGroups[1].address);
+    });
+}
+
+namespace {
+
+/// The program that holds a socket, as far as /proc shows it.
+std::string holder(const UdpSocketEntry& socket) {
+    const std::string wanted = "socket:[" + std::to_string(socket.inode) + "]";
+    std::error_code ignored; // processes come and go, and those of others are closed to us
+    for (const auto& process : std::filesystem::directory_iterator("/proc", ignored)) {
+        const std::string id = process.path().filename();
+        if (id.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::error_code closed;
+        for (const auto& file : std::filesystem::directory_iterator(process.path() / "fd", closed)) {
+            if (std::filesystem::read_symlink(file, ignored) != wanted)
+                continue;
+            std::string name;
+            std::getline(std::ifstream(process.path() / "comm") >> std::ws, name);
+            return printable(name) + " (process " + id + ")";
+        }
+    }
+    return "a program of user " + std::to_string(socket.uid) +
+           (::geteuid() == 0 ? "" : " (could not check which: needs root)");
+}
+
+void judgePorts(const Observation& seen, Report& report) {
+    std::string ports;
+    for (std::size_t i = 0; i < kGroups.size(); ++i) {
+        const Group& group = kGroups[i];
+        const std::string port = std::to_string(group.port);
+        ports += (ports.empty() ? "" : ", ") + port;
+        const bool taken = std::ranges::any_of(seen.listening.ears, [i](const auto& ear) {
+            return !ear.second.bound[i] && ear.second.joinErrors[i] == EADDRINUSE;
+        });
+        if (!taken)
+            continue;
+        std::string holders;
+        for (const UdpSocketEntry& socket : seen.socketsBefore)
+            if (socket.port == group.port && (socket.ip == 0 || socket.ip == net::transAddr(group.address)))
+                holders += (holders.empty() ? "" : ", ") + holder(socket);
+        if (holders.empty())
+            holders = "a program";
+        report.find(Id::PortTaken, Severity::Fault,
+                    holders + " holds UDP port " + port + " (" + group.use + ") without address reuse",
+                    "end it, or have it set SO_REUSEADDR before it binds",
+                    "binding to " + std::string(group.address) + ":" + port + ": " +
+                        std::generic_category().message(EADDRINUSE));
+    }
+    report.check("ports", ports + ": tried to bind to each");
+}
+
+void judgeDrops(const Observation& seen, Report& report) {
+    unsigned long before = 0;
+    for (const UdpSocketEntry& old : seen.socketsBefore) {
+        const auto now = std::ranges::find(seen.socketsAfter, old.inode, &UdpSocketEntry::inode);
+        if (now != seen.socketsAfter.end() && now->drops > old.drops)
+            report.find(Id::SocketDrops, Severity::Warning,
+                        holder(old) + " does not empty its socket on port " + std::to_string(old.port) +
+                            " in time, and misses datagrams",
+                        "have it return from its listeners sooner, or give it a larger receive buffer",
+                        std::to_string(now->drops - old.drops) +
+                            " datagrams dropped while it was looked at, " + std::to_string(now->drops) +
+                            " in all");
+        before += old.drops;
+    }
+    report.check("sockets", std::to_string(seen.socketsBefore.size()) +
+                                " of other programs on these ports, " + std::to_string(before) +
+                                " datagrams dropped by them until now");
+}
+
+void judgeErrors(const Observation& seen, Report& report) {
+    for (const auto& [index, ear] : seen.listening.ears) {
+        const Interface* interface = seen.interface(index);
+        if (interface == nullptr || !interface->usable())
+            continue;
+        if (ear.sendError != 0 && ear.sendError != EPERM) // which is the packet filter's
+            report.find(Id::QueryNotSent, Severity::Fault,
+                        "the system refuses to send a query through " + interface->name,
+                        "look at the address and the routes of " + interface->name,
+                        std::generic_category().message(ear.sendError));
+        for (std::size_t i = 0; i < kGroups.size(); ++i)
+            if (const int error = ear.joinErrors[i]; error != 0 && error != EADDRINUSE && error != ENOBUFS)
+                report.find(Id::QueryNotSent, Severity::Fault,
+                            "the system refuses to listen to " + std::string(kGroups[i].address) + " on " +
+                                interface->name,
+                            "look at the address and the flags of " + interface->name,
+                            std::generic_category().message(error));
+    }
+}
+
+} // namespace
+
+Report judgeSockets(const Observation& seen) {
+    Report report;
+    judgePorts(seen, report);
+    judgeDrops(seen, report);
+    judgeErrors(seen, report);
+    return report;
+}
+
+} // namespace doctor
