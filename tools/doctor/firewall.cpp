@@ -103,14 +103,14 @@ std::optional<Loss> lossOf(const Ruleset& rules, const Packet& packet) {
 /// Judges by the rules. @return whether one of them was named
 bool judgeRules(const Observation& seen, const Interface& interface, bool lost, Report& report) {
     std::map<std::string, std::pair<Loss, std::string>> losses; // by rule, with what it costs
+    std::set<std::pair<std::string, std::string>> named;
     for (const Packet& packet : packetsOf(seen, interface)) {
         const std::optional<Loss> found = lossOf(seen.rules, packet);
-        if (!found || (!found->certain && !lost))
+        const std::string group = text(net::HtoNl(packet.destination)) + ":" + std::to_string(packet.port);
+        if (!found || (!found->certain && !lost) || !named.insert({found->rule, group}).second)
             continue;
         auto& [loss, uses] = losses.try_emplace(found->rule, *found, "").first->second;
-        uses += (uses.empty() ? "" : ", ") + packet.use;
-        if (!packet.igmp)
-            uses += " (" + text(net::HtoNl(packet.destination)) + ":" + std::to_string(packet.port) + ")";
+        uses += (uses.empty() ? "" : ", ") + packet.use + (packet.igmp ? "" : " (" + group + ")");
     }
     for (const auto& [rule, cost] : losses)
         report.find(Id::Firewall, Severity::Fault,

@@ -33,7 +33,7 @@ std::string seconds(Seconds time) {
 
 /// How a host answers the queries that it could hear.
 struct Answering {
-    std::optional<Seconds> delay; ///< of the first answer, where no other display's query confuses it
+    std::optional<Seconds> delay; ///< of an answer, where no other display's query confuses it
     std::size_t asked = 0;        ///< queries early enough for their answers to be here
     std::size_t answered = 0;
     bool unasked = false; ///< announced itself before we asked
@@ -51,8 +51,13 @@ Answering answering(const Listening& listening, const HostKey& host, const Heari
             queries.push_back(query.time);
     const bool alone = queries.size() == listening.queries.size();
     const auto answer = std::ranges::lower_bound(hearing.times, first);
-    if (alone && !result.unasked && answer != hearing.times.end())
-        result.delay = *answer - first;
+    if (alone && answer != hearing.times.end()) {
+        // Behind the last query nothing hides lateness; a lost first answer, too, would look like it before.
+        Seconds latest{0};
+        for (auto time = answer; time != hearing.times.end(); ++time)
+            latest = std::max(latest, *time - *std::prev(std::ranges::upper_bound(queries, *time)));
+        result.delay = latest < kSearchWaits ? latest : *answer - first;
+    }
     const Seconds latest = listening.duration - result.delay.value_or(0s) - 0.5s;
     result.asked = static_cast<std::size_t>(
         std::ranges::count_if(queries, [latest](Seconds query) { return query <= latest; }));
@@ -68,7 +73,7 @@ void judgeAnswers(const Observation& seen, const HostKey& host, const Hearing& h
     report.check("radar " + called(host),
                  "host id " + (host.id != 0 ? std::to_string(host.id) : "-") + ", through " +
                      (interface != nullptr ? interface->name : "-") + ", " + share +
-                     (answers.delay ? ", the first after " + milliseconds(*answers.delay) : "") +
+                     (answers.delay ? ", at most " + milliseconds(*answers.delay) + " later" : "") +
                      (answers.unasked ? ", announced before it was asked here" : ""));
     if (seen.listening.stopped)
         return;
