@@ -53,7 +53,7 @@ struct Kind {
 };
 
 inline constexpr std::array<Kind, static_cast<std::size_t>(Id::Count)> kKinds{{
-    {"no-address", "no interface has an IPv4 address"},
+    {"no-address", "an interface has no IPv4 address"},
     {"interface-down", "an interface with an address is switched off"},
     {"no-carrier", "an interface has no link"},
     {"no-multicast", "an interface has its multicast flag off"},

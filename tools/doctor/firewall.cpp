@@ -154,8 +154,8 @@ Ruleset readRuleset() {
     if (!nftRead && !iptablesRead)
         rules.error =
             run("command -v nft || command -v iptables-save").second
-                ? "needs root (CAP_NET_ADMIN) to read the packet filter's rules"
-                : "needs the program nft (Debian package nftables) to read the packet filter's rules";
+                ? "needs root (CAP_NET_ADMIN), and nf_tables in the kernel, to read the packet filter"
+                : "needs the program nft (Debian package nftables) to read the packet filter";
     return rules;
 }
 

@@ -174,7 +174,15 @@ Report judgeSilence(const Observation& seen) {
     const std::string measured = std::to_string(listening.queries.size()) + " queries in " +
                                  seconds(listening.duration) + ", no answer, " +
                                  std::to_string(listening.beacons) + " beacons";
-    if (!seen.hostHere())
+    std::string dropped;
+    for (const Interface& interface : seen.interfaces)
+        for (const unsigned int source : undelivered(seen, interface.index))
+            dropped += (dropped.empty() ? "" : ", ") + text(source) + " at " + interface.name;
+    if (!dropped.empty())
+        report.find(Id::NoRadar, Severity::Fault, "announcements reach this machine, and no program on it",
+                    "look for XDP and tc filters, and for checksum errors in /proc/net/snmp",
+                    "on the wire: " + dropped);
+    else if (!seen.hostHere())
         report.find(Id::NoRadar, Severity::Fault, "nobody answers, and nothing on this machine explains it",
                     "look whether a radar host runs, and whether its switch passes multicast", measured);
     int igmpQueries = 0;

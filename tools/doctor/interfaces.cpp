@@ -10,6 +10,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <system_error>
@@ -28,6 +29,8 @@ std::string text(const LocalAddress& address) {
 }
 
 namespace {
+
+constexpr unsigned int kLowerUp = 1 << 16; // IFF_LOWER_UP, whose header does not go with <net/if.h>
 
 unsigned int ipOf(const sockaddr* address) {
     sockaddr_in ipv4;
@@ -70,13 +73,17 @@ std::vector<Interface> readInterfaces() {
         interface.name = name;
         interface.index = index;
         interface.up = (entry->ifa_flags & IFF_UP) != 0;
-        interface.carrier = (entry->ifa_flags & IFF_RUNNING) != 0;
+        interface.carrier = (entry->ifa_flags & kLowerUp) != 0;
+        interface.pointToPoint = (entry->ifa_flags & IFF_POINTOPOINT) != 0;
         interface.multicast = (entry->ifa_flags & IFF_MULTICAST) != 0;
         if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
             interface.addresses.push_back({ipOf(entry->ifa_addr), ipOf(entry->ifa_netmask)});
     }
     std::vector<Interface> result;
     for (auto& [index, interface] : byIndex) {
+        std::error_code error;
+        interface.partOfAnother =
+            std::filesystem::exists("/sys/class/net/" + interface.name + "/master", error);
         const std::string settings = "/proc/sys/net/ipv4/conf/";
         interface.rpFilter =
             std::max(setting(settings + "all/rp_filter"), setting(settings + interface.name + "/rp_filter"));
@@ -142,7 +149,7 @@ void judgeLink(const Observation& seen, const Interface& interface, Report& repo
     else if (!interface.carrier)
         report.find(Id::NoCarrier, severity, interface.name + " has no carrier",
                     "plug in its cable, or look at the switch port at the other end", measured);
-    else if (!interface.multicast)
+    else if (!interface.multicast && !interface.pointToPoint)
         report.find(Id::NoMulticast, seen.radarHeard() ? Severity::Warning : Severity::Fault,
                     interface.name + " has its multicast flag off",
                     "ip link set " + interface.name + " multicast on", measured);
@@ -217,8 +224,21 @@ void judgeRoute(const Observation& seen, Report& report) {
                                group + ": " + way + ", radar heard through " + heard->name);
 }
 
+/// Without an address the library cannot listen, whatever its cable brings.
+void judgeAddress(const Observation& seen, const Interface& interface, Report& report) {
+    if (interface.addresses.empty() && interface.up && interface.carrier && !interface.partOfAnother &&
+        !seen.radarHeard())
+        report.find(Id::NoAddress, Severity::Fault, interface.name + " has no IPv4 address",
+                    "ip address add ADDRESS/PREFIX dev " + interface.name + ", or start its DHCP client",
+                    interface.name + " up, with carrier");
+}
+
 /// Whether the library would take an interface, and why.
 std::string verdict(const Observation& seen, const Interface& interface) {
+    if (const unsigned int configured = seen.profile.localIp; configured != 0)
+        return std::ranges::count(interface.addresses, configured, &LocalAddress::ip) != 0
+                   ? "taken: profile.ini says so"
+                   : "not taken: profile.ini names " + text(configured);
     if (!interface.up || interface.addresses.empty())
         return "not taken: " + std::string(interface.up ? "no address" : "down");
     if (!interface.carrier)
@@ -235,7 +255,6 @@ std::string verdict(const Observation& seen, const Interface& interface) {
 
 Report judgeInterfaces(const Observation& seen) {
     Report report;
-    bool anyAddress = false;
     int heardOn = 0;
     std::string where;
     for (const Interface& interface : seen.interfaces) {
@@ -245,21 +264,16 @@ Report judgeInterfaces(const Observation& seen) {
             ++heardOn;
             where += (where.empty() ? "" : ", ") + interface.name;
         }
+        judgeAddress(seen, interface, report);
         if (interface.addresses.empty())
             continue;
-        anyAddress = true;
         judgeLink(seen, interface, report);
         judgeSubnet(seen, interface, report);
         judgeReversePath(seen, interface, report);
     }
-    if (!anyAddress) {
-        std::string names;
-        for (const Interface& interface : seen.interfaces)
-            names += (names.empty() ? "" : ", ") + interface.name + " (" + stateOf(interface) + ")";
-        report.find(Id::NoAddress, Severity::Fault, "no interface has an IPv4 address",
-                    "ip address add ADDRESS/PREFIX dev INTERFACE, or start the network's DHCP client",
-                    names.empty() ? "no interface at all" : names);
-    }
+    if (seen.interfaces.empty())
+        report.find(Id::NoAddress, Severity::Fault, "this computer has no network interface",
+                    "look whether its driver is loaded: ip link", "the loopback interface alone");
     if (heardOn > 1)
         report.find(Id::TwoPaths, Severity::Warning,
                     "radars are heard through more than one interface, and displays change between them",

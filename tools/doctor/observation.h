@@ -40,6 +40,8 @@ struct Interface {
     bool up = false;
     bool carrier = false;
     bool multicast = false;
+    bool pointToPoint = false;
+    bool partOfAnother = false; ///< of a bridge, say
     std::vector<LocalAddress> addresses;
     int rpFilter =
         0; ///< the stricter of the machine's and the interface's own setting, as the kernel takes it
