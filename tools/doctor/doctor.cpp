@@ -38,7 +38,7 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
         if (seen.interfaces.empty())
             throw Failure(kUsage, "this computer has no interface \"" + printable(only) + "\"");
     }
-    seen.profile = readProfile();
+    seen.profile = readProfile(quick ? 400ms : 2s);
     seen.socketsBefore = readUdpSockets();
     seen.discoveryRoute = routeTo(net::transAddr(kGroups[0].address), seen.interfaces);
     const unsigned long drops = reversePathDrops();
@@ -64,7 +64,7 @@ Report judge(const Observation& seen) {
     };
     add(judgeInterfaces(seen));
     add(judgeFirewall(seen));
-    add(judgeSockets(seen));
+    add(judgePorts(seen));
     add(judgeMachine(seen));
     add(judgeHosts(seen));
     if (std::ranges::none_of(all.findings, &Finding::isComplaint))

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <cstdlib>
 #include <iomanip>
 #include <sstream>
 
@@ -30,8 +31,10 @@ Tri inNetwork(unsigned int address, const std::string& network) {
     in_addr mask{};
     if (::inet_pton(AF_INET, base.c_str(), &parsed) != 1)
         return Tri::Maybe;
-    if (::inet_pton(AF_INET, length.c_str(), &mask) != 1)
-        mask.s_addr = length == "0" ? 0 : htonl(~0U << (32 - std::atoi(length.c_str()) % 33));
+    if (::inet_pton(AF_INET, length.c_str(), &mask) != 1) {
+        const int bits = std::atoi(length.c_str());
+        mask.s_addr = bits <= 0 || bits > 32 ? 0 : htonl(~0U << (32 - bits));
+    }
     return yes((htonl(address) & mask.s_addr) == (parsed.s_addr & mask.s_addr));
 }
 
@@ -101,7 +104,8 @@ Rule parseRule(const std::string& line, const std::string& table, const Chains& 
             continue;
         }
         std::string value;
-        if ((words >> std::ws).peek() != '-' || option == "--comment")
+        const int next = (words >> std::ws).peek();
+        if ((next != '-' && next != '!') || option == "--comment")
             words >> std::quoted(value);
         if (option == "-j" || option == "-g") {
             rule.target = table + " " + value;

@@ -37,7 +37,7 @@ int readError(const std::string& path) {
 }
 
 /// @return errno of a TCP connection, 0 when it came about within the time
-int connectError(unsigned int ip, unsigned short port, int milliseconds) {
+int connectError(unsigned int ip, unsigned short port, std::chrono::milliseconds patience) {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket == -1)
         return errno;
@@ -51,7 +51,7 @@ int connectError(unsigned int ip, unsigned short port, int milliseconds) {
     if (error == EINPROGRESS) {
         pollfd connected{socket, POLLOUT, 0};
         socklen_t length = sizeof error;
-        if (::poll(&connected, 1, milliseconds) != 1)
+        if (::poll(&connected, 1, static_cast<int>(patience.count())) != 1)
             error = ETIMEDOUT;
         else if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
             error = errno;
@@ -68,7 +68,7 @@ unsigned int addressOf(const std::string& text) {
 
 } // namespace
 
-Profile readProfile() {
+Profile readProfile(std::chrono::milliseconds patience) {
     Profile profile;
     const char* directory = std::getenv("INIPROFILE_DIR");
     profile.path =
@@ -92,7 +92,7 @@ Profile readProfile() {
     profile.localIsOurs = table.contains(profile.localIp);
     profile.radarIp = addressOf(profile.radarText);
     if (profile.radarIp != 0)
-        profile.radarError = connectError(profile.radarIp, kGroups[0].port, 1000);
+        profile.radarError = connectError(profile.radarIp, kGroups[0].port, patience);
     return profile;
 }
 

@@ -98,11 +98,11 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
     if (right.contains("set"))
         return isIn(value, right["set"], sets);
     if (right.contains("elem"))
-        return isIn(value, right["elem"]["val"], sets);
+        return isIn(value, right["elem"].at("val"), sets);
     if (right.contains("prefix") && value.number) {
         const auto base = hostOrder(right["prefix"].value("addr", ""));
         const int length = right["prefix"].value("len", 32);
-        const unsigned int mask = length == 0 ? 0 : ~0U << (32 - length);
+        const unsigned int mask = length <= 0 || length > 32 ? 0 : ~0U << (32 - length);
         return base ? yes((*value.number & mask) == (*base & mask)) : Tri::Maybe;
     }
     if (right.contains("range") && value.number) {
@@ -110,8 +110,8 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
             return end.is_number() ? std::optional(end.get<unsigned int>())
                                    : hostOrder(end.get<std::string>());
         };
-        const auto first = bound(right["range"][0]);
-        const auto last = bound(right["range"][1]);
+        const auto first = bound(right["range"].at(0));
+        const auto last = bound(right["range"].at(1));
         return first && last ? yes(*first <= *value.number && *value.number <= *last) : Tri::Maybe;
     }
     return Tri::Maybe;
@@ -121,7 +121,7 @@ Tri compare(const json& match, const Packet& packet, const std::map<std::string,
     const std::string op = match.value("op", "");
     if (op != "==" && op != "in" && op != "!=")
         return Tri::Maybe;
-    return negated(isIn(valueOf(match["left"], packet), match["right"], sets), op == "!=");
+    return negated(isIn(valueOf(match.at("left"), packet), match.at("right"), sets), op == "!=");
 }
 
 /// Sets the verdict that a statement gives. @return false when it gives none
@@ -153,10 +153,10 @@ void addRules(const json& rule, const std::string& table, const Packet& packet,
             result.matches = both(result.matches, Tri::Maybe);
         } else if (statement.contains("vmap")) {
             const json& vmap = statement["vmap"];
-            for (const json& pair : vmap["data"].value("set", json::array())) {
+            for (const json& pair : vmap.at("data").value("set", json::array())) {
                 Rule entry = result;
-                entry.matches = both(entry.matches, isIn(valueOf(vmap["key"], packet), pair[0], sets));
-                if (takeVerdict(pair[1], table, entry))
+                entry.matches = both(entry.matches, isIn(valueOf(vmap.at("key"), packet), pair.at(0), sets));
+                if (takeVerdict(pair.at(1), table, entry))
                     rules.push_back(entry);
             }
         } else if (takeVerdict(statement, table, result)) {
@@ -184,6 +184,8 @@ Chains parseNft(const std::string& text, const Packet& packet, bool skipIptables
     std::map<std::string, std::map<std::string, json>> sets; // by table and name
     const json ruleset = json::parse(text);
     for (const json& item : ruleset.at("nftables")) {
+        if (!item.is_object() || item.empty())
+            continue;
         const json& content = item.begin().value();
         const std::string family = content.value("family", "");
         const std::string table = family + " " + content.value("table", "");

@@ -143,7 +143,8 @@ struct Profile {
     bool tcpService = false;
     bool multicastLoop = false;
 };
-Profile readProfile();
+/// @param patience for the fixed radar, where there is one
+Profile readProfile(std::chrono::milliseconds patience);
 
 struct Igmp {
     std::map<std::string, std::string> versions; ///< by interface
@@ -184,7 +185,7 @@ struct Observation {
 
 Report judgeInterfaces(const Observation& seen);
 Report judgeMachine(const Observation& seen);
-Report judgeSockets(const Observation& seen);
+Report judgePorts(const Observation& seen);
 Report judgeFirewall(const Observation& seen);
 Report judgeHosts(const Observation& seen);
 /// What is left to say when no other finding explains why nothing is heard.

@@ -67,7 +67,7 @@ std::string holder(const UdpSocketEntry& socket) {
            (::geteuid() == 0 ? "" : " (could not check which: needs root)");
 }
 
-void judgePorts(const Observation& seen, Report& report) {
+void judgeHolders(const Observation& seen, Report& report) {
     std::string ports;
     for (std::size_t i = 0; i < kGroups.size(); ++i) {
         const Group& group = kGroups[i];
@@ -134,9 +134,9 @@ void judgeErrors(const Observation& seen, Report& report) {
 
 } // namespace
 
-Report judgeSockets(const Observation& seen) {
+Report judgePorts(const Observation& seen) {
     Report report;
-    judgePorts(seen, report);
+    judgeHolders(seen, report);
     judgeDrops(seen, report);
     judgeErrors(seen, report);
     return report;
