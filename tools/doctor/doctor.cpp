@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <system_error>
 
 namespace doctor {
@@ -78,16 +79,58 @@ std::string line(const Finding& finding) {
     return finding.what + (finding.remedy.empty() ? "" : "; " + finding.remedy);
 }
 
-std::string asText(const Report& report) {
+/// What runs, on a terminal's standard error; wiped at the end.
+class Notice {
+public:
+    explicit Notice(double seconds) : m_isTerminal(::isatty(STDERR_FILENO) == 1) {
+        if (m_isTerminal)
+            std::fprintf(stderr, "\x1b[?7llistening and asking for %g s; Ctrl-C ends\x1b[?7h", seconds);
+    }
+    ~Notice() {
+        if (m_isTerminal)
+            std::fputs("\r\x1b[K", stderr);
+    }
+    Notice(const Notice&) = delete;
+    Notice& operator=(const Notice&) = delete;
+
+private:
+    bool m_isTerminal;
+};
+
+/// A paragraph that goes on indented where a terminal's line is full; one line elsewhere.
+std::string paragraph(const std::string& text, std::size_t indent, const Output& output) {
+    const auto width = static_cast<std::size_t>(output.isTerminal() ? output.terminalSize().columns : 0);
+    std::string result = std::string(indent, ' ');
+    std::size_t column = indent;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (column > indent && width > 0 && column + 1 + word.size() > width) {
+            result += "\n" + std::string(indent + 4, ' ');
+            column = indent + 4;
+        } else if (column > indent) {
+            result += ' ';
+            ++column;
+        }
+        result += word;
+        column += word.size();
+    }
+    return result + "\n";
+}
+
+std::string asText(const Report& report, const Output& output) {
     std::string result;
-    for (const Finding& finding : report.findings)
-        result += std::string(word(finding.severity)) + " " + finding.word() + ": " + line(finding) +
-                  "\n    measured: " + finding.measured + "\n";
-    result += std::string(report.findings.empty() ? "" : "\n") + "looked at:\n";
+    for (const Finding& finding : report.findings) {
+        result += output.styled(finding.isComplaint() ? Output::Style::Bad : Output::Style::Heading,
+                                word(finding.severity) + std::string(" ") + finding.word()) +
+                  "\n" + paragraph(line(finding), 4, output) +
+                  paragraph("measured: " + finding.measured, 4, output);
+    }
+    result += std::string(report.findings.empty() ? "" : "\n") +
+              output.styled(Output::Style::Heading, "looked at:") + "\n";
     for (const Check& check : report.checks)
-        result += "    " + check.subject + ": " + check.seen + "\n";
+        result += paragraph(check.subject + ": " + check.seen, 4, output);
     if (std::ranges::none_of(report.findings, &Finding::isComplaint))
-        result += "nothing to complain about\n";
+        result += output.styled(Output::Style::Good, "nothing to complain about") + "\n";
     return result;
 }
 
@@ -129,15 +172,16 @@ int examine(const Options& options, Output& output) {
         return kFound;
     }
     Loop loop;
-    if (::isatty(STDERR_FILENO) == 1)
-        std::fprintf(stderr, "radarctl: listening and asking for %g s, Ctrl-C ends\n", options.seconds);
-    const Observation seen = observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
+    const Observation seen = [&] {
+        const Notice notice(options.seconds);
+        return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
+    }();
     if (seen.listening.stopped) {
         std::fprintf(stderr, "radarctl: stopped before the examination was over\n");
         return kNothingFound;
     }
     const Report report = judge(seen);
-    output.write(options.json ? asJson(report, seen) : asText(report));
+    output.write(options.json ? asJson(report, seen) : asText(report, output));
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
 
