@@ -128,10 +128,27 @@ TEST_F(Radarctl, SaysThatNothingWasFound) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
     EXPECT_THAT(result.errors, HasSubstr("radarctl: no radar found within 1 s\n"));
+    EXPECT_THAT(result.errors, HasSubstr("radarctl doctor"));
+    m_lan.cut(m_lan.node("display"));
+    EXPECT_THAT(run({"list", "--timeout", "1"}).errors,
+                HasSubstr("radarctl: most likely: eth0 has no carrier"));
+    m_lan.restore(m_lan.node("display"));
     const lab::Process host = startHost("host1", {"--name", "North"});
     const Result other = run({"show", "South", "--timeout", "1"});
     EXPECT_EQ(other.status, 1);
     EXPECT_THAT(other.errors, HasSubstr("radarctl: no radar \"South\"; there are: North\n"));
+}
+
+TEST_F(Radarctl, TellsWhatEachInterfaceLeadsTo) {
+    const Result silent = run({"interfaces", "--seconds", "1"});
+    EXPECT_EQ(silent.status, 1) << silent.errors;
+    EXPECT_THAT(lines(silent.output).back(), MatchesRegex("eth0 +10.20.2.1/16 +([0-9A-F:]{17}) +yes +no +-"));
+    const lab::Process host = startHost("host1", {"--name", "North", "--id", "20"});
+    const Result result = run({"interfaces", "--json"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    const auto interface = nlohmann::json::parse(result.output)["interfaces"][0];
+    EXPECT_EQ(interface["radars"][0]["name"], "North");
+    EXPECT_EQ(interface["radars"][0]["source"], "10.20.1.1");
 }
 
 TEST_F(Radarctl, SimulatedDataArriveWhereTheAnnouncementSays) {

@@ -29,6 +29,7 @@ using Run = std::function<int(Output&)>;
 /// Each adds its subcommand to @p app and leaves in @p chosen what is to run when it is called.
 void addDoctor(CLI::App& app, Run& chosen);
 void addHost(CLI::App& app, Run& chosen);
+void addInterfaces(CLI::App& app, Run& chosen);
 void addList(CLI::App& app, Run& chosen);
 void addListen(CLI::App& app, Run& chosen);
 void addRenumber(CLI::App& app, Run& chosen);

@@ -1,3 +1,4 @@
+#include "doctor/doctor.h"
 #include "json.h"
 #include "search.h"
 #include "table.h"
@@ -46,9 +47,13 @@ int list(const Options& options, Output& output) {
     if (!radars.empty())
         return kFound;
     if (end == Search::End::Stopped)
-        std::fprintf(stderr, "radarctl: stopped before a radar was found\n");
-    else
-        std::fprintf(stderr, "radarctl: no radar found within %g s\n", options.search.timeout);
+        throw Failure(kNothingFound, "stopped before a radar was found");
+    std::fprintf(stderr, "radarctl: no radar found within %g s\n", options.search.timeout);
+    const unsigned int wanted = localAddress(options.search.local);
+    const std::string only = wanted != 0 ? net::localIfaName(wanted) : "";
+    if (const auto cause = doctor::likelyCause(only, search.loop()))
+        std::fprintf(stderr, "radarctl: most likely: %s\n", cause->c_str());
+    std::fprintf(stderr, "radarctl: radarctl doctor looks closer\n");
     return kNothingFound;
 }
 

@@ -62,6 +62,7 @@ int main(int argc, char** argv) {
     addHost(app, run);
     addRenumber(app, run);
     addReset(app, run);
+    addInterfaces(app, run);
     addDoctor(app, run);
     try {
         app.parse(argc, argv);
