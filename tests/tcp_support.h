@@ -2,43 +2,32 @@
 /// What the tests of the TCP classes share: plain sockets as the other end, and a listener that takes notes.
 #pragma once
 
+#include "recorder.h"
+
 #include <UdpSocket/detail/descriptor.h>
 #include <UdpSocket/tcpsocket.h>
-#include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
 
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/wait.h>
 
-#include <chrono>
-#include <csignal>
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <functional>
-#include <mutex>
-#include <string>
+#include <memory>
 #include <thread>
-#include <vector>
 
 namespace tcp_test {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using net::detail::Descriptor;
+using testing::ElementsAre;
+using testing::HasSubstr;
 
-constexpr auto kDeadline = 20s; // for what must come; generous, since sanitizers and other tests slow us down
-constexpr auto kQuick = 1s;     // for what must not wait
-
-inline bool eventually(const std::function<bool()>& condition, Clock::duration deadline = kDeadline) {
-    const auto end = Clock::now() + deadline;
-    while (!condition()) {
-        if (Clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
+constexpr const char* kLocal = "127.0.0.1";
+constexpr auto kQuick = 1s; // for what must not wait
 
 template <class Action>
 Clock::duration timeOf(Action&& action) {
@@ -47,39 +36,39 @@ Clock::duration timeOf(Action&& action) {
     return Clock::now() - begin;
 }
 
-/// A plain TCP socket, the other end of what is tested.
+inline std::string errorLine(const char* function, int line, unsigned short port, const char* call, int code,
+                             const std::string& address = kLocal) {
+    return "SocketError<UdpSocket/tcpsocket.cpp," + std::string(function) + "," + std::to_string(line) +
+           ",(" + address + "," + std::to_string(port) + ")>:\n\tfunction[" + call + "],code[" +
+           std::to_string(code) + "," + std::strerror(code) + "]\n";
+}
+
+/// A plain TCP socket on the loopback interface, whose calls give up after 20 s.
 class Peer {
 public:
-    explicit Peer(Descriptor socket) : m_socket(std::move(socket)) {}
-    /// Connects to a port of the loopback address, from @p from.
-    explicit Peer(unsigned short port, const char* from = "127.0.0.1", int receiveBuffer = 0)
-        : m_socket(net::detail::openSocket(SOCK_STREAM)) {
+    explicit Peer(Descriptor socket = net::detail::openSocket(SOCK_STREAM)) : m_socket(std::move(socket)) {
+        net::detail::setOption(m_socket, SOL_SOCKET, SO_RCVTIMEO, timeval{20, 0});
+        net::detail::setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1);
+    }
+    explicit Peer(unsigned short port, const char* from = kLocal, int receiveBuffer = 0) : Peer() {
         if (receiveBuffer != 0)
             net::detail::setOption(m_socket, SOL_SOCKET, SO_RCVBUF, receiveBuffer);
-        sockaddr_in address = loopback(0, from);
-        EXPECT_EQ(::bind(fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        address = loopback(port);
-        EXPECT_EQ(::connect(fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
-            << std::strerror(errno);
+        EXPECT_EQ(on(::bind, 0, from), 0);
+        EXPECT_EQ(on(::connect, port), 0) << std::strerror(errno);
     }
-
-    static sockaddr_in loopback(unsigned short port, const char* ip = "127.0.0.1") {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = net::transAddr(ip);
-        return address;
-    }
-    static unsigned short portOf(const Descriptor& socket) {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
+    /// @param call ::bind or ::connect
+    int on(int (*call)(int, const sockaddr*, socklen_t), unsigned short port, const char* ip = kLocal) const {
+        sockaddr_in address{AF_INET, net::HtoNs(port), {net::transAddr(ip)}, {}};
+        return call(fd(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
 
     int fd() const { return m_socket.get(); }
-    bool isOpen() const { return m_socket.isOpen(); }
-    unsigned short port() const { return portOf(m_socket); }
+    unsigned short port() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        ::getsockname(fd(), reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
     void close() { m_socket.reset(); }
     void reset() { // ends with RST instead of FIN
         net::detail::setOption(m_socket, SOL_SOCKET, SO_LINGER, linger{1, 0});
@@ -88,58 +77,36 @@ public:
     bool send(const std::string& bytes) const {
         return ::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
-    /// Reads until @p count bytes have come, or the stream ends, or the deadline.
-    std::string read(size_t count) const {
-        std::string bytes;
-        char buffer[65536];
-        pollfd readable{fd(), POLLIN, 0};
-        while (bytes.size() < count && ::poll(&readable, 1, 20000) == 1) {
-            const ssize_t got = ::recv(fd(), buffer, std::min(sizeof buffer, count - bytes.size()), 0);
-            if (got <= 0)
-                break;
-            bytes.append(buffer, static_cast<size_t>(got));
-        }
+    /// @p count bytes, or what came before the end
+    std::string read(size_t count, int flags = MSG_WAITALL) const {
+        std::string bytes(count, '\0');
+        bytes.resize(static_cast<size_t>(std::max<ssize_t>(0, ::recv(fd(), bytes.data(), count, flags))));
         return bytes;
-    }
-    bool hasData(Clock::duration deadline = kDeadline) const {
-        pollfd readable{fd(), POLLIN, 0};
-        return ::poll(&readable, 1,
-                      static_cast<int>(
-                          std::chrono::duration_cast<std::chrono::milliseconds>(deadline).count())) == 1;
     }
     /// Whether the stream ends in time, with FIN or RST; what comes before is dropped.
     bool ends() const {
-        char byte[4096];
-        while (hasData()) {
-            if (::recv(fd(), byte, sizeof byte, 0) <= 0)
-                return true;
-        }
-        return false;
+        errno = 0;
+        while (!read(4096, 0).empty())
+            errno = 0;
+        return errno != EAGAIN;
     }
 
 private:
     Descriptor m_socket;
 };
 
-/// A plain listening socket on a port that the system chose, or on a given one.
+/// A plain listening socket on a port that the system chose.
 class Listening {
 public:
-    explicit Listening(unsigned short port = 0) : m_socket(net::detail::openSocket(SOCK_STREAM)) {
-        net::detail::setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1);
-        const sockaddr_in address = Peer::loopback(port);
-        EXPECT_EQ(::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(m_socket.get(), 100), 0);
+    Listening() {
+        EXPECT_EQ(m_socket.on(::bind, 0), 0);
+        EXPECT_EQ(::listen(m_socket.fd(), 100), 0);
     }
-    unsigned short port() const { return Peer::portOf(m_socket); }
-    Peer accept() const {
-        pollfd readable{m_socket.get(), POLLIN, 0};
-        if (::poll(&readable, 1, 20000) != 1)
-            return Peer(Descriptor());
-        return Peer(Descriptor(::accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC)));
-    }
+    unsigned short port() const { return m_socket.port(); }
+    Peer accept() const { return Peer(Descriptor(::accept4(m_socket.fd(), nullptr, nullptr, SOCK_CLOEXEC))); }
 
 private:
-    Descriptor m_socket;
+    Peer m_socket;
 };
 
 /// A port that nobody listens on.
@@ -155,111 +122,51 @@ struct Event {
     bool operator==(const Event&) const = default;
 };
 
-/// What a callback does besides; may be set while callbacks come.
-template <class... Arguments>
-class Hook {
-public:
-    Hook& operator=(std::function<void(Arguments...)> action) {
-        std::lock_guard lock(m_mutex);
-        m_action = std::move(action);
-        return *this;
-    }
-    void operator()(Arguments... arguments) const {
-        std::unique_lock lock(m_mutex);
-        const auto action = m_action;
-        lock.unlock();
-        if (action)
-            action(arguments...);
-    }
-
-private:
-    mutable std::mutex m_mutex; // guards m_action
-    std::function<void(Arguments...)> m_action;
-};
-
-/// Takes notes; the hooks run on the thread of the callback, after the note.
+/// Takes notes. The hooks run on the thread of the callback, after the note; they are set before it can come.
 class Notes : public net::iTcpDataListener {
 public:
     virtual ~Notes() = default;
-    Hook<int> onConnected;                // the descriptor
-    Hook<int> onDisconnected;             // the descriptor
-    Hook<int, const std::string&> onData; // the descriptor and the bytes
+    std::function<void(int fd)> onConnected;
+    std::function<void(int fd)> onDisconnected;
+    std::function<void(int fd)> onData;
 
-    void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
-        const std::string bytes(data, static_cast<size_t>(len));
-        {
-            std::lock_guard lock(m_mutex);
-            m_bytes += bytes;
-        }
-        onData(fd, bytes);
-    }
-    void OnTcpClientConnected(int fd, const char* addr, unsigned short port) override {
-        note({Event::Connected, fd, addr, port});
-        onConnected(fd);
-    }
-    void OnTcpClientDisconnected(int fd, const char* addr, unsigned short port) override {
-        note({Event::Disconnected, fd, addr, port});
-        onDisconnected(fd);
-    }
-
-    std::vector<Event> events() const {
-        std::lock_guard lock(m_mutex);
-        return m_events;
+    std::vector<Event> events() const { return m_events.all(); }
+    std::string bytes() const {
+        std::string all;
+        for (const std::string& piece : m_pieces.all())
+            all += piece;
+        return all;
     }
     size_t count(Event::Kind kind) const {
-        size_t result = 0;
-        for (const Event& event : events())
-            result += event.kind == kind;
-        return result;
+        const auto all = events();
+        return static_cast<size_t>(std::ranges::count(all, kind, &Event::kind));
     }
-    std::string bytes() const {
-        std::lock_guard lock(m_mutex);
-        return m_bytes;
+    bool sees(Event::Kind kind, size_t times) const {
+        return comesTrue([&] { return count(kind) == times; }, 20s);
     }
-
-private:
-    void note(const Event& event) {
-        std::lock_guard lock(m_mutex);
-        m_events.push_back(event);
-    }
-
-    mutable std::mutex m_mutex; // guards both
-    std::vector<Event> m_events;
-    std::string m_bytes;
-};
-
-/// Everything written to the two standard streams from construction to the take calls.
-class Output {
-public:
-    Output() {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-    }
-    std::string out() { return testing::internal::GetCapturedStdout(); }
-    std::string err() { return testing::internal::GetCapturedStderr(); }
-};
-
-/// A program that runs until the object ends.
-class Program {
-public:
-    explicit Program(const std::string& command) : m_pid(::fork()) {
-        if (m_pid == 0) {
-            ::execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
-            ::_exit(127);
-        }
-    }
-    ~Program() {
-        ::kill(m_pid, SIGKILL);
-        wait();
-    }
-    void wait() {
-        if (m_pid != -1)
-            ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
+    bool hears(const std::string& expected) const {
+        return comesTrue([&] { return bytes() == expected; }, 20s);
     }
 
 private:
-    pid_t m_pid;
+    void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
+        m_pieces.add(std::string(data, static_cast<size_t>(len)));
+        if (onData)
+            onData(fd);
+    }
+    void OnTcpClientConnected(int fd, const char* addr, unsigned short port) override {
+        m_events.add({Event::Connected, fd, addr, port});
+        if (onConnected)
+            onConnected(fd);
+    }
+    void OnTcpClientDisconnected(int fd, const char* addr, unsigned short port) override {
+        m_events.add({Event::Disconnected, fd, addr, port});
+        if (onDisconnected)
+            onDisconnected(fd);
+    }
+
+    Log<Event> m_events;
+    Log<std::string> m_pieces;
 };
 
 } // namespace tcp_test
