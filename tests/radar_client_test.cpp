@@ -1,6 +1,6 @@
 #include "profile_directory.h"
+#include "recorder.h"
 #include "records.h"
-#include "wait.h"
 
 #include <UdpSocket/detail/address_plan.h>
 #include <UdpSocket/detail/clock.h>
@@ -8,7 +8,6 @@
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <random>
 
 namespace {
@@ -16,36 +15,26 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 /// An announcement, byte by byte.
-class Announcement {
+class Announcement : public std::string {
 public:
-    Announcement(std::size_t length, const std::string& name) : m_bytes(length, '\0') {
-        m_bytes.replace(0, 2, "\x01\xB2");
-        m_bytes.replace(2, name.size(), name);
-        at(18, {net::transAddr("10.1.2.3"), 0});
-        at(88, endpoint("236.6.7.35", 6003));
-        at(98, endpoint("236.6.7.36", 6004));
-        at(108, endpoint("236.6.7.37", 6005));
+    Announcement(std::size_t length, const std::string& name) : std::string(length, '\0') {
+        replace(0, 2, "\x01\xB2").replace(2, name.size(), name);
         const std::size_t arpa = length == 150 ? 124 : 160;
-        at(arpa, endpoint("236.6.7.41", 6009));
-        at(arpa + 10, endpoint("236.6.7.42", 6010));
-        at(arpa + 20, endpoint("236.6.7.43", 6011));
+        at(18, {net::transAddr("10.1.2.3"), 0});
+        at(88, endpoint("236.6.7.35", 6003)).at(98, endpoint("236.6.7.36", 6004));
+        at(108, endpoint("236.6.7.37", 6005)).at(arpa, endpoint("236.6.7.41", 6009));
+        at(arpa + 10, endpoint("236.6.7.42", 6010)).at(arpa + 20, endpoint("236.6.7.43", 6011));
     }
     Announcement& at(std::size_t position, const NetAddress& value) {
-        m_bytes.replace(position, sizeof value, reinterpret_cast<const char*>(&value), sizeof value);
+        replace(position, sizeof value, reinterpret_cast<const char*>(&value), sizeof value);
         return *this;
     }
     Announcement& at(std::size_t position, char value) {
-        m_bytes[position] = value;
+        (*this)[position] = value;
         return *this;
     }
-    const std::string& bytes() const { return m_bytes; }
-
-private:
-    std::string m_bytes;
 };
 
 /// A client in a network without addresses: it has no sockets and hears what the test hands it.
@@ -81,9 +70,8 @@ protected:
 };
 
 TEST_F(RadarClient, ShortAnnouncementFillsNoPlanFields) {
-    CaptureStdout();
-    hear(Announcement(150, "North").at(124, endpoint("236.6.7.41", 6010)).bytes());
-    EXPECT_EQ(GetCapturedStdout(), "") << "the short form computes no stream number";
+    EXPECT_EQ(outOf([&] { hear(Announcement(150, "North").at(124, endpoint("236.6.7.41", 6010))); }), "")
+        << "the short form computes no stream number";
     const RadarAddress north = record("North");
     EXPECT_STREQ(net::transAddr(north.head), "10.1.2.3");
     EXPECT_EQ(text(north.imageStream), "236.6.7.35:6003");
@@ -95,56 +83,62 @@ TEST_F(RadarClient, ShortAnnouncementFillsNoPlanFields) {
 }
 
 TEST_F(RadarClient, LongAnnouncementIsCompletedFromThePlan) {
-    hear(Announcement(222, "South").bytes());
+    hear(Announcement(222, "South"));
     EXPECT_EQ(text(record("South").imageOriginal), "236.6.7.47:6015");
     EXPECT_EQ(text(record("South").infoDev[0]), "236.6.11.234:7824");
     EXPECT_EQ(text(record("South").infoDev[9]), "236.6.11.243:7833");
 
-    CaptureStdout();
-    hear(Announcement(222, "Odd").at(160, endpoint("236.6.7.41", 6009 + 32 * 48)).bytes());
-    EXPECT_EQ(GetCapturedStdout(), "streamPort2MultiNum:id out of range[0x40]\n");
+    const auto odd = Announcement(222, "Odd").at(160, endpoint("236.6.7.41", 6009 + 32 * 48));
+    EXPECT_EQ(outOf([&] { hear(odd); }), "streamPort2MultiNum:id out of range[0x40]\n");
     EXPECT_EQ(text(record("Odd").imageOriginal), "236.6.7.7:6677");
     EXPECT_EQ(text(record("Odd").infoDev[9]), "236.6.11.19:7609");
 }
 
 TEST_F(RadarClient, UserEndpointsReplaceStandardOnesUnderAnotherName) {
     Announcement datagram(222, "R1");
-    datagram.at(74, endpoint("239.0.0.1", 101))
-        .at(114, endpoint("239.0.0.2", 102))
-        .at(150, endpoint("239.0.0.4", 0));
-    hear(datagram.at(73, 1).bytes());
+    datagram.at(74, endpoint("239.0.0.1", 101)).at(114, endpoint("239.0.0.2", 102));
+    datagram.at(150, endpoint("239.0.0.4", 0));
+    hear(datagram.at(73, 1));
     EXPECT_EQ(text(record("R1").imageStream), "236.6.7.35:6003") << "not extended: the standard record";
 
-    hear(datagram.at(22, 1).bytes());
+    hear(datagram.at(22, 1));
     const RadarAddress user = record("R1:User");
     EXPECT_EQ(text(user.imageStream), "239.0.0.1:101");
     EXPECT_EQ(text(user.imageCtrl), "239.0.0.2:102");
     EXPECT_EQ(text(user.imageState), "236.6.7.37:6005") << "port 0 keeps the standard endpoint";
     EXPECT_EQ(text(user.arpaStream), "236.6.7.41:6009");
 
-    hear(datagram.at(73, 0).bytes());
+    hear(datagram.at(73, 0));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:User"));
     EXPECT_EQ(text(record("R1").imageStream), "236.6.7.35:6003");
 }
 
-TEST_F(RadarClient, NamesEndWithTheirField) {
-    hear(Announcement(150, "ABCDEFGHIJKLMNOP").at(18, {0x01010101, 0}).bytes());
-    hear(Announcement(222, "ABCDEFGHIJKLMNOP").at(22, 1).at(73, 1).bytes());
-    hear(Announcement(150, "").bytes());
+TEST_F(RadarClient, NamesEndWithTheirFieldAndAreCopiedInOrderUpToTheMaximum) {
+    hear(Announcement(150, "ABCDEFGHIJKLMNOP").at(18, {0x01010101, 0}));
+    hear(Announcement(222, "ABCDEFGHIJKLMNOP").at(22, 1).at(73, 1));
+    hear(Announcement(150, ""));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("", "ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOP:User"));
+    char names[4][24]{};
+    EXPECT_EQ(m_client.getRadar(names, -1), 0);
+    EXPECT_EQ(m_client.getRadar(names, 2), 2);
+    EXPECT_STREQ(names[2], "");
+    EXPECT_EQ(m_client.getRadar(names, 9), 3);
+    EXPECT_STREQ(names[1], "ABCDEFGHIJKLMNOP");
+    EXPECT_STREQ(names[2], "ABCDEFGHIJKLMNOP:User");
 }
 
 TEST_F(RadarClient, EverythingElseIsDroppedInSilence) {
-    const std::string good = Announcement(222, "Ghost").bytes();
-    CaptureStdout();
-    for (const std::size_t length : {0U, 1U, 2U, 149U, 151U, 221U, 223U, 1024U}) {
-        std::string other = good;
-        other.resize(length);
-        hear(other);
-    }
-    for (const char* code : {"\x01\xB1", "\x02\xB2", "\x01\xC2", "\xB2\x01"})
-        hear(code + good.substr(2));
-    EXPECT_EQ(GetCapturedStdout(), "");
+    const std::string good = Announcement(222, "Ghost");
+    EXPECT_EQ(outOf([&] {
+                  for (const std::size_t length : {0U, 1U, 2U, 149U, 151U, 221U, 223U, 1024U}) {
+                      std::string other = good;
+                      other.resize(length);
+                      hear(other);
+                  }
+                  for (const char* code : {"\x01\xB1", "\x02\xB2", "\x01\xC2", "\xB2\x01"})
+                      hear(code + good.substr(2));
+              }),
+              "");
     EXPECT_THAT(m_client.getRadar(), IsEmpty());
 }
 
@@ -154,7 +148,7 @@ TEST_F(TcpServiceClient, TcpServiceIsAnEntryOfItsOwn) {
     datagram.at(31, endpoint("10.1.2.3", 7001)).at(37, endpoint("255.255.255.255", 7002));
     datagram.at(55, endpoint("255.255.255.255", 0)).at(61, {0, net::HtoNs(7006)});
     datagram.at(67, 1).at(68, 2).at(71, 0).at(72, 4).at(69, 1);
-    hear(datagram.bytes());
+    hear(datagram);
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:TCP"));
     const RadarAddress tcp = record("R1:TCP");
     EXPECT_EQ(tcp.isMulti, 1);
@@ -169,27 +163,26 @@ TEST_F(TcpServiceClient, TcpServiceIsAnEntryOfItsOwn) {
     EXPECT_EQ(text(tcp.arpaCtrl), "10.1.2.3:0");
     EXPECT_EQ(tcp.arpaState.type, 255) << "3 minus 4, in 8 bits";
 
-    hear(Announcement(222, "R2").at(22, 1).at(30, 2).bytes());
-    hear(Announcement(222, "R3").at(30, 1).bytes());
-    EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:TCP", "R2", "R3"))
-        << "neither offers its TCP service";
+    hear(Announcement(222, "R2").at(22, 1).at(30, 2));
+    hear(Announcement(222, "R3").at(30, 1));
+    EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:TCP", "R2", "R3")) << "neither offers it";
 }
 
 TEST_F(RadarClient, TcpServiceIsNotTakenUnasked) {
-    hear(Announcement(222, "R1").at(22, 1).at(30, 1).bytes());
+    hear(Announcement(222, "R1").at(22, 1).at(30, 1));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1"));
 }
 
 TEST_F(FixedRadarClient, OnlyTcpEntriesAreKept) {
-    hear(Announcement(150, "Plain").bytes());
-    hear(Announcement(222, "R1").at(22, 1).at(30, 1).bytes());
-    hear(Announcement(150, "TCP mast").bytes());
+    hear(Announcement(150, "Plain"));
+    hear(Announcement(222, "R1").at(22, 1).at(30, 1));
+    hear(Announcement(150, "TCP mast"));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1:TCP", "TCP mast"));
 }
 
 TEST_F(RadarClient, TcpStreamIsCutIntoMessages) {
-    const std::string message = Announcement(222, "ZQ-7").bytes();
-    const std::string other = Announcement(222, "ZQ-8").bytes();
+    const std::string message = Announcement(222, "ZQ-7");
+    const std::string other = Announcement(222, "ZQ-8");
     hearTcp(message.substr(100));
     hearTcp("\x01\xB2");
     EXPECT_THAT(m_client.getRadar(), IsEmpty()) << "a stream is picked up at the start of a message";
@@ -200,12 +193,11 @@ TEST_F(RadarClient, TcpStreamIsCutIntoMessages) {
     EXPECT_THAT(m_client.getRadar(), ElementsAre("ZQ-7")) << "what follows in the same chunk is discarded";
     hearTcp(message.substr(0, 60));
     hearTcp(other);
-    EXPECT_THAT(m_client.getRadar(), ElementsAre("ZQ-7", "ZQ-8"))
-        << "a new start replaces an unfinished message";
+    EXPECT_THAT(m_client.getRadar(), ElementsAre("ZQ-7", "ZQ-8")) << "a new start replaces a message";
     hearTcp(std::string("\x01\xC2\x00", 3) + std::string(36, 'x'));
     hearTcp(message.substr(100));
     EXPECT_EQ(m_client.getRadar().size(), 2U) << "38 bytes of class C2 are taken out of the stream";
-    hearTcp(Announcement(222, "AB-9").bytes());
+    hearTcp(Announcement(222, "AB-9"));
     EXPECT_EQ(m_client.getRadar().size(), 2U) << "a fixed radar's name begins with ZQ";
 }
 
@@ -214,39 +206,24 @@ std::int64_t s_time;
 TEST_F(RadarClient, RadarLeavesTheTableAfterEightSilentSeconds) {
     net::detail::setClock([] { return s_time; });
     s_time = 1000;
-    hear(Announcement(150, "Early").bytes());
+    hear(Announcement(150, "Early"));
     s_time = 1001;
-    hear(Announcement(150, "Late").bytes());
+    hear(Announcement(150, "Late"));
     s_time = 1007;
     m_client.query();
     EXPECT_THAT(m_client.getRadar(), ElementsAre("Early", "Late"));
     s_time = 1008;
-    CaptureStdout();
-    m_client.query();
-    EXPECT_THAT(GetCapturedStdout(),
+    EXPECT_THAT(outOf([&] { m_client.query(); }),
                 testing::MatchesRegex("Remove radar,name:Early,\\[..:..:40,..:..:48\\]\n"));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("Late"));
-    hear(Announcement(150, "Late").bytes());
+    hear(Announcement(150, "Late"));
     s_time = 1015;
     m_client.query();
     EXPECT_THAT(m_client.getRadar(), ElementsAre("Late")) << "refreshed by its second announcement";
 }
 
-TEST_F(RadarClient, NamesAreCopiedInOrderUpToTheMaximum) {
-    for (const char* name : {"b", "a", "c"})
-        hear(Announcement(150, name).bytes());
-    char names[3][24];
-    EXPECT_EQ(m_client.getRadar(names, 0), 0);
-    EXPECT_EQ(m_client.getRadar(names, -1), 0);
-    EXPECT_EQ(m_client.getRadar(names, 2), 2);
-    EXPECT_STREQ(names[0], "a");
-    EXPECT_STREQ(names[1], "b");
-    EXPECT_EQ(m_client.getRadar(names, 9), 3);
-    EXPECT_STREQ(names[2], "c");
-}
-
 TEST_F(RadarClient, LookUpsKnowTheirBounds) {
-    hear(Announcement(150, "R1").bytes());
+    hear(Announcement(150, "R1"));
     const RadarAddress* first = m_client.getAddress("R1", 0);
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(m_client.getAddress("R1", 1), first + 1) << "behind the last record, not to be read";
@@ -257,122 +234,75 @@ TEST_F(RadarClient, LookUpsKnowTheirBounds) {
     EXPECT_EQ(m_client.getRadarStreamCount("Default"), 0);
 
     for (const auto& [name, stream] : {std::pair{"Default", 0}, {"DefaultX", 5}, {"R2", 101}}) {
-        CaptureStdout();
-        const RadarAddress* record = m_client.getAddress(name, stream);
-        EXPECT_EQ(GetCapturedStdout(), "defalut radar address\n");
+        const RadarAddress* record = nullptr;
+        EXPECT_EQ(outOf([&, n = name, s = stream] { record = m_client.getAddress(n, s); }),
+                  "defalut radar address\n");
         EXPECT_EQ(bytes(*record), bytes(plan::defaultRecord()));
     }
 }
 
 TEST_F(RadarClient, RenumberingNamesTheHostItWants) {
-    hear(Announcement(150, "R1").bytes());
-    CaptureStdout();
-    m_client.queryForAdjust("R1");
-    m_client.queryForAdjust("Nobody");
-    m_client.queryForAdjust("Default");
-    EXPECT_EQ(GetCapturedStdout(), "query for reset id=0x10\n"
-                                   "queryForAdjust: donot find radar[Nobody]\n"
-                                   "defalut radar address\nquery for reset id=0x1\n");
+    hear(Announcement(150, "R1"));
+    EXPECT_EQ(outOf([&] {
+                  for (const char* name : {"R1", "Nobody", "Default"})
+                      m_client.queryForAdjust(name);
+              }),
+              "query for reset id=0x10\n"
+              "queryForAdjust: donot find radar[Nobody]\n"
+              "defalut radar address\nquery for reset id=0x1\n");
 }
 
 TEST_F(RadarClient, DiagnosticsPrintARecordWhenItDiffersFromTheLast) {
-    hear(Announcement(150, "R1").bytes());
-    hear(Announcement(150, "R2").at(88, endpoint("10.0.0.1", 1)).bytes());
-    CaptureStdout();
-    m_client.getAddress("R1", 0);
-    EXPECT_EQ(GetCapturedStdout(), "") << "off by default";
+    hear(Announcement(150, "R1"));
+    EXPECT_EQ(outOf([&] { m_client.getAddress("R1", 0); }), "") << "off by default";
     ::setenv("RADAR_DIAGNOSTICS", "1", 1);
-    CaptureStdout();
-    m_client.getAddress("R1", 0);
-    m_client.getAddress("R1", 0);
-    EXPECT_EQ(GetCapturedStdout(), "\r\nMultiAddress(false):00 0x0000\r\n"
-                                   "ImageStream: 236.6.7.35:6003 UDP\r\nImageOriginal: 0.0.0.0:0 UDP\r\n"
-                                   "ImageCtrl:   236.6.7.36:6004 UDP\r\nImageState:  236.6.7.37:6005 UDP\r\n"
-                                   "ArpaStream: 236.6.7.41:6009 UDP\r\nArpaCtrl:   236.6.7.42:6010 UDP\r\n"
-                                   "ArpaState:  236.6.7.43:6011 UDP\r\n\r\n");
-    CaptureStdout();
-    m_client.getAddress("R2", 0);
-    m_client.getAddress("R1", 0);
-    m_client.getAddress("R1", 1);
-    EXPECT_THAT(GetCapturedStdout(), HasSubstr("10.0.0.1:1 UDP"));
+    EXPECT_EQ(outOf([&] {
+                  for (const int stream : {0, 0, 1})
+                      m_client.getAddress("R1", stream);
+              }),
+              "\r\nMultiAddress(false):00 0x0000\r\n"
+              "ImageStream: 236.6.7.35:6003 UDP\r\nImageOriginal: 0.0.0.0:0 UDP\r\n"
+              "ImageCtrl:   236.6.7.36:6004 UDP\r\nImageState:  236.6.7.37:6005 UDP\r\n"
+              "ArpaStream: 236.6.7.41:6009 UDP\r\nArpaCtrl:   236.6.7.42:6010 UDP\r\n"
+              "ArpaState:  236.6.7.43:6011 UDP\r\n\r\n");
     ::unsetenv("RADAR_DIAGNOSTICS");
 
     RadarAddress dedicated = plan::dedicatedRecord(0x12);
     dedicated.imageStream.type = 2;
     dedicated.imageCtrl.type = 3;
-    CaptureStdout();
-    MultiRadarClientPrivate::printRadarAddrs(dedicated);
-    const std::string printed = GetCapturedStdout();
+    const std::string printed = outOf([&] { MultiRadarClientPrivate::printRadarAddrs(dedicated); });
     EXPECT_THAT(printed, HasSubstr("MultiAddress(true):12 0x1EE7\r\n"));
     EXPECT_THAT(printed, HasSubstr("ImageStream: 234.5.8.89:35161 TCP Client\r\n"));
     EXPECT_THAT(printed, HasSubstr("ImageCtrl:   234.5.8.90:35162 null\r\n"));
 }
 
-class Garbage : public TcpServiceClient {
-protected:
-    char byte() { return static_cast<char>(m_random() >> 8); }
-    std::string noise(std::size_t length) {
+TEST_F(TcpServiceClient, GarbageStaysUnderTheNameThatItIsAround) {
+    std::minstd_rand random(1);
+    const auto noise = [&](std::size_t length) {
         std::string result(length, '\0');
         for (char& c : result)
-            c = byte();
+            c = static_cast<char>(random() >> 8);
         return result;
-    }
-    std::minstd_rand m_random{1};
-};
-
-TEST_F(Garbage, LeavesNothingInTheTable) {
+    };
+    const Output output; // stream numbers out of range are printed
     for (int i = 0; i < 100'000; ++i) {
-        std::string random = noise(m_random() % 300);
-        random.replace(0, std::min<std::size_t>(random.size(), 1), "\x02"); // not the code by chance
-        hear(random);
-        std::string almost =
-            noise(m_random() % 2 == 0 ? 149 + 2 * (m_random() % 2) : 221 + 2 * (m_random() % 2));
-        almost.replace(0, 2, "\x01\xB2");
-        hear(almost);
+        hear("\x02" + noise(random() % 300));
+        hear("\x01\xB2" + noise(i % 2 == 0 ? 147 : 221));
     }
     EXPECT_THAT(m_client.getRadar(), IsEmpty());
-}
-
-TEST_F(Garbage, AroundAValidNameStaysUnderThatName) {
-    CaptureStdout(); // stream numbers out of range are printed
-    for (int i = 0; i < 10'000; ++i) {
-        Announcement datagram(i % 2 == 0 ? 150 : 222, "X");
-        for (std::size_t position = 18; position < datagram.bytes().size(); ++position)
-            datagram.at(position, byte());
-        hear(datagram.bytes());
-    }
-    GetCapturedStdout();
+    for (int i = 0; i < 10'000; ++i)
+        hear(Announcement(150, "X").substr(0, 18) + noise(i % 2 == 0 ? 132 : 204));
     EXPECT_THAT(m_client.getRadar(), testing::IsSubsetOf({"X", "X:User", "X:TCP"}));
-    EXPECT_EQ(m_client.getRadarStreamCount("X"), 1);
+    for (int i = 0; i < 100'000; ++i)
+        hearTcp((i % 6 == 0 ? "\x01\xB2ZQ" : i % 6 == 3 ? "\x01\xC2" : "") + noise(random() % 300));
+    const auto names = m_client.getRadar();
+    EXPECT_GT(names.size(), 3U);
+    for (const std::string& name : names)
+        EXPECT_THAT(name[0], testing::AnyOf('X', 'Z'));
 }
-
-TEST_F(Garbage, OnTheTcpStreamIsSkipped) {
-    CaptureStdout();
-    for (int i = 0; i < 100'000; ++i) {
-        std::string chunk = noise(m_random() % 300);
-        if (i % 3 == 0)
-            chunk.insert(0, i % 2 == 0 ? std::string("\x01\xB2ZQ") : std::string("\x01\xC2"));
-        hearTcp(chunk);
-    }
-    GetCapturedStdout();
-    EXPECT_THAT(m_client.getRadar(), testing::Not(IsEmpty()));
-    EXPECT_THAT(m_client.getRadar(), testing::Each(testing::StartsWith("ZQ")));
-}
-
-/// Counts what it is told.
-class Listener : public iMultiRadarCheckerListener {
-public:
-    void OnLocalIpChanged(unsigned int localIp) override {
-        last = localIp;
-        ++calls;
-    }
-    std::atomic<int> calls = 0;
-    std::atomic<unsigned int> last = 0;
-};
 
 TEST(MultiRadarClientHandle, InstanceCanBeReplaced) {
     MultiRadarClient* const own = MultiRadarClient::getInstance();
-    EXPECT_EQ(MultiRadarClient::getInstance(), own);
     MultiRadarClient other;
     MultiRadarClient::setInstance(&other);
     EXPECT_EQ(MultiRadarClient::getInstance(), &other);
@@ -380,36 +310,24 @@ TEST(MultiRadarClientHandle, InstanceCanBeReplaced) {
     EXPECT_EQ(MultiRadarClient::getInstance(), own);
 }
 
-TEST(MultiRadarClientHandle, ListenersFollowTheLocalAddress) {
-    const ProfileDirectory profile("[Local]\nIP = 127.0.0.1\n");
+TEST(MultiRadarClientHandle, ListenersFollowTheLocalAddressWhichEndsASearch) {
     MultiRadarClient client;
-    Listener early;
+    Addresses early;
     client.addListener(&early);
-    ASSERT_TRUE(comesTrue([&] { return early.calls > 0; }));
-    EXPECT_STREQ(net::transAddr(early.last), "127.0.0.1");
-
-    Listener late;
-    client.addListener(&late);
-    EXPECT_EQ(late.calls, 1) << "told at once";
-    client.addListener(&late);
-    EXPECT_EQ(late.calls, 2) << "and told again, but listed once";
-
-    client.removeListener(&early);
-    client.setLocalIP(net::transAddr("127.0.0.2"));
-    ASSERT_TRUE(comesTrue([&] { return late.calls > 2; }));
-    EXPECT_STREQ(net::transAddr(late.last), "127.0.0.2");
-    client.setLocalIP(net::transAddr("127.0.0.2"));
-    EXPECT_EQ(late.calls, 3);
-    EXPECT_EQ(early.calls, 1);
-}
-
-TEST(MultiRadarClientHandle, SetLocalIpEndsASearch) {
-    MultiRadarClient client;
-    Listener listener;
-    client.addListener(&listener);
-    EXPECT_EQ(listener.calls, 0);
     client.setLocalIP(net::transAddr("127.0.0.1"));
-    EXPECT_TRUE(comesTrue([&] { return listener.calls == 1; }));
+    ASSERT_TRUE(early.reaches(1, std::chrono::seconds(3)));
+
+    Addresses late;
+    client.addListener(&late);
+    client.addListener(&late); // told again, but listed once
+    client.removeListener(&early);
+    for (int i = 0; i < 2; ++i) // the second time it is no news
+        client.setLocalIP(net::transAddr("127.0.0.2"));
+    ASSERT_TRUE(late.reaches(3));
+    client.setLocalIP(net::transAddr("127.0.0.3"));
+    ASSERT_TRUE(late.reaches(4));
+    EXPECT_THAT(late.all(), ElementsAre("127.0.0.1", "127.0.0.1", "127.0.0.2", "127.0.0.3"));
+    EXPECT_THAT(early.all(), ElementsAre("127.0.0.1"));
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 
 #include <UdpSocket/detail/discovery_sockets.h>
 #include <UdpSocket/netiphelper.h>
-#include <UdpSocket/udpsocket.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,14 +13,10 @@
 namespace {
 
 using namespace std::chrono_literals;
+using testing::HasSubstr;
 using testing::MatchesRegex;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 constexpr const char* kGroup = "236.1.2.3";
-constexpr auto kNothing = 200ms; // long enough for a datagram on one machine, were there one
 
 std::string socketError(const std::string& function, const std::string& configured, const std::string& call,
                         const std::string& code) {
@@ -39,8 +34,17 @@ protected:
                               "ip route add 224.0.0.0/4 dev eth0)"),
                   0);
     }
+    static std::vector<int> sockets() {
+        std::vector<int> found;
+        struct stat status {};
+        for (int fd = 3; fd < 64; ++fd)
+            if (::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
+                found.push_back(fd);
+        return found;
+    }
 
     const unsigned int m_local = net::transAddr("10.1.0.1");
+    const unsigned int m_stranger = net::transAddr("10.9.9.9");
     Recorder m_recorder;
 };
 
@@ -79,98 +83,69 @@ TEST_F(Udp, SeveralDatagramsAreSentInOrder) {
 
 TEST_F(Udp, OnlyTheAllOnesAddressIsBroadcast) {
     const net::UdpReceiver receiver(&m_recorder, m_local, "255.255.255.255", 5000, 64);
-    CaptureStderr();
     const net::UdpSender all("255.255.255.255", 5000, m_local, 0);
-    EXPECT_EQ(all.sendData("all", 3), 3);
-    EXPECT_EQ(GetCapturedStderr(), "");
-    CaptureStderr();
+    EXPECT_EQ(errOf([&] { EXPECT_EQ(all.sendData("all", 3), 3); }), "");
     const net::UdpSender subnet("10.1.0.255", 5000, m_local, 0);
-    EXPECT_EQ(subnet.sendData("subnet", 6), -1);
-    EXPECT_THAT(GetCapturedStderr(),
+    EXPECT_THAT(errOf([&] { EXPECT_EQ(subnet.sendData("subnet", 6), -1); }),
                 MatchesRegex(socketError("sendData", "10.1.0.255,5000", "sendto", "13,Permission denied")));
 }
 
 TEST_F(Udp, BothEndsOfTheMulticastRangeAreJoined) {
-    const unsigned int stranger = net::transAddr("10.9.9.9"); // a membership through it fails: was one tried?
     for (const auto& [address, joins] : {std::pair{"224.0.0.0", true},
                                          {"239.255.255.255", true},
                                          {"240.0.0.1", false},
                                          {"223.255.255.255", false}}) {
-        CaptureStderr();
-        const net::UdpReceiver receiver(nullptr, stranger, address, 5000, 64);
-        EXPECT_EQ(GetCapturedStderr().find("IP_ADD_MEMBERSHIP") != std::string::npos, joins) << address;
+        const std::string errors = errOf([&, group = address] { // a stranger's membership fails if tried
+            net::UdpReceiver(nullptr, m_stranger, group, 5000, 64);
+        });
+        EXPECT_EQ(errors.find("IP_ADD_MEMBERSHIP") != std::string::npos, joins) << address;
     }
 }
 
-TEST_F(Udp, ReceiverOfAnUnknownLocalAddressReportsAndReceives) {
-    CaptureStderr();
-    const net::UdpReceiver receiver(&m_recorder, net::transAddr("10.9.9.9"), kGroup, 5000, 64);
-    EXPECT_THAT(GetCapturedStderr(),
+TEST_F(Udp, WhatCannotBeSetUpIsReportedAndDoesWhatItStillCan) {
+    std::optional<net::UdpReceiver> receiver;
+    std::optional<net::UdpSender> sender;
+    EXPECT_THAT(errOf([&] { receiver.emplace(nullptr, m_local, "10.9.9.9", 5000, 64); }),
+                MatchesRegex(socketError("UdpReceiverPrivate", "10.9.9.9,5000", "bind",
+                                         "99,Cannot assign requested address")));
+    EXPECT_THAT(errOf([&] { sender.emplace(kGroup, 5000, m_stranger, 0); }),
+                HasSubstr("function[bind],code[99,Cannot assign requested address]\n"));
+    EXPECT_THAT(errOf([&] { receiver.emplace(&m_recorder, m_stranger, kGroup, 5000, 64); }),
                 MatchesRegex(socketError("UdpReceiverPrivate", "236.1.2.3,5000",
                                          "setsockopt::IP_ADD_MEMBERSHIP", "19,No such device")));
-    net::UdpSender sender(kGroup, 5000, m_local, 0);
-    sender.setMulticastLoop(true);
     const net::UdpReceiver joined(nullptr, m_local, kGroup, 5001, 64); // brings the group in
-    sender.sendData("hello", 5);
-    EXPECT_EQ(m_recorder.nextBytes(), "hello");
-}
-
-TEST_F(Udp, FailedSetUpLeavesAnInertObject) {
-    CaptureStderr();
-    { const net::UdpReceiver receiver(&m_recorder, m_local, "10.9.9.9", 5000, 64); }
-    EXPECT_THAT(GetCapturedStderr(), MatchesRegex(socketError("UdpReceiverPrivate", "10.9.9.9,5000", "bind",
-                                                              "99,Cannot assign requested address")));
-    CaptureStderr();
-    const net::UdpSender sender("10.1.0.1", 5000, net::transAddr("10.9.9.9"), 0);
-    EXPECT_THAT(GetCapturedStderr(), MatchesRegex(socketError("UdpSenderPrivate", "10.1.0.1,5000", "bind",
-                                                              "99,Cannot assign requested address")));
-    EXPECT_EQ(sender.sendData("still", 5), 5) << "an unbound sender sends all the same";
+    sender->setMulticastLoop(true);
+    EXPECT_EQ(sender->sendData("still", 5), 5) << "unbound";
+    EXPECT_EQ(m_recorder.nextBytes(), "still");
 }
 
 TEST_F(Udp, LibraryReceiversHoldAFullPlanOfAnswers) {
-    const auto bufferOf = [](net::UdpReceiver&) {
-        int size = 0; // the only socket of the process
+    const auto bufferSize = [](const auto&) {
+        int size = 0;
         socklen_t length = sizeof size;
-        for (int fd = 3; fd < 64; ++fd)
-            if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0)
-                return size;
-        return -1;
+        EXPECT_EQ(::getsockopt(sockets().at(0), SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+        return size;
     };
-    {
-        net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 1024);
-        EXPECT_EQ(bufferOf(receiver), 2 * 10 * 1024) << "ten times the buffer; the system doubles it";
-    }
-    const auto own = net::detail::makeReceiver(nullptr, wire::kDiscovery, m_local);
-    EXPECT_GT(bufferOf(*own), 2 * 100 * 1024);
+    EXPECT_EQ(bufferSize(net::UdpReceiver(nullptr, m_local, kGroup, 5000, 1024)), 2 * 10 * 1024)
+        << "ten times the buffer; the system doubles it";
+    EXPECT_GT(bufferSize(net::detail::makeReceiver(nullptr, wire::kDiscovery, m_local)), 2 * 100 * 1024);
 }
 
-TEST_F(Udp, DescriptorsAreNotInherited) {
-    const net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 64);
-    const net::UdpSender sender(kGroup, 5000, m_local, 0);
-    net::UdpSocket socket(&m_recorder, 64);
-    socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
-    int sockets = 0;
-    for (int fd = 3; fd < 64; ++fd) {
-        struct stat status {};
-        if (::fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode))
-            continue;
-        ++sockets;
-        EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
-    }
-    EXPECT_EQ(sockets, 3);
-}
-
-TEST_F(Udp, EndsAtOnce) {
+TEST_F(Udp, DescriptorsAreNotInheritedAndEndWithTheirOwnersAtOnce) {
     const auto before = std::chrono::steady_clock::now();
     for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(sockets().size(), 0U);
         const net::UdpReceiver receiver(nullptr, 0, "127.0.0.1", 5000, 64);
+        const net::UdpSender sender(kGroup, 5000, m_local, 0);
         net::UdpSocket socket(&m_recorder, 64);
         socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
         socket.SetGroupRecvSockAddr(m_local, kGroup, 5001);
         socket.notifyForQuit();
+        EXPECT_EQ(sockets().size(), 3U);
+        for (const int fd : sockets())
+            EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s)
-        << "one time-out of a receive call lasts as long";
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s) << "a receive call waits as long";
 }
 
 class UdpSocketTest : public Udp {
@@ -192,55 +167,54 @@ TEST_F(UdpSocketTest, SendsAndReceivesWhenSetUpInThatOrder) {
 
     m_socket.SetSendSockAddr(m_local, kGroup, 5000);
     m_peer.sendData("unheard", 7);
-    EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "a new set-up ends what was before";
+    EXPECT_EQ(m_recorder.nextBytes(200ms), "nothing") << "a new set-up ends what was before";
 }
 
 TEST_F(UdpSocketTest, EmptyDatagramIsReportedWithCodeZero) {
-    CaptureStderr();
+    const Output output;
     m_socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
     m_peer.sendData("", 0);
     m_peer.sendData("next", 4);
     EXPECT_EQ(m_recorder.nextBytes(), "next");
-    EXPECT_THAT(GetCapturedStderr(),
+    EXPECT_THAT(output.err(),
                 MatchesRegex(socketError("operator\\(\\)", "236.1.2.3,5000", "recvfrom", "0,Success")));
 }
 
 TEST_F(UdpSocketTest, FailuresNameWhatIsStored) {
-    const unsigned int stranger = net::transAddr("10.9.9.9");
-    CaptureStderr();
+    const Output output;
     m_socket.SendData("none", 4);
-    m_socket.SetSendSockAddr(stranger, kGroup, 5000);
-    m_socket.SetGroupRecvSockAddr(stranger, kGroup, 5000);
-    m_socket.SetSendSockAddr(stranger, "236.9.9.9", 1);
-    EXPECT_THAT(GetCapturedStderr(),
+    m_socket.SetSendSockAddr(m_stranger, kGroup, 5000);
+    m_socket.SetGroupRecvSockAddr(m_stranger, kGroup, 5000);
+    m_socket.SetSendSockAddr(m_stranger, "236.9.9.9", 1);
+    const std::string join = "Setsockopt IP_ADD_MEMBERSHIP";
+    EXPECT_THAT(output.err(),
                 MatchesRegex(socketError("SendData", ",0", "sendto", "9,Bad file descriptor") +
-                             socketError("SetSendSockAddr", ",0", "Setsockopt IP_ADD_MEMBERSHIP",
-                                         "19,No such device") +
+                             socketError("SetSendSockAddr", ",0", join, "19,No such device") +
                              socketError("SetGroupRecvSockAddr", "236.1.2.3,5000",
                                          "setsockopt::IP_ADD_MEMBERSHIP", "19,No such device") +
-                             socketError("SetSendSockAddr", "236.1.2.3,5000", "Setsockopt IP_ADD_MEMBERSHIP",
-                                         "19,No such device")));
+                             socketError("SetSendSockAddr", "236.1.2.3,5000", join, "19,No such device")));
 }
 
 TEST(ShellCommand, PrintsOnlyWhatSucceeded) {
-    CaptureStdout();
-    EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo hidden", false));
-    EXPECT_FALSE(net::tNetIPHelper::SystemCmd("exit 3", true));
-    EXPECT_FALSE(net::tNetIPHelper::SystemCmd("no-such-command", false));
-    EXPECT_EQ(GetCapturedStdout(), "@echo hidden\r\n");
-    CaptureStdout();
-    EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo shown", true));
-    EXPECT_EQ(GetCapturedStdout(), "shown\n@echo shown\r\n");
+    EXPECT_EQ(outOf([] {
+                  EXPECT_FALSE(net::tNetIPHelper::SystemCmd("exit 3", true));
+                  EXPECT_FALSE(net::tNetIPHelper::SystemCmd("no-such-command", false));
+                  EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo hidden", false));
+              }),
+              "@echo hidden\r\n");
+    EXPECT_EQ(outOf([] { EXPECT_TRUE(net::tNetIPHelper::SystemCmd("echo shown", true)); }),
+              "shown\n@echo shown\r\n");
 }
 
 /// "sudo" and "route" are scripts that write down how they were called; "sudo" fails.
 class RouteCommand : public Udp {
 protected:
     RouteCommand() {
-        m_bin.write("#!/bin/sh\necho sudo \"$@\" >> " + m_log + "\nexit 1\n", "sudo");
-        m_bin.write("#!/bin/sh\necho route \"$@\" >> " + m_log + "\n", "route");
-        for (const char* name : {"sudo", "route"})
+        for (const std::string name : {"sudo", "route"}) {
+            m_bin.write("#!/bin/sh\necho " + name + " \"$@\" >> " + m_log + "\n[ " + name + " = route ]\n",
+                        name);
             std::filesystem::permissions(m_bin.path() / name, std::filesystem::perms::owner_all);
+        }
         ::setenv("PATH", (m_bin.path().string() + ":" + m_path).c_str(), 1);
     }
     ~RouteCommand() override { ::setenv("PATH", m_path.c_str(), 1); }
@@ -264,8 +238,7 @@ TEST_F(RouteCommand, RunsThroughSudoAndThenWithout) {
 TEST_F(RouteCommand, NeverCarriesMoreThanAnAddress) {
     const std::string hostile = "10.1.0.1 ; touch " + (m_bin.path() / "harm").string();
     const net::UdpReceiver receiver(&m_recorder, m_local, hostile.c_str(), 5000, 64);
-    const net::UdpSender sender("10.1.0.1", 5000, m_local, 0);
-    sender.sendData("received", 8);
+    net::UdpSender("10.1.0.1", 5000, m_local, 0).sendData("received", 8);
     EXPECT_EQ(m_recorder.nextBytes(), "received");
     EXPECT_EQ(calls(), "");
     EXPECT_FALSE(std::filesystem::exists(m_bin.path() / "harm"));
