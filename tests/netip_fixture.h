@@ -3,7 +3,7 @@
 /// stand-ins that record their arguments instead of changing the network.
 #pragma once
 
-#include "wait.h"
+#include "recorder.h"
 
 #include <UdpSocket/netiphelper.h>
 
@@ -12,41 +12,25 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <string>
-#include <vector>
 
 using namespace std::chrono_literals;
+using net::tNetIPHelper;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
 
 /// Remembers every event as "eth0 10.0.0.1" or, for an address from DHCP, "eth0 10.0.0.1 dhcp".
-class RecordingListener : public net::iNetIPListener {
+class NetIpLog : public net::iNetIPListener, public Log<std::string> {
 public:
-    void OnNetIPChanged(const std::string& ifname, const std::string& ip, bool dhcpAddress) override {
-        std::lock_guard lock(m_mutex);
-        m_events.push_back(ifname + " " + ip + (dhcpAddress ? " dhcp" : ""));
-    }
-    std::vector<std::string> events() const {
-        std::lock_guard lock(m_mutex);
-        return m_events;
-    }
-    void clear() {
-        std::lock_guard lock(m_mutex);
-        m_events.clear();
-    }
-    /// The last event, after waiting until it is @p event.
-    std::string waitFor(const std::string& event) const {
-        comesTrue([&] { return lastEvent() == event; }, 30s);
-        return lastEvent();
+    /// Whether the last event comes to be @p event.
+    bool comesTo(const std::string& event) const {
+        return comesTrue([&] { return reaches(1) && all().back() == event; }, 30s);
     }
 
 private:
-    std::string lastEvent() const {
-        const auto all = events();
-        return all.empty() ? "" : all.back();
+    void OnNetIPChanged(const std::string& ifname, const std::string& ip, bool dhcpAddress) override {
+        add(ifname + " " + ip + (dhcpAddress ? " dhcp" : ""));
     }
-
-    mutable std::mutex m_mutex; // guards m_events
-    std::vector<std::string> m_events;
 };
 
 inline bool succeeds(const std::string& command) {
@@ -56,10 +40,9 @@ inline bool succeeds(const std::string& command) {
 inline std::string outputOf(const std::string& command) {
     std::string text;
     FILE* const output = ::popen(command.c_str(), "r");
-    for (char piece[256]; output != nullptr && std::fgets(piece, sizeof piece, output) != nullptr;)
+    for (char piece[256]; std::fgets(piece, sizeof piece, output) != nullptr;)
         text += piece;
-    if (output != nullptr)
-        ::pclose(output);
+    ::pclose(output);
     return text;
 }
 
@@ -77,15 +60,6 @@ protected:
             ip link set eth0 up
             ip -n far addr add 10.5.0.1/24 dev far0)"));
     }
-
-    /// What was printed since CaptureStdout; a failure noted meanwhile is shown after all.
-    static std::string captured() {
-        std::string text = testing::internal::GetCapturedStdout();
-        if (HasFailure())
-            std::fputs(text.c_str(), stderr);
-        return text;
-    }
-
     static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
     static bool pullCable() { return succeeds("ip -n far link set far0 down"); }
 

@@ -4,11 +4,6 @@
 
 namespace {
 
-using net::tNetIPHelper;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-
 bool startDhcpServer() {
     return succeeds("ip -n far link set lo up && ip netns exec far dnsmasq --conf-file=/dev/null --port=0 "
                     "--interface=far0 --bind-interfaces --dhcp-range=10.5.0.50,10.5.0.50,10m --dhcp-option=3 "
@@ -20,12 +15,12 @@ TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
     ASSERT_TRUE(
         succeeds("mount --bind /bin/bash /bin/sh")); // dash would let blocked signals through by itself
     ASSERT_TRUE(plugCable() && startDhcpServer());
-    RecordingListener listener;
-    testing::internal::CaptureStdout();
+    NetIpLog listener;
+    const Output output;
     tNetIPHelper helper(true, "eth0", "10.5.0.9", "255.255.0.0");
     helper.AddNetIPListener(&listener);
-    EXPECT_EQ(listener.waitFor("eth0 10.5.0.50 dhcp"), "eth0 10.5.0.50 dhcp");
-    EXPECT_THAT(listener.events(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
+    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_THAT(listener.all(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
         << "added, restarted, lease";
     EXPECT_EQ(helper.GetNetIP(), "10.5.0.50");
     EXPECT_THAT(outputOf("ip -4 addr show eth0"),
@@ -33,21 +28,21 @@ TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
         << "the manual address stands by";
 
     ASSERT_TRUE(succeeds("pkill -USR2 udhcpc")); // gives the lease back, and takes every address off
-    EXPECT_EQ(listener.waitFor("eth0 10.5.0.9"), "eth0 10.5.0.9");
+    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
     ASSERT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }));
 
     listener.clear();
     ASSERT_TRUE(pullCable());
-    EXPECT_EQ(listener.waitFor("eth0 0.0.0.0"), "eth0 0.0.0.0");
+    EXPECT_TRUE(listener.comesTo("eth0 0.0.0.0"));
     EXPECT_EQ(helper.GetNetIP(), "0.0.0.0");
     ASSERT_TRUE(plugCable());
-    EXPECT_EQ(listener.waitFor("eth0 10.5.0.50 dhcp"), "eth0 10.5.0.50 dhcp");
-    EXPECT_THAT(listener.events(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
+    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_THAT(listener.all(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
         << "pulled, restarted, lease";
     ASSERT_TRUE(succeeds("pkill -TERM udhcpc")) << "a client that is left running can be ended";
     EXPECT_TRUE(comesTrue([] { return !succeeds("pgrep udhcpc > /dev/null"); }));
 
-    const std::string printed = captured();
+    const std::string printed = output.out();
     for (const char* line :
          {"eth0 carrier state changed 1\r\n", "eth0 carrier state changed 0\r\n", "@udhcpc -i eth0 -n\r\n",
           "@ifconfig eth0:0 10.5.0.9 netmask 255.255.0.0\r\n",
@@ -60,17 +55,17 @@ TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
 
 TEST_F(NetworkManagement, InManualModeTheAliasInterfaceCarriesTheAddress) {
     ASSERT_TRUE(plugCable() && succeeds("ip addr add 10.5.0.70/24 dev eth0"));
-    RecordingListener listener;
-    testing::internal::CaptureStdout();
+    NetIpLog listener;
+    const Output output;
     tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.255.0");
     helper.AddNetIPListener(&listener);
-    EXPECT_EQ(listener.waitFor("eth0 10.5.0.9"), "eth0 10.5.0.9");
+    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
     EXPECT_EQ(net::localIfaName(net::transAddr("10.5.0.9")), "eth0:0");
 
     ASSERT_TRUE(succeeds("ifconfig eth0:0 down && ip addr flush dev eth0"));
     EXPECT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }))
         << "put back when somebody takes it away";
-    const std::string printed = captured();
+    const std::string printed = output.out();
     EXPECT_THAT(printed, HasSubstr("eth0 DHCP closed, use 10.5.0.9 manual IP 10.5.0.9\r\n"));
     EXPECT_THAT(printed, Not(HasSubstr("udhcpc")));
 }
@@ -111,12 +106,12 @@ TEST_F(NetworkManagement, NetworkManagerHasOneProfileOfTheInterfaceManualOrDhcp)
     tNetIPHelper::NetResetCmd("timeout 30 sh /run/test/restart");
     ASSERT_TRUE(plugCable() && startDhcpServer());
     ASSERT_TRUE(comesTrue([] { return profiles() == "Wired connection 1\n"; }, 30s)) << profiles();
-    testing::internal::CaptureStdout();
     {
-        RecordingListener listener;
+        const Output output;
+        NetIpLog listener;
         tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.0.0");
         helper.AddNetIPListener(&listener);
-        EXPECT_EQ(listener.waitFor("eth0 10.5.0.9"), "eth0 10.5.0.9");
+        EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
         EXPECT_EQ(profiles(), "eth0\n") << "the default one is gone";
         EXPECT_EQ(profile("connection.interface-name,ipv4.method,ipv4.addresses"),
                   "eth0\nmanual\n10.5.0.9/24\n");
@@ -124,24 +119,19 @@ TEST_F(NetworkManagement, NetworkManagerHasOneProfileOfTheInterfaceManualOrDhcp)
             succeeds("nmcli connection modify eth0 ipv4.addresses 10.5.0.7/24 && nmcli connection up eth0"));
         EXPECT_TRUE(comesTrue([] { return profile("ipv4.addresses") == "10.5.0.9/24\n"; }, 30s))
             << "the manual address is put back into the profile";
+        EXPECT_THAT(output.out(), HasSubstr("@nmcli connection delete Wired\\ connection\\ 1\r\n"));
+        EXPECT_THAT(output.out(), Not(HasSubstr("@nmcli connection delete eth0\r\n"))) << "there was none";
+        EXPECT_THAT(output.out(), HasSubstr("-network nmcli----------------------\r\neth0 DHCP closed, "
+                                            "use 10.5.0.9 manual"));
     }
-    const std::string printed = captured();
-    EXPECT_THAT(printed, HasSubstr("@nmcli connection delete Wired\\ connection\\ 1\r\n"));
-    EXPECT_THAT(printed, Not(HasSubstr("@nmcli connection delete eth0\r\n"))) << "there was none";
-    EXPECT_THAT(printed,
-                HasSubstr("-network nmcli----------------------\r\neth0 DHCP closed, use 10.5.0.9 manual"));
-
-    testing::internal::CaptureStdout();
-    {
-        RecordingListener listener;
-        tNetIPHelper helper(true, "eth0", "10.5.0.9", "255.255.0.0");
-        helper.AddNetIPListener(&listener);
-        EXPECT_EQ(listener.waitFor("eth0 10.5.0.50 dhcp"), "eth0 10.5.0.50 dhcp");
-        EXPECT_EQ(profiles(), "eth0\n") << "the profile of the first watch is replaced";
-        EXPECT_EQ(profile("connection.autoconnect"),
-                  "yes\n"); // a look ahead of the lease may turn the method
-    }
-    EXPECT_THAT(captured(),
+    const Output output;
+    NetIpLog listener;
+    tNetIPHelper helper(true, "eth0", "10.5.0.9", "255.255.0.0");
+    helper.AddNetIPListener(&listener);
+    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_EQ(profiles(), "eth0\n") << "the profile of the first watch is replaced";
+    EXPECT_EQ(profile("connection.autoconnect"), "yes\n"); // a look ahead of the lease may turn the method
+    EXPECT_THAT(output.out(),
                 HasSubstr("@nmcli connection add con-name eth0 type ethernet ifname eth0 ipv4.method "
                           "auto autoconnect yes\r\n"));
 }
