@@ -7,11 +7,11 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <random>
 
 namespace {
 
 using namespace std::chrono_literals;
+
 constexpr auto kNothing = 300ms;
 constexpr char kProbe = 1;
 constexpr char kConfirm = 2;
@@ -66,10 +66,8 @@ TEST_F(Negotiator, UncontestedLoginSendsTwoDatagrams) {
     EXPECT_EQ(heard(), message(kConfirm, 20));
     EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing");
 
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(negotiator->syncLogin(30), 0);
-    EXPECT_FALSE(negotiator->asyncLogin(30));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "syncLogin:Already login\nasyncLogin:Already login\n");
+    EXPECT_EQ(outOf([&] { EXPECT_EQ(negotiator->syncLogin(30), 0); }), "syncLogin:Already login\n");
+    EXPECT_EQ(outOf([&] { EXPECT_FALSE(negotiator->asyncLogin(30)); }), "asyncLogin:Already login\n");
 }
 
 TEST_F(Negotiator, ObjectionInEitherWaitLeadsToAnotherId) {
@@ -128,15 +126,18 @@ TEST_F(Negotiator, SecondClaimantOfIdOneEndsElsewhere) {
     EXPECT_THAT(makeNegotiator("host2")->syncLogin(1), IsDrawn());
 }
 
-TEST_F(Negotiator, ResetRequestChangesNothingElse) {
+TEST_F(Negotiator, ResetRequestChangesNothingElseAndOtherMessagesNothingAtAll) {
     const auto negotiator = makeNegotiator();
     say("\x20\xA1");
     EXPECT_TRUE(comesTrue([&] { return m_resets == 1; }));
-    say("\x21\xA1");
+    for (int code = 0; code <= 0xFF; ++code)
+        for (const size_t length : {1U, 2U, 3U, 4U, 5U})
+            if (code != 0x20 || length != 2)
+                say(std::string{static_cast<char>(code), '\xA1', 0, 1, 0}.substr(0, length));
     say("\x20\xA2");
-    say(std::string("\x20\xA1\x00", 3));
     say("\x20\xA1");
-    EXPECT_TRUE(comesTrue([&] { return m_resets == 2; }));
+    EXPECT_TRUE(comesTrue([&] { return m_resets >= 2; }));
+    EXPECT_EQ(m_resets, 2);
     EXPECT_EQ(m_recorder.nextBytes(kNothing), "nothing") << "nothing is sent before a login";
 }
 
@@ -149,27 +150,6 @@ TEST_F(Negotiator, RunningLoginEndsWithItsOwner) {
     EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms) << "half of a wait for objections";
     EXPECT_EQ(m_recorder.nextBytes(1500ms), "nothing");
     EXPECT_EQ(m_logins, 0);
-}
-
-TEST_F(Negotiator, GarbageIsIgnored) {
-    const auto negotiator = makeNegotiator();
-    ASSERT_EQ(negotiator->syncLogin(20), 20);
-    std::minstd_rand random(1);
-    for (int i = 0; i < 100'000; ++i) {
-        std::string noise(1 + random() % 6, '\0');
-        for (char& c : noise)
-            c = static_cast<char>(random() >> 8);
-        if (i % 2 == 0 && noise.size() > 2)
-            noise.replace(0, 2, {static_cast<char>(random() % 4), '\xA1'});
-        if (noise.size() != 4 || noise[2] != 20)
-            say(noise);
-        const int resets = m_resets;
-        if (i % 100 == 0) { // all of it is to arrive
-            say("\x20\xA1");
-            ASSERT_TRUE(comesTrue([&] { return m_resets > resets; })) << "still listening";
-        }
-    }
-    EXPECT_EQ(m_logins, 1);
 }
 
 } // namespace

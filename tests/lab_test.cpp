@@ -60,18 +60,24 @@ void send(const Node& node, int times = 1) {
         sender.sendData("ping", 4);
 }
 
-TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNoOther) {
-    Lan lan({lab::display(3, 1), lab::radarHost(1), lab::radarHost(2)});
-    Ear leading(lan.node("display"), "10.20.2.1");
-    Ear dead(lan.node("display"), "192.168.2.1");
-    Ear neighbour(lan.node("host2"), "10.20.1.2");
-    send(lan.node("host1"));
-    EXPECT_EQ(leading.next(), "10.20.1.1");
-    EXPECT_EQ(neighbour.next(), "10.20.1.1");
-    EXPECT_TRUE(dead.hearsNothing());
-    lan.changeAddress(lan.node("host1"), 0, "10.20.9.9/16");
-    send(lan.node("host1"));
-    EXPECT_EQ(leading.next(), "10.20.9.9");
+TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNothingIsLeftAfterwards) {
+    for (int round = 0; round < 2; ++round) {
+        {
+            Lan lan({lab::display(3, 1), lab::radarHost(1), lab::radarHost(2)});
+            Ear leading(lan.node("display"), "10.20.2.1");
+            Ear dead(lan.node("display"), "192.168.2.1");
+            Ear neighbour(lan.node("host2"), "10.20.1.2");
+            send(lan.node("host1"));
+            EXPECT_EQ(leading.next(), "10.20.1.1");
+            EXPECT_EQ(neighbour.next(), "10.20.1.1");
+            EXPECT_TRUE(dead.hearsNothing());
+            lan.changeAddress(lan.node("host1"), 0, "10.20.9.9/16");
+            send(lan.node("host1"));
+            EXPECT_EQ(leading.next(), "10.20.9.9");
+        }
+        EXPECT_TRUE(std::filesystem::is_empty("/run/netns"));
+        EXPECT_EQ(net::localNetworkInterfaces().size(), 1U) << "only the loopback interface";
+    }
 }
 
 TEST(Lan, ACutTakesCarrierAndDatagramsUntilTheLinkIsRestored) {
@@ -118,24 +124,6 @@ TEST(Lan, DropRatesHoldForTheLanOrForOneNodeBothWays) {
     send(lan.node("host3"), 100);
     EXPECT_THAT(first.countAll(), AllOf(Gt(20), Lt(80)));
     EXPECT_THAT(second.countAll(), AllOf(Gt(20), Lt(80)));
-}
-
-TEST(Lan, FortyNineHostsFitAndNothingIsLeftOfThemAfterwards) {
-    std::vector<lab::NodePlan> plans{lab::display(1)};
-    for (int number = 1; number <= 49; ++number)
-        plans.push_back(lab::radarHost(number));
-    for (int round = 0; round < 2; ++round) {
-        {
-            Lan lan(plans);
-            Ear display(lan.node("display"), "10.20.2.1");
-            for (size_t number = 1; number <= 49; ++number) { // a burst would overrun the receive buffer
-                send(lan.nodes()[number]);
-                ASSERT_EQ(display.next(), "10.20.1." + std::to_string(number));
-            }
-        }
-        EXPECT_TRUE(std::filesystem::is_empty("/run/netns"));
-        EXPECT_EQ(net::localNetworkInterfaces().size(), 1U) << "only the loopback interface";
-    }
 }
 
 TEST(Process, TellsItsLinesAndHowItEnded) {

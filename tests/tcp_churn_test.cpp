@@ -13,8 +13,6 @@ constexpr size_t kGoers = 100;
 constexpr size_t kDrivers = 4;
 constexpr auto kDuration = 4s;
 constexpr size_t kBroadcast = 16384; // enough to fill the connection of a goer that stalls
-constexpr const char* kStayer = "S"; // a client's first byte tells its kind
-constexpr const char* kGoer = "G";
 
 /// @p count bytes of the endless text that every stream here is a beginning of.
 std::string text(size_t position, size_t count) {
@@ -24,50 +22,41 @@ std::string text(size_t position, size_t count) {
     return result;
 }
 
-/// The server's side: checks what all send, closes some goers.
+/// The server's side: checks what all send, closes some that come after the stayers.
 class Desk : public net::iTcpDataListener {
 public:
     virtual ~Desk() = default;
 
     std::map<unsigned short, size_t> received() const { // by port
         std::lock_guard lock(m_mutex);
-        std::map<unsigned short, size_t> all;
-        for (const auto& [port, client] : m_clients)
-            all[port] = client.received;
-        return all;
+        return m_received;
     }
     std::atomic<size_t> ended = 0;
     std::atomic<size_t> mistakes = 0;
 
 private:
-    void OnTcpClientConnected(int, const char*, unsigned short port) override {
+    void OnTcpClientConnected(int fd, const char*, unsigned short port) override {
         std::lock_guard lock(m_mutex);
-        m_clients[port] = {};
+        m_received[port] = 0;
+        if (m_received.size() <= kStayers)
+            m_lastStayer = std::max(m_lastStayer, fd);
     }
     void OnTcpClientDisconnected(int, const char*, unsigned short port) override {
         std::lock_guard lock(m_mutex);
-        ended += m_clients.erase(port);
+        ended += m_received.erase(port);
     }
     void OnTcpDataReceived(int fd, const char*, unsigned short port, const char* data, int len) override {
-        std::string bytes(data, static_cast<size_t>(len));
+        const auto length = static_cast<size_t>(len);
         std::lock_guard lock(m_mutex);
-        Client& client = m_clients[port];
-        if (client.kind.empty()) {
-            client.kind = bytes.substr(0, 1);
-            bytes.erase(0, 1);
-        }
-        mistakes += bytes != text(client.received, bytes.size());
-        client.received += bytes.size();
-        if (client.kind == kGoer && client.received > 20000)
+        mistakes += std::string(data, length) != text(m_received[port], length);
+        m_received[port] += length;
+        if (fd > m_lastStayer && m_received[port] > 20000)
             server.closeClient(fd);
     }
 
-    struct Client {
-        std::string kind;
-        size_t received = 0;
-    };
-    mutable std::mutex m_mutex; // guards m_clients
-    std::map<unsigned short, Client> m_clients;
+    mutable std::mutex m_mutex; // guards the two below
+    std::map<unsigned short, size_t> m_received;
+    int m_lastStayer = 0;
 
 public:
     net::TcpServer server{this}; // the first to end
@@ -75,8 +64,6 @@ public:
 
 /// A client that stays, talks, sometimes lets what it is sent wait, and checks it.
 struct Stayer {
-    explicit Stayer(unsigned short port) : peer(port) { EXPECT_TRUE(peer.send(kStayer)); }
-
     void talk(size_t count) {
         EXPECT_TRUE(peer.send(text(sent, count)));
         sent += count;
@@ -97,7 +84,6 @@ struct Stayer {
 void actAsGoer(std::unique_ptr<Peer>& peer, unsigned short port, unsigned dice) {
     if (peer == nullptr) {
         peer = std::make_unique<Peer>(port, kLocal, 1);
-        peer->send(kGoer);
     } else if (dice % 40 == 0) {
         dice % 80 == 0 ? peer->reset() : peer->close();
         peer.reset();
@@ -113,7 +99,7 @@ TEST(TcpServerChurn, EveryByteOfEveryClientThatStaysArrivesWhateverTheOthersDo) 
     ASSERT_TRUE(desk.server.connect(kLocal, port, -1));
     std::vector<Stayer> stayers;
     for (size_t i = 0; i < kStayers; ++i)
-        stayers.emplace_back(port);
+        stayers.push_back({.peer = Peer(port)});
     ASSERT_TRUE(comesTrue([&] { return desk.received().size() == kStayers; }));
 
     const auto end = Clock::now() + kDuration;

@@ -246,21 +246,4 @@ TEST(TcpServer, WithoutDescriptorsItReportsAndServesAgainAfterwards) {
     EXPECT_TRUE(comesTrue([&] { return s.server.isConnected(); }));
 }
 
-TEST(TcpServer, ItsOwnKindOfClientComesBackAfterARestart) {
-    Serving s;
-    Notes notes;
-    net::TcpClient client(&notes, kLocal, s.port, 0);
-    for (size_t round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(client.connectOnce());
-        ASSERT_TRUE(comesTrue([&] { return s.server.isConnected(); }));
-        EXPECT_TRUE(client.asyncSendData("up", 2));
-        s.server.sendData("down", 4);
-        EXPECT_TRUE(comesTrue([&] { return notes.bytes().size() == 4 * round; }));
-        EXPECT_TRUE(comesTrue([&] { return s.notes.bytes().size() == 2 * round; }));
-        EXPECT_TRUE(s.server.connect(kLocal, s.port, kAny));
-        EXPECT_TRUE(notes.sees(Event::Disconnected, round));
-    }
-    EXPECT_TRUE(comesTrue([&] { return s.server.isConnected(); })) << "by itself";
-}
-
 } // namespace
