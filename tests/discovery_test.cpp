@@ -19,12 +19,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-template <class Made, class... Arguments>
-std::unique_ptr<Made> makeIn(const lab::Node& node, Arguments&&... arguments) {
-    const lab::Inside inside = node.enter();
-    return std::make_unique<Made>(std::forward<Arguments>(arguments)...);
-}
-
 std::unique_ptr<HostServer> serve(const lab::Node& node, const std::string& name, int id, unsigned streams) {
     return makeIn<HostServer>(node, name.c_str(), static_cast<std::uint8_t>(id), streams);
 }

@@ -31,33 +31,25 @@ constexpr unsigned short kPort = 6678;
 /// Hears the group in a node, through one of its addresses.
 class Ear {
 public:
-    Ear(const Node& node, const char* localIp) {
-        const lab::Inside inside = node.enter();
-        m_receiver.emplace(&m_recorder, net::transAddr(localIp), kGroup, kPort, 1024);
-    }
+    Ear(const Node& node, const char* localIp)
+        : m_receiver(
+              makeIn<net::UdpReceiver>(node, &m_recorder, net::transAddr(localIp), kGroup, kPort, 1024)) {}
     /// Where the next datagram came from; "" when none came.
     std::string next(std::chrono::milliseconds patience = 5s) {
         const auto datagram = m_recorder.next(patience);
         return datagram ? datagram->from.substr(0, datagram->from.find(':')) : "";
     }
     bool hearsNothing() { return next(200ms).empty(); }
-    int countAll() {
-        int count = 0;
-        while (!hearsNothing())
-            ++count;
-        return count;
-    }
 
 private:
     Recorder m_recorder;
-    std::optional<net::UdpReceiver> m_receiver;
+    std::unique_ptr<net::UdpReceiver> m_receiver;
 };
 
 void send(const Node& node, int times = 1) {
-    const lab::Inside inside = node.enter();
-    const net::UdpSender sender(kGroup, kPort, 0, 0);
+    const auto sender = makeIn<net::UdpSender>(node, kGroup, kPort, 0, 0);
     for (int i = 0; i < times; ++i)
-        sender.sendData("ping", 4);
+        sender->sendData("ping", 4);
 }
 
 TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNothingIsLeftAfterwards) {
@@ -115,28 +107,16 @@ TEST(Lan, DropRatesHoldForTheLanOrForOneNodeBothWays) {
     EXPECT_TRUE(second.hearsNothing());
 
     lan.dropRate(lan.node("host1"), 0);
-    send(lan.node("host1"));
-    EXPECT_EQ(second.next(), "10.20.1.1");
-
     lan.dropRate(50);
     send(lan.node("host3"), 100);
     lan.dropRate(100);
     send(lan.node("host3"), 100);
-    EXPECT_THAT(first.countAll(), AllOf(Gt(20), Lt(80)));
-    EXPECT_THAT(second.countAll(), AllOf(Gt(20), Lt(80)));
-}
-
-TEST(Process, TellsItsLinesAndHowItEnded) {
-    Process talker({.command = {"sh", "-c", "echo one; echo two >&2; printf three; exit 7"}});
-    EXPECT_EQ(talker.nextLine(5s), "one");
-    EXPECT_EQ(talker.lineWith("thr", 5s), "three");
-    EXPECT_EQ(talker.nextLine(5s), std::nullopt);
-    EXPECT_EQ(talker.wait(5s), 7);
-    EXPECT_EQ(talker.output(), "one\ntwo\nthree");
-
-    Process missing({.command = {"no-such-program"}});
-    EXPECT_EQ(missing.wait(5s), 127);
-    EXPECT_THAT(missing.output(), HasSubstr("no-such-program"));
+    for (Ear* ear : {&first, &second}) {
+        int heard = 0;
+        while (!ear->hearsNothing())
+            ++heard;
+        EXPECT_THAT(heard, AllOf(Gt(20), Lt(80)));
+    }
 }
 
 TEST(Process, IsStoppedWithAllThatItStarted) {
@@ -144,8 +124,9 @@ TEST(Process, IsStoppedWithAllThatItStarted) {
     const pid_t child = std::stoi(stubborn.nextLine(5s).value());
     EXPECT_EQ(stubborn.wait(0s), std::nullopt);
     EXPECT_EQ(stubborn.stop(50ms), 128 + SIGKILL);
-    const std::string stat = "/proc/" + std::to_string(child) + "/stat"; // a zombie until init has looked
-    EXPECT_TRUE(comesTrue([&] { return !std::filesystem::exists(stat); }));
+    const std::string entry = "/proc/" + std::to_string(child); // a zombie until init has looked
+    EXPECT_TRUE(comesTrue([&] { return !std::filesystem::exists(entry); }));
+    EXPECT_EQ(Process({.command = {"no-such-program"}}).wait(5s), 127);
 }
 
 /// The program "lan", run in the private network of the test, which stands for the machine.

@@ -61,9 +61,7 @@ TEST_F(NetworkManagement, RestartWithNmcliRunsExactlyTheseCommandsInOrder) {
         "@nmcli connection add con-name eth9 type ethernet ifname eth9 ipv4.method manual "
         "ipv4.addresses 10.5.0.9/24\r\n"
         "\r\n------------------------------network restart over--------------------------\r\n");
-    EXPECT_THAT(recordedCommands(), HasSubstr("nmcli|connection|delete|Wired connection 0\n"));
-    EXPECT_THAT(recordedCommands(),
-                HasSubstr("nmcli|connection|delete|有线连接 2\nservice|network-manager|restart\n"));
+    EXPECT_THAT(recordedCommands(), HasSubstr("delete|有线连接 2\nservice|network-manager|restart\n"));
 }
 
 TEST_F(NetworkManagement, RestartWithIfconfigWaitsUntilItMayAndThenRunsExactlyTheseCommands) {
@@ -129,9 +127,7 @@ TEST_F(NetworkManagement, AnInstanceCanGoDuringARestartAtOnceAndGetsNoCommand) {
     ASSERT_TRUE(comesTrue([&] {
         return output.out().find("eth0 carrier state changed 1") != std::string::npos;
     })) << "it lets the cable settle";
-    const auto before = std::chrono::steady_clock::now();
-    gone.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 3s) << "not the five seconds of the pause";
+    EXPECT_LT(timeOf([&] { gone.reset(); }), 3s) << "not the five seconds of the pause";
 
     tNetIPHelper::SetResetReady(true);
     restart.get();

@@ -95,22 +95,25 @@ TEST_F(RadarClient, LongAnnouncementIsCompletedFromThePlan) {
 }
 
 TEST_F(RadarClient, UserEndpointsReplaceStandardOnesUnderAnotherName) {
-    Announcement datagram(222, "R1");
-    datagram.at(74, endpoint("239.0.0.1", 101)).at(114, endpoint("239.0.0.2", 102));
-    datagram.at(150, endpoint("239.0.0.4", 0));
-    hear(datagram.at(73, 1));
-    EXPECT_EQ(text(record("R1").imageStream), "236.6.7.35:6003") << "not extended: the standard record";
-
-    hear(datagram.at(22, 1));
-    const RadarAddress user = record("R1:User");
-    EXPECT_EQ(text(user.imageStream), "239.0.0.1:101");
-    EXPECT_EQ(text(user.imageCtrl), "239.0.0.2:102");
-    EXPECT_EQ(text(user.imageState), "236.6.7.37:6005") << "port 0 keeps the standard endpoint";
-    EXPECT_EQ(text(user.arpaStream), "236.6.7.41:6009");
-
-    hear(datagram.at(73, 0).at(30, 1));
+    hear(Announcement(222, "R1").at(73, 1).at(74, endpoint("239.0.0.1", 101)));
+    const RadarAddress standard = record("R1"); // not extended
+    EXPECT_EQ(text(standard.imageStream), "236.6.7.35:6003");
+    const std::pair<std::size_t, plan::EndpointField> places[] = {{74, &RadarAddress::imageStream},
+                                                                  {80, &RadarAddress::imageState},
+                                                                  {114, &RadarAddress::imageCtrl},
+                                                                  {150, &RadarAddress::arpaStream}};
+    for (const auto& [position, field] : places) {
+        RadarAddress expected = standard;
+        Announcement datagram(222, "R1");
+        hear(datagram.at(22, 1).at(73, 1).at(position, endpoint("239.0.0.1", 0)));
+        EXPECT_EQ(bytes(record("R1:User")), bytes(expected)) << "port 0 keeps the standard endpoint";
+        hear(datagram.at(position, endpoint("239.0.0.1", 101)));
+        expected.*field = {net::transAddr("239.0.0.1"), net::HtoNs(101), 0};
+        EXPECT_EQ(bytes(record("R1:User")), bytes(expected)) << position;
+    }
+    hear(Announcement(222, "R1").at(22, 1).at(30, 1));
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:User")) << "no TCP service unasked";
-    EXPECT_EQ(text(record("R1").imageStream), "236.6.7.35:6003");
+    EXPECT_EQ(bytes(record("R1")), bytes(standard));
 }
 
 TEST_F(RadarClient, NamesEndWithTheirFieldAndAreCopiedInOrderUpToTheMaximum) {
@@ -128,25 +131,27 @@ TEST_F(RadarClient, NamesEndWithTheirFieldAndAreCopiedInOrderUpToTheMaximum) {
 }
 
 TEST_F(TcpServiceClient, TcpServiceIsAnEntryOfItsOwn) {
-    Announcement datagram(222, "R1");
-    datagram.at(22, 1).at(23, 2).at(30, 1);
-    datagram.at(31, endpoint("10.1.2.3", 7001)).at(37, endpoint("255.255.255.255", 7002));
-    datagram.at(55, endpoint("255.255.255.255", 0)).at(61, {0, net::HtoNs(7006)});
-    datagram.at(67, 1).at(68, 2).at(71, 0).at(72, 4).at(69, 1);
-    hear(datagram);
+    const auto offer = Announcement(222, "R1").at(22, 1).at(23, 2).at(30, 1);
+    RadarAddress expected = plan::dedicatedRecord(2);
+    expected.head = net::transAddr("10.1.2.3");
+    hear(offer);
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:TCP"));
-    const RadarAddress tcp = record("R1:TCP");
-    EXPECT_EQ(tcp.isMulti, 1);
-    EXPECT_EQ(tcp.multiNum, 2);
-    EXPECT_STREQ(net::transAddr(tcp.head), "10.1.2.3");
-    EXPECT_EQ(text(tcp.imageStream), "10.1.2.3:7001");
-    EXPECT_EQ(tcp.imageStream.type, 2) << "the radar's server is our client";
-    EXPECT_EQ(text(tcp.imageCtrl), "10.1.2.3:7002");
-    EXPECT_EQ(tcp.imageCtrl.type, 1);
-    EXPECT_EQ(text(tcp.imageState), "234.5.6.75:34635") << "no TCP endpoint: the dedicated one stays";
-    EXPECT_EQ(tcp.imageState.type, 0) << "and no kind is set";
-    EXPECT_EQ(text(tcp.arpaCtrl), "10.1.2.3:0");
-    EXPECT_EQ(tcp.arpaState.type, 255) << "3 minus 4, in 8 bits";
+    EXPECT_EQ(bytes(record("R1:TCP")), bytes(expected)) << "no TCP endpoint: the dedicated one stays";
+    constexpr plan::EndpointField fields[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
+                                              &RadarAddress::imageState,  &RadarAddress::arpaStream,
+                                              &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
+    for (std::size_t i = 0; i < std::size(fields); ++i)
+        for (const auto& [theirs, ours] : {std::pair{0, 0}, {1, 2}, {2, 1}, {4, 255}}) {
+            Announcement datagram = offer;
+            hear(datagram.at(31 + 6 * i, endpoint("10.1.2.4", 7001)).at(67 + i, static_cast<char>(theirs)));
+            RadarAddress one = expected;
+            one.*fields[i] = {net::transAddr("10.1.2.4"), net::HtoNs(7001), static_cast<std::uint8_t>(ours)};
+            EXPECT_EQ(bytes(record("R1:TCP")), bytes(one)) << "endpoint " << i << ", kind " << theirs;
+        }
+    Announcement own = offer;
+    hear(own.at(37, endpoint("255.255.255.255", 7002)).at(55, endpoint("255.255.255.255", 0)));
+    EXPECT_EQ(text(record("R1:TCP").imageCtrl), "10.1.2.3:7002");
+    EXPECT_EQ(text(record("R1:TCP").arpaCtrl), "10.1.2.3:0");
 
     hear(Announcement(222, "R2").at(22, 1).at(30, 2));
     hear(Announcement(222, "R3").at(30, 1));

@@ -7,6 +7,8 @@
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/udpsocket.h>
 
+#include <lab/node.h>
+
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -14,6 +16,7 @@
 
 #include <cstdio>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -52,6 +55,13 @@ private:
     mutable std::mutex m_mutex; // guards m_entries
     std::deque<Entry> m_entries;
 };
+
+/// An object whose sockets and threads are in a node's network.
+template <class Made, class... Arguments>
+std::unique_ptr<Made> makeIn(const lab::Node& node, Arguments&&... arguments) {
+    const lab::Inside inside = node.enter();
+    return std::make_unique<Made>(std::forward<Arguments>(arguments)...);
+}
 
 struct Datagram {
     std::string from; // "address:port"

@@ -19,7 +19,7 @@ struct Connected {
         EXPECT_TRUE(client.connectOnce());
         peer = std::make_unique<Peer>(listening.accept());
     }
-    bool lossIsAnnounced() const { return notes.sees(Event::Disconnected, 1); }
+    bool lossIsAnnounced() const { return notes.disconnected.reaches(1); }
 
     Listening listening;
     Notes notes;
@@ -57,7 +57,8 @@ TEST(TcpClient, AnAttemptIsLoggedAndAnnouncedBeforeTheClientCountsAsConnected) {
                                 "tcp client connected failed ...\r\ntcp client " + server +
                                 " receive thread out ....\r\n");
     EXPECT_EQ(output.err(), "");
-    EXPECT_THAT(notes.events(), ElementsAre(Event{Event::Connected, 0, kLocal, port}));
+    EXPECT_THAT(notes.connected.all(), ElementsAre("0 127.0.0.1:" + std::to_string(port)));
+    EXPECT_THAT(notes.disconnected.all(), ElementsAre());
 }
 
 TEST(TcpClient, BytesTravelBothWaysThroughTheInterfaceOfTheLocalAddress) {
@@ -109,8 +110,7 @@ TEST(TcpClient, ALossIsReportedByItsCauseAndAnnouncedOnce) {
             EXPECT_TRUE(c.lossIsAnnounced());
             EXPECT_FALSE(c.client.isConnected());
             EXPECT_FALSE(c.client.sendData("x", 1));
-            EXPECT_THAT(c.notes.events(), ElementsAre(Event{Event::Connected, 0, kLocal, port},
-                                                      Event{Event::Disconnected, 0, kLocal, port}));
+            EXPECT_THAT(c.notes.disconnected.all(), ElementsAre("0 127.0.0.1:" + std::to_string(port)));
         }
         EXPECT_THAT(output.out(), testing::AllOf(HasSubstr(printed), HasSubstr(") receive thread out ....")));
         EXPECT_EQ(output.err(), errorLine(function, line, port, call, code));
@@ -158,8 +158,8 @@ TEST(TcpClient, ConnectsByItselfAndAgainAfterTheServerRestarts) {
             EXPECT_TRUE(client.sendData("echo ", 5));
             EXPECT_TRUE(notes.hears(expected += "echo "));
         }
-        EXPECT_TRUE(notes.sees(Event::Disconnected, round));
-        EXPECT_EQ(notes.count(Event::Connected), round);
+        EXPECT_TRUE(notes.disconnected.reaches(round));
+        EXPECT_EQ(notes.connected.all().size(), round);
     }
 }
 
@@ -171,11 +171,11 @@ TEST(TcpClient, ReplacingAConnectionAnnouncesItsEndFirst) {
             ASSERT_TRUE(c.client.connectOnce());
             EXPECT_TRUE(c.peer->ends());
             *c.peer = c.listening.accept();
-            EXPECT_EQ(c.notes.count(Event::Disconnected), ended);
+            EXPECT_EQ(c.notes.disconnected.all().size(), ended);
         }
         EXPECT_TRUE(c.client.sendData("new", 3));
         EXPECT_EQ(c.peer->read(3), "new");
-        EXPECT_EQ(c.notes.count(Event::Connected), 6U);
+        EXPECT_EQ(c.notes.connected.all().size(), 6U);
     }
     EXPECT_EQ(output.err(), "") << "an end of our own making is no error";
 }
@@ -209,13 +209,13 @@ TEST(TcpClient, EveryConnectedHasItsDisconnectedWhoeverConnectsAndSends) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_TRUE(comesTrue([&] {
-        return notes.count(Event::Connected) == notes.count(Event::Disconnected) && !client.isConnected();
+        return notes.connected.all().size() == notes.disconnected.all().size() && !client.isConnected();
     }));
     client.setAutoConnectEnable(false);
     ending = true;
     const Peer last(listening.port());
     server.join();
-    EXPECT_GE(notes.count(Event::Connected), 60U);
+    EXPECT_GE(notes.connected.all().size(), 60U);
 }
 
 TEST(TcpClient, ToldToQuitItEndsWithinItsTimeOutAndCanConnectOnceMore) {

@@ -21,12 +21,12 @@ struct Serving {
 
     /// A client that the server knows, and its descriptor there.
     std::pair<Peer, int> join(const char* from = kLocal, int receiveBuffer = 0) {
-        const size_t before = notes.count(Event::Connected);
+        const size_t before = notes.connected.all().size();
         Peer peer(port, from, receiveBuffer);
-        EXPECT_TRUE(notes.sees(Event::Connected, before + 1));
-        return {std::move(peer), notes.events().back().fd};
+        EXPECT_TRUE(notes.connected.reaches(before + 1));
+        return {std::move(peer), std::stoi(notes.connected.all().back())};
     }
-    bool left(size_t clients) const { return notes.sees(Event::Disconnected, clients); }
+    bool left(size_t clients) const { return notes.disconnected.reaches(clients); }
 
     const unsigned short port = freePort();
     Notes notes;
@@ -51,8 +51,9 @@ TEST(TcpServer, AClientsComingAndGoingIsAnnouncedAndLogged) {
     peer.close();
     EXPECT_TRUE(s.left(1));
     EXPECT_EQ(s.server.numOfClients(), 0);
-    EXPECT_THAT(s.notes.events(), ElementsAre(Event{Event::Connected, fd, kLocal, from},
-                                              Event{Event::Disconnected, fd, kLocal, from}));
+    const std::string note = std::to_string(fd) + " 127.0.0.1:" + std::to_string(from);
+    EXPECT_THAT(s.notes.connected.all(), ElementsAre(note));
+    EXPECT_THAT(s.notes.disconnected.all(), ElementsAre(note));
     const std::string server = "TCP Server(127.0.0.1:" + std::to_string(s.port) + "): ";
     const std::string client = "client 127.0.0.1:" + std::to_string(from);
     const std::string expected = "TCP Server: bind 127.0.0.1 " + std::to_string(s.port) + "\r\n" + server +
@@ -73,7 +74,7 @@ TEST(TcpServer, ClientsBeyondTheLimitAreClosedSilently) {
             EXPECT_TRUE(Peer(s.port).ends());
         }
         EXPECT_EQ(s.server.numOfClients(), static_cast<int>(served));
-        EXPECT_EQ(s.notes.events().size(), served);
+        EXPECT_EQ(s.notes.connected.all().size(), served);
     }
 }
 
@@ -155,7 +156,7 @@ TEST(TcpServer, CloseClientEndsItForThePeerAtOnceAndIsAnnouncedOnce) {
     const auto [last, lastFd] = s.join();
     close(lastFd);
     s.server.disconnect();
-    EXPECT_EQ(s.notes.count(Event::Disconnected), 4U) << "even when the server ends at once";
+    EXPECT_EQ(s.notes.disconnected.all().size(), 4U) << "even when the server ends at once";
 }
 
 TEST(TcpServer, AClientThatDoesNotReadDelaysASendToAllAndLosesOnlyItsOwn) {
@@ -210,7 +211,7 @@ TEST(TcpServer, EndsAtOnceAsOftenAsWantedAndServesAgain) {
         EXPECT_TRUE(peer.ends());
         EXPECT_EQ(s.server.numOfClients(), 0);
     }
-    EXPECT_EQ(s.notes.count(Event::Disconnected), 0U) << "an end of our own making is not announced";
+    EXPECT_EQ(s.notes.disconnected.all().size(), 0U) << "an end of our own making is not announced";
 }
 
 TEST(TcpServer, IsGoneAtOnceInTheMiddleOfTraffic) {

@@ -29,13 +29,6 @@ using testing::HasSubstr;
 constexpr const char* kLocal = "127.0.0.1";
 constexpr auto kQuick = 1s; // for what must not wait
 
-template <class Action>
-Clock::duration timeOf(Action&& action) {
-    const auto begin = Clock::now();
-    action();
-    return Clock::now() - begin;
-}
-
 inline std::string errorLine(const char* function, int line, unsigned short port, const char* call, int code,
                              const std::string& address = kLocal) {
     return "SocketError<UdpSocket/tcpsocket.cpp," + std::string(function) + "," + std::to_string(line) +
@@ -114,14 +107,6 @@ inline unsigned short freePort() {
     return Listening().port();
 }
 
-struct Event {
-    enum Kind { Connected, Disconnected } kind;
-    int fd;
-    std::string addr;
-    unsigned short port;
-    bool operator==(const Event&) const = default;
-};
-
 /// Takes notes. The hooks run on the thread of the callback, after the note; they are set before it can come.
 class Notes : public net::iTcpDataListener {
 public:
@@ -129,43 +114,39 @@ public:
     std::function<void(int fd)> onConnected;
     std::function<void(int fd)> onDisconnected;
     std::function<void(int fd)> onData;
+    Log<std::string> connected; // "5 127.0.0.1:4000", the first number being the descriptor
+    Log<std::string> disconnected;
 
-    std::vector<Event> events() const { return m_events.all(); }
     std::string bytes() const {
         std::string all;
         for (const std::string& piece : m_pieces.all())
             all += piece;
         return all;
     }
-    size_t count(Event::Kind kind) const {
-        const auto all = events();
-        return static_cast<size_t>(std::ranges::count(all, kind, &Event::kind));
-    }
-    bool sees(Event::Kind kind, size_t times) const {
-        return comesTrue([&] { return count(kind) == times; }, 20s);
-    }
     bool hears(const std::string& expected) const {
         return comesTrue([&] { return bytes() == expected; }, 20s);
     }
 
 private:
+    static std::string note(int fd, const char* addr, unsigned short port) {
+        return std::to_string(fd) + " " + addr + ":" + std::to_string(port);
+    }
     void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
         m_pieces.add(std::string(data, static_cast<size_t>(len)));
         if (onData)
             onData(fd);
     }
     void OnTcpClientConnected(int fd, const char* addr, unsigned short port) override {
-        m_events.add({Event::Connected, fd, addr, port});
+        connected.add(note(fd, addr, port));
         if (onConnected)
             onConnected(fd);
     }
     void OnTcpClientDisconnected(int fd, const char* addr, unsigned short port) override {
-        m_events.add({Event::Disconnected, fd, addr, port});
+        disconnected.add(note(fd, addr, port));
         if (onDisconnected)
             onDisconnected(fd);
     }
 
-    Log<Event> m_events;
     Log<std::string> m_pieces;
 };
 

@@ -1,5 +1,5 @@
 /// @file
-/// Waiting for a condition instead of a time.
+/// Waiting for a condition instead of a time, and how long an action takes.
 #pragma once
 
 #include <chrono>
@@ -15,4 +15,11 @@ bool comesTrue(Condition condition, std::chrono::milliseconds deadline = std::ch
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+template <class Action>
+std::chrono::steady_clock::duration timeOf(Action&& action) {
+    const auto begin = std::chrono::steady_clock::now();
+    action();
+    return std::chrono::steady_clock::now() - begin;
 }
