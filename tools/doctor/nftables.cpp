@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cctype>
+
 namespace doctor {
 namespace {
 
@@ -172,9 +174,12 @@ bool passes(const std::string& hook, const Packet& packet) {
                            : hook == "ingress" || hook == "prerouting" || hook == "input";
 }
 
-bool madeByIptables(const std::string& family, const std::string& table) {
-    return family == "ip" && (table == "filter" || table == "raw" || table == "mangle" || table == "nat" ||
-                              table == "security");
+/// Its chains on a hook are in capitals: a table of that name may also hold others, which iptables does not
+/// list.
+bool madeByIptables(const std::string& family, const std::string& table, const std::string& chain) {
+    const bool isTable =
+        table == "filter" || table == "raw" || table == "mangle" || table == "nat" || table == "security";
+    return family == "ip" && isTable && chain.starts_with(static_cast<char>(std::toupper(chain[0])));
 }
 
 } // namespace
@@ -189,14 +194,16 @@ Chains parseNft(const std::string& text, const Packet& packet, bool skipIptables
         const json& content = item.begin().value();
         const std::string family = content.value("family", "");
         const std::string table = family + " " + content.value("table", "");
-        if ((family != "ip" && family != "inet" && family != "netdev") ||
-            (skipIptables && madeByIptables(family, content.value("table", ""))))
+        if (family != "ip" && family != "inet" && family != "netdev")
             continue;
         if (item.contains("set") || item.contains("map")) {
             sets[table][content.value("name", "")] = content.value("elem", json::array());
         } else if (item.contains("chain")) {
             const std::string name = table + " " + content.value("name", "");
-            const bool hooked = content.contains("hook") && passes(content["hook"], packet) &&
+            const bool listedElsewhere =
+                skipIptables && madeByIptables(family, content.value("table", ""), content.value("name", ""));
+            const bool hooked = content.contains("hook") && !listedElsewhere &&
+                                passes(content["hook"], packet) &&
                                 content.value("dev", packet.interface) == packet.interface;
             chains[name] = {hooked,
                             content.value("policy", "") == "drop",
