@@ -29,15 +29,17 @@ struct RadarEndpoint {
 /// The group endpoints of a radar's ten information devices, 61 bytes. Entries have no kind byte; one unused
 /// byte, always zero, stands between the second and the third.
 struct InfoDeviceEndpoints {
-    NetAddress first[2];
-    std::uint8_t unused;
-    NetAddress rest[8];
+    NetAddress first[2]; ///< the first two devices
+    std::uint8_t unused; ///< zero
+    NetAddress rest[8];  ///< the third to the tenth
 
+    /// The endpoint of one device, by index from 0.
     NetAddress& operator[](std::size_t index) { return index < 2 ? first[index] : rest[index - 2]; }
+    /// The endpoint of one device, by index from 0.
     const NetAddress& operator[](std::size_t index) const {
         return index < 2 ? first[index] : rest[index - 2];
     }
-    static std::size_t size() { return 10; }
+    static std::size_t size() { return 10; } ///< of devices
 };
 
 /// The complete endpoint set of one radar stream, 116 bytes.

@@ -83,6 +83,7 @@ public:
     /// @param localIp  local address, network order, whose interface the connection is bound to; 0, or an
     ///                 address that no interface carries, leaves the choice to the system
     TcpClient(iTcpDataListener* listener, const char* ip, unsigned short port, unsigned int localIp);
+    /// The same with address and port as a record has them.
     TcpClient(iTcpDataListener* listener, const NetAddress& server, unsigned int localIp);
     ~TcpClient();
     TcpClient(const TcpClient&) = delete;

@@ -93,6 +93,7 @@ public:
     /// @param localIp   address to send from, network order; 0 lets the system choose
     /// @param localPort port to send from, host order; 0 lets the system choose
     UdpSender(const char* address, unsigned short port, unsigned int localIp, unsigned short localPort);
+    /// The same with address and port as a record has them.
     UdpSender(const NetAddress& destination, unsigned int localIp, unsigned short localPort);
     ~UdpSender();
     UdpSender(const UdpSender&) = delete;
@@ -133,6 +134,7 @@ public:
     /// @param bufferSize size of the receive buffer in bytes: the longest datagram delivered whole
     UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const char* address, unsigned short port,
                 int bufferSize);
+    /// The same with address and port as a record has them.
     UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const NetAddress& address, int bufferSize);
     /// Ends the receive thread at once (a callback in progress is waited for) and closes the socket.
     ~UdpReceiver();
@@ -197,9 +199,13 @@ __attribute__((visibility("default"))) unsigned int transAddr(const char* ip);
 /// A network-order address to dotted text, in the C library's buffer: copy it before the next conversion.
 __attribute__((visibility("default"))) char* transAddr(unsigned int ip);
 
+/// A 16-bit value, a port say, from host to network order.
 __attribute__((visibility("default"))) unsigned short HtoNs(unsigned short hostOrder);
+/// A 16-bit value from network to host order.
 __attribute__((visibility("default"))) unsigned short NtoHs(unsigned short networkOrder);
+/// A 32-bit value from host to network order.
 __attribute__((visibility("default"))) unsigned int HtoNl(unsigned int hostOrder);
+/// A 32-bit value from network to host order.
 __attribute__((visibility("default"))) unsigned int NtoHl(unsigned int networkOrder);
 
 /// A prefix length as a dotted netmask: 24 gives "255.255.255.0". Lengths outside 0 to 32 wrap modulo 32.
