@@ -146,8 +146,8 @@ TEST_P(Doctor, NamesTheCauseAndNoOther) {
 }
 
 // clang-format off
-constexpr const char* kDropRule = "nft add table inet t; nft add chain inet t in '{ type filter hook input priority 0; policy accept; }';"
-                                  "nft add rule inet t in iifname eth0 udp dport '{ 1000, 6800-6900 }' drop";
+constexpr const char* kDropRule = "nft add table ip filter; nft add chain ip filter input '{ type filter hook input priority 0; policy accept; }';"
+                                  "nft add rule ip filter input iifname eth0 udp dport '{ 1000, 6800-6900 }' drop";
 const Case kCases[] = {
     {"CutCable", "ip -n lan link set display-eth0 down", {{"no-carrier", "eth0 has no carrier; plug in"}}},
     {"InterfaceOff", "ip link set eth0 down", {{"interface-down", "ip link set eth0 up"}}},
@@ -161,7 +161,7 @@ const Case kCases[] = {
      {{"rp-filter", "rp_filter 1 on eth0"}}, "", {{"host1", "North", 20}}, "display", "3", false},
     {"TwoPaths", "ip addr flush dev eth1; ip addr add 10.20.2.2/16 dev eth1; ip -n lan link set display-eth1 master lan0",
      {{"two-paths", "heard through eth0, eth1"}}},
-    {"NftablesRule", kDropRule, {{"firewall", "nft rule inet t in handle 3 drops queries and announcements (236.6.7.5:6878)"}}},
+    {"NftablesRule", kDropRule, {{"firewall", "nft rule ip filter input handle 3 drops queries and announcements (236.6.7.5:6878)"}}},
     {"NftablesByEffect", kDropRule, {{"firewall", "as root"}, {"firewall-unread", "needs root"}}, "", {}, "display", "3", false},
     {"NftablesPolicy", "nft add table ip t; nft add chain ip t in '{ type filter hook input priority 0; policy drop; }';"
      "nft add chain ip t lan; nft add rule ip t lan udp dport 22 accept; nft add rule ip t in ct state vmap '{ established : accept, new : jump lan }'",

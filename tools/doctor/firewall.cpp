@@ -91,34 +91,57 @@ std::vector<Packet> packetsOf(const Observation& seen, const Interface& interfac
     return packets;
 }
 
+/// A rule that is certain counts before one that may have been passed by.
 std::optional<Loss> lossOf(const Ruleset& rules, const Packet& packet) {
     std::optional<Loss> found;
     if (!rules.iptables.empty())
         found = loss(parseIptables(rules.iptables, packet));
-    if (!found && !rules.nft.empty())
-        found = loss(parseNft(rules.nft, packet, !rules.iptables.empty()));
+    if ((!found || !found->certain) && !rules.nft.empty())
+        if (const auto other = loss(parseNft(rules.nft, packet)); other && (!found || other->certain))
+            found = other;
     return found;
 }
 
-/// Judges by the rules. @return whether one of them was named
-bool judgeRules(const Observation& seen, const Interface& interface, bool lost, Report& report) {
-    std::map<std::string, std::pair<Loss, std::string>> losses; // by rule, with what it costs
-    std::set<std::pair<std::string, std::string>> named;
+/// "a, b": each text once, in the order in which they came.
+void append(std::string& list, const std::string& text) {
+    if ((", " + list + ", ").find(", " + text + ", ") == std::string::npos)
+        list += (list.empty() ? "" : ", ") + text;
+}
+
+/// What a rule costs.
+struct Cost {
+    Loss loss;
+    std::string uses;
+    std::string interfaces;
+    bool seenByEffect;
+};
+using Costs = std::map<std::string, Cost>; // by rule
+
+/// @param lost own queries show that something is dropped there
+/// @return whether a rule was found
+bool judgeRules(const Observation& seen, const Interface& interface, bool lost, Costs& costs) {
+    bool found = false;
+    std::set<std::pair<std::string, std::string>> named; // rules, and groups that they drop
     for (const Packet& packet : packetsOf(seen, interface)) {
-        const std::optional<Loss> found = lossOf(seen.rules, packet);
+        const std::optional<Loss> loss = lossOf(seen.rules, packet);
         const std::string group = text(net::HtoNl(packet.destination)) + ":" + std::to_string(packet.port);
-        if (!found || (!found->certain && !lost) || !named.insert({found->rule, group}).second)
+        if (!loss || (!loss->certain && !lost) || !named.insert({loss->rule, group}).second)
             continue;
-        auto& [loss, uses] = losses.try_emplace(found->rule, *found, "").first->second;
-        uses += (uses.empty() ? "" : ", ") + packet.use + (packet.igmp ? "" : " (" + group + ")");
+        Cost& cost = costs.try_emplace(loss->rule, Cost{*loss, "", "", lost}).first->second;
+        append(cost.uses, packet.use + (packet.igmp ? "" : " (" + group + ")"));
+        append(cost.interfaces, interface.name);
+        found = true;
     }
-    for (const auto& [rule, cost] : losses)
+    return found;
+}
+
+void reportCosts(const Costs& costs, Report& report) {
+    for (const auto& [rule, cost] : costs)
         report.find(Id::Firewall, Severity::Fault,
-                    printable(rule) + (cost.first.certain ? " drops " : " probably drops ") + cost.second +
-                        " on " + interface.name,
-                    cost.first.remedy,
-                    lost ? "own queries did not come back, either" : "read from the rules");
-    return !losses.empty();
+                    printable(rule) + (cost.loss.certain ? " drops " : " probably drops ") + cost.uses +
+                        " on " + cost.interfaces,
+                    cost.loss.remedy,
+                    cost.seenByEffect ? "own queries did not come back, either" : "read from the rules");
 }
 
 } // namespace
@@ -163,32 +186,36 @@ Report judgeFirewall(const Observation& seen) {
     Report report;
     const bool readable = seen.rules.error.empty();
     std::string effect;
+    std::string unexplained; // interfaces on which something is dropped, by no rule that was found
+    Costs costs;
     for (const auto& [index, ear] : seen.listening.ears) {
         const Interface* interface = seen.interface(index);
         if (interface == nullptr || !interface->usable())
             continue;
-        const bool refused = ear.sendError == EPERM;
-        const bool lost = refused || (ear.sent > 0 && ear.looped == 0 && ear.joinErrors[0] == 0);
-        const std::string count = std::to_string(ear.looped) + " of " + std::to_string(ear.sent) +
-                                  " own queries came back through " + interface->name;
-        effect += (effect.empty() ? "" : ", ") + count;
-        bool named = false;
+        // Rules against forged sources may drop own queries alone: where radars are heard, that is no fault.
+        const bool lost = ear.sendError == EPERM || (ear.sent > 0 && ear.looped == 0 &&
+                                                     ear.joinErrors[0] == 0 && !seen.radarHeardOn(index));
+        append(effect, std::to_string(ear.looped) + " of " + std::to_string(ear.sent) +
+                           " own queries came back through " + interface->name +
+                           (ear.sendError == EPERM ? " (not permitted)" : ""));
         try {
-            named = judgeRules(seen, *interface, lost, report);
+            if (!judgeRules(seen, *interface, lost, costs) && lost)
+                append(unexplained, interface->name);
         } catch (const nlohmann::json::exception& error) {
             report.find(Id::FirewallUnread, Severity::Unchecked,
                         "could not check: needs an nft whose JSON output can be read", "nft list ruleset",
                         printable(error.what()));
         }
-        if (lost && !named)
-            report.find(Id::Firewall, Severity::Fault,
-                        "the packet filter of this machine drops " +
-                            std::string(refused ? "queries" : "what comes for the discovery group") + " on " +
-                            interface->name,
-                        readable ? "look for the rule: nft list ruleset"
-                                 : "run radarctl doctor as root: it names the rule",
-                        refused ? std::generic_category().message(EPERM) : count);
     }
+    reportCosts(costs, report);
+    if (!unexplained.empty())
+        report.find(Id::Firewall, Severity::Fault,
+                    "the packet filter of this machine drops queries, or what comes for the discovery group, "
+                    "on " +
+                        unexplained,
+                    readable ? "look for the rule: nft list ruleset"
+                             : "run radarctl doctor as root: it names the rule",
+                    effect);
     report.check("packet filter", (readable ? "rules read; " : "rules not readable; ") + effect);
     if (!readable)
         report.find(Id::FirewallUnread, Severity::Unchecked, "could not check: " + seen.rules.error,

@@ -50,7 +50,7 @@ struct Chain {
 using Chains = std::map<std::string, Chain>;
 
 /// @throws nlohmann::json::exception for text that nft does not print
-Chains parseNft(const std::string& json, const Packet& packet, bool skipIptables);
+Chains parseNft(const std::string& json, const Packet& packet);
 Chains parseIptables(const std::string& saved, const Packet& packet);
 
 struct Loss {

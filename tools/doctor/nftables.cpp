@@ -4,8 +4,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cctype>
-
 namespace doctor {
 namespace {
 
@@ -174,17 +172,9 @@ bool passes(const std::string& hook, const Packet& packet) {
                            : hook == "ingress" || hook == "prerouting" || hook == "input";
 }
 
-/// Its chains on a hook are in capitals: a table of that name may also hold others, which iptables does not
-/// list.
-bool madeByIptables(const std::string& family, const std::string& table, const std::string& chain) {
-    const bool isTable =
-        table == "filter" || table == "raw" || table == "mangle" || table == "nat" || table == "security";
-    return family == "ip" && isTable && chain.starts_with(static_cast<char>(std::toupper(chain[0])));
-}
-
 } // namespace
 
-Chains parseNft(const std::string& text, const Packet& packet, bool skipIptables) {
+Chains parseNft(const std::string& text, const Packet& packet) {
     Chains chains;
     std::map<std::string, std::map<std::string, json>> sets; // by table and name
     const json ruleset = json::parse(text);
@@ -200,10 +190,7 @@ Chains parseNft(const std::string& text, const Packet& packet, bool skipIptables
             sets[table][content.value("name", "")] = content.value("elem", json::array());
         } else if (item.contains("chain")) {
             const std::string name = table + " " + content.value("name", "");
-            const bool listedElsewhere =
-                skipIptables && madeByIptables(family, content.value("table", ""), content.value("name", ""));
-            const bool hooked = content.contains("hook") && !listedElsewhere &&
-                                passes(content["hook"], packet) &&
+            const bool hooked = content.contains("hook") && passes(content["hook"], packet) &&
                                 content.value("dev", packet.interface) == packet.interface;
             chains[name] = {hooked,
                             content.value("policy", "") == "drop",
