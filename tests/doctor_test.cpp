@@ -14,6 +14,7 @@
 #include <csignal>
 #include <list>
 #include <ostream>
+#include <regex>
 
 namespace {
 
@@ -143,6 +144,15 @@ TEST_P(Doctor, NamesTheCauseAndNoOther) {
     for (const auto& [id, part] : row.expected)
         EXPECT_THAT(found[id], HasSubstr(part)) << document.dump(2);
     EXPECT_EQ(status, complains ? 1 : 0);
+
+    if (document["findings"].size() != 1)
+        return;
+    const std::string remedy = document["findings"][0].at("remedy");
+    const std::string command = remedy.substr(0, remedy.find(", "));
+    if (std::regex_search(command, std::regex("^(nft|iptables|sysctl|ip link) "))) {
+        shell(command);
+        EXPECT_EQ(start(row.node, {"--seconds", row.seconds}).wait(30s), 0) << command << " cures nothing";
+    }
 }
 
 // clang-format off
@@ -172,6 +182,8 @@ const Case kCases[] = {
      {{"firewall", "drops queries (236.6.7.5:6878) on eth0"}}},
     {"IptablesRule", "iptables -N radar; iptables -A INPUT -p udp -m comment --comment 'no radar' -j radar; iptables -A radar -p udp -d 236.6.0.0/16 -m multiport --dports 6000:7000 -j DROP",
      {{"firewall", "-A radar -d 236.6.0.0/16 -p udp"}}},
+    {"Redirected", "nft add table ip t; nft add chain ip t pre '{ type filter hook prerouting priority 0; }'; nft add rule ip t pre ip saddr 10.20.1.0/24 udp dport 6878 udp dport set 7777",
+     {{"no-radar", "announcements reach this machine, and no program on it"}}},
     {"ForeignGroups", "iptables -A INPUT -d 239.0.0.0/8 -j DROP; nft add table ip t; nft add chain ip t in '{ type filter hook input priority 0; }'; nft add rule ip t in ip daddr != 236.6.0.0/16 ip saddr != 10.0.0.0/8 drop", {}},
     {"PortTaken", "socat -u UDP4-RECV:6878 /dev/null & until grep -q :1ADE /proc/net/udp; do :; done", {{"port-taken", "socat (process"}}},
     {"NoMemberships", "echo 0 > /proc/sys/net/ipv4/igmp_max_memberships", {{"membership-limit", "refuses to join"}}},

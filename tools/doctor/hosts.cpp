@@ -179,9 +179,11 @@ Report judgeSilence(const Observation& seen) {
         for (const unsigned int source : undelivered(seen, interface.index))
             dropped += (dropped.empty() ? "" : ", ") + text(source) + " at " + interface.name;
     if (!dropped.empty())
-        report.find(Id::NoRadar, Severity::Fault, "announcements reach this machine, and no program on it",
-                    "look for XDP and tc filters, and for checksum errors in /proc/net/snmp",
-                    "on the wire: " + dropped);
+        report.find(
+            Id::NoRadar, Severity::Fault, "announcements reach this machine, and no program on it",
+            "look for rules that redirect them (nft list ruleset), socket filters (systemd's IPAddressDeny, "
+            "say) and checksum errors (/proc/net/snmp)",
+            "on the wire: " + dropped);
     else if (!seen.hostHere())
         report.find(Id::NoRadar, Severity::Fault, "nobody answers, and nothing on this machine explains it",
                     "look whether a radar host runs, and whether its switch passes multicast", measured);
