@@ -197,7 +197,7 @@ const Case kCases[] = {
     {"ProfileInterface", "", {{"profile-interface", "NetName = eth7"}}, "[Local]\nNetName = eth7\n"},
     {"WrongInterface", "", {{"wrong-interface", "set [Local] IP to 10.20.2.1"}}, "[Local]\nIP = 192.168.1.1\n"},
     {"FixedRadar", "", {{"fixed-radar", "10.20.1.2, which does not answer TCP port 6878"}}, "[Radar]\nIP = 10.20.1.2\n"},
-    {"SameId", "", {{"same-id", "\"North\" (10.20.1.1) and \"South\" (10.20.1.2) both hold host id 20"}}, "", {{"host1", "North", 20}, {"host2", "South", 20}}},
+    {"SameId", "", {{"same-id", "\"North\" (10.20.1.1) and \"South\" (10.20.1.2) hold one host id"}}, "", {{"host1", "North", 20}, {"host2", "South", 20}}},
     {"SameName", "", {{"same-name", "\"North\" (10.20.1.1) and \"North\" (10.20.1.2)"}}, "", {{"host1", "North", 20}, {"host2", "North", 21}}},
     {"LateAnswers", "", {{"late-answers", "\"Slow\" (10.20.1.2) answers so late"}}, "", {{"host1", "North", 20}}, "display", "8", true, wire::kDiscovery, announcementFor, 2500ms},
     {"LostAnswers", "ip netns exec lan nft 'add table bridge t; add chain bridge t f { type filter hook forward priority 0; }; add rule bridge t f iifname host1-eth0 oifname display-eth0 numgen inc mod 3 != 0 drop'",

@@ -101,24 +101,44 @@ std::vector<HostKey> distinctHosts(const Listening& listening) {
     return hosts;
 }
 
+/// "a, b and c", and how many more there are behind the first few.
+std::string together(const std::vector<HostKey>& hosts) {
+    constexpr std::size_t kNamed = 4;
+    std::string list;
+    for (std::size_t i = 0; i < std::min(hosts.size(), kNamed); ++i)
+        list += (i == 0 ? "" : i + 1 == hosts.size() ? " and " : ", ") + called(hosts[i]);
+    return hosts.size() <= kNamed ? list : list + " and " + std::to_string(hosts.size() - kNamed) + " more";
+}
+
 void judgeDoubles(const Listening& listening, Report& report) {
-    const std::vector<HostKey> hosts = distinctHosts(listening);
-    for (auto a = hosts.begin(); a != hosts.end(); ++a)
-        for (auto b = a + 1; b != hosts.end(); ++b) {
-            const std::string pair = called(*a) + " and " + called(*b);
-            if (a->id == b->id && a->id != 0)
-                report.find(Id::SameId, Severity::Fault,
-                            pair + " both hold host id " + std::to_string(a->id) +
-                                ", so their streams share groups and ports",
-                            "radarctl renumber \"" + printable(a->name) +
-                                "\": everyone who holds that id draws a new one",
-                            "both announce the endpoints of host id " + std::to_string(a->id));
-            else if (a->name == b->name && a->source != b->source)
-                report.find(Id::SameName, Severity::Fault,
-                            pair + " have one name, so displays show one of them, in turn",
-                            "give one of them another name",
-                            "host ids " + std::to_string(a->id) + " and " + std::to_string(b->id));
+    std::map<int, std::vector<HostKey>> byId;
+    std::map<std::string, std::vector<HostKey>> byName;
+    for (const HostKey& host : distinctHosts(listening)) {
+        if (host.id != 0)
+            byId[host.id].push_back(host);
+        byName[host.name].push_back(host);
+    }
+    for (const auto& [id, hosts] : byId)
+        if (hosts.size() > 1)
+            report.find(Id::SameId, Severity::Fault,
+                        together(hosts) + " hold one host id, so their streams share groups and ports",
+                        "radarctl renumber \"" + printable(hosts.front().name) +
+                            "\": everyone who holds that id draws a new one",
+                        "all announce the endpoints of host id " + std::to_string(id));
+    for (const auto& [name, hosts] : byName) {
+        std::set<int> ids;
+        std::set<unsigned int> sources;
+        for (const HostKey& host : hosts) {
+            ids.insert(host.id);
+            sources.insert(host.source);
         }
+        if (ids.size() > 1 && sources.size() > 1) // with one id between them, that is what was said above
+            report.find(Id::SameName, Severity::Fault,
+                        together(hosts) + " have one name, so displays show one of them, in turn",
+                        "give each a name of its own",
+                        std::to_string(sources.size()) + " addresses, " + std::to_string(ids.size()) +
+                            " host ids");
+    }
 }
 
 void judgeNegotiation(const Listening& listening, Report& report) {

@@ -23,6 +23,9 @@ constexpr std::string_view kAnnouncement = "\x01\xB2";
 constexpr std::string_view kProbe = "\x01\xA1";
 constexpr std::string_view kObjection = "\x03\xA1";
 constexpr std::string_view kBeacon = "aabbccdd";
+constexpr std::size_t kMostHosts = 1000; // that are kept, and addresses: anybody may send anything
+constexpr std::size_t kMostQueries = 100000;
+constexpr int kMostAtOnce = 1000; // datagrams, before the clock and the signals are looked at again
 constexpr int kWantedBuffer = 256 * 1024;
 
 /// Positions in an announcement.
@@ -88,12 +91,13 @@ public:
     void drain(Seconds start) {
         Datagram datagram;
         for (std::size_t i = 0; i < kGroups.size(); ++i)
-            while (m_sockets[i].isOpen() && receive(m_sockets[i], datagram)) {
+            for (int n = 0; n < kMostAtOnce && m_sockets[i].isOpen() && receive(m_sockets[i], datagram);
+                 ++n) {
                 sockaddr_in from;
                 std::memcpy(&from, &datagram.from, sizeof from);
                 take(datagram.bytes, from, datagram.received - start);
             }
-        while (m_wire.isOpen() && receive(m_wire, datagram))
+        for (int n = 0; n < kMostAtOnce && m_wire.isOpen() && receive(m_wire, datagram); ++n)
             look(datagram.bytes);
     }
 
@@ -126,18 +130,22 @@ private:
         if (bytes == kQuery) {
             if (source == m_own.sin_addr.s_addr && from.sin_port == m_own.sin_port)
                 ++m_ear.looped;
-            else
+            else if (m_listening.foreignQueries.size() < kMostQueries)
                 m_listening.foreignQueries.push_back({m_interface.index, source, time});
         } else if (bytes == kBeacon) {
             ++m_listening.beacons;
         } else if (bytes.size() == 4 && bytes.starts_with(kProbe)) {
-            m_listening.claims[source].insert(static_cast<unsigned char>(bytes[2]));
+            if (m_listening.claims.size() < kMostHosts || m_listening.claims.contains(source))
+                m_listening.claims[source].insert(static_cast<unsigned char>(bytes[2]));
         } else if (bytes.size() == 4 && bytes.starts_with(kObjection)) {
             ++m_listening.objections[static_cast<std::uint8_t>(bytes[2])];
         } else if (isAnnouncement(bytes)) {
             const std::string_view field = bytes.substr(kName, kNameWidth);
-            Hearing& hearing = m_listening.hosts[{
-                m_interface.index, source, std::string(field.substr(0, field.find('\0'))), idOf(bytes)}];
+            const HostKey host{m_interface.index, source, std::string(field.substr(0, field.find('\0'))),
+                               idOf(bytes)};
+            if (m_listening.hosts.size() >= kMostHosts && !m_listening.hosts.contains(host))
+                return;
+            Hearing& hearing = m_listening.hosts[host];
             hearing.times.push_back(time);
             hearing.imageGroup = numberAt<unsigned int>(bytes, kImage);
             hearing.imagePort = ntohs(numberAt<unsigned short>(bytes, kImage + 4));
@@ -154,7 +162,8 @@ private:
         const std::string_view rest = packet.substr(std::min(header, packet.size()));
         if (packet[9] == IPPROTO_IGMP && !rest.empty() && rest[0] == 0x11)
             ++m_ear.igmpQueries;
-        if (packet[9] == IPPROTO_UDP && rest.size() > kUdpHeader && isAnnouncement(rest.substr(kUdpHeader)))
+        if (packet[9] == IPPROTO_UDP && rest.size() > kUdpHeader && isAnnouncement(rest.substr(kUdpHeader)) &&
+            m_listening.onWire[m_interface.index].size() < kMostHosts)
             m_listening.onWire[m_interface.index].insert(numberAt<unsigned int>(packet, kSource));
     }
 
