@@ -161,14 +161,17 @@ void judgeSubnet(const Observation& seen, const Interface& interface, Report& re
         if (host.interface == interface.index)
             sources.insert(host.source);
     std::erase_if(sources, [&](unsigned int source) { return interface.contains(source); });
-    for (const unsigned int source : sources)
-        report.find(Id::WrongSubnet, Severity::Warning,
-                    "the radar at " + text(source) + " is outside the network of " + interface.name,
-                    "give " + interface.name +
-                        " an address and netmask of the radars' network, or the radar "
-                        "one of this network",
-                    "announcements from " + text(source) + ", " + interface.name + " has " +
-                        addressesOf(interface));
+    if (sources.empty())
+        return;
+    const std::string first = text(*sources.begin());
+    report.find(Id::WrongSubnet, Severity::Warning,
+                (sources.size() == 1
+                     ? "the radar at " + first + " is"
+                     : std::to_string(sources.size()) + " radars, at " + first + " and others, are") +
+                    " outside the network of " + interface.name,
+                "give " + interface.name +
+                    " an address and netmask of the radars' network, or the radar one of this network",
+                "announcements from " + first + ", " + interface.name + " has " + addressesOf(interface));
 }
 
 void judgeReversePath(const Observation& seen, const Interface& interface, Report& report) {
