@@ -2,6 +2,7 @@
 
 #include <UdpSocket/detail/descriptor.h>
 #include <UdpSocket/detail/interfaces.h>
+#include <UdpSocket/detail/mutex.h>
 #include <UdpSocket/detail/profile.h>
 #include <UdpSocket/detail/shell_text.h>
 #include <UdpSocket/detail/socket_error.h>
@@ -20,6 +21,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <thread>
 
 namespace net {
@@ -209,9 +211,9 @@ public:
     UdpSenderPrivate(const char* address, unsigned short port, unsigned int localIp,
                      unsigned short localPort);
 
-    int sendData(const char* data, int length) const;
-    int sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) const;
-    void setMulticastLoop(bool on) const;
+    int sendData(const char* data, int length);
+    int sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas);
+    void setMulticastLoop(bool on);
     const std::string& address() const { return m_address; }
     unsigned short port() const { return m_port; }
 
@@ -219,42 +221,66 @@ private:
     void report(const char* call, SourceSite site = SourceSite::here()) const {
         detail::reportSocketError(site, m_address.c_str(), m_port, call);
     }
+    /// Reports of the set-up name the constructor, which readers of logs know.
+    void reportSetUp(const char* call, int line = __builtin_LINE()) const {
+        report(call, {"UdpSocket/udpsocket.cpp", "UdpSenderPrivate", line});
+    }
 
+    void setUp() REQUIRES(m_setUpMutex);
+    bool hasSocket();
     bool setInterface() const;
-    bool takesUpInterface() const;
+    bool takesUpInterface();
 
     const std::string m_address;
-    const unsigned short m_port;      // host order
-    const unsigned short m_localPort; // host order
-    Descriptor m_socket;
-    sockaddr_in m_destination{};
-    sockaddr_in m_local{};
-    mutable std::atomic<bool> m_interfaceSet = true;
+    const unsigned short m_port; // host order
+    const sockaddr_in m_destination;
+    const sockaddr_in m_local;
+
+    detail::Mutex m_setUpMutex;                                // one thread makes m_socket
+    std::optional<bool> m_wantedLoop GUARDED_BY(m_setUpMutex); // else the profile decides
+    Descriptor m_socket;                                       // made once, used from m_ready on
+    std::atomic<bool> m_ready = false;
+    std::atomic<bool> m_interfaceSet = true;
 };
 
 UdpSenderPrivate::UdpSenderPrivate(const char* address, unsigned short port, unsigned int localIp,
                                    unsigned short localPort)
-    : m_address(address), m_port(port), m_localPort(localPort),
-      m_socket(detail::openSocket(SOCK_DGRAM, IPPROTO_UDP)) {
-    if (!m_socket.isOpen()) {
-        report("socket");
-        return;
-    }
+    : m_address(address), m_port(port), m_destination(endpoint(::inet_addr(address), port)),
+      m_local(endpoint(localIp, localPort)) {
+    if (!hasSocket())
+        reportSetUp("socket");
+}
+
+void UdpSenderPrivate::setUp() {
     if (!setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1))
-        report("setsockopt::SO_REUSEADDR");
-    m_destination = endpoint(::inet_addr(m_address.c_str()), port);
+        reportSetUp("setsockopt::SO_REUSEADDR");
     const Kind kind = kindOf(m_address);
     if (kind == Kind::Broadcast && !setOption(m_socket, SOL_SOCKET, SO_BROADCAST, 1))
-        report("setsockopt::SO_BROADCAST");
-    m_local = endpoint(localIp, m_localPort);
+        reportSetUp("setsockopt::SO_BROADCAST");
     m_interfaceSet = kind != Kind::Multicast || setInterface();
     if (!m_interfaceSet)
-        report("setsockopt::IP_MULTICAST_IF");
-    const int loop = detail::profileFlag("Local", "MulticastLoop", "false") ? 1 : 0;
-    if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, loop))
-        report("setsockopt::IP_MULTICAST_LOOP");
+        reportSetUp("setsockopt::IP_MULTICAST_IF");
+    const bool loop = m_wantedLoop ? *m_wantedLoop : detail::profileFlag("Local", "MulticastLoop", "false");
+    if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, loop ? 1 : 0))
+        reportSetUp("setsockopt::IP_MULTICAST_LOOP");
     if (!bindTo(m_socket, m_local))
-        report("bind");
+        reportSetUp("bind");
+}
+
+/// A sender that was made while the system had no descriptor left would be dead for good: it asks again,
+/// quietly, whenever it is used.
+bool UdpSenderPrivate::hasSocket() {
+    if (m_ready)
+        return true;
+    detail::Lock lock(m_setUpMutex);
+    if (m_ready)
+        return true;
+    m_socket = detail::openSocket(SOCK_DGRAM, IPPROTO_UDP);
+    if (!m_socket.isOpen())
+        return false;
+    setUp();
+    m_ready = true;
+    return true;
 }
 
 bool UdpSenderPrivate::setInterface() const {
@@ -264,7 +290,7 @@ bool UdpSenderPrivate::setInterface() const {
 
 /// A sender to a group goes through the interface that carried its address when it was made. Where there was
 /// none yet, or another has taken its place, it would fail for good.
-bool UdpSenderPrivate::takesUpInterface() const {
+bool UdpSenderPrivate::takesUpInterface() {
     const int code = errno;
     if (kindOf(m_address) != Kind::Multicast || !setInterface()) {
         errno = code;
@@ -275,8 +301,8 @@ bool UdpSenderPrivate::takesUpInterface() const {
     return true;
 }
 
-int UdpSenderPrivate::sendData(const char* data, int length) const {
-    if (!m_socket.isOpen())
+int UdpSenderPrivate::sendData(const char* data, int length) {
+    if (!hasSocket())
         return -1;
     if (!m_interfaceSet)
         takesUpInterface();
@@ -288,8 +314,8 @@ int UdpSenderPrivate::sendData(const char* data, int length) const {
     return sent;
 }
 
-int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) const {
-    if (!m_socket.isOpen())
+int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& datas) {
+    if (!hasSocket())
         return -1;
     std::vector<iovec> buffers(datas.size());
     std::vector<mmsghdr> messages(datas.size());
@@ -314,8 +340,12 @@ int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*,
     return sent;
 }
 
-void UdpSenderPrivate::setMulticastLoop(bool on) const {
-    if (!setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, on ? 1 : 0))
+void UdpSenderPrivate::setMulticastLoop(bool on) {
+    {
+        detail::Lock lock(m_setUpMutex);
+        m_wantedLoop = on;
+    }
+    if (!hasSocket() || !setOption(m_socket, IPPROTO_IP, IP_MULTICAST_LOOP, on ? 1 : 0))
         report("setsockopt::IP_MULTICAST_LOOP");
 }
 

@@ -99,7 +99,8 @@ public:
     UdpSender(const UdpSender&) = delete;
     UdpSender& operator=(const UdpSender&) = delete;
 
-    /// Sends one datagram. @return what sendto returned, or -1 when there is no socket
+    /// Sends one datagram. @return what sendto returned, or -1 when there is no socket: where the system had
+    /// none left, it is asked again by every call
     int sendData(const char* data, int length) const;
 
     /// Sends several datagrams, in order, in one system call.

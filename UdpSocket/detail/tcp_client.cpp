@@ -109,10 +109,14 @@ bool TcpClientPrivate::connectSocket(const detail::Descriptor& socket) const {
         if (errno != EINPROGRESS)
             return false;
         pollfd writable{socket.get(), POLLOUT, 0};
+        int ready;
         do {
             if (m_ending.stopped())
                 return false;
-        } while (::poll(&writable, 1, -1) == -1 && errno == EINTR);
+            ready = ::poll(&writable, 1, -1);
+        } while (ready == -1 && errno == EINTR);
+        if (ready == -1)
+            return false;
         int error = 0;
         socklen_t length = sizeof error;
         if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0 ||

@@ -155,7 +155,10 @@ void TcpServerPrivate::welcome(detail::Descriptor socket, const sockaddr_in& fro
         m_listener->OnTcpClientConnected(fd, client->peer.address.c_str(), client->peer.port);
     try {
         startReceiver(client);
-    } catch (const std::exception&) { // no memory, no thread
+    } catch (const std::exception& error) { // no thread, no memory
+        const auto* const refused = dynamic_cast<const std::system_error*>(&error);
+        errno = refused != nullptr ? refused->code().value() : ENOMEM;
+        report(tcp_site::kServerAccept, "thread");
         dismiss(client);
     }
 }

@@ -25,8 +25,10 @@ constexpr size_t kLongestText = 128;
 } // namespace
 
 UdpCheckerPrivate::UdpCheckerPrivate(const char* groupIp, unsigned short port, const char* expected)
-    : m_group(groupIp), m_port(port), m_expected(expected),
-      m_thread(detail::startThread([this] { check(); })) {}
+    : m_group(groupIp), m_port(port), m_expected(expected) {
+    if (!detail::launchThread(m_thread, [this] { check(); }))
+        report("thread", __LINE__);
+}
 
 UdpCheckerPrivate::~UdpCheckerPrivate() {
     m_pause.stop();
@@ -35,7 +37,8 @@ UdpCheckerPrivate::~UdpCheckerPrivate() {
         for (const Probe& probe : m_probes)
             probe.socket.wakeReader();
     }
-    m_thread.join();
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 void UdpCheckerPrivate::addListener(iUdpCheckerListener* listener) {

@@ -1,0 +1,170 @@
+#include "faults.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+
+namespace {
+
+struct Plan {
+    std::string call;
+    int code = 0;
+    int first = 0;
+    int count = 0;
+    int calls = 0;
+    bool hit = false;
+};
+
+std::mutex s_mutex; // guards s_plan
+Plan s_plan;
+
+bool fails(const std::string& call) {
+    std::lock_guard lock(s_mutex);
+    if (call != s_plan.call || ++s_plan.calls < s_plan.first || s_plan.calls >= s_plan.first + s_plan.count)
+        return false;
+    s_plan.hit = true;
+    errno = s_plan.code;
+    return true;
+}
+
+int failure() {
+    return errno == 0 ? 0 : -1;
+}
+
+std::string optionName(int level, int option) {
+    if (level == SOL_SOCKET)
+        switch (option) {
+        case SO_REUSEADDR:
+            return "SO_REUSEADDR";
+        case SO_BROADCAST:
+            return "SO_BROADCAST";
+        case SO_RCVBUF:
+            return "SO_RCVBUF";
+        case SO_RCVTIMEO:
+            return "SO_RCVTIMEO";
+        case SO_SNDTIMEO:
+            return "SO_SNDTIMEO";
+        case SO_BINDTODEVICE:
+            return "SO_BINDTODEVICE";
+        default:
+            break;
+        }
+    if (level == IPPROTO_IP)
+        switch (option) {
+        case IP_ADD_MEMBERSHIP:
+            return "IP_ADD_MEMBERSHIP";
+        case IP_MULTICAST_IF:
+            return "IP_MULTICAST_IF";
+        case IP_MULTICAST_LOOP:
+            return "IP_MULTICAST_LOOP";
+        case IP_MULTICAST_ALL:
+            return "IP_MULTICAST_ALL";
+        default:
+            break;
+        }
+    return "another option";
+}
+
+long entries(const char* directory) {
+    return std::distance(std::filesystem::directory_iterator(directory), {});
+}
+
+} // namespace
+
+#define WRAP(result, name, parameters, arguments)                                                            \
+    extern "C" result __real_##name parameters;                                                              \
+    extern "C" result __wrap_##name parameters {                                                             \
+        return fails(#name) ? failure() : __real_##name arguments;                                           \
+    }
+
+WRAP(int, socket, (int family, int type, int protocol), (family, type, protocol))
+WRAP(int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+WRAP(int, listen, (int fd, int waiting), (fd, waiting))
+WRAP(int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags), (fd, address, length, flags))
+WRAP(int, connect, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+WRAP(ssize_t, send, (int fd, const void* data, size_t length, int flags), (fd, data, length, flags))
+WRAP(ssize_t, sendto,
+     (int fd, const void* data, size_t length, int flags, const sockaddr* address, socklen_t size),
+     (fd, data, length, flags, address, size))
+WRAP(ssize_t, sendmsg, (int fd, const msghdr* message, int flags), (fd, message, flags))
+WRAP(int, sendmmsg, (int fd, mmsghdr* messages, unsigned int count, int flags), (fd, messages, count, flags))
+WRAP(ssize_t, recv, (int fd, void* data, size_t length, int flags), (fd, data, length, flags))
+WRAP(ssize_t, recvfrom, (int fd, void* data, size_t length, int flags, sockaddr* address, socklen_t* size),
+     (fd, data, length, flags, address, size))
+WRAP(int, poll, (pollfd * polled, nfds_t count, int timeout), (polled, count, timeout))
+WRAP(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* length),
+     (fd, level, option, value, length))
+WRAP(int, getifaddrs, (ifaddrs * *list), (list))
+WRAP(int, ioctl, (int fd, unsigned long request, void* value), (fd, request, value))
+WRAP(int, fcntl, (int fd, int command, long value), (fd, command, value))
+WRAP(int, system, (const char* command), (command))
+
+extern "C" int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t length);
+extern "C" int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
+    return fails(optionName(level, option)) ? failure() : __real_setsockopt(fd, level, option, value, length);
+}
+
+// Called by the standard library, where the linker's replacement does not reach; this definition goes first.
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* attributes,
+                                                                     void* (*body)(void*),
+                                                                     void* argument) noexcept {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    return fails("pthread_create") ? errno : real(thread, attributes, body, argument);
+}
+
+Fault::Fault(const std::string& call, int code, int first, int count) {
+    std::lock_guard lock(s_mutex);
+    s_plan = {call, code, first, count};
+}
+
+Fault::~Fault() {
+    std::lock_guard lock(s_mutex);
+    s_plan = {};
+}
+
+bool Fault::hit() const {
+    std::lock_guard lock(s_mutex);
+    return s_plan.hit;
+}
+
+Holdings Holdings::now() {
+    return {entries("/proc/self/fd"), entries("/proc/self/task")};
+}
+
+StreamText::StreamText(int stream)
+    : m_stream(stream), m_saved(::fcntl(stream, F_DUPFD_CLOEXEC, 3)),
+      m_file(::memfd_create("stream", MFD_CLOEXEC)) {
+    std::fflush(stdout);
+    ::dup2(m_file, m_stream);
+}
+
+StreamText::~StreamText() {
+    std::fflush(stdout);
+    ::dup2(m_saved, m_stream);
+    ::close(m_saved);
+    ::close(m_file);
+}
+
+std::string StreamText::text() const {
+    std::fflush(stdout);
+    struct stat status {};
+    ::fstat(m_file, &status);
+    std::string text(static_cast<size_t>(status.st_size), '\0');
+    const ssize_t count = ::pread(m_file, text.data(), text.size(), 0);
+    text.resize(static_cast<size_t>(count));
+    return text;
+}

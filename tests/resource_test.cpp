@@ -1,0 +1,202 @@
+// What the system runs out of, and gets back: the library says so in a line, and works again.
+#include "faults.h"
+#include "profile_directory.h"
+#include "recorder.h"
+#include "tcp_support.h"
+#include "wait.h"
+
+#include <IniProfile/iniprofile.h>
+#include <UdpSocket/hostnegotiator.h>
+#include <UdpSocket/hostserver.h>
+#include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/netiphelper.h>
+
+#include <gmock/gmock.h>
+
+#include <malloc.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+constexpr const char* kGroup = "236.1.2.3";
+
+/// One interface, eth0, with the address 10.1.0.1/24; displays are set to it, and hear hosts of this machine.
+class Resources : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
+                              "(ip link add eth0 type veth peer name far && ip link set far up && "
+                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
+                              "ip route add 224.0.0.0/4 dev eth0)"),
+                  0);
+    }
+
+    static bool lists(MultiRadarClient& display, const char* name) {
+        return comesTrue([&] {
+            display.query();
+            const auto names = display.getRadar();
+            return std::find(names.begin(), names.end(), name) != names.end();
+        });
+    }
+
+    const ProfileDirectory m_profile{"[Local]\nIP = 10.1.0.1\nMulticastLoop = true\n"};
+    const unsigned int m_local = net::transAddr("10.1.0.1");
+    Recorder m_recorder;
+};
+
+/// Everything that the library makes, as long as the object lives.
+struct Everything {
+    explicit Everything(net::iUdpDataListener* listener, unsigned int local, unsigned short port)
+        : server(nullptr), client(nullptr, "127.0.0.1", port, 0), receiver(listener, local, kGroup, 5000, 64),
+          sender(kGroup, 5000, local, 0), socket(listener, 64), checker(kGroup, 5001, "radar"),
+          negotiator(nullptr, nullptr), host("North", 16, 2),
+          watcher(false, "eth9", "10.5.0.9", "255.255.255.0") {
+        server.connect("127.0.0.1", port, 5);
+        client.connectOnce();
+        socket.SetGroupRecvSockAddr(local, kGroup, 5002);
+        negotiator.asyncLogin(16);
+    }
+    net::TcpServer server;
+    net::TcpClient client;
+    net::UdpReceiver receiver;
+    net::UdpSender sender;
+    net::UdpSocket socket;
+    net::UdpChecker checker;
+    HostNegotiator negotiator;
+    HostServer host;
+    net::tNetIPHelper watcher;
+    MultiRadarClient display;
+};
+
+TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
+    const unsigned short port = tcp_test::freePort();
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    std::string errors;
+    std::unique_ptr<Everything> all;
+    {
+        const StreamText standardError(STDERR_FILENO);
+        const StreamText standardOutput(STDOUT_FILENO);
+        const rlimit none{0, before.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+        all = std::make_unique<Everything>(&m_recorder, m_local, port);
+        all->sender.sendData("lost", 4);
+        all->sender.setMulticastLoop(true);
+        EXPECT_TRUE(
+            comesTrue([&] { return standardError.text().find("UdpReceiverPrivate") != std::string::npos; }));
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        errors = standardError.text();
+    }
+    EXPECT_THAT(errors, HasSubstr("(236.1.2.3,5000)>:\n\tfunction[socket],code[24,Too many open files]\n"));
+    EXPECT_THAT(errors, HasSubstr("profile.ini: cannot be read (Too many open files), defaults are used\n"));
+    EXPECT_THAT(errors, HasSubstr("init,226,(0.0.0.0,0)>:\n\tfunction[socket],code[24,"));
+
+    EXPECT_TRUE(lists(all->display, "North"));
+    EXPECT_TRUE(comesTrue(
+        [&] { return all->sender.sendData("heard", 5) == 5 && m_recorder.nextBytes(500ms) == "heard"; }));
+    EXPECT_TRUE(all->server.connect("127.0.0.1", port, 5));
+    EXPECT_TRUE(comesTrue([&] { return all->client.isConnected(); }));
+}
+
+TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
+    m_profile.write(
+        "[Local]\nIP = 10.9.9.9\nMulticastLoop = true\n"); // no interface has it: nothing is heard
+    const HostServer host("North", 16, 2);
+    const StreamText errors(STDERR_FILENO);
+    MultiRadarClient display;
+    {
+        const Fault fault("pthread_create", EAGAIN, 1, Fault::kAll);
+        display.setLocalIP(m_local);
+        const std::string refused = "function[thread],code[11,"; // when it is set, and at the first mending
+        EXPECT_TRUE(comesTrue([&] {
+            const std::string text = errors.text();
+            return text.find(refused) != text.rfind(refused);
+        }));
+        display.query();
+        EXPECT_TRUE(display.getRadar().empty());
+    }
+    EXPECT_TRUE(lists(display, "North"));
+}
+
+TEST_F(Resources, ProfileThatIsReplacedIsReadAsItWasOrAsItIs) {
+    std::atomic<bool> ended = false;
+    std::thread writer([&] {
+        for (int i = 0; i < 300; ++i) {
+            m_profile.write("[Local]\nIP = 10.1.0." + std::to_string(i % 2 + 1) + "\n", "new.ini");
+            std::filesystem::rename(m_profile.path() / "new.ini", m_profile.path() / "profile.ini");
+        }
+        ended = true;
+    });
+    while (!ended) {
+        const std::string ip = GetProfileInfo("Local", "IP", "default", 16, "profile.ini");
+        EXPECT_THAT(ip, testing::AnyOf("10.1.0.1", "10.1.0.2"));
+    }
+    writer.join();
+    EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, "profile.ini"), "10.1.0.2");
+}
+
+/// Cycles from the environment variable CHURN_CYCLES, else few enough for a test.
+int cycles() {
+    const char* const text = std::getenv("CHURN_CYCLES");
+    return text != nullptr ? std::atoi(text) : 25;
+}
+
+TEST_F(Resources, CreationAndDestructionLeaveNothing) {
+    const unsigned short port = tcp_test::freePort();
+    const std::pair<const char*, std::function<void()>> classes[] = {
+        {"UdpSocket",
+         [&] {
+             net::UdpSocket socket(&m_recorder, 64);
+             socket.SetSendSockAddr(m_local, kGroup, 5000);
+             socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+         }},
+        {"UdpSender", [&] { net::UdpSender(kGroup, 5000, m_local, 0).sendData("x", 1); }},
+        {"UdpReceiver", [&] { net::UdpReceiver(&m_recorder, 0, kGroup, 5000, 64); }},
+        {"UdpChecker", [&] { net::UdpChecker(kGroup, 5000, "radar"); }},
+        {"TcpServer and TcpClient",
+         [&] {
+             net::TcpServer server(nullptr);
+             EXPECT_TRUE(server.connect("127.0.0.1", port, 5));
+             net::TcpClient client(nullptr, "127.0.0.1", port, 0);
+             EXPECT_TRUE(client.connectOnce());
+             client.asyncSendData("x", 1);
+         }},
+        {"MultiRadarClient", [&] { MultiRadarClient().query(); }},
+        {"HostServer", [&] { HostServer("North", 16, 2); }},
+        {"HostNegotiator", [&] { HostNegotiator(nullptr, nullptr).asyncLogin(16); }},
+        {"tNetIPHelper", [&] { net::tNetIPHelper(false, "eth9", "10.5.0.9", "255.255.255.0"); }},
+    };
+    const auto holdsAtMost = [](const Holdings& most) {
+        const Holdings now = Holdings::now();
+        return now.descriptors <= most.descriptors && now.threads <= most.threads;
+    };
+    const Holdings before = Holdings::now();
+    for (const auto& [name, live] : classes) {
+        size_t growth = 0;
+        {
+            const StreamText output(STDOUT_FILENO);
+            const Holdings most = Holdings::now();
+            const auto settle = [&] { comesTrue([&] { return holdsAtMost(most); }); };
+            live(); // what is made once
+            settle();
+            const size_t heap = ::mallinfo2().uordblks;
+            for (int i = 0; i < cycles(); ++i)
+                live();
+            settle();
+            growth = ::mallinfo2().uordblks - std::min(heap, ::mallinfo2().uordblks);
+        }
+        EXPECT_LT(growth, 10000U + 10U * static_cast<size_t>(cycles())) << name;
+        EXPECT_TRUE(comesTrue([&] { return holdsAtMost(before); })) << name;
+    }
+}
+
+} // namespace
