@@ -35,6 +35,7 @@ public:
     /// Starts negotiating on a thread of its own.
     /// @param id the id to propose first; used as given, also outside 16 to 63 (1, say)
     /// @return false when a login was started before; one line on standard output says so
+    /// @throws std::system_error where the system has no thread left; nothing was started then
     bool asyncLogin(std::uint8_t id);
 
     /// Negotiates on the caller's thread: two seconds when nobody objects, without limit as long as somebody

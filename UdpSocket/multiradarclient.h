@@ -38,6 +38,8 @@ public:
 /// standard output.
 class __attribute__((visibility("default"))) MultiRadarClient {
 public:
+    /// @throws std::system_error where the system has no thread left, getInstance() as well; the next call
+    /// may succeed
     MultiRadarClient();
     ~MultiRadarClient();
     MultiRadarClient(const MultiRadarClient&) = delete;

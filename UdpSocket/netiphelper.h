@@ -47,6 +47,7 @@ public:
 class __attribute__((visibility("default"))) tNetIPHelper {
 public:
     /// Starts to watch; the first look is a second later.
+    /// @throws std::system_error where the system has no thread left; nothing is left behind
     /// @param dhcp     true expects the address from DHCP, with the manual address to fall back on
     /// @param ifname   the interface, for example "eth0"
     /// @param manualIp address of manual mode, dotted

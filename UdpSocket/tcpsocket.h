@@ -78,6 +78,7 @@ public:
 class __attribute__((visibility("default"))) TcpClient {
 public:
     /// Starts the threads; does not connect.
+    /// @throws std::system_error where the system has no thread left; nothing is left behind
     /// @param listener hears the connection; may be null
     /// @param ip       the server's address
     /// @param localIp  local address, network order, whose interface the connection is bound to; 0, or an
