@@ -1,4 +1,4 @@
-// The text of a profile.ini, and every key that the library looks up.
+// The text of a profile.ini, and a look-up of either kind: each reads it anew.
 #include "support.h"
 
 #include <IniProfile/iniprofile.h>
@@ -12,11 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const int file = ::memfd_create("profile.ini", MFD_CLOEXEC);
     static const std::string path = "/proc/self/fd/" + std::to_string(file);
     fuzz::require(::ftruncate(file, 0) == 0 && ::pwrite(file, data, size, 0) == static_cast<ssize_t>(size));
-    for (const auto& [section, key] : {std::pair{"Radar", "IP"}, {"Local", "IP"}, {"Local", "NetName"}}) {
-        const std::string text = GetProfileInfo(section, key, "default", 16, path.c_str());
-        fuzz::require(text.size() <= 16 && text.find_first_of(std::string("\n\0", 2)) == std::string::npos);
-    }
+    const std::string text = GetProfileInfo("Local", "IP", "default", 16, path.c_str());
+    fuzz::require(text.size() <= 16 && text.find_first_of(std::string("\n\0", 2)) == std::string::npos);
     GetProfileInfo_bool("Radar", "TCPService", "", path.c_str());
-    GetProfileInfo_bool("Local", "MulticastLoop", "false", path.c_str());
     return 0;
 }

@@ -345,6 +345,12 @@ TEST_F(TcpFault, OfAClient) {
             return made;
         });
 
+    refuse({"poll", ENOMEM, "", 1, "tcp client connected failed ..."}, [] {
+        auto silent = std::make_unique<net::TcpClient>(nullptr, "10.1.0.99", 5000, 0);
+        EXPECT_FALSE(silent->connectOnce());
+        return silent;
+    });
+
     const Refusal connected[] = {
         {"pthread_create", EAGAIN, tcp("receiveThread,856", configured, "thread", EAGAIN), 3},
         {"recv", 0, tcp("receiveThread,839", configured, "peer closed connection", 0), 1,
