@@ -53,7 +53,7 @@ struct Refusal {
     int code;
     std::string expected; // on standard error
     int first = 1;
-    std::string printed = ""; // part of what is on standard output
+    std::string printed{}; // part of what is on standard output
     int count = 1;
 };
 

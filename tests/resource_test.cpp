@@ -147,7 +147,7 @@ TEST_F(Resources, ProfileThatIsReplacedIsReadAsItWasOrAsItIs) {
 /// Cycles from the environment variable CHURN_CYCLES, else few enough for a test.
 int cycles() {
     const char* const text = std::getenv("CHURN_CYCLES");
-    return text != nullptr ? std::atoi(text) : 25;
+    return text != nullptr ? std::stoi(text) : 25;
 }
 
 TEST_F(Resources, CreationAndDestructionLeaveNothing) {
