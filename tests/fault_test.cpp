@@ -319,6 +319,19 @@ TEST_F(TcpFault, OfAServer) {
             server->sendData(client.addr.c_str(), client.port, "one", 3);
             return std::tuple(std::move(notes), std::move(server), std::move(peer));
         });
+
+    // What a client does not take at once has a thread of its own, or waits for it on the caller's.
+    refuse({"pthread_create", EAGAIN, "", 4}, [&] {
+        auto notes = std::make_unique<Notes>();
+        auto server = std::make_unique<net::TcpServer>(notes.get());
+        EXPECT_TRUE(server->connect("127.0.0.1", port, 5));
+        auto peer = std::make_unique<Peer>(port);
+        peer->send("x");
+        EXPECT_TRUE(comesTrue([&] { return notes->bytes() == "x"; }));
+        const std::string large(std::size_t{1} << 24, 'x');
+        server->sendData(large.data(), static_cast<unsigned int>(large.size()));
+        return std::tuple(std::move(notes), std::move(server), std::move(peer));
+    });
 }
 
 TEST_F(TcpFault, OfAClient) {
