@@ -77,19 +77,16 @@ protected:
         std::string printed;
         bool hit = false;
         {
-            const StreamText standardError(STDERR_FILENO);
-            const StreamText standardOutput(STDOUT_FILENO);
+            const Output output;
             {
                 const Fault fault(refusal.call, refusal.code, refusal.first, refusal.count);
                 [[maybe_unused]] const auto kept = use();
                 hit = comesTrue(
-                    [&] {
-                        return fault.hit() && withoutUdpNumbers(standardError.text()) == refusal.expected;
-                    },
+                    [&] { return fault.hit() && withoutUdpNumbers(output.err()) == refusal.expected; },
                     std::chrono::seconds(10));
             }
-            errors = standardError.text();
-            printed = standardOutput.text();
+            errors = output.err();
+            printed = output.out();
         }
         EXPECT_TRUE(hit);
         EXPECT_EQ(withoutUdpNumbers(errors), refusal.expected);
@@ -247,7 +244,7 @@ TEST_F(SystemFault, OfTheInterfaceTable) {
     refuse({"socket", EMFILE, text("socket ", EMFILE)}, all);
     refuse({"ioctl", ENODEV, text("ioctl ", ENODEV)}, all);
 
-    const StreamText errors(STDERR_FILENO);
+    const Output output;
     {
         const Fault fault("getifaddrs", ENOMEM, 1, 2);
         EXPECT_TRUE(net::localNetworkInterfaces().empty());
@@ -283,7 +280,8 @@ TEST_F(TcpFault, OfAServer) {
         {"poll", ENOMEM, code("select::rfds", "operator(),452", ENOMEM, bound)},
         {"accept4", EMFILE, code("accept", "operator(),466", EMFILE, bound)},
         {"accept4", EAGAIN, ""},
-        {"SO_RCVTIMEO", EDOM, code("setsockopt::SO_RCVTIMEO", "operator(),503", EDOM, bound)},
+        {"SO_RCVTIMEO", EDOM, code("setsockopt::SO_RCVTIMEO", "operator(),503", EDOM, bound),
+         2}, // behind the peer's
         {"SO_SNDTIMEO", EDOM, code("setsockopt::SO_SNDTIMEO", "operator(),506", EDOM, bound)},
         {"pthread_create", EAGAIN, code("thread", "operator(),466", EAGAIN, bound), 3, "disconnect ..."},
         {"recv", ECONNRESET, "", 1, "disconnect ..."},
@@ -311,12 +309,11 @@ TEST_F(TcpFault, OfAServer) {
             auto server = std::make_unique<net::TcpServer>(notes.get());
             EXPECT_TRUE(server->connect("127.0.0.1", port, 5));
             auto peer = std::make_unique<Peer>(port);
-            EXPECT_TRUE(comesTrue([&] { return notes->count(tcp_test::Event::Connected) == 1; }));
-            const tcp_test::Event client = notes->events().front();
+            EXPECT_TRUE(notes->connected.reaches(1));
             server->sendData("all", 3);
             server->sendMultipleDatas({{"a", 1}, {"ll", 2}});
-            server->sendData(client.fd, "one", 3);
-            server->sendData(client.addr.c_str(), client.port, "one", 3);
+            server->sendData(std::stoi(notes->connected.all().front()), "one", 3);
+            server->sendData("127.0.0.1", peer->port(), "one", 3);
             return std::tuple(std::move(notes), std::move(server), std::move(peer));
         });
 
@@ -327,7 +324,7 @@ TEST_F(TcpFault, OfAServer) {
         EXPECT_TRUE(server->connect("127.0.0.1", port, 5));
         auto peer = std::make_unique<Peer>(port);
         peer->send("x");
-        EXPECT_TRUE(comesTrue([&] { return notes->bytes() == "x"; }));
+        EXPECT_TRUE(notes->hears("x"));
         const std::string large(std::size_t{1} << 24, 'x');
         server->sendData(large.data(), static_cast<unsigned int>(large.size()));
         return std::tuple(std::move(notes), std::move(server), std::move(peer));
@@ -392,7 +389,7 @@ TEST_F(SystemFault, OfAClientOrWatcherThatNeedsAThreadIsThrownAndLeavesNothing) 
     const auto throws = [](const char* what, int first, const std::function<void()>& make) {
         const Holdings before = Holdings::now();
         {
-            const StreamText output(STDOUT_FILENO);
+            const Output output;
             const Fault fault("pthread_create", EAGAIN, first);
             EXPECT_THROW(make(), std::system_error) << what;
         }
@@ -481,11 +478,11 @@ TEST_F(DiscoveryFault, OfAHost) {
 }
 
 TEST_F(SystemFault, OfACommandIsAFailedCommand) {
-    const StreamText output(STDOUT_FILENO);
+    const Output output;
     const Fault fault("system", EAGAIN);
     EXPECT_FALSE(net::tNetIPHelper::SystemCmd("true", true));
     EXPECT_TRUE(net::tNetIPHelper::SystemCmd("true", true));
-    EXPECT_EQ(output.text(), "@true\r\n");
+    EXPECT_EQ(output.out(), "@true\r\n");
 }
 
 } // namespace

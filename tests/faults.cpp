@@ -1,18 +1,13 @@
 #include "faults.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <mutex>
 
@@ -143,28 +138,4 @@ bool Fault::hit() const {
 
 Holdings Holdings::now() {
     return {entries("/proc/self/fd"), entries("/proc/self/task")};
-}
-
-StreamText::StreamText(int stream)
-    : m_stream(stream), m_saved(::fcntl(stream, F_DUPFD_CLOEXEC, 3)),
-      m_file(::memfd_create("stream", MFD_CLOEXEC)) {
-    std::fflush(stdout);
-    ::dup2(m_file, m_stream);
-}
-
-StreamText::~StreamText() {
-    std::fflush(stdout);
-    ::dup2(m_saved, m_stream);
-    ::close(m_saved);
-    ::close(m_file);
-}
-
-std::string StreamText::text() const {
-    std::fflush(stdout);
-    struct stat status {};
-    ::fstat(m_file, &status);
-    std::string text(static_cast<size_t>(status.st_size), '\0');
-    const ssize_t count = ::pread(m_file, text.data(), text.size(), 0);
-    text.resize(static_cast<size_t>(count));
-    return text;
 }

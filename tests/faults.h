@@ -30,18 +30,3 @@ struct Holdings {
     static Holdings now();
     bool operator==(const Holdings&) const = default;
 };
-
-/// What is written to a standard stream while the object lives, readable at any time.
-class StreamText {
-public:
-    explicit StreamText(int stream);
-    ~StreamText();
-    StreamText(const StreamText&) = delete;
-    StreamText& operator=(const StreamText&) = delete;
-    std::string text() const;
-
-private:
-    const int m_stream;
-    const int m_saved;
-    const int m_file;
-};

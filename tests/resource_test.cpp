@@ -84,17 +84,15 @@ TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
     std::string errors;
     std::unique_ptr<Everything> all;
     {
-        const StreamText standardError(STDERR_FILENO);
-        const StreamText standardOutput(STDOUT_FILENO);
+        const Output output;
         const rlimit none{0, before.rlim_max};
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
         all = std::make_unique<Everything>(&m_recorder, m_local, port);
         all->sender.sendData("lost", 4);
         all->sender.setMulticastLoop(true);
-        EXPECT_TRUE(
-            comesTrue([&] { return standardError.text().find("UdpReceiverPrivate") != std::string::npos; }));
+        EXPECT_TRUE(comesTrue([&] { return output.err().find("UdpReceiverPrivate") != std::string::npos; }));
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-        errors = standardError.text();
+        errors = output.err();
     }
     EXPECT_THAT(errors, HasSubstr("(236.1.2.3,5000)>:\n\tfunction[socket],code[24,Too many open files]\n"));
     EXPECT_THAT(errors, HasSubstr("profile.ini: cannot be read (Too many open files), defaults are used\n"));
@@ -111,14 +109,14 @@ TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
     m_profile.write(
         "[Local]\nIP = 10.9.9.9\nMulticastLoop = true\n"); // no interface has it: nothing is heard
     const HostServer host("North", 16, 2);
-    const StreamText errors(STDERR_FILENO);
+    const Output output;
     MultiRadarClient display;
     {
         const Fault fault("pthread_create", EAGAIN, 1, Fault::kAll);
         display.setLocalIP(m_local);
         const std::string refused = "function[thread],code[11,"; // when it is set, and at the first mending
         EXPECT_TRUE(comesTrue([&] {
-            const std::string text = errors.text();
+            const std::string text = output.err();
             return text.find(refused) != text.rfind(refused);
         }));
         display.query();
@@ -183,7 +181,7 @@ TEST_F(Resources, CreationAndDestructionLeaveNothing) {
     for (const auto& [name, live] : classes) {
         size_t growth = 0;
         {
-            const StreamText output(STDOUT_FILENO);
+            const Output output;
             const Holdings most = Holdings::now();
             const auto settle = [&] { comesTrue([&] { return holdsAtMost(most); }); };
             live(); // what is made once
