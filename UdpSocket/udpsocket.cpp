@@ -19,8 +19,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -375,6 +377,29 @@ void UdpSender::notifyForQuit() {}
 
 // -------------------------------------------------------------------------------------------- UdpReceiver
 
+namespace {
+
+/// The system grants less than was asked without a word; once a process, we say so.
+/// @return whether it was asked at all (else errno)
+bool askForBuffer(const Descriptor& socket, int bytes) {
+    if (!setOption(socket, SOL_SOCKET, SO_RCVBUF, bytes))
+        return false;
+    int doubled = 0; // the value read back counts what the system needs for itself
+    socklen_t length = sizeof doubled;
+    static std::once_flag said;
+    if (::getsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &doubled, &length) == 0 && doubled / 2 < bytes)
+        std::call_once(said, [&] {
+            std::fprintf(
+                stderr,
+                "UdpReceiver: the system grants %d of %d bytes of receive buffer (net.core.rmem_max), "
+                "many radars at once may not all be heard\n",
+                doubled / 2, bytes);
+        });
+    return true;
+}
+
+} // namespace
+
 UdpReceiverPrivate::UdpReceiverPrivate(iUdpDataListener* listener, unsigned int localIp, const char* address,
                                        unsigned short port, int bufferSize)
     : m_address(address), m_port(port), m_localIp(localIp), m_listened(::inet_addr(address)),
@@ -432,7 +457,7 @@ void UdpReceiverPrivate::setUp(bool reporting) {
         report(reporting, "setsockopt::SO_RCVTIMEO");
 
     detail::Lock lock(m_socketMutex);
-    if (m_wantedBuffer != 0 && !setOption(socket, SOL_SOCKET, SO_RCVBUF, m_wantedBuffer))
+    if (m_wantedBuffer != 0 && !askForBuffer(socket, m_wantedBuffer))
         report(reporting, "setsockopt::SO_RCVBUF");
     m_socket = std::move(socket);
 }
@@ -496,7 +521,7 @@ void UdpReceiverPrivate::growReceiveBuffer(UdpReceiver& receiver, int bytes) {
     UdpReceiverPrivate& own = *receiver.d;
     detail::Lock lock(own.m_socketMutex);
     own.m_wantedBuffer = bytes;
-    if (own.m_socket.isOpen() && !setOption(own.m_socket, SOL_SOCKET, SO_RCVBUF, bytes))
+    if (own.m_socket.isOpen() && !askForBuffer(own.m_socket, bytes))
         own.report("setsockopt::SO_RCVBUF");
 }
 

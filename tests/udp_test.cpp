@@ -99,6 +99,19 @@ TEST_F(Udp, OnlyTheAllOnesAddressIsBroadcastAndOnlyTheMulticastRangeIsJoined) {
     }
 }
 
+TEST_F(Udp, ASmallerReceiveBufferThanAskedForIsToldOnce) {
+    net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+    const auto ask = [&](int bytes) {
+        return errOf([&] { net::UdpReceiverPrivate::growReceiveBuffer(receiver, bytes); });
+    };
+    EXPECT_EQ(ask(4096), "");
+    constexpr int kMoreThanAnySystemGrants = 1 << 30;
+    EXPECT_THAT(
+        ask(kMoreThanAnySystemGrants),
+        MatchesRegex("UdpReceiver: the system grants [0-9]+ of 1073741824 bytes of receive buffer .*"));
+    EXPECT_EQ(ask(kMoreThanAnySystemGrants), "");
+}
+
 TEST_F(Udp, WhatCannotBeSetUpIsReportedAndDoesWhatItStillCan) {
     std::optional<net::UdpReceiver> receiver;
     std::optional<net::UdpSender> sender;

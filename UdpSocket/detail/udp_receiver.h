@@ -27,7 +27,8 @@ public:
                        unsigned short port, int bufferSize);
     ~UdpReceiverPrivate();
 
-    /// Asks the system for @p bytes of receive buffer, beyond what the constructor asked for.
+    /// Asks the system for @p bytes of receive buffer, beyond what the constructor asked for. When it grants
+    /// less, standard error says so, once a process.
     static void growReceiveBuffer(UdpReceiver& receiver, int bytes);
     /// False where the system had no thread for the receiver: it will never hear anything.
     static bool hasThread(const UdpReceiver& receiver);
