@@ -1,194 +1,226 @@
-// Time from a query to the last of 49 two-stream hosts: the library beside raw sockets doing the same
-// exchange, on one virtual LAN, taking turns.
+// From a query to the last of 49 hosts that stand in the display's table, what a display costs while nothing
+// happens, and how both grow.
 
-#include <UdpSocket/detail/clock.h>
-#include <UdpSocket/detail/descriptor.h>
+#include "discovery_ways.h"
+
 #include <UdpSocket/detail/wire.h>
-#include <UdpSocket/hostserver.h>
 #include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/udpsocket.h>
 
-#include <lab/lan.h>
-#include <lab/private_network.h>
+#include <unistd.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <memory>
-#include <set>
-#include <string>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-using net::detail::Descriptor;
+using bench::Child;
+using bench::Clock;
+using bench::DiscoveryWay;
+using bench::kHosts;
+using bench::Seconds;
 
-constexpr int kHosts = 49;
-constexpr int kRepetitions = 40;
-constexpr unsigned short kRawPort =
-    6879; // beside the library's port, so that neither side wakes the other's hosts
-constexpr auto kGiveUp = 1s;
+using Hosts = std::deque<Child>;
 
-sockaddr_in address(const char* ip, unsigned short port) {
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_port = htons(port);
-    result.sin_addr.s_addr = ::inet_addr(ip);
-    return result;
+/// Brings hosts up to @p count, each on a computer of its own.
+void addHosts(lab::Lan& lan, Hosts& hosts, const DiscoveryWay& way, int count) {
+    for (int number = static_cast<int>(hosts.size()) + 1; number <= count; ++number)
+        hosts.emplace_back(lan.node("host" + std::to_string(way.together ? 1 : number)),
+                           [&way, number](const Child::Wait& wait) -> std::vector<double> {
+                               const auto host = way.host(number);
+                               wait();
+                               return {0};
+                           });
 }
 
-Descriptor rawSocket(const char* localIp) {
-    Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
-    const sockaddr_in group = address(wire::kDiscovery.address, kRawPort);
-    const ip_mreq membership{group.sin_addr, address(localIp, 0).sin_addr};
-    const bool ready = net::detail::setOption(socket, SOL_SOCKET, SO_RCVBUF, 256 * 1024) &&
-                       net::detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{1, 0}) &&
-                       net::detail::setOption(socket, IPPROTO_IP, IP_MULTICAST_LOOP, 0) &&
-                       net::detail::setOption(socket, IPPROTO_IP, IP_MULTICAST_IF, membership) &&
-                       net::detail::setOption(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership) &&
-                       ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&group), sizeof group) == 0;
-    if (!ready)
-        std::perror("raw socket");
-    return socket;
+/// The median of a few searches of a new display.
+std::vector<double> find(lab::Lan& lan, const DiscoveryWay& way, int hosts) {
+    return Child(lan.node("display"),
+                 [&](const Child::Wait& wait) -> std::vector<double> {
+                     const auto finder = way.finder();
+                     wait();
+                     std::vector<double> times;
+                     for (int i = 0; i < way.findsInARow; ++i)
+                         times.push_back(finder->find(hosts));
+                     return {bench::quantile(times, 0.5)};
+                 })
+        .finish();
 }
 
-void sendTo(const Descriptor& socket, const std::string& bytes) {
-    const sockaddr_in group = address(wire::kDiscovery.address, kRawPort);
-    if (::sendto(socket.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&group),
-                 sizeof group) == -1)
-        std::perror("sendto");
+// -------------------------------------------------------------------------------------------------- idle
+
+struct Figures {
+    double threads = 0;
+    double wakeUps = 0;  // all threads' voluntary switches so far
+    double ticks = 0;    // of processor time so far
+    double resident = 0; // MiB
+};
+
+std::map<std::string, double> statusOf(const std::filesystem::path& directory) {
+    std::map<std::string, double> fields;
+    std::ifstream file(directory / "status");
+    for (std::string line; std::getline(file, line);)
+        if (const std::size_t colon = line.find(':'); colon != std::string::npos)
+            std::istringstream(line.substr(colon + 1)) >> fields[line.substr(0, colon)];
+    return fields;
 }
 
-/// Answers every query from a thread blocked in recvfrom, as HostServer does.
-class RawHost {
-public:
-    RawHost(const lab::Node& node, int number) : m_answer(wire::kLongAnnouncement.length, '\0') {
-        m_answer.replace(0, 2, wire::text(wire::kAnnouncement));
-        m_answer.replace(2, 2, std::to_string(number));
-        const lab::Inside inside = node.enter();
-        m_socket = rawSocket("0.0.0.0");
-        m_thread = std::thread([this] {
-            char buffer[1024];
-            while (m_running)
-                if (::recv(m_socket.get(), buffer, sizeof buffer, 0) == 2)
-                    sendTo(m_socket, m_answer);
+Figures figuresOf(pid_t process) {
+    const std::filesystem::path directory = "/proc/" + std::to_string(process);
+    Figures figures;
+    std::map<std::string, double> status = statusOf(directory);
+    figures.threads = status["Threads"];
+    figures.resident = status["VmRSS"] / 1024;
+    for (const auto& thread : std::filesystem::directory_iterator(directory / "task"))
+        figures.wakeUps += statusOf(thread.path())["voluntary_ctxt_switches"];
+    std::ifstream stat(directory / "stat");
+    std::string text;
+    std::getline(stat, text);
+    std::istringstream fields(text.substr(text.rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i)
+        fields >> skipped;
+    double user = 0;
+    double system = 0;
+    fields >> user >> system;
+    figures.ticks = user + system;
+    return figures;
+}
+
+/// What displays that know all hosts cost in half a minute without a query.
+void idle(lab::Lan& lan) {
+    const Seconds time = bench::quick() ? 3s : 30s;
+    struct Display {
+        std::string name;
+        std::unique_ptr<Child> child;
+        pid_t process = 0;
+        Figures before{};
+    };
+    std::vector<Display> displays;
+    for (const DiscoveryWay& way : bench::discoveryWays()) {
+        if (way.name == "raw")
+            continue;
+        try {
+            Display display{way.name, nullptr};
+            int helper[2];
+            if (::pipe(helper) != 0)
+                throw std::runtime_error("pipe");
+            display.child = std::make_unique<Child>(
+                lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
+                    const auto finder = way.finder();
+                    finder->find(kHosts);
+                    const pid_t process = finder->helper();
+                    if (::write(helper[1], &process, sizeof process) == sizeof process)
+                        wait();
+                    return {0};
+                });
+            if (::read(helper[0], &display.process, sizeof display.process) != sizeof display.process)
+                throw std::runtime_error("pipe");
+            for (const int end : helper)
+                ::close(end);
+            if (display.process == 0)
+                display.process = display.child->pid();
+            displays.push_back(std::move(display));
+        } catch (const std::exception& error) {
+            bench::recordFailure("idle display, threads", way.name, error.what());
+        }
+    }
+    std::this_thread::sleep_for(1s);
+    for (Display& display : displays)
+        display.before = figuresOf(display.process);
+    std::this_thread::sleep_for(time);
+    for (Display& display : displays) {
+        const Figures after = figuresOf(display.process);
+        bench::record("idle display, threads", display.name, "threads", {after.threads});
+        bench::record("idle display, wake-ups in 30 s", display.name, "wake-ups",
+                      {(after.wakeUps - display.before.wakeUps) * 30 / time.count()});
+        bench::record("idle display, processor in 30 s", display.name, "ticks",
+                      {(after.ticks - display.before.ticks) * 30 / time.count()});
+        bench::record("idle display, resident memory", display.name, "MiB", {after.resident});
+    }
+}
+
+// ---------------------------------------------------------------------------------------------- displays
+
+/// A display among @p displays that ask all hosts once a second: what it spends on everybody's answers.
+std::vector<double> amongDisplays(lab::Lan& lan, int displays) {
+    const int seconds = bench::quick() ? 1 : 2;
+    Child child(lan.node("display"), [](const Child::Wait& wait) -> std::vector<double> {
+        MultiRadarClient client;
+        client.setLocalIP(net::transAddr(bench::kFinderIp.c_str()));
+        for (const auto end = Clock::now() + 5s; client.getRadar().size() < kHosts && Clock::now() < end;) {
+            client.query();
+            std::this_thread::sleep_for(50ms);
+        }
+        std::atomic<bool> running = true;
+        const Seconds before = bench::processorTime();
+        std::thread asking([&] {
+            while (running) {
+                client.query();
+                for (int i = 0; i < 20 && running; ++i)
+                    std::this_thread::sleep_for(50ms);
+            }
         });
+        const auto start = Clock::now();
+        wait();
+        const Seconds spent = bench::processorTime() - before;
+        const Seconds passed = Clock::now() - start;
+        running = false;
+        asking.join();
+        return {spent.count() / passed.count() * 1e3};
+    });
+    const lab::Inside inside = lan.node("display2").enter();
+    const net::UdpSender others(wire::kDiscovery.address, wire::kDiscovery.port, net::transAddr("10.20.2.2"),
+                                0);
+    for (int query = 0; query < seconds * std::max(displays - 1, 1); ++query) {
+        if (displays > 1)
+            others.sendData(wire::kQuery.data(), static_cast<int>(wire::kQuery.size()));
+        std::this_thread::sleep_for(Seconds(1.0) / std::max(displays - 1, 1));
     }
-    ~RawHost() {
-        m_running = false;
-        m_socket.wakeReader();
-        m_thread.join();
-    }
-
-private:
-    std::string m_answer;
-    Descriptor m_socket;
-    std::atomic<bool> m_running = true;
-    std::thread m_thread;
-};
-
-double milliseconds(Clock::duration duration) {
-    return std::chrono::duration<double, std::milli>(duration).count();
+    return child.finish();
 }
-
-double rawExchange(const Descriptor& display) {
-    const auto start = Clock::now();
-    sendTo(display, std::string(wire::text(wire::kQuery)));
-    std::set<std::string> names;
-    char buffer[1024];
-    while (names.size() < kHosts) {
-        const ssize_t count = ::recv(display.get(), buffer, sizeof buffer, 0);
-        if (count == -1)
-            return -1;
-        names.insert(std::string(buffer + wire::kName.offset));
-    }
-    return milliseconds(Clock::now() - start);
-}
-
-std::atomic<std::int64_t> s_seconds = 0;
-
-double libraryExchange(MultiRadarClient& client) {
-    s_seconds += 8; // the table starts empty
-    const auto start = Clock::now();
-    client.query();
-    char names[kHosts][24];
-    while (client.getRadar(names, kHosts) < kHosts) {
-        if (Clock::now() - start > kGiveUp)
-            return -1;
-        std::this_thread::sleep_for(20us);
-    }
-    return milliseconds(Clock::now() - start);
-}
-
-struct Series {
-    std::vector<double> times;
-    int incomplete = 0;
-
-    void add(double time) {
-        if (time < 0)
-            ++incomplete;
-        else
-            times.push_back(time);
-    }
-    double quantile(double share) {
-        std::sort(times.begin(), times.end());
-        return times.empty() ? 0
-                             : times[static_cast<std::size_t>(share * static_cast<double>(times.size() - 1))];
-    }
-    void print(const char* name) {
-        std::fprintf(stderr, "%-10s median %6.2f ms   quartiles %6.2f to %6.2f ms   incomplete %d of %d\n",
-                     name, quantile(0.5), quantile(0.25), quantile(0.75), incomplete, kRepetitions);
-    }
-};
 
 } // namespace
 
-int main() {
-    lab::enterPrivateNetwork();
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) // the library's diagnostics
-        return 1;
-    std::vector<lab::NodePlan> plans{lab::display(1)};
+int main(int argc, char** argv) {
+    bench::start(argc, argv);
+    std::vector<lab::NodePlan> plans{lab::display(1), {"display2", {{"10.20.2.2/16"}}}};
     for (int number = 1; number <= kHosts; ++number)
         plans.push_back(lab::radarHost(number));
     lab::Lan lan(plans);
+    const std::vector<DiscoveryWay>& ways = bench::discoveryWays();
 
-    std::vector<std::unique_ptr<HostServer>> hosts;
-    std::vector<std::unique_ptr<RawHost>> rawHosts;
-    for (int number = 1; number <= kHosts; ++number) {
-        const lab::Node& node = lan.node("host" + std::to_string(number));
-        const lab::Inside inside = node.enter();
-        const auto id = static_cast<std::uint8_t>(number == 1 ? 1 : number + 14);
-        hosts.push_back(std::make_unique<HostServer>(("radar " + std::to_string(number)).c_str(), id, 2U));
-        rawHosts.push_back(std::make_unique<RawHost>(node, number));
+    std::map<std::string, Hosts> hosts;
+    for (const int count : {1, 10, 20, 30, 40, kHosts}) {
+        std::vector<bench::Competitor> competitors;
+        for (std::size_t i = 0; i < 2; ++i) {
+            addHosts(lan, hosts[ways[i].name], ways[i], count);
+            competitors.push_back({ways[i].name, [&, i, count] { return find(lan, ways[i], count); }});
+        }
+        bench::takeTurns({{"growth/hosts/" + std::to_string(count), "ms"}}, competitors);
     }
+    for (const int displays : {1, 5, 10, 15, 20})
+        bench::takeTurns({{"growth/displays/" + std::to_string(displays), "ms of processor a second"}},
+                         {{"library", [&] { return amongDisplays(lan, displays); }}}, bench::quick() ? 1 : 3);
 
-    const lab::Inside inside = lan.node("display").enter();
-    const std::string localIp = "10.20.2.1";
-    const Descriptor rawDisplay = rawSocket(localIp.c_str());
-    net::detail::setClock([] { return s_seconds.load(); });
-    MultiRadarClient client;
-    client.setLocalIP(::inet_addr(localIp.c_str()));
-    for (const auto end = Clock::now() + 5s; client.getRadar().size() < kHosts && Clock::now() < end;) {
-        client.query();
-        std::this_thread::sleep_for(100ms);
+    for (const DiscoveryWay& way : ways) {
+        try {
+            addHosts(lan, hosts[way.name], way, kHosts);
+        } catch (const std::exception& error) { // its display will not find them all, and say so
+            std::fprintf(stderr, "  a host of %s: %s\n", way.name.c_str(), error.what());
+        }
     }
-
-    Series library;
-    Series raw;
-    for (int repetition = 0; repetition < kRepetitions; ++repetition) {
-        raw.add(rawExchange(rawDisplay));
-        library.add(libraryExchange(client));
-    }
-    std::fprintf(stderr, "query to the last of %d announcements, %d repetitions each, taking turns\n", kHosts,
-                 kRepetitions);
-    raw.print("raw");
-    library.print("library");
-    std::fprintf(stderr, "ratio      %.2f\n", library.quantile(0.5) / raw.quantile(0.5));
-    return library.incomplete == 0 && raw.incomplete == 0 ? 0 : 1;
+    std::this_thread::sleep_for(5s); // what they have to say to one another
+    std::vector<bench::Competitor> competitors;
+    for (const DiscoveryWay& way : ways)
+        competitors.push_back({way.name, [&] { return find(lan, way, kHosts); }});
+    bench::takeTurns({{"discovery of 49 two-stream hosts", "ms"}}, competitors, bench::quick() ? 2 : 5);
+    idle(lan);
 }

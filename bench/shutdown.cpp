@@ -1,4 +1,6 @@
-// How long destruction takes: the longest and the median of many, for every object that owns a thread.
+// How long destruction takes, for every object that owns a thread.
+
+#include "bench.h"
 
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/hostserver.h>
@@ -6,12 +8,7 @@
 #include <UdpSocket/tcpsocket.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <lab/lan.h>
-#include <lab/private_network.h>
-
-#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -19,9 +16,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-constexpr int kRepetitions = 20;
+using bench::Clock;
 
 struct Ignore : net::iUdpDataListener {
     void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {}
@@ -32,24 +27,20 @@ struct Ignore : net::iUdpDataListener {
 template <class Make>
 void measure(const char* name, std::chrono::milliseconds life, Make make) {
     std::vector<double> times;
-    for (int i = 0; i < kRepetitions; ++i) {
+    for (int i = 0; i < 3 * bench::repetitions(); ++i) {
         auto object = make();
         std::this_thread::sleep_for(life);
         const auto start = Clock::now();
         object.reset();
-        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        times.push_back(bench::Seconds(Clock::now() - start).count() * 1e3);
     }
-    std::sort(times.begin(), times.end());
-    std::fprintf(stderr, "%-38s median %6.2f ms   longest %6.2f ms of %d\n", name, times[kRepetitions / 2],
-                 times.back(), kRepetitions);
+    bench::record(std::string("destruction, ") + name, "library", "ms", times);
 }
 
 } // namespace
 
-int main() {
-    lab::enterPrivateNetwork();
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) // the library's diagnostics
-        return 1;
+int main(int argc, char** argv) {
+    bench::start(argc, argv);
     lab::Lan lan({lab::radarHost(1), lab::display(2)});
     const lab::Inside inside = lan.node("display").enter();
     const unsigned int localIp = net::transAddr("10.20.2.1");

@@ -1,0 +1,356 @@
+#!/usr/bin/env python3
+"""Prints what a run of the benchmarks measured, and writes docs/performance.md with its plots.
+
+usage: report.py RESULTS DOCS
+"""
+import datetime
+import os
+import pathlib
+import re
+import statistics
+import subprocess
+import sys
+
+# Road, unit of its goal, bound, and whether more is better. The library's figure is divided by that of raw system
+# calls, or by another's where one is named.
+RATIOS = [
+    ("receive 222 B at 20 k/s", 1.08), ("receive 222 B at 100 k/s", 1.08),
+    ("receive saturated 222 B", 0.95), ("receive saturated 1400 B", 0.95),
+    ("receive 50 groups at 20 k/s", 1.05),
+    ("send 222 B", 1.03), ("send 64 x 222 B in one call", 1.03),
+    ("UDP round trip, median", 1.05), ("UDP round trip, 99th percentile", 1.05),
+    ("TCP stream received", 0.97), ("TCP stream sent", 0.97),
+    ("TCP round trip, median", 1.05), ("TCP round trip, 99th percentile", 1.05),
+    ("TCP server, 1 KiB to 1", 1.15), ("TCP server, 1 KiB to 10", 1.15),
+    ("TCP server, 1 KiB to 100", 1.15), ("TCP server, 1 KiB to 500", 1.15),
+    ("discovery of 49 two-stream hosts", 1.5),
+    ("MD5 64 KiB", 1 / 1.05), ("MD5 64 B", 1.0),
+]
+LIMITS = [  # of the library's own figure
+    ("TCP server, 5 of 100 stalled, the others have it", 2.0),
+    ("TCP server, 5 of 100 stalled, the call returns", 550.0),  # the send time-out of 500, and the system's tick
+    ("one long announcement", 2000.0),
+    ("one long announcement, allocations", 0.5),
+    ("one long announcement, openings", 0.0),
+    ("idle display, processor in 30 s", 1.0),
+]
+PLAIN = ["getAddress, 1 entry", "getAddress, 147 entries", "getRadar as array, 147 entries",
+         "getRadar as texts, 147 entries"]
+MORE_IS_BETTER = ("thousand/s", "MB/s")
+
+
+class Results:
+    def __init__(self, path):
+        self.values, self.units, self.failures, self.loads = {}, {}, [], {}
+        for line in path.read_text().splitlines():
+            road, who, unit, text = line.split("\t")
+            if road == "load":
+                self.loads[who] = text
+            elif unit == "failed":
+                self.failures.append((road, who, text))
+            else:
+                self.values[road, who] = [float(value) for value in text.split()]
+                self.units[road] = unit
+
+    def median(self, road, who):
+        return statistics.median(self.values[road, who])
+
+    def has(self, road, who):
+        return (road, who) in self.values
+
+    def competitors(self, road):
+        return [who for (name, who) in self.values if name == road]
+
+    def ratio(self, road, who, base):
+        """Median and quartiles of the ratios of each repetition, in which both took turns."""
+        each = [mine / other for mine, other in zip(self.values[road, who], self.values[road, base]) if other]
+        low, ratio, high = statistics.quantiles(each, n=4, method="inclusive") if len(each) > 1 else each * 3
+        return ratio, low, high
+
+    def curve(self, name):
+        """{who: [(x, median)]} of the roads "growth/NAME/X"."""
+        result = {}
+        for (road, who), values in self.values.items():
+            if road.startswith(f"growth/{name}/"):
+                result.setdefault(who, []).append((int(road.rsplit("/", 1)[1]), statistics.median(values)))
+        return {who: sorted(points) for who, points in result.items()}
+
+
+def number(value):
+    return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
+
+
+def ratio_text(ratio, low, high):
+    """A ratio that swings more than it differs from 1 is no difference."""
+    return "equal" if low <= 1 <= high or abs(ratio - 1) < (high - low) / 2 else f"{ratio:.2f}"
+
+
+def verdict(value, low, high, bound, more):
+    if value >= bound if more else value <= bound:
+        return "met"
+    return "not clear" if low <= bound <= high else "missed"
+
+
+def rows_of_ratios(results):
+    for road, bound in RATIOS:
+        base = "OpenSSL" if road.startswith("MD5") else "raw"
+        if not (results.has(road, "library") and results.has(road, base)):
+            yield [road, "", "", "did not run", "", "", "", "missed"]
+            continue
+        unit = results.units[road]
+        more = unit in MORE_IS_BETTER
+        ratio, low, high = results.ratio(road, "library", base)
+        rivals = [who for who in results.competitors(road) if who not in ("raw", "library", base)]
+        best = ""
+        if rivals:
+            who = (max if more else min)(rivals, key=lambda rival: results.median(road, rival))
+            best = f"{who} {ratio_text(*results.ratio(road, who, base))}"
+        yield [road, f"{number(results.median(road, base))} {unit}", number(results.median(road, "library")),
+               ratio_text(ratio, low, high), f"{low:.2f} to {high:.2f}", best,
+               f"{'>=' if more else '<='} {bound:.2f}", verdict(ratio, low, high, bound, more)]
+
+
+def rows_of_limits(results):
+    for road, bound in LIMITS + [(road, None) for road in PLAIN]:
+        if not results.has(road, "library"):
+            yield [road, "did not run", "", "", "missed"]
+            continue
+        values = results.values[road, "library"]
+        median = results.median(road, "library")
+        others = "; ".join(f"{who} {number(results.median(road, who))}"
+                           for who in results.competitors(road) if who != "library")
+        yield [road, f"{number(median)} {results.units[road]}", f"{number(min(values))} to {number(max(values))}",
+               others, "" if bound is None else f"<= {number(bound)}",
+               "" if bound is None else verdict(median, min(values), max(values), bound, False)]
+
+
+def plain_table(head, rows):
+    widths = [max(len(row[i]) for row in [head, *rows]) for i in range(len(head))]
+    return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip()
+                     for row in [head, *rows])
+
+
+def page_table(head, rows):
+    lines = ["| " + " | ".join(row) + " |" for row in [head, *rows]]
+    return "\n".join([lines[0], "|" + "---|" * len(head), *lines[1:]])
+
+
+# ---------------------------------------------------------------------------------------------------- the plots
+
+def gnuplot(path, title, x, y, curves, extra=""):
+    """@param curves: {label: [(x, y)]}"""
+    data = "".join(f"$d{i} << E\n" + "".join(f"{a} {b}\n" for a, b in points) + "E\n"
+                   for i, points in enumerate(curves.values()))
+    lines = ", ".join(f"$d{i} using 1:2 with linespoints pointtype 7 pointsize 0.5 linewidth 2 title '{label}'"
+                      for i, label in enumerate(curves))
+    script = (f"set terminal svg size 720,360 font 'sans,12' background 'white'\nset output '{path}'\n"
+              f"set title '{title}'\nset xlabel '{x}'\nset ylabel '{y}'\nset grid\nset key left top\n"
+              f"set yrange [0:*]\n{extra}\n{data}plot {lines}\n")
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def ratio_bars(path, results):
+    roads = [road for road, _ in RATIOS if not road.startswith(("MD5", "discovery")) and results.has(road, "raw")]
+    whos = ["library", "asio", "libuv", "POCO"]
+    rows = ""
+    for road in roads:
+        cells = [f"{results.median(road, who) / results.median(road, 'raw'):.3f}" if results.has(road, who) else "NaN"
+                 for who in whos]
+        rows += f'"{road}" ' + " ".join(cells) + "\n"
+    plots = ", ".join(f"$d using {i + 2}:xtic(1) title '{who}'" for i, who in enumerate(whos))
+    script = (f"set terminal svg size 960,480 font 'sans,11' background 'white'\nset output '{path}'\n"
+              "set title 'Against raw system calls (1); streams and saturated: more is better, else less'\n"
+              "set style data histogram\nset style histogram clustered gap 1\nset style fill solid 0.8\n"
+              "set yrange [0:2.5]\nset xtics rotate by -35 scale 0\nset rmargin 12\nset grid ytics\n"
+              f"set key top left horizontal\n$d << E\n{rows}E\nplot {plots}, 1 with lines notitle linecolor 'black'\n")
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def slope(points):
+    return statistics.linear_regression(*zip(*points)).slope if len(points) > 1 else 0.0
+
+
+def growth(results, directory):
+    """The plots, and what is to be said of each."""
+    sections = []
+
+    def section(name, file, title, x, y, text, extra=""):
+        curves = results.curve(name)
+        if not curves:
+            return
+        gnuplot(directory / file, title, x, y, curves, extra)
+        sections.append(f"### {title}\n\n![{title}](performance/{file})\n\n{text(curves)}\n")
+
+    section("hosts", "hosts.svg", "Hosts on the LAN", "hosts", "query to the last entry, ms", lambda curves: (
+        f"Each host adds {slope(curves['library']) * 1000:.0f} us (raw: {slope(curves['raw']) * 1000:.0f} us): it has "
+        "to be woken, and its answer is copied to every port of the LAN. In the lab all hosts share this machine's "
+        "processors, so that they answer one after the other; on a real LAN they do so at the same time, and what "
+        "remains is the display's share, a few microseconds a host. The address plan ends at 49."))
+    section("names, getRadar", "names.svg", "Names in the table: getRadar as an array", "names", "ns a call",
+            lambda curves: (
+                f"Listing copies every name, {slope(curves['library']):.1f} ns each. `getAddress` searches a balanced "
+                "tree and copies one record: "
+                + ", ".join(f"{y:.0f} ns with {x}" for x, y in results.curve("names, getAddress")["library"])
+                + " names. 500 names are ten times what an address plan allows."))
+    section("displays", "displays.svg", "Displays that ask 49 hosts once a second", "displays",
+            "one display, ms of processor a second", lambda curves: (
+                f"Hosts answer to the group, so each display hears everybody's answers: every further display costs "
+                f"each of the others {slope(curves['library']):.2f} ms of processor a second, and the wire 49 "
+                "answers of 264 bytes, 0.1 Mbit/s. With 20 displays a host sends 20 answers, and a display handles "
+                "980, a second. The processor does not mind. What hurts first is chance: when more than "
+                f"{buffer_holds(results) // 49} displays ask at the moment at which another is held off its "
+                "processor, that one's 256 KiB of receive buffer are full. One query a second is right up to there; "
+                f"D displays should ask every D / {buffer_holds(results) // 49} seconds, but not less often than "
+                "every 3 seconds: an entry is removed after 8, and one lost answer must not be enough for that."))
+    section("TCP clients", "clients.svg", "Clients of one TCP server", "clients", "one call to all, us",
+            lambda curves: (
+                f"A call costs {slope(curves['library']):.1f} us a client (raw: {slope(curves['raw']):.1f} us), the "
+                "system's `send` with the peer's part of it, which runs on the sender's processor here. Each client also "
+                "has a receive thread, and 2 MB of address space that is not touched before it sends."))
+    section("receivers", "receivers.svg", "Receivers in one process, 20 000 datagrams/s among them", "receivers",
+            "us of processor a datagram", lambda curves: (
+                "The more threads share the datagrams, the surer each finds its own asleep, and its working set out of "
+                "the cache: a datagram pays for a switch of threads. An event loop finds several sockets ready each "
+                "time it wakes; the library keeps a thread a receiver, since a listener may take its time without "
+                "holding up the other groups."))
+    return "\n".join(sections)
+
+
+# ------------------------------------------------------------------------------------------- the receive buffer
+
+def buffer_rows(results):
+    rows = {}
+    for (road, _), values in results.values.items():
+        if road.startswith("buffer/"):
+            _, size, delay, hosts = road.split("/")
+            rows.setdefault((int(size), int(delay)), {})[int(hosts)] = min(values)
+    return rows
+
+
+def buffer_holds(results):
+    return int(buffer_rows(results).get((256, 10), {0: 400}).get(500, 400))
+
+
+def buffer_table(results):
+    rows = buffer_rows(results)
+    hosts = sorted(next(iter(rows.values()))) if rows else []
+    return page_table(["receive buffer", "held off for", *(f"of {count}" for count in hosts)],
+                      [[f"{size} KiB", f"{delay} ms", *(f"{cells[count]:.0f}" for count in hosts)]
+                       for (size, delay), cells in sorted(rows.items())])
+
+
+def replace_block(path, name, text):
+    page = path.read_text()
+    block = re.compile(rf"(<!-- {name}[^>]*-->\n).*?(\n<!-- end -->)", re.S)
+    assert block.search(page), f"{path} has no place for {name}"
+    path.write_text(block.sub(lambda match: f"{match[1]}\n{text}\n{match[2]}", page))
+
+
+# ------------------------------------------------------------------------------------------------------ the page
+
+def machine():
+    model = next((line.split(":")[1].strip() for line in open("/proc/cpuinfo") if line.startswith("model name")),
+                 os.uname().machine)
+    return f"{model}, {os.cpu_count()} processors, Linux {os.uname().release}"
+
+
+def main():
+    results = Results(pathlib.Path(sys.argv[1]))
+    docs = pathlib.Path(sys.argv[2])
+    plots = docs / "performance"
+    plots.mkdir(exist_ok=True)
+    ratio_head = ["road", "raw", "library", "ratio", "quartiles", "best rival", "goal", ""]
+    limit_head = ["figure", "library", "range", "others", "goal", ""]
+    ratios, limits = list(rows_of_ratios(results)), list(rows_of_limits(results))
+    idle = [road for road in results.units if road.startswith("idle")]
+    whos = results.competitors(idle[0]) if idle else []
+    idle_rows = [[who, *(number(results.median(road, who)) if results.has(road, who) else "" for road in idle)]
+                 for who in whos]
+    idle_head = ["", *(road.removeprefix("idle display, ") for road in idle)]
+    discovery = "discovery of 49 two-stream hosts"
+    found = [[who, number(results.median(discovery, who))] for who in results.competitors(discovery)]
+    destruction = [[road.removeprefix("destruction, "), number(results.median(road, "library")),
+                    number(max(results.values[road, "library"]))]
+                   for road in results.units if road.startswith("destruction, ")]
+    failures = [[who, road, why] for road, who, why in results.failures]
+
+    for head, rows in [(ratio_head, ratios), (limit_head, limits), (idle_head, idle_rows),
+                       (["ms", discovery], found), (["who", "did not run", "why"], failures)]:
+        if rows:
+            print(plain_table(head, rows) + "\n")
+
+    ratio_bars(plots / "ratios.svg", results)
+    load = ", ".join(f"{value} {when}" for when, value in results.loads.items())
+    quiet = float(results.loads.get("before the run", 0)) < 1
+    company = "nothing else ran" if quiet else "other work, builds and tests, ran on the machine too"
+    text = f"""# Performance
+
+What the library costs beside raw system calls, and beside what an application would otherwise be built on. This page
+and its plots are written by `scripts/bench`, from one run:
+
+- {machine()}
+- {datetime.date.today()}; {company} (load average {load})
+
+Everything runs in network namespaces on one machine, the two sides in processes of their own. Competitors take turns
+within each repetition; figures are medians, and so is the ratio, which is taken turn by turn (quartiles beside it). A
+ratio that swings more than it differs from 1 is printed as "equal". Processor time is that of the measured process, from `getrusage`.
+
+## The roads
+
+{page_table(ratio_head, ratios)}
+
+For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {event_loop(results)} of a thread a group.
+
+![Ratios to raw system calls](performance/ratios.svg)
+
+{page_table(limit_head, limits)}
+
+## Discovery
+
+Milliseconds from a display's query to the last of 49 hosts, each on a computer of its own with two streams. The
+library and the raw pair ask and are answered; DDS starts a participant, whose hosts are processes on one computer; mDNS
+asks a daemon that has heard of all hosts before; SSDP spreads its answers over the second that a search names at least;
+the beacon is heard once a second.
+
+{page_table(["", "ms"], found)}
+
+## A display at rest
+
+30 seconds without a query, with 49 hosts known. A tick is 10 ms of processor time. The daemon is looked at for mDNS.
+
+{page_table(idle_head, idle_rows)}
+
+## The receive buffer
+
+How many of the hosts that answer at one moment are listed after one query, by the receive buffer that the display
+asked for and by how long its receive thread was kept off the processor (the worst of all turns):
+
+{buffer_table(results)}
+
+The library asks for 256 KiB for its own receivers. [configuration.md](configuration.md#receive-buffers) says how the
+system is made to grant it.
+
+## How it grows
+
+{growth(results, plots)}
+## Destruction
+
+How long the destructor of an object takes whose threads wait, in milliseconds.
+
+{page_table(["object", "median", "longest"], destruction)}
+"""
+    if failures:
+        text += "\n## What did not run\n\n" + page_table(["who", "road", "why"], failures) + "\n"
+    (docs / "performance.md").write_text(text)
+    if buffer_rows(results):
+        replace_block(docs / "configuration.md", "scripts/bench: receive buffers", buffer_table(results))
+
+
+def event_loop(results):
+    road = "receive 50 groups at 20 k/s"
+    if not results.has(road, "raw event loop"):
+        return "an unknown share"
+    return f"{results.ratio(road, 'raw event loop', 'raw')[0]:.2f}"
+
+
+main()

@@ -1,0 +1,221 @@
+// Datagrams: receiving, sending and the way there and back, by the library, raw system calls and rivals.
+
+#include "bench.h"
+#include "udp_ways.h"
+
+#include <linux/udp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+namespace {
+
+using bench::Child;
+using bench::Clock;
+using bench::Group;
+using bench::Seconds;
+using bench::Udp;
+using bench::UdpPlan;
+using bench::UdpWay;
+using net::detail::Descriptor;
+
+const std::string kDisplayIp = "10.20.2.1";
+const std::string kHostIp = "10.20.1.1";
+constexpr std::size_t kAnnouncement = 222;
+constexpr std::size_t kImageLine = 1400;
+
+std::vector<Group> groups(int count) {
+    std::vector<Group> result;
+    for (int i = 0; i < count; ++i)
+        result.push_back({"236.1.2." + std::to_string(i + 1), static_cast<unsigned short>(5000 + i)});
+    return result;
+}
+
+/// Sends from host1 to each group in turn.
+class Source {
+public:
+    Source(const lab::Node& host, const std::vector<Group>& groups, std::size_t size) : m_bytes(size, 'x') {
+        const lab::Inside inside = host.enter();
+        for (const Group& group : groups) {
+            Descriptor& socket = m_sockets.emplace_back(net::detail::openSocket(SOCK_DGRAM));
+            const sockaddr_in local = bench::socketAddress(kHostIp, 0);
+            const sockaddr_in to = bench::socketAddress(group.address, group.port);
+            net::detail::setOption(socket, IPPROTO_IP, IP_MULTICAST_IF, local.sin_addr);
+            if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+                throw std::runtime_error("the sender cannot connect");
+        }
+    }
+
+    /// @param rate datagrams a second
+    /// @return how many were sent
+    long paced(double rate, Seconds duration) {
+        const auto begin = Clock::now();
+        long sent = 0;
+        for (;;) {
+            const Seconds passed = Clock::now() - begin;
+            if (passed >= duration)
+                return sent;
+            if (static_cast<double>(sent) > passed.count() * rate)
+                continue; // the time is waited out awake, for an even pace
+            const Descriptor& socket = m_sockets[static_cast<std::size_t>(sent) % m_sockets.size()];
+            sent += ::send(socket.get(), m_bytes.data(), m_bytes.size(), 0) > 0 ? 1 : 0;
+        }
+    }
+
+    /// As fast as possible: the system is given a packet at a time that it cuts into datagrams, so that
+    /// sending costs less than receiving.
+    void flood(Seconds duration) {
+        const std::size_t pieces = std::min<std::size_t>(60, 60000 / m_bytes.size());
+        const std::string packet(pieces * m_bytes.size(), 'x');
+        if (!net::detail::setOption(m_sockets[0], IPPROTO_UDP, UDP_SEGMENT, static_cast<int>(m_bytes.size())))
+            throw std::runtime_error("UDP_SEGMENT");
+        for (const auto end = Clock::now() + duration; Clock::now() < end;)
+            ::send(m_sockets[0].get(), packet.data(), packet.size(), 0);
+    }
+
+private:
+    const std::string m_bytes;
+    std::vector<Descriptor> m_sockets;
+};
+
+/// The receiving side as a process of its own: microseconds of processor time, and datagrams received.
+std::vector<double> receiveInChild(const UdpWay& way, int groupCount, const Child::Wait& wait) {
+    bench::stayOnProcessor(0);
+    std::atomic<long> count = 0;
+    UdpPlan plan;
+    plan.listened = groups(groupCount);
+    plan.localIp = kDisplayIp;
+    plan.received = [&](Udp*, const char*, std::size_t) { count.fetch_add(1, std::memory_order_relaxed); };
+    const auto udp = way.make(plan);
+    const Seconds before = bench::processorTime();
+    wait();
+    return {(bench::processorTime() - before).count() * 1e6, static_cast<double>(count)};
+}
+
+void receivePaced(lab::Lan& lan, const std::string& road, int groupCount, double rate,
+                  const std::vector<UdpWay>& ways) {
+    std::vector<bench::Competitor> competitors;
+    for (const UdpWay& way : ways)
+        competitors.push_back(
+            {way.name, [&lan, way, groupCount, rate]() -> std::vector<double> {
+                 Source source(lan.node("host1"), groups(groupCount), kAnnouncement);
+                 Child child(lan.node("display"),
+                             [&](const Child::Wait& wait) { return receiveInChild(way, groupCount, wait); });
+                 const auto sent = static_cast<double>(source.paced(rate, bench::duration()));
+                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                 const std::vector<double> result = child.finish();
+                 return {result[0] / std::max(result[1], 1.0), 100 * (1 - result[1] / sent)};
+             }});
+    bench::takeTurns({{road, "us/datagram"}, {"lost, " + road, "%"}}, competitors);
+}
+
+void receiveSaturated(lab::Lan& lan, const std::string& road, std::size_t size) {
+    std::vector<bench::Competitor> competitors;
+    for (const UdpWay& way : bench::udpWays())
+        competitors.push_back(
+            {way.name, [&lan, way, size]() -> std::vector<double> {
+                 Source source(lan.node("host1"), groups(1), size);
+                 Child child(lan.node("display"),
+                             [&](const Child::Wait& wait) { return receiveInChild(way, 1, wait); });
+                 source.flood(bench::duration());
+                 const std::vector<double> result = child.finish();
+                 return {result[1] / bench::duration().count() / 1000, result[0] / std::max(result[1], 1.0)};
+             }});
+    bench::takeTurns({{road, "thousand/s"}, {"cost, " + road, "us/datagram"}}, competitors);
+}
+
+/// How much processor time a datagram costs its sender.
+void send(lab::Lan& lan, const std::string& road, std::size_t atATime) {
+    std::vector<bench::Competitor> competitors;
+    for (const UdpWay& way : bench::udpWays()) {
+        const auto work = [way, atATime](const Child::Wait& wait) -> std::vector<double> {
+            bench::stayOnProcessor(0);
+            UdpPlan plan;
+            plan.destination = {"236.1.2.200", 5200};
+            plan.localIp = kDisplayIp;
+            const auto udp = way.make(plan);
+            const std::string bytes(kAnnouncement, 'x');
+            const bench::Datagrams datagrams(atATime, {bytes.data(), static_cast<int>(bytes.size())});
+            wait();
+            const Seconds before = bench::processorTime();
+            double sent = 0;
+            for (const auto end = Clock::now() + bench::duration() / 2; Clock::now() < end;)
+                for (int i = 0; i < 64; i += static_cast<int>(atATime), sent += static_cast<double>(atATime))
+                    atATime == 1 ? udp->send(bytes.data(), bytes.size()) : udp->sendMany(datagrams);
+            return {(bench::processorTime() - before).count() * 1e6 / sent};
+        };
+        competitors.push_back({way.name, [&lan, work] { return Child(lan.node("display"), work).finish(); }});
+    }
+    bench::takeTurns({{road, "us/datagram"}}, competitors);
+}
+
+/// A datagram to a group, and the answer that comes to another.
+void roundTrip(lab::Lan& lan) {
+    const Group there{"236.1.2.1", 5000};
+    const Group back{"236.1.2.2", 5001};
+    std::vector<bench::Competitor> competitors;
+    for (const UdpWay& way : bench::udpWays()) {
+        const auto answer = [way, there, back](const Child::Wait& wait) -> std::vector<double> {
+            bench::stayOnProcessor(0);
+            UdpPlan plan;
+            plan.listened = {there};
+            plan.destination = back;
+            plan.localIp = kDisplayIp;
+            plan.received = [](Udp* udp, const char* data, std::size_t size) { udp->send(data, size); };
+            const auto udp = way.make(plan);
+            wait();
+            return {0};
+        };
+        competitors.push_back(
+            {way.name, [&lan, answer, there, back]() -> std::vector<double> {
+                 Child child(lan.node("display"), answer);
+                 const lab::Inside inside = lan.node("host1").enter();
+                 const Descriptor receiver = bench::rawGroupSocket(back, kHostIp);
+                 net::detail::setOption(receiver, SOL_SOCKET, SO_RCVTIMEO, timeval{0, 100000});
+                 const Descriptor sender = net::detail::openSocket(SOCK_DGRAM);
+                 net::detail::setOption(sender, IPPROTO_IP, IP_MULTICAST_IF,
+                                        bench::socketAddress(kHostIp, 0).sin_addr);
+                 const sockaddr_in to = bench::socketAddress(there.address, there.port);
+                 std::vector<double> times;
+                 char bytes[kAnnouncement]{};
+                 for (const auto end = Clock::now() + bench::duration(); Clock::now() < end;) {
+                     const auto begin = Clock::now();
+                     ::sendto(sender.get(), bytes, sizeof bytes, 0, reinterpret_cast<const sockaddr*>(&to),
+                              sizeof to);
+                     if (::recv(receiver.get(), bytes, sizeof bytes, 0) > 0)
+                         times.push_back(Seconds(Clock::now() - begin).count() * 1e6);
+                 }
+                 if (times.size() < 100)
+                     throw std::runtime_error("no answers");
+                 child.finish();
+                 return {bench::quantile(times, 0.5), bench::quantile(times, 0.99)};
+             }});
+    }
+    bench::takeTurns({{"UDP round trip, median", "us"}, {"UDP round trip, 99th percentile", "us"}},
+                     competitors);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    bench::start(argc, argv);
+    lab::Lan lan({lab::display(1), lab::radarHost(1)});
+    bench::stayOnProcessor(1);
+    const std::vector<UdpWay>& ways = bench::udpWays();
+    receivePaced(lan, "receive 222 B at 20 k/s", 1, 20e3, ways);
+    receivePaced(lan, "receive 222 B at 100 k/s", 1, 100e3, ways);
+    receiveSaturated(lan, "receive saturated 222 B", kAnnouncement);
+    receiveSaturated(lan, "receive saturated 1400 B", kImageLine);
+    const UdpWay loop{"raw event loop", bench::makeRawLoop};
+    std::vector<UdpWay> withLoop = ways;
+    withLoop.push_back(loop);
+    receivePaced(lan, "receive 50 groups at 20 k/s", 50, 20e3, withLoop);
+    for (const int receivers : {1, 25, 50, 100, 200})
+        receivePaced(lan, "growth/receivers/" + std::to_string(receivers), receivers, 20e3,
+                     {ways[0], ways[1], loop});
+    send(lan, "send 222 B", 1);
+    send(lan, "send 64 x 222 B in one call", 64);
+    roundTrip(lan);
+}
