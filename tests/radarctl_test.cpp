@@ -139,6 +139,17 @@ TEST_F(Radarctl, SaysThatNothingWasFound) {
     EXPECT_THAT(other.errors, HasSubstr("radarctl: no radar \"South\"; there are: North\n"));
 }
 
+TEST_F(Radarctl, SaysWhatTheMachineDoesNotAllow) {
+    const Result host = run({"host", "--name", "North"}); // a display has no default route
+    EXPECT_EQ(host.status, 3);
+    EXPECT_THAT(host.errors,
+                HasSubstr("radarctl: no route leads to the radars' groups, so nothing can be sent"));
+    lab::Process full =
+        m_lan.node("display").start({.command = {"sh", "-c", RADARCTL " interfaces >/dev/full"}});
+    EXPECT_EQ(full.wait(10s), 1);
+    EXPECT_THAT(full.output(), HasSubstr("radarctl: cannot write the output: No space left on device"));
+}
+
 TEST_F(Radarctl, TellsWhatEachInterfaceLeadsTo) {
     const Result silent = run({"interfaces", "--seconds", "1"});
     EXPECT_EQ(silent.status, 1) << silent.errors;

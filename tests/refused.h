@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <string>
+#include <string_view>
 
 /// The line without its number, which only those of the TCP classes keep.
 inline std::string line(const std::string& site, const std::string& configured, const std::string& call,
@@ -33,8 +33,15 @@ inline std::string tcp(const std::string& site, const std::string& configured, c
     return line("tcpsocket.cpp," + site, configured, call, code);
 }
 inline std::string withoutUdpNumbers(const std::string& text) {
-    static const std::regex number("(udpsocket\\.cpp,[A-Za-z()]+),[0-9]+,");
-    return std::regex_replace(text, number, "$1,N,");
+    static constexpr std::string_view kSource = "udpsocket.cpp,";
+    std::string result;
+    std::size_t done = 0;
+    for (std::size_t at; (at = text.find(kSource, done)) != std::string::npos;) {
+        const std::size_t number = text.find(',', at + kSource.size()) + 1; // behind the function
+        result += text.substr(done, number - done) + "N";
+        done = text.find(',', number);
+    }
+    return result + text.substr(done);
 }
 
 struct Refusal {
