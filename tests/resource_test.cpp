@@ -78,6 +78,10 @@ struct Everything {
 };
 
 TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP()
+        << "UndefinedBehaviorSanitizer opens pipes to look at objects, and aborts without descriptors";
+#endif
     const unsigned short port = tcp_test::freePort();
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
