@@ -155,19 +155,17 @@ NodePlan display(size_t interfaces, size_t leading, const std::string& name) {
 }
 
 Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, false}, nameOwnNetwork()) {
-    const std::string group = std::string(" group ") + kDeviceGroup;
-    std::string lines = "link add name lan0" + group + " up type bridge mcast_snooping 0\n";
+    std::string lines =
+        std::string("link add name lan0 group ") + kDeviceGroup + " up type bridge mcast_snooping 0\n";
     for (const NodePlan& plan : plans) {
         const Node& node = m_nodes.emplace_back(plan, makeNetwork(plan.name));
-        for (size_t i = 0; i < plan.interfaces.size(); ++i) {
-            lines += "link add name " + farEnd(node, i) + group +
-                     (leadsToLan(node, i) ? " master lan0" : "") + " up type veth peer name " + ethernet(i) +
-                     " netns " + node.name() + "\n";
-        }
+        for (size_t i = 0; i < plan.interfaces.size(); ++i)
+            lines += linkLine(node, i);
     }
     ip(lines);
     for (const Node& node : m_nodes)
-        connect(node);
+        for (size_t i = 0; i < node.plan().interfaces.size(); ++i)
+            connect(node, i);
     m_bridge.run([this] {
         for (const Node& node : m_nodes)
             for (size_t i = 0; i < node.plan().interfaces.size(); ++i)
@@ -176,14 +174,16 @@ Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, fal
     });
 }
 
-void Lan::connect(const Node& node) {
-    std::string lines = "link set lo up\n";
-    for (size_t i = 0; i < node.plan().interfaces.size(); ++i) {
-        lines += "link set " + ethernet(i) + " up\n";
-        lines += addressLines(node, i, node.plan().interfaces[i].address);
-    }
+std::string Lan::linkLine(const Node& node, size_t interface) const {
+    return "link add name " + farEnd(node, interface) + " group " + kDeviceGroup +
+           (leadsToLan(node, interface) ? " master lan0" : "") + " up type veth peer name " +
+           ethernet(interface) + " netns " + node.name() + "\n";
+}
+
+void Lan::connect(const Node& node, size_t interface) {
     const Inside inside = node.enter();
-    ip(lines);
+    ip("link set lo up\nlink set " + ethernet(interface) + " up\n" +
+       addressLines(node, interface, node.plan().interfaces[interface].address));
 }
 
 Lan::~Lan() {
@@ -219,28 +219,45 @@ void Lan::restore(const Node& node, size_t interface) {
         m_bridge.run([&] { awaitForwarding(farEnd(node, interface)); });
 }
 
+void Lan::unplug(const Node& node, size_t interface) {
+    const Inside bridge = m_bridge.enter();
+    ip("link delete " + farEnd(node, interface) + "\n");
+}
+
+void Lan::plugIn(const Node& node, size_t interface) {
+    {
+        const Inside bridge = m_bridge.enter();
+        ip(linkLine(node, interface));
+    }
+    connect(node, interface);
+    if (leadsToLan(node, interface))
+        m_bridge.run([&] { awaitForwarding(farEnd(node, interface)); });
+}
+
 void Lan::dropRate(int percent) {
-    m_dropRates[""] = percent;
+    m_dropRates[{"", Direction::Both}] = percent;
     applyDropRates();
 }
 
-void Lan::dropRate(const Node& node, int percent) {
-    m_dropRates[node.name()] = percent;
+void Lan::dropRate(const Node& node, int percent, Direction direction) {
+    m_dropRates[{node.name(), direction}] = percent;
     applyDropRates();
 }
 
 void Lan::applyDropRates() {
     std::string rules;
-    for (const auto& [name, percent] : m_dropRates) {
+    for (const auto& [where, percent] : m_dropRates) {
+        const auto& [name, direction] = where;
         if (percent == 0)
             continue;
         const std::string chance = "numgen random mod 100 < " + std::to_string(percent) + " ";
         const std::string drop = (percent < 100 ? chance : "") + "drop\n";
         if (name.empty())
             rules += drop;
-        else
-            for (const char* direction : {"iifname", "oifname"})
-                rules.append(direction).append(" \"" + name).append("-*\" " + drop);
+        if (!name.empty() && direction != Direction::ToNode)
+            rules += "iifname \"" + name + "-*\" " + drop;
+        if (!name.empty() && direction != Direction::FromNode)
+            rules += "oifname \"" + name + "-*\" " + drop;
     }
     const Inside bridge = m_bridge.enter();
     // In one transaction: no moment without the old rules or the new ones.
@@ -251,7 +268,8 @@ void Lan::applyDropRates() {
 
 void Lan::changeAddress(const Node& node, size_t interface, const std::string& address) {
     const Inside inside = node.enter();
-    ip("address flush dev " + ethernet(interface) + "\n" + addressLines(node, interface, address));
+    ip("address flush dev " + ethernet(interface) + "\n" +
+       (address.empty() ? "" : addressLines(node, interface, address)));
 }
 
 } // namespace lab

@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace lab {
@@ -19,6 +20,8 @@ NodePlan radarHost(int number);
 /// A display: @p interfaces interfaces of which number @p leading (from 0) leads to the radars as
 /// 10.20.2.1/16; the others lead nowhere, as 192.168.<interface>.1/24. No default route.
 NodePlan display(size_t interfaces, size_t leading = 0, const std::string& name = "display");
+
+enum class Direction { FromNode, ToNode, Both };
 
 /// A LAN in the private network of the calling process (enterPrivateNetwork() comes first).
 ///
@@ -45,22 +48,28 @@ public:
     void cut(const Node& node, size_t interface = 0);
     void restore(const Node& node, size_t interface = 0);
 
+    /// Deletes a node's interface, with its address and routes, as when an adapter is pulled out.
+    void unplug(const Node& node, size_t interface = 0);
+    /// Makes it again, with the same name, address and routes; to the system it is another one.
+    void plugIn(const Node& node, size_t interface = 0);
+
     /// Drops that share of the packets that cross the bridge, for each receiver by itself.
     /// @param percent 0 to 100
     void dropRate(int percent);
-    /// The same for what comes from or goes to one node, on top of the rate of the whole LAN.
-    void dropRate(const Node& node, int percent);
+    /// The same for what comes from one node, or goes to it, or both, on top of the rate of the whole LAN.
+    void dropRate(const Node& node, int percent, Direction direction = Direction::Both);
 
-    /// Gives an interface another address (with prefix length) in place of all that it had.
+    /// Gives an interface another address (with prefix length) in place of all that it had; empty: none.
     void changeAddress(const Node& node, size_t interface, const std::string& address);
 
 private:
-    void connect(const Node& node);
+    std::string linkLine(const Node& node, size_t interface) const;
+    void connect(const Node& node, size_t interface);
     void applyDropRates();
 
     Node m_bridge;
-    std::deque<Node> m_nodes;               // stays in place: nodes are handed out by reference
-    std::map<std::string, int> m_dropRates; // percent by node name; "" is the whole LAN
+    std::deque<Node> m_nodes; // stays in place: nodes are handed out by reference
+    std::map<std::pair<std::string, Direction>, int> m_dropRates; // percent by node name; "": the whole LAN
 };
 
 } // namespace lab

@@ -28,7 +28,8 @@ constexpr Place kSecondStream[] = {
     {&RadarAddress::arpaStream, 196},  {&RadarAddress::arpaCtrl, 206},  {&RadarAddress::arpaState, 216},
 };
 
-constexpr auto kForgotten = 60s; // names that have not been heard for so long are dropped
+constexpr auto kForgotten = 10s;         // the client's table forgets after 8
+constexpr std::size_t kMostNames = 8192; // of which no more than half are in the client's table
 
 RadarAddress readSecondStream(std::string_view announcement) {
     RadarAddress record{};
@@ -77,15 +78,21 @@ void Display::OnUdpGroupDataReceived(const char* fromIp, int, const char*, int, 
     Announcement heard{now, fromIp, std::nullopt};
     if (datagram.size() == kTwoStreams)
         heard.secondStream = readSecondStream(datagram);
+    const std::string name(field.substr(0, field.find('\0')));
     std::lock_guard lock(m_mutex);
-    m_heard[std::string(field.substr(0, field.find('\0')))] = heard;
-    std::erase_if(m_heard, [now](const auto& entry) { return now - entry.second.time > kForgotten; });
+    if (m_heard.size() < kMostNames || m_heard.contains(name))
+        m_heard[name] = heard;
 }
 
 void Display::query() {
     const unsigned int localIp = m_localIp;
     if (localIp == 0)
         return;
+    {
+        std::lock_guard lock(m_mutex);
+        const auto now = std::chrono::steady_clock::now();
+        std::erase_if(m_heard, [now](const auto& entry) { return now - entry.second.time > kForgotten; });
+    }
     if (localIp != m_receiverIp) {
         m_receiver.reset();
         m_receiver = std::make_unique<net::UdpReceiver>(this, localIp, "236.6.7.5", 6878, 8192);

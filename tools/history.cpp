@@ -2,8 +2,9 @@
 
 #include "table.h"
 
-#include <algorithm>
 #include <fstream>
+#include <set>
+#include <string_view>
 
 namespace {
 
@@ -52,9 +53,11 @@ std::vector<Event> History::update(const std::vector<Radar>& radars, unsigned in
         if (changed)
             events.push_back({Event::Kind::Changed, sighting});
     }
+    std::set<std::string_view> present;
+    for (const Radar& radar : radars)
+        present.insert(radar.name);
     for (auto& [name, sighting] : m_sightings) {
-        const auto isIt = [&name = name](const Radar& radar) { return radar.name == name; };
-        if (!sighting.whyLeft.empty() || std::ranges::any_of(radars, isIt))
+        if (!sighting.whyLeft.empty() || present.contains(name))
             continue;
         sighting.whyLeft = reason(sighting.radar, radars, localIp);
         sighting.left = now;

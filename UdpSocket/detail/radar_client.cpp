@@ -12,6 +12,11 @@ namespace {
 
 constexpr std::int64_t kSilence = 8; // seconds after which a radar that has not been heard leaves the table
 
+// Names that the table holds at most. The plan has 49 host ids, and a radar three names at most; what comes
+// beyond is forged. New names are refused rather than old ones removed, so that a radar which is listed
+// stays, and since silent ones leave just before a query is sent, its answer finds room.
+constexpr std::size_t kMostNames = 4096;
+
 std::string clockText(std::int64_t moment) {
     const std::time_t seconds = net::detail::wallClockAt(moment);
     std::tm local{};
@@ -128,8 +133,11 @@ void MultiRadarClientPrivate::updateHostInfo(const char* name, const RadarAddres
     {
         net::detail::Lock lock(m_mutex);
         auto found = m_radars.find(std::string_view(name));
-        if (found == m_radars.end())
+        if (found == m_radars.end()) {
+            if (m_radars.size() >= kMostNames)
+                return;
             found = m_radars.try_emplace(name).first;
+        }
         Entry& entry = found->second; // what it holds already is written over, without the heap
         entry.records.assign(reinterpret_cast<const char*>(&addr), sizeof addr);
         entry.lastSeen = net::detail::now();

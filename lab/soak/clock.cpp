@@ -1,0 +1,58 @@
+// A wall clock that jumps while a display runs.
+
+#include "stage.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+
+namespace soak {
+
+namespace {
+
+constexpr const char* kOffset = "/run/soak.clock"; // seconds that shifted_clock.cpp adds
+constexpr int kHour = 3600;
+
+void shiftClock(std::int64_t seconds) {
+    std::ofstream(kOffset, std::ios::in | std::ios::out | std::ios::binary)
+        .write(reinterpret_cast<const char*>(&seconds), sizeof seconds);
+}
+
+Figures jump(Stage& stage, int seconds) {
+    const std::int64_t none = 0;
+    std::ofstream(kOffset, std::ios::binary).write(reinterpret_cast<const char*>(&none), sizeof none);
+    Watch watch(stage.display(), stage.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"),
+                {"LD_PRELOAD=" + lab::programBeside("../lib/libshifted_clock.so"),
+                 std::string("SHIFTED_CLOCK=") + kOffset});
+    const std::string name = stage.freshName();
+    lab::Process host = stage.startHost(stage.host(), name, 21);
+    secondsUntil([&] { return watch.lists(kStanding) && watch.lists(name); }, 30s, "both radars are listed");
+    watch.departures();
+
+    shiftClock(seconds);
+    std::this_thread::sleep_for(3s); // three queries
+    const int departed = watch.departures();
+    host.signal(SIGKILL);
+    const double gone = secondsUntil([&] { return !watch.lists(name); }, 60s, "the dead radar leaves");
+    if (std::abs(watch.lastEvent() - std::time(nullptr) - seconds) > 60)
+        throw Broken("the display's clock has not jumped");
+    return {{"radars lost by the jump", static_cast<double>(departed + (watch.lists(kStanding) ? 0 : 1)), 0},
+            {"s until a dead one leaves", gone, 10}};
+}
+
+constexpr Row kRows[] = {
+    {"clock-forward", "Wall clock jumps forward", "an hour, within the display's process",
+     "no radar leaves by it; a dead one leaves within 10 s", [](Stage& stage) { return jump(stage, kHour); }},
+    {"clock-back", "Wall clock jumps back", "an hour, within the display's process",
+     "no radar leaves by it; a dead one leaves within 10 s",
+     [](Stage& stage) { return jump(stage, -kHour); }},
+};
+
+} // namespace
+
+std::span<const Row> clockRows() {
+    return kRows;
+}
+
+} // namespace soak

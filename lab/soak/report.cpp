@@ -1,0 +1,110 @@
+#include "report.h"
+
+#include "stage.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+namespace soak {
+
+namespace {
+
+const std::string kMarker = "<!-- what follows is made by scripts/soak -->\n";
+
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text,
+                  value == std::floor(value) ? "%.0f"
+                  : value < 0.1              ? "%.3f"
+                                             : "%.1f",
+                  value);
+    return text;
+}
+
+bool holds(const Figure& figure) {
+    return figure.value <= figure.atMost;
+}
+
+/// "1.0 / 2.0 / 3.1 s until listed; ...": the least, the median and the most of each figure.
+std::string summary(const Tries& tries) {
+    std::string text;
+    for (size_t i = 0; !tries.seen.empty() && i < tries.seen.front().size(); ++i) {
+        std::vector<double> values;
+        for (const Figures& figures : tries.seen)
+            values.push_back(figures[i].value);
+        std::ranges::sort(values);
+        text += (i == 0 ? "" : "; ") + number(values.front());
+        if (values.size() > 1)
+            text += " / " + number(values[values.size() / 2]) + " / " + number(values.back());
+        text += " " + tries.seen.front()[i].what;
+    }
+    for (const std::string& failure : tries.failures)
+        text += (text.empty() ? "" : "; ") + ("**failed**: " + failure);
+    return text;
+}
+
+} // namespace
+
+Result tryOnce(const Row& row, Stage& stage, Tries& tries) {
+    try {
+        tries.seen.push_back(row.run(stage));
+        return {tries.seen.back(), ""};
+    } catch (const std::exception& error) {
+        tries.failures.emplace_back(error.what());
+        return {{}, error.what()};
+    }
+}
+
+Report::Report() : m_output(::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w")) {
+    if (m_output == nullptr)
+        throw std::system_error(errno, std::generic_category(), "standard output");
+}
+
+void Report::say(const char* format, ...) const {
+    va_list values;
+    va_start(values, format);
+    std::vfprintf(m_output, format, values);
+    va_end(values);
+    std::fflush(m_output);
+}
+
+void Report::begin(const Row& row) const {
+    say("%-22s ", row.name);
+}
+
+bool Report::end(const Row&, const Result& result) const {
+    if (!result.failure.empty()) {
+        say("FAILED: %s\n", result.failure.c_str());
+        return false;
+    }
+    std::string text;
+    for (const Figure& figure : result.figures)
+        text += (text.empty() ? "" : "; ") + number(figure.value) + " " + figure.what +
+                (holds(figure) ? "" : " (at most " + number(figure.atMost) + ")");
+    const bool allHold = std::ranges::all_of(result.figures, holds);
+    say("%s: %s\n", allHold ? "ok" : "FAILED", text.c_str());
+    return allHold;
+}
+
+void writeTable(const std::string& page, const std::vector<Tries>& table) {
+    std::ostringstream text;
+    text << std::ifstream(page).rdbuf();
+    const std::string before = text.str().substr(0, text.str().find(kMarker));
+    std::ofstream output(page);
+    output << before << kMarker
+           << "\n| fault | how it was made | what must hold | tried | seen |\n|---|---|---|---|---|\n";
+    for (const Tries& tries : table)
+        output << "| " << tries.row.fault << " | " << tries.row.made << " | " << tries.row.must << " | "
+               << tries.seen.size() + tries.failures.size() << " | " << summary(tries) << " |\n";
+    if (!output.flush())
+        throw std::system_error(errno, std::generic_category(), page);
+}
+
+} // namespace soak
