@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <fstream>
-#include <sstream>
 
 namespace soak {
 
@@ -63,14 +63,14 @@ Figures loseTwentieth(Stage& stage) {
 /// Datagrams that the system has dropped at the process's network's sockets of the discovery port.
 long dropped(pid_t process) {
     std::ifstream table("/proc/" + std::to_string(process) + "/net/udp");
-    std::ostringstream port;
-    port << ":" << std::hex << std::uppercase << wire::kDiscovery.port << " ";
+    char port[8];
+    std::snprintf(port, sizeof port, ":%04X ", wire::kDiscovery.port);
     long sum = 0;
     for (std::string line; std::getline(table, line);)
-        if (line.find(port.str()) != std::string::npos)
-            sum += std::stol(line.substr(line.find_last_not_of(' ') == std::string::npos
-                                             ? 0
-                                             : line.rfind(' ', line.find_last_not_of(' '))));
+        if (line.find(port) != std::string::npos) {
+            line.erase(line.find_last_not_of(' ') + 1);
+            sum += std::stol(line.substr(line.rfind(' '))); // the last column
+        }
     return sum;
 }
 
