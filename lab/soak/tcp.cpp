@@ -103,15 +103,18 @@ Figures frozen(Stage& stage) {
         std::this_thread::sleep_for(20s / kMessages);
     }
     const int lost = client.notes().disconnected;
-    server.signal(SIGCONT);
-    const auto arrived = [&] { // at least: probes count, too
+    long arrived = 0;
+    const auto read = [&] {
         while (const auto line = server.nextLine(0ms))
-            if (std::stol(line->substr(line->find(' ') + 1)) >= kMessages * kLength)
-                return true;
-        return false;
+            arrived = std::stol(line->substr(line->find(' ') + 1));
+        return arrived;
     };
+    if (read() != 0)
+        throw Broken("the server was not frozen");
+    server.signal(SIGCONT);
+    const double seconds = secondsUntil([&] { return read() >= kMessages * kLength; }, 30s, "all arrives");
     return {{"connections given up", static_cast<double>(lost), 0},
-            {"s until all that was sent has arrived", secondsUntil(arrived, 30s, "all arrives"), 2}};
+            {"s until all that was sent has arrived", seconds, 2}};
 }
 
 Figures cutOff(Stage& stage, bool sending) {
