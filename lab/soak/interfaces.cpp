@@ -9,26 +9,75 @@ namespace soak {
 
 namespace {
 
-constexpr wire::Group kAnyGroup{"236.9.9.9", 7000}; // of no radar
+constexpr wire::Group kGroups[] = {{"236.9.9.9", 7000}, {"236.9.9.10", 7001}}; // of no radar
 constexpr auto kOutage = 3s;
 constexpr double kHearsAgain = 10;
 
-std::string configured(Stage& stage) {
-    return stage.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n");
+using Change = void (*)(Stage&, const lab::Node&);
+
+std::string addressOf(const lab::Node& node) {
+    const std::string& address = node.plan().interfaces[0].address;
+    return address.substr(0, address.find('/'));
 }
 
-std::string addressWithLength() {
-    return std::string(kDisplayAddress) + "/16";
+void takeAddress(Stage& stage, const lab::Node& node) {
+    stage.lan().changeAddress(node, 0, "");
 }
+void giveAddress(Stage& stage, const lab::Node& node) {
+    stage.lan().changeAddress(node, 0, node.plan().interfaces[0].address);
+}
+void giveOtherAddress(Stage& stage, const lab::Node& node) {
+    std::string address = node.plan().interfaces[0].address;
+    stage.lan().changeAddress(node, 0, address.replace(0, 6, "10.20.1")); // 10.20.2.3 becomes 10.20.12.3
+}
+void unplug(Stage& stage, const lab::Node& node) {
+    stage.lan().unplug(node);
+}
+void plugIn(Stage& stage, const lab::Node& node) {
+    stage.lan().plugIn(node);
+}
+void cut(Stage& stage, const lab::Node& node) {
+    stage.lan().cut(node);
+}
+void restore(Stage& stage, const lab::Node& node) {
+    stage.lan().restore(node);
+}
+
+/// The computers of displays, with the standing one, which has a part in the faults while a mix runs.
+class Displays {
+public:
+    explicit Displays(Stage& stage) : m_stage(stage), m_nodes(stage.furtherDisplays()) {
+        m_nodes.push_back(&stage.display());
+        for (const lab::Node* node : stage.furtherDisplays())
+            stage.lan().restore(*node);
+    }
+    ~Displays() {
+        for (const lab::Node* node : m_stage.furtherDisplays())
+            m_stage.lan().cut(*node);
+    }
+    Displays(const Displays&) = delete;
+    Displays& operator=(const Displays&) = delete;
+
+    const lab::Node& operator[](size_t number) const { return *m_nodes[number]; }
+    void apply(Change change) const {
+        for (const lab::Node* node : m_nodes)
+            change(m_stage, *node);
+    }
+
+private:
+    Stage& m_stage;
+    std::vector<const lab::Node*> m_nodes;
+};
 
 // ----------------------------------------------------------------------------------------------- cold boot
 
-Figures coldBoot(Stage& stage, void (*withhold)(Stage&), void (*give)(Stage&)) {
-    withhold(stage);
-    Watch searching(stage.display());
-    Watch told(stage.display(), configured(stage));
+Figures coldBoot(Stage& stage, Change withhold, Change give) {
+    const Displays displays(stage);
+    displays.apply(withhold);
+    const Client searching(displays[0], "0.0.0.0");
+    const Client told(displays[1], addressOf(displays[1]).c_str());
     std::this_thread::sleep_for(stage.full() ? 60s : 6s);
-    give(stage);
+    displays.apply(give);
     const auto seconds =
         secondsUntil({[&] { return searching.lists(kStanding); }, [&] { return told.lists(kStanding); }}, 60s,
                      "the radar is listed");
@@ -37,14 +86,11 @@ Figures coldBoot(Stage& stage, void (*withhold)(Stage&), void (*give)(Stage&)) {
 }
 
 Figures addressLate(Stage& stage) {
-    return coldBoot(
-        stage, [](Stage& s) { s.lan().changeAddress(s.display(), 0, ""); },
-        [](Stage& s) { s.lan().changeAddress(s.display(), 0, addressWithLength()); });
+    return coldBoot(stage, takeAddress, giveAddress);
 }
 
 Figures interfaceLate(Stage& stage) {
-    return coldBoot(
-        stage, [](Stage& s) { s.lan().unplug(s.display()); }, [](Stage& s) { s.lan().plugIn(s.display()); });
+    return coldBoot(stage, unplug, plugIn);
 }
 
 // ------------------------------------------------------------------------------------------- on the display
@@ -52,10 +98,10 @@ Figures interfaceLate(Stage& stage) {
 /// The display of a picture, "radarctl listen", which tells each second what it has received.
 class Picture {
 public:
-    explicit Picture(Stage& stage)
-        : m_process(stage.display().start({.command = {lab::programBeside("radarctl"), "listen", kStanding,
-                                                       "0", "--json", "--local", kDisplayAddress},
-                                           .errorFile = "/run/soak.errors"})) {}
+    explicit Picture(const lab::Node& node)
+        : m_process(node.start({.command = {lab::programBeside("radarctl"), "listen", kStanding, "0",
+                                            "--json", "--local", addressOf(node)},
+                                .errorFile = "/run/soak.errors"})) {}
     /// Whether datagrams came in the seconds that it has told of since the last call.
     bool runs() {
         bool received = false;
@@ -68,99 +114,87 @@ private:
     lab::Process m_process;
 };
 
-/// Makes a fault of the display's interface, and sees who hears again after it is mended, and when.
-/// @param keepsAddress false: the display has another address afterwards
-Figures onDisplay(Stage& stage, void (*harm)(Stage&), void (*mend)(Stage&), bool keepsAddress = true) {
-    Watch& searching = stage.watch();
-    std::optional<Watch> told;
-    if (keepsAddress)
-        told.emplace(stage.display(), configured(stage));
-    Ears pinned(stage.display(), kDisplayAddress, kAnyGroup);
-    Ears any(stage.display(), "0.0.0.0", kAnyGroup);
-    Picture picture(stage);
-    const Ticker ticker(stage.host(), kAnyGroup, "tick", 50ms);
+/// Makes a fault of the displays' interfaces, and sees who hears again after it is mended, and when.
+/// @param keepsAddress false: the displays have other addresses afterwards
+Figures onDisplay(Stage& stage, Change harm, Change mend, bool keepsAddress = true) {
+    const Displays displays(stage);
+    const Client searching(displays[0], "0.0.0.0");
+    const Client told(displays[1], addressOf(displays[1]).c_str());
+    const lab::Node& third = displays[2];
+    Picture picture(third);
+    const Ears pinned(third, addressOf(third).c_str(), kGroups[0]);
+    const Ears any(third, "0.0.0.0", kGroups[1]);
+    const Ticker ticker(stage.host(), kGroups[0], "tick", 50ms);
+    const Ticker otherTicker(stage.host(), kGroups[1], "tick", 50ms);
     const auto begin = Clock::now();
-    std::vector<std::function<bool()>> before{
-        [&] { return searching.lists(kStanding); }, [&] { return pinned.heardSince(begin); },
-        [&] { return any.heardSince(begin); }, [&] { return picture.runs(); }};
-    if (told)
-        before.push_back([&] { return told->lists(kStanding); });
-    secondsUntil(before, 30s, "all hear before the fault");
+    secondsUntil({[&] { return searching.lists(kStanding); }, [&] { return told.lists(kStanding); },
+                  [&] { return picture.runs(); }, [&] { return pinned.heardSince(begin); },
+                  [&] { return any.heardSince(begin); }},
+                 30s, "all hear before the fault");
 
-    harm(stage);
+    displays.apply(harm);
     std::this_thread::sleep_for(kOutage);
-    mend(stage);
+    displays.apply(mend);
     const auto mended = Clock::now();
     picture.runs();                             // what it received earlier
     const std::string name = stage.freshName(); // who lists it has heard something since
     const auto server = stage.serve(stage.host(), name);
-    std::vector<std::function<bool()>> after{
-        [&] { return searching.lists(name); }, [&] { return pinned.heardSince(mended); },
-        [&] { return any.heardSince(mended); }, [&] { return picture.runs(); }};
-    if (told)
-        after.push_back([&] { return told->lists(name); });
-    const auto seconds = secondsUntil(after, 60s, "all hear again");
+    const auto seconds =
+        secondsUntil({[&] { return searching.lists(name); }, [&] { return picture.runs(); },
+                      [&] { return pinned.heardSince(mended); }, [&] { return any.heardSince(mended); },
+                      [&] { return !keepsAddress || told.lists(name); }},
+                     60s, "all hear again");
     Figures figures{{"s until discovery hears, address searched", seconds[0], kHearsAgain},
-                    {"s, receiver of the address", seconds[1], kHearsAgain},
-                    {"s, receiver of any address", seconds[2], kHearsAgain},
-                    {"s, a picture", seconds[3], kHearsAgain + 1}}; // told once a second
-    if (told)
+                    {"s, a picture", seconds[1], kHearsAgain + 1}, // told once a second
+                    {"s, receiver of the address", seconds[2], kHearsAgain},
+                    {"s, receiver of any address", seconds[3], kHearsAgain}};
+    if (keepsAddress)
         figures.push_back({"s, discovery, address configured", seconds[4], kHearsAgain});
+    else
+        displays.apply(giveAddress);
     return figures;
 }
 
 Figures displayReplaced(Stage& stage) {
-    return onDisplay(
-        stage, [](Stage& s) { s.lan().unplug(s.display()); }, [](Stage& s) { s.lan().plugIn(s.display()); });
+    return onDisplay(stage, unplug, plugIn);
 }
 
 Figures displayCarrier(Stage& stage) {
-    return onDisplay(
-        stage, [](Stage& s) { s.lan().cut(s.display()); }, [](Stage& s) { s.lan().restore(s.display()); });
+    return onDisplay(stage, cut, restore);
 }
 
 Figures displayAddress(Stage& stage) {
-    const Figures figures = onDisplay(
-        stage, [](Stage& s) { s.lan().changeAddress(s.display(), 0, ""); },
-        [](Stage& s) { s.lan().changeAddress(s.display(), 0, "10.20.2.77/16"); }, false);
-    stage.lan().changeAddress(stage.display(), 0, addressWithLength());
-    return figures;
+    return onDisplay(stage, takeAddress, giveOtherAddress, false);
 }
 
 // ---------------------------------------------------------------------------------------------- on the host
 
 /// The same for the interface of the standing radar, which sends and receives through any address.
-Figures onHost(Stage& stage, void (*harm)(Stage&), void (*mend)(Stage&)) {
+Figures onHost(Stage& stage, Change harm, Change mend) {
     Ears ears(stage.stranger(), "10.20.1.250");
     const Ticker asking(stage.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)), 200ms);
     const auto begin = Clock::now();
     secondsUntil([&] { return ears.heardSince(begin, kStanding); }, 10s, "the host answers");
-    harm(stage);
+    harm(stage, stage.standingHost());
     std::this_thread::sleep_for(kOutage);
-    mend(stage);
+    mend(stage, stage.standingHost());
     const auto mended = Clock::now();
-    return {{"s until the host answers",
-             secondsUntil([&] { return ears.heardSince(mended, kStanding); }, 60s, "the host answers again"),
-             kHearsAgain}};
+    const double seconds =
+        secondsUntil([&] { return ears.heardSince(mended, kStanding); }, 60s, "the host answers again");
+    return {{"s until the host answers", seconds, kHearsAgain}};
 }
 
 Figures hostReplaced(Stage& stage) {
-    return onHost(
-        stage, [](Stage& s) { s.lan().unplug(s.standingHost()); },
-        [](Stage& s) { s.lan().plugIn(s.standingHost()); });
+    return onHost(stage, unplug, plugIn);
 }
 
 Figures hostCarrier(Stage& stage) {
-    return onHost(
-        stage, [](Stage& s) { s.lan().cut(s.standingHost()); },
-        [](Stage& s) { s.lan().restore(s.standingHost()); });
+    return onHost(stage, cut, restore);
 }
 
 Figures hostAddress(Stage& stage) {
-    const Figures figures = onHost(
-        stage, [](Stage& s) { s.lan().changeAddress(s.standingHost(), 0, ""); },
-        [](Stage& s) { s.lan().changeAddress(s.standingHost(), 0, "10.20.1.177/16"); });
-    stage.lan().changeAddress(stage.standingHost(), 0, "10.20.1.1/16");
+    const Figures figures = onHost(stage, takeAddress, giveOtherAddress);
+    giveAddress(stage, stage.standingHost());
     return figures;
 }
 

@@ -21,6 +21,11 @@ std::vector<lab::NodePlan> plans(bool crowd) {
                                    lab::radarHost(1),
                                    lab::radarHost(2),
                                    {"stranger", {{"10.20.1.250/16", lab::Leads::ToLan}}, true}};
+    for (const int number : {2, 3, 4}) {
+        display.name = "display" + std::to_string(number);
+        display.interfaces[0].address = "10.20.2." + std::to_string(number) + "/16";
+        all.push_back(display);
+    }
     for (int i = 0; crowd && i < kCrowd; ++i)
         all.push_back(lab::radarHost(kFirstOfCrowd + i));
     return all;
@@ -167,8 +172,9 @@ Ticker::Ticker(const lab::Node& node, const wire::Group& group, std::string data
 // --------------------------------------------------------------------------------------------------- stage
 
 Stage::Stage(bool full, bool crowd) : m_full(full), m_lan(plans(crowd)) {
-    for (const lab::Node* node : this->crowd())
-        m_lan.cut(*node);
+    for (const auto& nodes : {this->crowd(), furtherDisplays()})
+        for (const lab::Node* node : nodes)
+            m_lan.cut(*node);
     standing();
 }
 
@@ -178,6 +184,10 @@ std::vector<const lab::Node*> Stage::crowd() {
         if (node.name().starts_with("host") && std::stoi(node.name().substr(4)) >= kFirstOfCrowd)
             nodes.push_back(&node);
     return nodes;
+}
+
+std::vector<const lab::Node*> Stage::furtherDisplays() {
+    return {&m_lan.node("display2"), &m_lan.node("display3"), &m_lan.node("display4")};
 }
 
 lab::Process& Stage::standing() {

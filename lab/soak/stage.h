@@ -74,9 +74,10 @@ private:
     std::time_t m_lastEvent = 0;
 };
 
-/// A display in this process: a client with a configured address, which asks once a second.
+/// A display in this process, which asks once a second.
 class Client {
 public:
+    /// @param localIp the configured address; "0.0.0.0": it searches
     Client(const lab::Node& node, const char* localIp);
     ~Client();
 
@@ -115,8 +116,9 @@ private:
     std::jthread m_thread;
 };
 
-/// The LAN: "display" (eth0 leads to the radars, eth1 nowhere), "host1" with the standing radar, "host2",
-/// "stranger", and, where they are wanted, "host3" to "host50", whose links are down until they are needed.
+/// The LAN: "display" (eth0 leads to the radars, eth1 nowhere), "host1" with the standing radar, "host2" and
+/// "stranger". Until they are needed, the links of three further displays are down, and those of "host3" to
+/// "host50", where these are wanted.
 class Stage {
 public:
     /// @param full faults take as long as they are meant to, rather than as short as is still telling
@@ -128,6 +130,8 @@ public:
     const lab::Node& standingHost() { return m_lan.node("host1"); }
     const lab::Node& stranger() { return m_lan.node("stranger"); }
     std::vector<const lab::Node*> crowd();
+    /// Three computers for those who must not share one: a socket hears what others there have joined.
+    std::vector<const lab::Node*> furtherDisplays();
     bool full() const { return m_full; }
 
     /// The process behind the standing radar, started when it is asked for first.
