@@ -28,7 +28,8 @@ public:
 /// The client searches for the local address on which radars are heard (or takes the configured one,
 /// profile.ini section "Local"), opens its sockets on it, and learns of radars from the answers to query().
 /// It has no timer for that: call query() about once a second. An entry that has not been heard for 8 seconds
-/// is removed by the next query().
+/// is removed by the next query(). The table holds 4096 names at most, many times what a LAN of radars has:
+/// while it is full of forged ones, it keeps those it has.
 ///
 /// Life cycle: getInstance() makes the one instance of the process; it is destroyed at exit. An application
 /// that wants another (a test, say) constructs its own and announces it with setInstance. The destructor

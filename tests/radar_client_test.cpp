@@ -207,6 +207,22 @@ TEST_F(RadarClient, RadarLeavesTheTableAfterEightSilentSeconds) {
     EXPECT_THAT(m_client.getRadar(), ElementsAre("Late")) << "refreshed by its second announcement";
 }
 
+TEST_F(RadarClient, FullTableKeepsWhomItListsAndTakesOthersWhenSilentOnesHaveLeft) {
+    net::detail::setClock([] { return s_time; });
+    s_time = 1000;
+    hear(Announcement(150, "Real"));
+    for (int i = 0; i < 5000; ++i)
+        hear(Announcement(150, "F" + std::to_string(i)));
+    EXPECT_EQ(m_client.getRadar().size(), 4096U);
+    s_time = 1007;
+    hear(Announcement(150, "Real").at(88, endpoint("239.0.0.1", 101)));
+    EXPECT_EQ(text(record("Real").imageStream), "239.0.0.1:101") << "it is listed, and updated";
+    s_time = 1008;
+    outOf([&] { m_client.query(); });
+    hear(Announcement(150, "Late"));
+    EXPECT_THAT(m_client.getRadar(), ElementsAre("Late", "Real"));
+}
+
 TEST_F(RadarClient, LookUpsKnowTheirBounds) {
     hear(Announcement(150, "R1"));
     const RadarAddress* first = m_client.getAddress("R1", 0);

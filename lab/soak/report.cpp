@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -79,7 +80,7 @@ void Report::begin(const Row& row) const {
     say("%-22s ", row.name);
 }
 
-bool Report::end(const Row&, const Result& result) const {
+bool Report::end(const Result& result) const {
     if (!result.failure.empty()) {
         say("FAILED: %s\n", result.failure.c_str());
         return false;
@@ -93,13 +94,20 @@ bool Report::end(const Row&, const Result& result) const {
     return allHold;
 }
 
-void writeTable(const std::string& page, const std::vector<Tries>& table) {
+std::string machineState() {
+    double load = 0; // of the last minute: processes that run or want to
+    ::getloadavg(&load, 1);
+    return std::to_string(std::thread::hardware_concurrency()) + " processors, a load of " + number(load) +
+           " at the start";
+}
+
+void writeTable(const std::string& page, const std::vector<Tries>& table, const std::string& conditions) {
     std::ostringstream text;
     text << std::ifstream(page).rdbuf();
     const std::string before = text.str().substr(0, text.str().find(kMarker));
     std::ofstream output(page);
-    output << before << kMarker
-           << "\n| fault | how it was made | what must hold | tried | seen |\n|---|---|---|---|---|\n";
+    output << before << kMarker << "\nMade with " << conditions
+           << ".\n\n| fault | how it was made | what must hold | tried | seen |\n|---|---|---|---|---|\n";
     for (const Tries& tries : table)
         output << "| " << tries.row.fault << " | " << tries.row.made << " | " << tries.row.must << " | "
                << tries.seen.size() + tries.failures.size() << " | " << summary(tries) << " |\n";

@@ -36,13 +36,17 @@ public:
     __attribute__((format(printf, 2, 3))) void say(const char* format, ...) const;
     void begin(const Row& row) const;
     /// @return whether all that must hold did
-    bool end(const Row& row, const Result& result) const;
+    bool end(const Result& result) const;
 
 private:
     FILE* m_output;
 };
 
+/// How busy the machine is, in words: figures of a busy machine are worse than the library.
+std::string machineState();
+
 /// Puts the tries in place of the table with which a page ends.
-void writeTable(const std::string& page, const std::vector<Tries>& table);
+/// @param conditions under which they were made, in words
+void writeTable(const std::string& page, const std::vector<Tries>& table, const std::string& conditions);
 
 } // namespace soak

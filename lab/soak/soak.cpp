@@ -66,18 +66,19 @@ std::vector<Row> chosenRows(const std::string& expression) {
 
 bool runTable(const std::vector<Row>& rows, const Options& options, Report& report) {
     std::vector<Tries> table;
+    const std::string conditions = machineState() + (options.full ? ", --full" : "");
     bool allHeld = true;
     for (const Row& row : rows) {
         Tries tries{row, {}, {}};
         for (int i = 0; i < options.times; ++i) {
             Stage stage(options.full, row.crowd);
             report.begin(row);
-            allHeld = report.end(row, tryOnce(row, stage, tries)) && allHeld;
+            allHeld = report.end(tryOnce(row, stage, tries)) && allHeld;
         }
         table.push_back(std::move(tries));
     }
     if (!options.table.empty())
-        writeTable(options.table, table);
+        writeTable(options.table, table, conditions);
     return allHeld;
 }
 
@@ -144,7 +145,7 @@ bool runMix(const std::vector<Row>& rows, const Options& options, Report& report
         report.begin(row);
         try {
             Tries once{row, {}, {}};
-            if (!report.end(row, tryOnce(row, stage, once)))
+            if (!report.end(tryOnce(row, stage, once)))
                 throw Broken("it did not hold");
             secondsUntil([&] { return stage.watch().lists(kStanding); }, 30s,
                          "the display lists the standing radar");
