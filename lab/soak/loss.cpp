@@ -12,7 +12,7 @@ namespace soak {
 
 namespace {
 
-constexpr int kRadars = 20;
+constexpr int kRadars = 48;
 constexpr int kSilentRounds = 8; // a radar leaves when 8 s have passed, which is so many queries in vain
 
 /// A share of all packets is dropped for a while. How much of that time is a present radar missing?
@@ -34,6 +34,7 @@ Figures lose(Stage& stage, int percent, std::chrono::seconds duration, bool neve
     secondsUntil([&] { return missing() == 0; }, 30s, "all radars are listed");
 
     stage.lan().dropRate(percent);
+    std::this_thread::sleep_for(std::chrono::seconds(kSilentRounds)); // nobody can be missing yet
     double sum = 0;
     int looks = 0;
     for (const auto start = Clock::now(); Clock::now() < start + duration; ++looks) {
@@ -106,10 +107,10 @@ Figures burst(Stage& stage) {
 
 constexpr Row kRows[] = {
     {"loss-30", "Loss of 30 % both ways",
-     "packets dropped at random for 60 s (10 min with --full), 20 radars, a query a second",
+     "packets dropped at random for 60 s (10 min with --full), 48 radars, a query a second",
      "a radar is missing as often as computed: q^8 of the time, q = 1 - 0.7^2", loseThird},
     {"loss-5", "Loss of 5 % both ways",
-     "packets dropped at random for 30 s (10 min with --full), 20 radars, a query a second",
+     "packets dropped at random for 30 s (10 min with --full), 48 radars, a query a second",
      "no radar is ever missing", loseTwentieth},
     {"burst", "Burst of answers", "49 hosts answer one query while the display is stopped for 20 ms",
      "all are listed after the next query, 2.5 s at most", burst},

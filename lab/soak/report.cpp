@@ -23,7 +23,7 @@ std::string number(double value) {
     char text[32];
     std::snprintf(text, sizeof text,
                   value == std::floor(value) ? "%.0f"
-                  : value < 0.1              ? "%.3f"
+                  : value < 0.1              ? "%.2g"
                                              : "%.1f",
                   value);
     return text;
