@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 /// The line without its number, which only those of the TCP classes keep.
 inline std::string line(const std::string& site, const std::string& configured, const std::string& call,
@@ -62,6 +63,7 @@ protected:
                               "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
                               "ip route add 224.0.0.0/4 dev eth0)"),
                   0);
+        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
     }
 
     /// @param use makes the object, has it make the call, and returns what is to be destroyed

@@ -21,6 +21,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
+#include <thread>
 
 namespace {
 
@@ -38,6 +39,7 @@ protected:
                               "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
                               "ip route add 224.0.0.0/4 dev eth0)"),
                   0);
+        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
     }
 
     static bool lists(MultiRadarClient& display, const char* name) {
