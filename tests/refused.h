@@ -4,6 +4,7 @@
 #pragma once
 
 #include "faults.h"
+#include "one_interface.h"
 #include "recorder.h"
 #include "wait.h"
 
@@ -54,18 +55,8 @@ struct Refusal {
     int count = 1;
 };
 
-/// One interface, eth0, with the address 10.1.0.1/24.
-class Refused : public testing::Test {
+class Refused : public OneInterface {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
-                              "(ip link add eth0 type veth peer name far && ip link set far up && "
-                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
-                              "ip route add 224.0.0.0/4 dev eth0)"),
-                  0);
-        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
-    }
-
     /// @param use makes the object, has it make the call, and returns what is to be destroyed
     template <class Use>
     static void refuse(const Refusal& refusal, Use use) {

@@ -1,5 +1,6 @@
 // What the system runs out of, and gets back: the library says so in a line, and works again.
 #include "faults.h"
+#include "one_interface.h"
 #include "profile_directory.h"
 #include "recorder.h"
 #include "tcp_support.h"
@@ -30,18 +31,9 @@ using testing::HasSubstr;
 
 constexpr const char* kGroup = "236.1.2.3";
 
-/// One interface, eth0, with the address 10.1.0.1/24; displays are set to it, and hear hosts of this machine.
-class Resources : public testing::Test {
+/// Displays are set to the one interface, and hear hosts of this machine.
+class Resources : public OneInterface {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
-                              "(ip link add eth0 type veth peer name far && ip link set far up && "
-                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
-                              "ip route add 224.0.0.0/4 dev eth0)"),
-                  0);
-        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
-    }
-
     static bool lists(MultiRadarClient& display, const char* name) {
         return comesTrue([&] {
             display.query();

@@ -1,3 +1,4 @@
+#include "one_interface.h"
 #include "profile_directory.h"
 #include "recorder.h"
 #include "records.h"
@@ -24,16 +25,8 @@ std::string socketError(const std::string& function, const std::string& configur
            "\\)>:\n\tfunction\\[" + call + "\\],code\\[" + code + "\\]\n";
 }
 
-/// One interface, eth0, with the address 10.1.0.1/24.
-class Udp : public testing::Test {
+class Udp : public OneInterface {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_EQ(std::system("ip link show eth0 > /dev/null 2>&1 || "
-                              "(ip link add eth0 type veth peer name far && ip link set far up && "
-                              "ip addr add 10.1.0.1/24 brd + dev eth0 && ip link set eth0 up && "
-                              "ip route add 224.0.0.0/4 dev eth0)"),
-                  0);
-    }
     static std::vector<int> sockets() {
         std::vector<int> found;
         struct stat status {};
