@@ -27,7 +27,7 @@ struct Host {
 };
 
 /// Equipment that answers datagrams of a group in a way of its own, each after a while.
-class Replier : public net::iUdpDataListener {
+class Replier final : public net::iUdpDataListener {
 public:
     using Reply = std::function<std::string(const std::string&)>; // empty: none
     Replier(const wire::Group& group, std::chrono::milliseconds delay, Reply reply)

@@ -41,9 +41,9 @@ Simulator::Simulator(int hostId, unsigned int streams, double revolutionsPerMinu
     : m_spokesPerSecond(revolutionsPerMinute / 60 * kSpokes) {
     for (unsigned int i = 0; i < streams; ++i) {
         const StreamGroups groups = streamGroups(hostId, static_cast<int>(i));
-        m_streams.push_back(
-            {std::make_unique<net::UdpSender>(groups.image, 0, static_cast<std::uint16_t>(0)),
-             std::make_unique<net::UdpSender>(groups.arpa, 0, static_cast<std::uint16_t>(0))});
+        Stream& stream = m_streams.emplace_back();
+        stream.image = std::make_unique<net::UdpSender>(groups.image, 0, static_cast<std::uint16_t>(0));
+        stream.arpa = std::make_unique<net::UdpSender>(groups.arpa, 0, static_cast<std::uint16_t>(0));
     }
 }
 

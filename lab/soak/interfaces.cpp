@@ -193,7 +193,7 @@ Figures hostCarrier(Stage& stage) {
 }
 
 Figures hostAddress(Stage& stage) {
-    const Figures figures = onHost(stage, takeAddress, giveOtherAddress);
+    Figures figures = onHost(stage, takeAddress, giveOtherAddress);
     giveAddress(stage, stage.standingHost());
     return figures;
 }

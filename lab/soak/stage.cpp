@@ -221,7 +221,7 @@ std::unique_ptr<HostServer> Stage::serve(const lab::Node& node, const std::strin
 }
 
 std::string Stage::profile(const std::string& text) {
-    const std::string directory = "/run/profile" + std::to_string(++m_profiles);
+    std::string directory = "/run/profile" + std::to_string(++m_profiles);
     std::filesystem::create_directory(directory);
     std::ofstream(directory + "/profile.ini") << text;
     return directory;

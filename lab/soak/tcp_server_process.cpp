@@ -46,7 +46,7 @@ void runServer(char** argv) {
         std::exit(EXIT_FAILURE);
     Teller teller;
     net::TcpServer server(&teller);
-    if (!server.connect(static_cast<unsigned short>(std::atoi(argv[2])), 10))
+    if (!server.connect(static_cast<unsigned short>(std::strtoul(argv[2], nullptr, 10)), 10))
         std::exit(EXIT_FAILURE);
     ::dprintf(STDERR_FILENO, "listening\n");
     for (;;)

@@ -9,6 +9,11 @@
 namespace doctor {
 namespace {
 
+/// 0 for what is no number.
+int number(const std::string& text) {
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 Tri yes(bool holds) {
     return holds ? Tri::Yes : Tri::No;
 }
@@ -32,7 +37,7 @@ Tri inNetwork(unsigned int address, const std::string& network) {
     if (::inet_pton(AF_INET, base.c_str(), &parsed) != 1)
         return Tri::Maybe;
     if (::inet_pton(AF_INET, length.c_str(), &mask) != 1) {
-        const int bits = std::atoi(length.c_str());
+        const int bits = number(length);
         mask.s_addr = bits <= 0 || bits > 32 ? 0 : htonl(~0U << (32 - bits));
     }
     return yes((htonl(address) & mask.s_addr) == (parsed.s_addr & mask.s_addr));
@@ -43,8 +48,7 @@ Tri hasPort(const Packet& packet, const std::string& list) {
         return Tri::No;
     for (const std::string& range : parts(list, ',')) {
         const std::vector<std::string> ends = parts(range, ':');
-        if (!ends.empty() && std::atoi(ends.front().c_str()) <= packet.port &&
-            packet.port <= std::atoi(ends.back().c_str()))
+        if (!ends.empty() && number(ends.front()) <= packet.port && packet.port <= number(ends.back()))
             return Tri::Yes;
     }
     return Tri::No;

@@ -83,9 +83,9 @@ struct Ear {
 struct HostKey {
     int interface;
     unsigned int source;
-    std::string name; ///< bytes of any kind
-    int id;           ///< 0: none of the plan
-    auto operator<=>(const HostKey&) const = default;
+    std::string name;                                 ///< bytes of any kind
+    int id;                                           ///< 0: none of the plan
+    auto operator<=>(const HostKey&) const = default; // NOLINT(modernize-use-nullptr): there is none
 };
 struct Hearing {
     std::vector<Seconds> times;
