@@ -201,7 +201,7 @@ const Case kCases[] = {
     {"SameName", "", {{"same-name", "\"North\" (10.20.1.1) and \"North\" (10.20.1.2)"}}, "", {{"host1", "North", 20}, {"host2", "North", 21}}},
     {"LateAnswers", "", {{"late-answers", "\"Slow\" (10.20.1.2) answers so late"}}, "", {{"host1", "North", 20}}, "display", "8", true, wire::kDiscovery, announcementFor, 2500ms},
     {"LostAnswers", "ip netns exec lan nft 'add table bridge t; add chain bridge t f { type filter hook forward priority 0; }; add rule bridge t f iifname host1-eth0 oifname display-eth0 numgen inc mod 3 != 0 drop'",
-     {{"lost-answers", "\"North\""}}},
+     {{"lost-answers", "\"North\""}}, "", {{"host1", "North", 20}}, "display", "6"},
     {"IdContest", "", {{"id-contest", "10.20.1.1 claimed"}}, "", {{"host1", "North", 20}}, "display", "6", true, wire::kNegotiation, objectionTo},
     {"HostWithoutRoute", "ip -n host1 route del default", {{"no-multicast-route", "ip route add 236.6.0.0/16"}, {"host-here", "MulticastLoop = true"}}, "", {{"host2", "South", 21}}, "host1"},
     {"OtherDisplay", "ip netns exec host2 " RADARCTL " watch --local 10.20.1.2 >/dev/null &", {{"other-display", "queries from 10.20.1.2"}}, "", {{"host1", "North", 20}}},
