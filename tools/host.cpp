@@ -79,47 +79,24 @@ std::string checkName(const std::string& name) {
 }
 
 std::string checkId(const std::string& text) {
-    int id = 0;
-    const bool isNumber = CLI::detail::lexical_cast(text, id);
-    return isNumber && (id == 1 || (id >= 16 && id <= 63)) ? ""
-                                                           : "'" + text + "' is no host id: 1, or 16 to 63";
-}
-
-std::string checkStreams(const std::string& text) {
-    return text == "1" || text == "2" ? "" : "'" + text + "' streams cannot be served: 1 or 2";
-}
-
-std::string checkRate(const std::string& text) {
-    double rate = 0;
-    return CLI::detail::lexical_cast(text, rate) && rate >= 1 && rate <= 120
-               ? ""
-               : "'" + text + "' is no rate: revolutions a minute, 1 to 120";
+    const char* words = "is no host id: 1, or 16 to 63";
+    return checkWholeNumber(1, 1, words)(text).empty() ? "" : checkWholeNumber(16, 63, words)(text);
 }
 
 } // namespace
 
-void addHost(CLI::App& app, Run& chosen) {
+void addHost(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("host", "Negotiate a host id and answer discovery until stopped");
-    command->add_option("--name", options->name, "The radar's name, 1 to 16 bytes")
-        ->required()
-        ->check(checkName)
-        ->type_name("NAME");
-    command
-        ->add_option("--id", options->id,
-                     "The host id to propose: 1, or 16 to 63 (default: any from 16 to 63)")
-        ->check(checkId)
-        ->type_name("ID");
-    command->add_option("--streams", options->streams, "1 or 2 streams (default 1)")
-        ->check(checkStreams)
-        ->type_name("N");
-    command->add_flag("--simulate", options->simulate,
-                      "Send a rotating image and moving ARPA targets on the streams' endpoints");
-    command
-        ->add_option("--rate", options->rate,
-                     "The simulated antenna's revolutions a minute, up to 120 (default 24)")
-        ->check(checkRate)
-        ->type_name("RPM");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return serve(*options, output); }; });
+    Syntax syntax = line.command("host", "Negotiate a host id and answer discovery until stopped",
+                                 [options](Output& output) { return serve(*options, output); });
+    syntax.required("--name", options->name, "NAME", "The radar's name, 1 to 16 bytes", checkName);
+    syntax.option("--id", options->id, "ID",
+                  "The host id to propose: 1, or 16 to 63 (default: any from 16 to 63)", checkId);
+    syntax.option("--streams", options->streams, "N", "1 or 2 streams (default 1)",
+                  checkWholeNumber(1, 2, "streams cannot be served: 1 or 2"));
+    syntax.flag("--simulate", options->simulate,
+                "Send a rotating image and moving ARPA targets on the streams' endpoints");
+    syntax.option("--rate", options->rate, "RPM",
+                  "The simulated antenna's revolutions a minute, up to 120 (default 24)",
+                  checkNumber(1, 120, "is no rate: revolutions a minute, 1 to 120"));
 }

@@ -106,14 +106,12 @@ int interfaces(const Options& options, Output& output) {
 
 } // namespace
 
-void addInterfaces(CLI::App& app, Run& chosen) {
+void addInterfaces(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("interfaces", "Print the local interfaces, and whether a radar is heard there");
-    command->add_flag("--json", options->json, "Print JSON");
-    command->add_option("--seconds", options->seconds, "How long to listen (default 3)")
-        ->check(checkSeconds(1, "duration"))
-        ->type_name("S");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return interfaces(*options, output); }; });
+    Syntax syntax =
+        line.command("interfaces", "Print the local interfaces, and whether a radar is heard there",
+                     [options](Output& output) { return interfaces(*options, output); });
+    syntax.flag("--json", options->json, "Print JSON");
+    syntax.option("--seconds", options->seconds, "S", "How long to listen (default 3)",
+                  checkSeconds(1, "duration"));
 }

@@ -59,11 +59,10 @@ int list(const Options& options, Output& output) {
 
 } // namespace
 
-void addList(CLI::App& app, Run& chosen) {
+void addList(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("list", "Find the radars once and print a table of them");
-    addSearchOptions(*command, options->search);
-    command->add_flag("--json", options->json, "Print JSON");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return list(*options, output); }; });
+    Syntax syntax = line.command("list", "Find the radars once and print a table of them",
+                                 [options](Output& output) { return list(*options, output); });
+    addSearchOptions(syntax, options->search);
+    syntax.flag("--json", options->json, "Print JSON");
 }

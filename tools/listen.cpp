@@ -98,13 +98,6 @@ int listen(const Options& options, Output& output) {
     return total.datagrams > 0 ? kFound : kNothingFound;
 }
 
-std::string checkStream(const std::string& text) {
-    int number = 0;
-    return CLI::detail::lexical_cast(text, number) && number >= 0 && number <= 1
-               ? ""
-               : "'" + text + "' is no stream: 0 or 1";
-}
-
 std::string checkEndpoint(const std::string& text) {
     std::string names;
     for (const EndpointName& known : kEndpointNames) {
@@ -117,28 +110,19 @@ std::string checkEndpoint(const std::string& text) {
 
 } // namespace
 
-void addListen(CLI::App& app, Run& chosen) {
+void addListen(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("listen", "Join an endpoint of a radar and show, second by second, what arrives");
-    command->add_option("name", options->name, "The radar's name as list prints it")
-        ->required()
-        ->type_name("NAME");
-    command->add_option("stream", options->stream, "The stream's number, from 0")
-        ->required()
-        ->check(checkStream)
-        ->type_name("STREAM");
-    command
-        ->add_option(
-            "--endpoint", options->endpoint,
-            "image (default), image-control, image-state, arpa, arpa-control, arpa-state or original")
-        ->check(checkEndpoint)
-        ->type_name("ENDPOINT");
-    command->add_option("--seconds", options->seconds, "End after so many seconds")
-        ->check(checkSeconds(0.1, "duration"))
-        ->type_name("S");
-    addSearchOptions(*command, options->search);
-    command->add_flag("--json", options->json, "Print each second, and the total, as a line of JSON");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return listen(*options, output); }; });
+    Syntax syntax =
+        line.command("listen", "Join an endpoint of a radar and show, second by second, what arrives",
+                     [options](Output& output) { return listen(*options, output); });
+    syntax.required("name", options->name, "NAME", "The radar's name as list prints it");
+    syntax.required("stream", options->stream, "STREAM", "The stream's number, from 0",
+                    checkWholeNumber(0, 1, "is no stream: 0 or 1"));
+    syntax.option("--endpoint", options->endpoint, "ENDPOINT",
+                  "image (default), image-control, image-state, arpa, arpa-control, arpa-state or original",
+                  checkEndpoint);
+    syntax.option("--seconds", options->seconds, "S", "End after so many seconds",
+                  checkSeconds(0.1, "duration"));
+    addSearchOptions(syntax, options->search);
+    syntax.flag("--json", options->json, "Print each second, and the total, as a line of JSON");
 }

@@ -37,13 +37,10 @@ int renumber(const Options& options, Output& output) {
 
 } // namespace
 
-void addRenumber(CLI::App& app, Run& chosen) {
+void addRenumber(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("renumber", "Make a radar's host negotiate another host id");
-    command->add_option("name", options->name, "The radar's name as list prints it")
-        ->required()
-        ->type_name("NAME");
-    addSearchOptions(*command, options->search);
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return renumber(*options, output); }; });
+    Syntax syntax = line.command("renumber", "Make a radar's host negotiate another host id",
+                                 [options](Output& output) { return renumber(*options, output); });
+    syntax.required("name", options->name, "NAME", "The radar's name as list prints it");
+    addSearchOptions(syntax, options->search);
 }

@@ -19,10 +19,9 @@ int reset(const SearchOptions& options, Output& output) {
 
 } // namespace
 
-void addReset(CLI::App& app, Run& chosen) {
+void addReset(CommandLine& line) {
     const auto options = std::make_shared<SearchOptions>();
-    CLI::App* command = app.add_subcommand("reset", "Send the reset command to all radars");
-    addSearchOptions(*command, *options);
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return reset(*options, output); }; });
+    Syntax syntax = line.command("reset", "Send the reset command to all radars",
+                                 [options](Output& output) { return reset(*options, output); });
+    addSearchOptions(syntax, *options);
 }

@@ -3,6 +3,7 @@
 #include "progress.h"
 #include "table.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,7 +21,8 @@ constexpr auto kAnswerTime = 1s; // every host answers in milliseconds
 constexpr auto kPoll = 50ms;
 
 std::string checkAddress(const std::string& text) {
-    return CLI::ValidIPV4(text).empty() ? "" : "'" + text + "' is no IPv4 address";
+    in_addr address{};
+    return ::inet_pton(AF_INET, text.c_str(), &address) == 1 ? "" : "'" + text + "' is no IPv4 address";
 }
 
 std::string joined(const std::vector<std::string>& words) {
@@ -45,27 +47,12 @@ unsigned int checkedLocalAddress(const LocalOptions& options) {
 
 } // namespace
 
-std::function<std::string(const std::string&)> checkSeconds(double least, const std::string& what) {
-    return [=](const std::string& text) {
-        double seconds = 0;
-        const bool isNumber = CLI::detail::lexical_cast(text, seconds);
-        return isNumber && seconds >= least && seconds <= 3600
-                   ? ""
-                   : "'" + text + "' is no " + what + ": seconds, up to 3600";
-    };
-}
-
-void addLocalOptions(CLI::App& command, LocalOptions& options) {
-    CLI::Option* address = command
-                               .add_option("--local", options.address,
-                                           "The local address that leads to the radars, instead of a search")
-                               ->check(checkAddress)
-                               ->type_name("IP");
-    command
-        .add_option("--interface", options.interface,
-                    "The interface that leads to the radars, instead of a search")
-        ->excludes(address)
-        ->type_name("NAME");
+void addLocalOptions(Syntax& syntax, LocalOptions& options) {
+    syntax.option("--local", options.address, "IP",
+                  "The local address that leads to the radars, instead of a search", checkAddress);
+    syntax.option("--interface", options.interface, "NAME",
+                  "The interface that leads to the radars, instead of a search");
+    syntax.exclude("--interface", "--local");
 }
 
 unsigned int localAddress(const LocalOptions& options) {
@@ -83,11 +70,10 @@ unsigned int localAddress(const LocalOptions& options) {
     throw Failure(kUsage, options.address + " is no address of this computer; it has: " + joined(present));
 }
 
-void addSearchOptions(CLI::App& command, SearchOptions& options) {
-    addLocalOptions(command, options.local);
-    command.add_option("--timeout", options.timeout, "Seconds after which to give up (default 15)")
-        ->check(checkSeconds(0.1, "time-out"))
-        ->type_name("S");
+void addSearchOptions(Syntax& syntax, SearchOptions& options) {
+    addLocalOptions(syntax, options.local);
+    syntax.option("--timeout", options.timeout, "S", "Seconds after which to give up (default 15)",
+                  checkSeconds(0.1, "time-out"));
 }
 
 Search::Search(const SearchOptions& options)

@@ -15,7 +15,7 @@ struct LocalOptions {
     std::string address;
     std::string interface;
 };
-void addLocalOptions(CLI::App& command, LocalOptions& options);
+void addLocalOptions(Syntax& syntax, LocalOptions& options);
 /// @throws Failure for what this computer does not have
 /// @return network order; 0: neither was given
 unsigned int localAddress(const LocalOptions& options);
@@ -24,7 +24,7 @@ struct SearchOptions {
     LocalOptions local;
     double timeout = 15; // seconds; a search without a configured address takes 6 to 12
 };
-void addSearchOptions(CLI::App& command, SearchOptions& options);
+void addSearchOptions(Syntax& syntax, SearchOptions& options);
 
 /// Asks for announcements until enough is known. Progress is shown on standard error where that is a
 /// terminal.

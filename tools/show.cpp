@@ -54,14 +54,11 @@ int show(const Options& options, Output& output) {
 
 } // namespace
 
-void addShow(CLI::App& app, Run& chosen) {
+void addShow(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("show", "Print every endpoint of every stream of one radar");
-    command->add_option("name", options->name, "The radar's name as list prints it")
-        ->required()
-        ->type_name("NAME");
-    addSearchOptions(*command, options->search);
-    command->add_flag("--json", options->json, "Print JSON");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return show(*options, output); }; });
+    Syntax syntax = line.command("show", "Print every endpoint of every stream of one radar",
+                                 [options](Output& output) { return show(*options, output); });
+    syntax.required("name", options->name, "NAME", "The radar's name as list prints it");
+    addSearchOptions(syntax, options->search);
+    syntax.flag("--json", options->json, "Print JSON");
 }

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <limits>
 
 namespace {
 
@@ -142,22 +143,15 @@ int watch(const Options& options, Output& output) {
 
 } // namespace
 
-void addWatch(CLI::App& app, Run& chosen) {
+void addWatch(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("watch", "Follow the radars until stopped: a table that is kept up to date "
-                                    "on a terminal, else a line for each that comes (+), changes (=) or "
-                                    "goes (-)");
-    addLocalOptions(*command, options->local);
-    command->add_flag("--json", options->json, "Print each event as a line of JSON");
-    command->add_option("--count", options->count, "End after so many events")
-        ->check([](const std::string& text) {
-            int number = 0;
-            return CLI::detail::lexical_cast(text, number) && number > 0
-                       ? ""
-                       : "'" + text + "' is no number of events";
-        })
-        ->type_name("N");
-    command->callback(
-        [options, &chosen] { chosen = [options](Output& output) { return watch(*options, output); }; });
+    Syntax syntax = line.command("watch",
+                                 "Follow the radars until stopped: a table that is kept up to date "
+                                 "on a terminal, else a line for each that comes (+), changes (=) or "
+                                 "goes (-)",
+                                 [options](Output& output) { return watch(*options, output); });
+    addLocalOptions(syntax, options->local);
+    syntax.flag("--json", options->json, "Print each event as a line of JSON");
+    syntax.option("--count", options->count, "N", "End after so many events",
+                  checkWholeNumber(1, std::numeric_limits<int>::max(), "is no number of events"));
 }

@@ -203,17 +203,14 @@ std::optional<std::string> likelyCause(const std::string& interface, Loop& loop)
 
 } // namespace doctor
 
-void addDoctor(CLI::App& app, Run& chosen) {
+void addDoctor(CommandLine& line) {
     const auto options = std::make_shared<doctor::Options>();
-    CLI::App* command = app.add_subcommand(
-        "doctor", "Find out why no radar is seen, or two for one, or one that comes and goes");
-    command->add_flag("--json", options->json, "One JSON object instead of text");
-    command->add_flag("--list", options->list, "List what can be found, and look at nothing");
-    command->add_option("--seconds", options->seconds, "How long to listen and ask (default 10)")
-        ->check(checkSeconds(1, "time to look"))
-        ->type_name("S");
-    addLocalOptions(*command, options->local);
-    command->callback([options, &chosen] {
-        chosen = [options](Output& output) { return doctor::examine(*options, output); };
-    });
+    Syntax syntax =
+        line.command("doctor", "Find out why no radar is seen, or two for one, or one that comes and goes",
+                     [options](Output& output) { return doctor::examine(*options, output); });
+    syntax.flag("--json", options->json, "One JSON object instead of text");
+    syntax.flag("--list", options->list, "List what can be found, and look at nothing");
+    syntax.option("--seconds", options->seconds, "S", "How long to listen and ask (default 10)",
+                  checkSeconds(1, "time to look"));
+    addLocalOptions(syntax, options->local);
 }
