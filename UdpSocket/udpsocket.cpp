@@ -457,8 +457,8 @@ void UdpReceiverPrivate::setUp(bool reporting) {
         report(reporting, "setsockopt::SO_RCVTIMEO");
 
     detail::Lock lock(m_socketMutex);
-    if (m_wantedBuffer != 0 && !askForBuffer(socket, m_wantedBuffer))
-        report(reporting, "setsockopt::SO_RCVBUF");
+    if (m_wantedBuffer != 0) // a repair, which does not repeat complaints
+        askForBuffer(socket, m_wantedBuffer);
     m_socket = std::move(socket);
 }
 

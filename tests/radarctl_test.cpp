@@ -144,6 +144,11 @@ TEST_F(Radarctl, SaysWhatTheMachineDoesNotAllow) {
     EXPECT_EQ(host.status, 3);
     EXPECT_THAT(host.errors,
                 HasSubstr("radarctl: no route leads to the radars' groups, so nothing can be sent"));
+    lab::Process nowhere = m_lan.node("display").start( // to write
+        {.command = {"unshare", "--mount", "sh", "-c",
+                     "mount -o remount,ro,bind / && cd / && ! touch /x 2>&1 && exec " RADARCTL " interfaces"}});
+    EXPECT_EQ(nowhere.wait(10s), 1) << "no radar there";
+    EXPECT_THAT(nowhere.output(), HasSubstr("\neth0 "));
     lab::Process full =
         m_lan.node("display").start({.command = {"sh", "-c", RADARCTL " interfaces >/dev/full"}});
     EXPECT_EQ(full.wait(10s), 1);

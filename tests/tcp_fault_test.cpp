@@ -119,6 +119,14 @@ TEST_F(TcpFault, OfAClient) {
         return silent;
     });
 
+    refuse({"send", EPIPE, "", 1, "tcp client check error -1 32 32\r\n"}, [&] { // the probe of an idle link
+        auto notes = std::make_unique<Notes>();
+        auto made = std::make_unique<net::TcpClient>(notes.get(), "127.0.0.1", listening->port(), loopback);
+        EXPECT_TRUE(made->connectOnce());
+        EXPECT_TRUE(notes->disconnected.reaches(1));
+        return std::pair(std::move(notes), std::move(made));
+    });
+
     const Refusal connected[] = {
         {"pthread_create", EAGAIN, tcp("receiveThread,856", configured, "thread", EAGAIN), 3},
         {"recv", 0, tcp("receiveThread,839", configured, "peer closed connection", 0), 1,

@@ -1,6 +1,7 @@
 #include "tcp_support.h"
 
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include <atomic>
 #include <csignal>
@@ -245,6 +246,19 @@ TEST(TcpServer, WithoutDescriptorsItReportsAndServesAgainAfterwards) {
     ::setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_GT(time, 80ms) << "with a pause in between";
     EXPECT_TRUE(comesTrue([&] { return s.server.isConnected(); }));
+}
+
+TEST(TcpServer, ServesOnAfterAClientsDescriptorWasClosedBehindItsBack) {
+    const Output output;
+    Serving s;
+    const Peer second;
+    const auto [first, fd] = s.join();
+    ::syscall(SYS_close, fd); // not close: ThreadSanitizer would rightly complain
+    EXPECT_EQ(second.on(::connect, s.port), 0);
+    EXPECT_TRUE(second.ends());
+    EXPECT_THAT(output.out(), HasSubstr("Warning:A Repeat client sock\n"));
+    EXPECT_TRUE(s.left(1));
+    s.join();
 }
 
 } // namespace
