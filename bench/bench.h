@@ -19,8 +19,10 @@ using Seconds = std::chrono::duration<double>;
 
 /// Whether BENCH_QUICK is set: everything runs, for too short a time to mean much.
 bool quick();
-/// How often everything is repeated.
+/// How often a comparison is repeated.
 int repetitions();
+/// The same for what takes seconds each time, and for the points of curves.
+int fewRepetitions();
 /// How long one measurement of a rate runs.
 Seconds duration();
 

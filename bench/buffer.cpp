@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
         for (const auto delay : kDelays)
             for (const int hosts : kHosts) {
                 std::vector<double> listed;
-                for (int turn = 0; turn < bench::repetitions(); ++turn)
+                for (int turn = 0; turn < bench::fewRepetitions(); ++turn)
                     listed.push_back(listedOf(lan, hosts, buffer, delay));
                 bench::record("buffer/" + std::to_string(buffer / 1024) + "/" +
                                   std::to_string(delay.count()) + "/" + std::to_string(hosts),

@@ -204,7 +204,8 @@ int main(int argc, char** argv) {
             addHosts(lan, hosts[ways[i].name], ways[i], count);
             competitors.push_back({ways[i].name, [&, i, count] { return find(lan, ways[i], count); }});
         }
-        bench::takeTurns({{"growth/hosts/" + std::to_string(count), "ms"}}, competitors);
+        bench::takeTurns({{"growth/hosts/" + std::to_string(count), "ms"}}, competitors,
+                         bench::fewRepetitions());
     }
     for (const int displays : {1, 5, 10, 15, 20})
         bench::takeTurns({{"growth/displays/" + std::to_string(displays), "ms of processor a second"}},
@@ -221,6 +222,6 @@ int main(int argc, char** argv) {
     std::vector<bench::Competitor> competitors;
     for (const DiscoveryWay& way : ways)
         competitors.push_back({way.name, [&] { return find(lan, way, kHosts); }});
-    bench::takeTurns({{"discovery of 49 two-stream hosts", "ms"}}, competitors, bench::quick() ? 2 : 5);
+    bench::takeTurns({{"discovery of 49 two-stream hosts", "ms"}}, competitors, bench::fewRepetitions());
     idle(lan);
 }

@@ -4,6 +4,7 @@
 usage: report.py RESULTS DOCS
 """
 import datetime
+import math
 import os
 import pathlib
 import re
@@ -41,11 +42,11 @@ MORE_IS_BETTER = ("thousand/s", "MB/s")
 
 class Results:
     def __init__(self, path):
-        self.values, self.units, self.failures, self.loads = {}, {}, [], {}
+        self.values, self.units, self.failures, self.busy = {}, {}, [], {}
         for line in path.read_text().splitlines():
             road, who, unit, text = line.split("\t")
-            if road == "load":
-                self.loads[who] = text
+            if road == "busy":
+                self.busy[who] = int(text)
             elif unit == "failed":
                 self.failures.append((road, who, text))
             else:
@@ -62,10 +63,11 @@ class Results:
         return [who for (name, who) in self.values if name == road]
 
     def ratio(self, road, who, base):
-        """Median and quartiles of the ratios of each repetition, in which both took turns."""
+        """Median of the ratios of each repetition, in which both took turns, and its 95 % confidence interval."""
         each = [mine / other for mine, other in zip(self.values[road, who], self.values[road, base]) if other]
-        low, ratio, high = statistics.quantiles(each, n=4, method="inclusive") if len(each) > 1 else each * 3
-        return ratio, low, high
+        each.sort()
+        outer = outer_ranks(len(each))
+        return statistics.median(each), each[outer], each[-1 - outer]
 
     def curve(self, name):
         """{who: [(x, median)]} of the roads "growth/NAME/X"."""
@@ -76,13 +78,24 @@ class Results:
         return {who: sorted(points) for who, points in result.items()}
 
 
+def outer_ranks(count):
+    """How many of so many sorted values lie outside of the median's 95 % confidence interval, on each side."""
+    tail, outer = 0.0, 0
+    while outer < (count - 1) // 2:
+        tail += math.comb(count, outer) / 2 ** count
+        if tail > 0.025:
+            break
+        outer += 1
+    return max(outer - 1, 0)
+
+
 def number(value):
     return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
 
 
 def ratio_text(ratio, low, high):
-    """A ratio that swings more than it differs from 1 is no difference."""
-    return "equal" if low <= 1 <= high or abs(ratio - 1) < (high - low) / 2 else f"{ratio:.2f}"
+    """A ratio whose interval holds 1 is no difference."""
+    return "equal" if low <= 1 <= high else f"{ratio:.2f}"
 
 
 def verdict(value, low, high, bound, more):
@@ -100,7 +113,7 @@ def rows_of_ratios(results):
         unit = results.units[road]
         more = unit in MORE_IS_BETTER
         ratio, low, high = results.ratio(road, "library", base)
-        rivals = [who for who in results.competitors(road) if who not in ("raw", "library", base)]
+        rivals = [who for who in results.competitors(road) if who != "library" and not who.startswith(("raw", base))]
         best = ""
         if rivals:
             who = (max if more else min)(rivals, key=lambda rival: results.median(road, rival))
@@ -259,7 +272,7 @@ def main():
     docs = pathlib.Path(sys.argv[2])
     plots = docs / "performance"
     plots.mkdir(exist_ok=True)
-    ratio_head = ["road", "raw", "library", "ratio", "quartiles", "best rival", "goal", ""]
+    ratio_head = ["road", "raw", "library", "ratio", "95 %", "best rival", "goal", ""]
     limit_head = ["figure", "library", "range", "others", "goal", ""]
     ratios, limits = list(rows_of_ratios(results)), list(rows_of_limits(results))
     idle = [road for road in results.units if road.startswith("idle")]
@@ -280,8 +293,8 @@ def main():
             print(plain_table(head, rows) + "\n")
 
     ratio_bars(plots / "ratios.svg", results)
-    load = ", ".join(f"{value} {when}" for when, value in results.loads.items())
-    quiet = float(results.loads.get("before the run", 0)) < 1
+    busy = ", ".join(f"{share} % {when}" for when, share in results.busy.items())
+    quiet = max(results.busy.values(), default=0) <= 10
     company = "nothing else ran" if quiet else "other work, builds and tests, ran on the machine too"
     text = f"""# Performance
 
@@ -289,17 +302,19 @@ What the library costs beside raw system calls, and beside what an application w
 and its plots are written by `scripts/bench`, from one run:
 
 - {machine()}
-- {datetime.date.today()}; {company} (load average {load})
+- {datetime.date.today()}; {company} (processors busy: {busy})
 
 Everything runs in network namespaces on one machine, the two sides in processes of their own. Competitors take turns
-within each repetition; figures are medians, and so is the ratio, which is taken turn by turn (quartiles beside it). A
-ratio that swings more than it differs from 1 is printed as "equal". Processor time is that of the measured process, from `getrusage`.
+within each repetition; figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
+confidence interval; a ratio whose interval holds 1 is printed as "equal". A goal is met when the median meets it, missed when the
+whole interval fails it, and not clear between. Processor time is that of the measured process, from `getrusage`.
 
 ## The roads
 
 {page_table(ratio_head, ratios)}
 
-For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {event_loop(results)} of a thread a group.
+For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {of_raw_threads(results, "raw event loop")} of a thread a
+group, and threads whose waits end after half a second, as the library's do, {of_raw_threads(results, "raw with time-out")}.
 
 ![Ratios to raw system calls](performance/ratios.svg)
 
@@ -346,11 +361,9 @@ How long the destructor of an object takes whose threads wait, in milliseconds.
         replace_block(docs / "configuration.md", "scripts/bench: receive buffers", buffer_table(results))
 
 
-def event_loop(results):
+def of_raw_threads(results, who):
     road = "receive 50 groups at 20 k/s"
-    if not results.has(road, "raw event loop"):
-        return "an unknown share"
-    return f"{results.ratio(road, 'raw event loop', 'raw')[0]:.2f}"
+    return f"{results.ratio(road, who, 'raw')[0]:.2f}" if results.has(road, who) else "an unknown share"
 
 
 main()

@@ -27,7 +27,7 @@ struct Ignore : net::iUdpDataListener {
 template <class Make>
 void measure(const char* name, std::chrono::milliseconds life, Make make) {
     std::vector<double> times;
-    for (int i = 0; i < 3 * bench::repetitions(); ++i) {
+    for (int i = 0; i < bench::repetitions(); ++i) {
         auto object = make();
         std::this_thread::sleep_for(life);
         const auto start = Clock::now();

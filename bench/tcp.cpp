@@ -234,12 +234,13 @@ std::vector<double> fanOut(lab::Lan& lan, const TcpWay& way, int clients) {
     return result;
 }
 
-void sendToAll(lab::Lan& lan, const std::string& road, int clients, const std::vector<TcpWay>& ways) {
+void sendToAll(lab::Lan& lan, const std::string& road, int clients, const std::vector<TcpWay>& ways,
+               int times) {
     std::vector<bench::Competitor> competitors;
     for (const TcpWay& way : ways)
         competitors.push_back(
             {way.name, [&lan, way, clients]() -> std::vector<double> { return fanOut(lan, way, clients); }});
-    bench::takeTurns({{road, "us"}, {"cost, " + road, "us"}}, competitors);
+    bench::takeTurns({{road, "us"}, {"cost, " + road, "us"}}, competitors, times);
 }
 
 /// Until when the 95 that read have a message that 5 others do not read, and when the call returns.
@@ -284,7 +285,7 @@ void sendPastStalled(lab::Lan& lan) {
     }
     bench::takeTurns({{"TCP server, 5 of 100 stalled, the others have it", "ms"},
                       {"TCP server, 5 of 100 stalled, the call returns", "ms"}},
-                     competitors, bench::quick() ? 2 : 5);
+                     competitors, bench::fewRepetitions());
 }
 
 } // namespace
@@ -296,9 +297,11 @@ int main(int argc, char** argv) {
     stream(lan);
     roundTrip(lan);
     for (const int clients : {1, 10, 100, 500})
-        sendToAll(lan, "TCP server, 1 KiB to " + std::to_string(clients), clients, bench::tcpWays());
+        sendToAll(lan, "TCP server, 1 KiB to " + std::to_string(clients), clients, bench::tcpWays(),
+                  bench::repetitions());
     const std::vector<TcpWay> two(bench::tcpWays().begin(), bench::tcpWays().begin() + 2);
     for (const int clients : {1, 50, 200, 400, 600, 800, 1000})
-        sendToAll(lan, "growth/TCP clients/" + std::to_string(clients), clients, two);
+        sendToAll(lan, "growth/TCP clients/" + std::to_string(clients), clients, two,
+                  bench::fewRepetitions());
     sendPastStalled(lan);
 }

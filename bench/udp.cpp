@@ -95,7 +95,7 @@ std::vector<double> receiveInChild(const UdpWay& way, int groupCount, const Chil
 }
 
 void receivePaced(lab::Lan& lan, const std::string& road, int groupCount, double rate,
-                  const std::vector<UdpWay>& ways) {
+                  const std::vector<UdpWay>& ways, int times = bench::repetitions()) {
     std::vector<bench::Competitor> competitors;
     for (const UdpWay& way : ways)
         competitors.push_back(
@@ -108,7 +108,7 @@ void receivePaced(lab::Lan& lan, const std::string& road, int groupCount, double
                  const std::vector<double> result = child.finish();
                  return {result[0] / std::max(result[1], 1.0), 100 * (1 - result[1] / sent)};
              }});
-    bench::takeTurns({{road, "us/datagram"}, {"lost, " + road, "%"}}, competitors);
+    bench::takeTurns({{road, "us/datagram"}, {"lost, " + road, "%"}}, competitors, times);
 }
 
 void receiveSaturated(lab::Lan& lan, const std::string& road, std::size_t size) {
@@ -209,12 +209,12 @@ int main(int argc, char** argv) {
     receiveSaturated(lan, "receive saturated 222 B", kAnnouncement);
     receiveSaturated(lan, "receive saturated 1400 B", kImageLine);
     const UdpWay loop{"raw event loop", bench::makeRawLoop};
-    std::vector<UdpWay> withLoop = ways;
-    withLoop.push_back(loop);
-    receivePaced(lan, "receive 50 groups at 20 k/s", 50, 20e3, withLoop);
+    std::vector<UdpWay> more = ways;
+    more.insert(more.end(), {loop, {"raw with time-out", bench::makeRawWithTimeOut}});
+    receivePaced(lan, "receive 50 groups at 20 k/s", 50, 20e3, more, 2 * bench::repetitions());
     for (const int receivers : {1, 25, 50, 100, 200})
         receivePaced(lan, "growth/receivers/" + std::to_string(receivers), receivers, 20e3,
-                     {ways[0], ways[1], loop});
+                     {ways[0], ways[1], loop}, bench::fewRepetitions());
     send(lan, "send 222 B", 1);
     send(lan, "send 64 x 222 B in one call", 64);
     roundTrip(lan);

@@ -105,9 +105,20 @@ public:
         m_threads.join();
     }
 
-private:
+protected:
     std::deque<Descriptor> m_sockets;
+
+private:
     Threads m_threads;
+};
+
+/// Every wait for a datagram but the first ends after half a second, as the library's do.
+class RawWithTimeOut : public Raw {
+public:
+    explicit RawWithTimeOut(const UdpPlan& plan) : Raw(plan) {
+        for (const Descriptor& socket : m_sockets)
+            require(net::detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{0, 500000}), "time-out");
+    }
 };
 
 class RawLoop : public RawSending {
@@ -364,6 +375,10 @@ net::detail::Descriptor rawGroupSocket(const Group& group, const std::string& lo
 
 std::unique_ptr<Udp> makeRawLoop(const UdpPlan& plan) {
     return make<RawLoop>(plan);
+}
+
+std::unique_ptr<Udp> makeRawWithTimeOut(const UdpPlan& plan) {
+    return make<RawWithTimeOut>(plan);
 }
 
 const std::vector<UdpWay>& udpWays() {

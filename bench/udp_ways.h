@@ -48,6 +48,8 @@ struct UdpWay {
 const std::vector<UdpWay>& udpWays();
 /// Raw system calls on one thread for all groups, which epoll wakes.
 std::unique_ptr<Udp> makeRawLoop(const UdpPlan& plan);
+/// Raw system calls on a thread a group, whose waits end after half a second.
+std::unique_ptr<Udp> makeRawWithTimeOut(const UdpPlan& plan);
 
 /// A socket bound to a group and joined to it, as every raw way has it. @throws std::system_error
 net::detail::Descriptor rawGroupSocket(const Group& group, const std::string& localIp);
