@@ -101,7 +101,7 @@ TEST(TcpServerChurn, EveryByteOfEveryClientThatStaysArrivesWhateverTheOthersDo) 
     ASSERT_TRUE(desk.server.connect(kLocal, port, -1));
     std::deque<Stayer> stayers;
     for (size_t i = 0; i < kStayers; ++i)
-        stayers.emplace_back(Peer(port));
+        stayers.emplace_back().peer = Peer(port);
     ASSERT_TRUE(comesTrue([&] { return desk.received().size() == kStayers; }));
 
     const auto end = Clock::now() + kDuration;
