@@ -1,7 +1,6 @@
 #include "tcp_support.h"
 
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <csignal>
@@ -249,11 +248,14 @@ TEST(TcpServer, WithoutDescriptorsItReportsAndServesAgainAfterwards) {
 }
 
 TEST(TcpServer, ServesOnAfterAClientsDescriptorWasClosedBehindItsBack) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer ends the process, for what is done here is a race";
+#endif
     const Output output;
     Serving s;
     const Peer second;
     const auto [first, fd] = s.join();
-    ::syscall(SYS_close, fd); // not close: ThreadSanitizer would rightly complain
+    ::close(fd);
     EXPECT_EQ(second.on(::connect, s.port), 0);
     EXPECT_TRUE(second.ends());
     EXPECT_THAT(output.out(), HasSubstr("Warning:A Repeat client sock\n"));
