@@ -146,7 +146,8 @@ TEST_F(Radarctl, SaysWhatTheMachineDoesNotAllow) {
                 HasSubstr("radarctl: no route leads to the radars' groups, so nothing can be sent"));
     lab::Process nowhere = m_lan.node("display").start( // to write
         {.command = {"unshare", "--mount", "sh", "-c",
-                     "mount -o remount,ro,bind / && cd / && ! touch /x 2>&1 && exec " RADARCTL " interfaces"}});
+                     "mount -o remount,ro,bind / && cd / && ! touch /x 2>&1 && exec " RADARCTL
+                     " interfaces"}});
     EXPECT_EQ(nowhere.wait(10s), 1) << "no radar there";
     EXPECT_THAT(nowhere.output(), HasSubstr("\neth0 "));
     lab::Process full =

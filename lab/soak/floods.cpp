@@ -40,7 +40,8 @@ public:
 private:
     void run(const wire::Group& group, Forge forge, const std::stop_token& stop) {
         constexpr size_t kBatch = 50;
-        ::setpriority(PRIO_PROCESS, 0, -20); // a stranger's machine does not slow down with ours, where allowed
+        ::setpriority(PRIO_PROCESS, 0,
+                      -20); // a stranger's machine does not slow down with ours, where allowed
         const Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
         sockaddr_in to{AF_INET, net::HtoNs(group.port), {net::transAddr(group.address)}, {}};
         std::array<std::string, kBatch> texts;
