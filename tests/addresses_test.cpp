@@ -6,19 +6,11 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 TEST(Addresses, TextThatIsNoAddressIsAllOnes) {
     EXPECT_EQ(net::transAddr("255.255.255.255"), 0xFFFFFFFFU);
     EXPECT_EQ(net::transAddr("radar"), 0xFFFFFFFFU);
     EXPECT_STREQ(net::transAddr(net::transAddr("236.6.7.8")), "236.6.7.8");
-}
-
-TEST(Addresses, ByteOrderIsReversedBothWays) {
-    EXPECT_EQ(net::HtoNs(0x1234), 0x3412);
-    EXPECT_EQ(net::NtoHs(0xFF00), 0x00FF);
-    EXPECT_EQ(net::NtoHl(0x01020304), 0x04030201U);
-    EXPECT_EQ(net::HtoNl(0xFF000080), 0x800000FFU);
 }
 
 TEST(Addresses, PrefixLengthsWrapOutsideZeroToThirtyTwo) {
@@ -52,17 +44,6 @@ TEST(Addresses, NamesResolveToAppendedAddresses) {
     EXPECT_EQ(addresses[1], "127.0.0.1");
 }
 
-TEST(Interfaces, OnlyLoopbackIsListedButNotInTheSet) {
-    const auto table = net::localNetworkInterfaces();
-    ASSERT_EQ(table.size(), 1U);
-    const auto& [address, interface] = *table.begin();
-    EXPECT_EQ(address, net::transAddr("127.0.0.1"));
-    EXPECT_EQ(interface.ip, "127.0.0.1");
-    EXPECT_EQ(interface.mac, "00:00:00:00:00:00");
-    EXPECT_EQ(interface.name, "lo");
-    EXPECT_THAT(net::localIpSet(), IsEmpty());
-}
-
 TEST(Interfaces, EveryAddressOfAnInterfaceIsARecord) {
     ASSERT_EQ(std::system(
                   "ip link add eth0 type veth peer name far && ip link set eth0 address 00:1a:2b:3c:4d:5e && "
@@ -71,7 +52,8 @@ TEST(Interfaces, EveryAddressOfAnInterfaceIsARecord) {
               0);
     const unsigned int first = net::transAddr("10.1.0.1");
     const unsigned int second = net::transAddr("10.1.0.2");
-    EXPECT_THAT(net::localIpSet(), ElementsAre(first, second));
+    EXPECT_THAT(net::localIpSet(), ElementsAre(first, second)) << "without the loopback interface";
+    EXPECT_EQ(net::localNetworkInterfaces().at(net::transAddr("127.0.0.1")).mac, "00:00:00:00:00:00");
     EXPECT_EQ(net::localIfaName(first), "eth0:1");
     EXPECT_EQ(net::localIfaName(second), "eth0");
     EXPECT_EQ(net::localMac(first), "001A2B3C4D5E");

@@ -221,16 +221,4 @@ TEST_F(Doctor, FindsNothingToComplainAboutInAHealthyNetwork) {
                                testing::EndsWith("nothing to complain about\n")));
 }
 
-TEST_F(Doctor, EndsAtOnceWhenItIsStopped) {
-    lab::Process doctor = start("display", {"--seconds", "60"});
-    EXPECT_TRUE(comesTrue([&] { // until it has its signals in hand it ends, too, but not so
-        std::ifstream table("/proc/" + std::to_string(doctor.pid()) + "/net/udp");
-        std::string line;
-        return std::getline(table, line) && std::getline(table, line);
-    }));
-    doctor.signal(SIGINT);
-    EXPECT_EQ(doctor.wait(5s), 1);
-    EXPECT_EQ(doctor.output(), "");
-}
-
 } // namespace

@@ -115,12 +115,6 @@ TEST_F(Negotiator, HolderOfIdOneObjectsToEveryClaim) {
     EXPECT_EQ(heard()[0], kProbe) << "the second one is somebody's";
 }
 
-TEST_F(Negotiator, SecondClaimantOfIdOneEndsElsewhere) {
-    const auto first = makeNegotiator();
-    ASSERT_EQ(first->syncLogin(1), 1);
-    EXPECT_THAT(makeNegotiator("host2")->syncLogin(1), IsDrawn());
-}
-
 TEST_F(Negotiator, ResetRequestChangesNothingElseAndOtherMessagesNothingAtAll) {
     const auto negotiator = makeNegotiator();
     say("\x20\xA1");

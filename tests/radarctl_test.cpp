@@ -291,7 +291,7 @@ TEST_F(Radarctl, EveryCommandEndsAtOnceWhenItIsStopped) {
     };
     m_profile.write(""); // the search is stopped, too
     const std::pair<std::vector<std::string>, int> cases[] = {
-        {{"list"}, 1}, {{"watch"}, 0}, {{"host", "--name", "North"}, 0}};
+        {{"list"}, 1}, {{"watch"}, 0}, {{"host", "--name", "North"}, 0}, {{"doctor", "--seconds", "60"}, 1}};
     for (const auto& [arguments, status] : cases)
         for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
             lab::Process tool = start("host1", arguments);

@@ -6,7 +6,6 @@
 #include "tcp_support.h"
 #include "wait.h"
 
-#include <IniProfile/iniprofile.h>
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/hostserver.h>
 #include <UdpSocket/multiradarclient.h>
@@ -18,11 +17,9 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
-#include <thread>
 
 namespace {
 
@@ -121,23 +118,6 @@ TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
         EXPECT_TRUE(display.getRadar().empty());
     }
     EXPECT_TRUE(lists(display, "North"));
-}
-
-TEST_F(Resources, ProfileThatIsReplacedIsReadAsItWasOrAsItIs) {
-    std::atomic<bool> ended = false;
-    std::thread writer([&] {
-        for (int i = 0; i < 300; ++i) {
-            m_profile.write("[Local]\nIP = 10.1.0." + std::to_string(i % 2 + 1) + "\n", "new.ini");
-            std::filesystem::rename(m_profile.path() / "new.ini", m_profile.path() / "profile.ini");
-        }
-        ended = true;
-    });
-    while (!ended) {
-        const std::string ip = GetProfileInfo("Local", "IP", "default", 16, "profile.ini");
-        EXPECT_THAT(ip, testing::AnyOf("10.1.0.1", "10.1.0.2"));
-    }
-    writer.join();
-    EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, "profile.ini"), "10.1.0.2");
 }
 
 /// Cycles from the environment variable CHURN_CYCLES, else few enough for a test.
