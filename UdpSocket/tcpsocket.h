@@ -136,7 +136,8 @@ private:
 /// - OnTcpClientConnected comes on the accept thread, before the client's first bytes are read. Further
 ///   clients wait meanwhile.
 /// - OnTcpDataReceived and OnTcpClientDisconnected come on the client's own receive thread: the events of one
-///   client are ordered, those of different clients run in parallel.
+///   client are ordered, those of different clients run in parallel. Where the system has no thread left for
+///   a client, its Disconnected comes on the accept thread, at once.
 ///
 /// A send waits half a second at most for a client that does not read; what it had taken by then is sent.
 class __attribute__((visibility("default"))) TcpServer {

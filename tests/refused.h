@@ -70,9 +70,10 @@ protected:
             {
                 const Fault fault(refusal.call, refusal.code, refusal.first, refusal.count);
                 [[maybe_unused]] const auto kept = use();
-                hit = comesTrue(
-                    [&] { return fault.hit() && withoutUdpNumbers(output.err()) == refusal.expected; },
-                    std::chrono::seconds(10));
+                hit = comesTrue([&] {
+                    return fault.hit() && withoutUdpNumbers(output.err()) == refusal.expected &&
+                           output.out().find(refusal.printed) != std::string::npos;
+                });
             }
             errors = output.err();
             printed = output.out();

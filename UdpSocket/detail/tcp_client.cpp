@@ -253,7 +253,7 @@ void TcpClientPrivate::receiveThread(Connection& connection) {
         }
     }
     std::printf("tcp client (addr = %s,port = %u) receive thread out ....\r\n", m_address.c_str(), m_port);
-    connection.connected = false;
+    connection.end(); // a thread that still waits to send would not see it otherwise
 }
 
 // ---------------------------------------------------------------------------------------------- sending
@@ -283,8 +283,8 @@ bool TcpClientPrivate::checkSent(Connection& connection, ssize_t result, const c
     }
     const int code = errno;
     connection.connected = false;
-    if (m_ending.stopped())
-        return false; // the destructor has shut the socket
+    if (connection.ended || m_ending.stopped())
+        return false; // shut by ourselves, which is not to be reported
     std::printf("tcp client %s error %d\r\n", call, static_cast<int>(result));
     errno = code;
     report(site, "send");

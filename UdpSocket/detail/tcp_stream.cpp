@@ -16,6 +16,7 @@ constexpr int kFirstQuestion = 5; // seconds of silence
 constexpr int kBetweenQuestions = 3;
 constexpr int kQuestions = 3; // without an answer, and the connection fails with ETIMEDOUT
 constexpr std::uint32_t kLongestSilenceMs = 15000;
+constexpr int kUnansweredProbes = 1; // for room: the answer to the newest may be on its way
 
 } // namespace
 
@@ -58,9 +59,11 @@ void askSilentPeer(const Descriptor& socket) {
 bool isPeerGone(const Descriptor& socket) {
     tcp_info info{};
     socklen_t length = sizeof info;
-    // The system asks nothing while data is on its way: it sends that again, for a quarter of an hour.
+    // The system does not ask while data is on its way, or waits for a peer that has no room: it sends that
+    // again, or asks for room at growing intervals, for a quarter of an hour.
     return ::getsockopt(socket.get(), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
-           info.tcpi_retransmits > 0 && info.tcpi_last_ack_recv >= kLongestSilenceMs;
+           (info.tcpi_retransmits > 0 || info.tcpi_probes > kUnansweredProbes) &&
+           info.tcpi_last_ack_recv >= kLongestSilenceMs;
 }
 
 } // namespace net::detail

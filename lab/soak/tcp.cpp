@@ -22,6 +22,7 @@ constexpr const char* kServerAddress = "10.20.1.2"; // host2
 constexpr unsigned short kPort = 7100;
 constexpr double kNoticesEnd = 1.5;    // an end that the system tells of
 constexpr double kNoticesSilence = 17; // 15 s of it, looked at with each time-out and told within another
+constexpr double kNoticesFull = 25;    // the system's questions for room come at growing intervals
 constexpr double kConnectsAgain = 10;
 
 /// Counts what a client or a server tells. Any thread.
@@ -131,6 +132,41 @@ Figures cutOff(Stage& stage, bool sending) {
     std::this_thread::sleep_for(stage.full() ? 60s : 5s);
     stage.lan().dropRate(stage.host(), 0);
     return {{"s until told lost", lost, kNoticesSilence},
+            {"s until connected again", client.secondsUntilBack(), kConnectsAgain}};
+}
+
+/// A server that does not read any more, so that the client's sends wait, and then is gone.
+Figures fullAndCutOff(Stage& stage) {
+    lab::Process server = startServer(stage);
+    Connected client(stage);
+    server.signal(SIGSTOP);
+    std::atomic<double> sendReturned = 0; // seconds since the start
+    const auto start = Clock::now();
+    const std::jthread sender([&] {
+        const std::string data(1024 * 1024, 'x');
+        while (client.client().sendData(data.data(), static_cast<unsigned int>(data.size())))
+            sendReturned = secondsSince(start);
+        sendReturned = secondsSince(start);
+    });
+    struct Release { // of the sender, whatever becomes of this
+        Stage& stage;
+        lab::Process& server;
+        ~Release() {
+            server.signal(SIGKILL);
+            stage.lan().dropRate(stage.host(), 0);
+        }
+    };
+    const Release release{stage, server};
+    secondsUntil([&] { return secondsSince(start) > sendReturned + 3; }, 60s, "a send waits");
+    stage.lan().dropRate(stage.host(), 100);
+    const auto cut = Clock::now();
+    const double lost = client.secondsUntilLost();
+    secondsUntil([&] { return sendReturned > secondsSince(start) - 5; }, 10s, "the send gives up");
+    const double gaveUp = sendReturned - std::chrono::duration<double>(cut - start).count();
+    server.signal(SIGCONT);
+    stage.lan().dropRate(stage.host(), 0);
+    return {{"s until told lost", lost, kNoticesFull},
+            {"s until the send gives up", gaveUp, kNoticesFull},
             {"s until connected again", client.secondsUntilBack(), kConnectsAgain}};
 }
 
@@ -244,6 +280,9 @@ constexpr Row kRows[] = {
     {"tcp-cut-sending", "The same while the client sends", "ten messages a second",
      "the client says so within 17 s, and is connected again within 10 s",
      [](Stage& stage) { return cutOff(stage, true); }},
+    {"tcp-cut-full", "The same while sends wait for room",
+     "the server frozen, a send waiting for 3 s, then all packets dropped",
+     "the client says so, and the send gives up, within 25 s; connected again within 10 s", fullAndCutOff},
     {"tcp-client-cut", "TCP client's machine cut off", "all its packets dropped",
      "the server says so within 17 s", clientCutOff},
     {"tcp-silent", "Client destroyed while it connects", "to an address that neither refuses nor answers",
