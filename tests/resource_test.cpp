@@ -32,11 +32,13 @@ constexpr const char* kGroup = "236.1.2.3";
 class Resources : public OneInterface {
 protected:
     static bool lists(MultiRadarClient& display, const char* name) {
-        return comesTrue([&] {
-            display.query();
-            const auto names = display.getRadar();
-            return std::find(names.begin(), names.end(), name) != names.end();
-        });
+        return comesTrue(
+            [&] {
+                display.query();
+                const auto names = display.getRadar();
+                return std::find(names.begin(), names.end(), name) != names.end();
+            },
+            60s);
     }
 
     const ProfileDirectory m_profile{"[Local]\nIP = 10.1.0.1\nMulticastLoop = true\n"};
@@ -98,6 +100,19 @@ TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
         [&] { return all->sender.sendData("heard", 5) == 5 && m_recorder.nextBytes(500ms) == "heard"; }));
     EXPECT_TRUE(all->server.connect("127.0.0.1", port, 5));
     EXPECT_TRUE(comesTrue([&] { return all->client.isConnected(); }));
+}
+
+TEST_F(Resources, WhatAProgramWithoutStandardStreamsPrintsGoesIntoNoConnection) {
+    const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(STDOUT_FILENO);
+    {
+        Everything all(&m_recorder, m_local, tcp_test::freePort());
+        EXPECT_TRUE(comesTrue([&] { return all.client.isConnected() && all.server.isConnected(); }));
+        EXPECT_TRUE(comesTrue([] { return ::fcntl(STDOUT_FILENO, F_GETFD) == -1; }))
+            << "a file read meanwhile";
+    }
+    EXPECT_EQ(::dup2(saved, STDOUT_FILENO), STDOUT_FILENO);
+    ::close(saved);
 }
 
 TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
@@ -166,8 +181,7 @@ TEST_F(Resources, CreationAndDestructionLeaveNothing) {
             settle();
             const size_t heap = ::mallinfo2().uordblks;
             for (int i = 0; i < cycles(); ++i)
-                live();
-            settle();
+                live(), settle();
             growth = ::mallinfo2().uordblks - std::min(heap, ::mallinfo2().uordblks);
         }
         EXPECT_LT(growth, 10000U + 10U * static_cast<size_t>(cycles())) << name;

@@ -2,6 +2,7 @@
 /// Ownership of a file descriptor.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <sys/socket.h>
@@ -42,9 +43,18 @@ private:
     int m_number = -1;
 };
 
+/// Owns a new socket, under another number where it has one of the standard streams: in a program that was
+/// started without them, what is printed would be sent to a peer.
+inline Descriptor ownSocket(int number) {
+    Descriptor socket(number);
+    if (number < 0 || number > STDERR_FILENO)
+        return socket;
+    return Descriptor(::fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
 /// An IPv4 socket that commands run by the library do not inherit; not open when the system refuses (errno).
 inline Descriptor openSocket(int type, int protocol = 0) {
-    return Descriptor(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
+    return ownSocket(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
 }
 
 /// setsockopt with the option's own type. @return whether the system took it (else errno)

@@ -120,7 +120,7 @@ void TcpServerPrivate::acceptThread() {
             continue;
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        detail::Descriptor socket(
+        detail::Descriptor socket = detail::ownSocket(
             ::accept4(m_listening.get(), reinterpret_cast<sockaddr*>(&from), &length, SOCK_CLOEXEC));
         if (socket.isOpen()) {
             welcome(std::move(socket), from);
