@@ -228,7 +228,8 @@ public:
         return true;
     }
     std::uint8_t syncLogin(std::uint8_t id) {
-        return m_negotiation->begin(id, __func__) ? m_negotiation->login() : 0;
+        const std::shared_ptr<Negotiation> negotiation = m_negotiation; // outlasts the negotiator
+        return negotiation->begin(id, __func__) ? negotiation->login() : 0;
     }
 
 private:

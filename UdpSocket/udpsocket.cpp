@@ -69,6 +69,11 @@ ssize_t receiveFrom(const Descriptor& socket, char* buffer, int size, sockaddr_i
                       reinterpret_cast<sockaddr*>(&source), &length);
 }
 
+/// Of a send: the interface was removed, or does not carry the address any more and is down.
+bool isInterfaceGone(int error) {
+    return error == ENODEV || error == ENETUNREACH;
+}
+
 enum class Kind { Unicast, Multicast, Broadcast };
 
 Kind kindOf(const std::string& address) {
@@ -309,7 +314,7 @@ int UdpSenderPrivate::sendData(const char* data, int length) {
     if (!m_interfaceSet)
         takesUpInterface();
     auto sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
-    if (sent == -1 && errno == ENODEV && takesUpInterface())
+    if (sent == -1 && isInterfaceGone(errno) && takesUpInterface())
         sent = static_cast<int>(sendTo(m_socket, data, length, m_destination));
     if (sent != length)
         report("sendto");
@@ -335,7 +340,7 @@ int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*,
         return ::sendmmsg(m_socket.get(), messages.data(), static_cast<unsigned int>(messages.size()), 0);
     };
     int sent = send();
-    if (sent == -1 && errno == ENODEV && takesUpInterface())
+    if (sent == -1 && isInterfaceGone(errno) && takesUpInterface())
         sent = send();
     if (sent == -1)
         report("sendmmsg");

@@ -87,9 +87,10 @@ TEST_F(UdpFault, OfASender) {
          {"IP_MULTICAST_LOOP", EPERM, udp("setMulticastLoop", kFixed, "setsockopt::IP_MULTICAST_LOOP", EPERM),
           2}},
         {kGroup, {"bind", EADDRINUSE, udp("UdpSenderPrivate", kFixed, "bind", EADDRINUSE)}},
-        {kGroup, {"sendto", ENETUNREACH, udp("sendData", kFixed, "sendto", ENETUNREACH)}},
+        {kGroup, {"sendto", EHOSTUNREACH, udp("sendData", kFixed, "sendto", EHOSTUNREACH)}},
         {kGroup, {"sendto", ENODEV, ""}}, // the interface was replaced: sent again
-        {kGroup, {"sendmmsg", ENETUNREACH, udp("sendMultipleDatas", kFixed, "sendmmsg", ENETUNREACH)}},
+        {kGroup, {"sendmmsg", EHOSTUNREACH, udp("sendMultipleDatas", kFixed, "sendmmsg", EHOSTUNREACH)}},
+        {kGroup, {"sendto", ENETUNREACH, ""}},
         {kGroup, {"sendmmsg", ENODEV, ""}},
     };
     for (const auto& row : rows)
@@ -241,7 +242,7 @@ TEST_F(DiscoveryFault, OfAHost) {
         {"socket", EMFILE, udp("UdpSenderPrivate", negotiation, "socket", EMFILE), 1},
         {"socket", EMFILE, udp("UdpReceiverPrivate", negotiation, "socket", EMFILE), 2},
         {"pthread_create", EAGAIN, udp("UdpReceiverPrivate", negotiation, "thread", EAGAIN)},
-        {"sendto", ENETUNREACH, udp("sendData", negotiation, "sendto", ENETUNREACH)},
+        {"sendto", EHOSTUNREACH, udp("sendData", negotiation, "sendto", EHOSTUNREACH)},
     };
     for (const Refusal& refusal : negotiating)
         refuse(refusal, [] {

@@ -48,8 +48,13 @@ void UdpCheckerPrivate::addListener(iUdpCheckerListener* listener) {
         m_listeners.push_back(listener);
         foundIp = m_foundIp;
     }
-    if (foundIp != 0)
+    // Again where another was found during the call: the one told last must be the one in force.
+    for (unsigned int told = 0; foundIp != 0 && foundIp != told;) {
         listener->OnUdpCheckerIpFound(foundIp);
+        told = foundIp;
+        detail::Lock lock(m_mutex);
+        foundIp = m_foundIp;
+    }
 }
 
 void UdpCheckerPrivate::removeListener(iUdpCheckerListener* listener) {
