@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <iostream>
 
 namespace {
 
@@ -92,6 +93,10 @@ std::optional<CommandLine::Run> CommandLine::parse(int argc, const char* const* 
         return m_chosen;
     } catch (const CLI::Success& help) {
         exitCode = m_app->exit(help);
+        if (!std::cout.flush()) {
+            std::fprintf(stderr, "%s: cannot write the output\n", m_app->get_name().c_str());
+            exitCode = kNothingFound;
+        }
     } catch (const CLI::ParseError& error) {
         const bool named = !m_app->get_subcommands().empty();
         const bool isOption = argc > 1 && argv[1][0] == '-' && !named;

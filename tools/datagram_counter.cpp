@@ -57,9 +57,9 @@ DatagramCounter::Second DatagramCounter::next() {
         m_since = now;
     }
     second.dropped.reset();
-    if (droppedSoFar && m_droppedBefore)
-        second.dropped = *droppedSoFar - *m_droppedBefore;
-    m_droppedBefore = droppedSoFar;
+    if (droppedSoFar) // a receiver that was set up again counts anew
+        second.dropped = *droppedSoFar - (*droppedSoFar < m_droppedBefore ? 0 : m_droppedBefore);
+    m_droppedBefore = droppedSoFar.value_or(0);
 
     if (second.datagrams > 0)
         m_total.smallest =
@@ -69,7 +69,7 @@ DatagramCounter::Second DatagramCounter::next() {
     m_total.datagrams += second.datagrams;
     m_total.bytes += second.bytes;
     m_total.longestGap = std::max(m_total.longestGap, second.longestGap);
-    m_total.dropped = droppedSoFar;
+    m_total.dropped = second.dropped ? m_total.dropped.value_or(0) + *second.dropped : m_total.dropped;
     for (const auto& [source, count] : second.sources)
         m_total.sources[source] += count;
     return second;

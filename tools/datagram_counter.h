@@ -45,7 +45,7 @@ private:
     Second m_current;
     std::chrono::steady_clock::time_point m_lastDatagram = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_since = m_lastDatagram;
-    std::optional<long> m_droppedBefore = 0L;
+    long m_droppedBefore = 0; // by the socket there was then
     Second m_total;
     net::UdpReceiver m_receiver; // last: counts as soon as it is there
 };

@@ -19,19 +19,23 @@ int renumber(const Options& options, Output& output) {
     output.write("sent an objection to host id " + id + " to 236.6.7.4:6768 on " +
                  net::transAddr(search.display().localIp()) + "; waiting for " + name +
                  " to negotiate another\n");
+    int objections = 1;
     int held = before.hostId;
     const Search::End end = search.until([&](const std::vector<Radar>& radars) {
         for (const Radar& radar : radars)
             if (radar.name == before.name)
                 held = radar.hostId;
         // Again: a holder of id 1 takes the first objection after one of its own for that one's echo.
-        if (held == before.hostId)
+        if (held == before.hostId) {
             MultiRadarClient::getInstance()->queryForAdjust(before.name.c_str());
+            ++objections;
+        }
         return held != before.hostId;
     });
+    const std::string sent = objections == 1 ? "" : " after " + std::to_string(objections) + " objections";
     if (end != Search::End::Enough)
-        throw Failure(kNothingFound, name + " still announces host id " + id);
-    output.write(name + " now has host id " + std::to_string(held) + "\n");
+        throw Failure(kNothingFound, name + " still announces host id " + id + sent);
+    output.write(name + " now has host id " + std::to_string(held) + sent + "\n");
     return kFound;
 }
 

@@ -14,7 +14,7 @@ constexpr std::uint16_t kSpokes = 1024; // a revolution
 constexpr std::size_t kSamples = 512;
 constexpr double kRange = 6; // nautical miles
 constexpr std::size_t kHeader = 12;
-constexpr std::uint32_t kMostAtOnce = 256; // spokes, after the process was held up
+constexpr std::uint64_t kMostAtOnce = 256; // spokes, after the process was held up
 
 constexpr double kTurn = 2 * std::numbers::pi;
 
@@ -50,7 +50,7 @@ Simulator::Simulator(int hostId, unsigned int streams, double revolutionsPerMinu
 void Simulator::send() {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - m_start;
     const double hours = elapsed.count() / 3600;
-    const auto due = static_cast<std::uint32_t>(elapsed.count() * m_spokesPerSecond);
+    const auto due = static_cast<std::uint64_t>(elapsed.count() * m_spokesPerSecond);
     std::vector<std::string> spokes;
     for (m_spokes = std::max(m_spokes, due > kMostAtOnce ? due - kMostAtOnce : 0); m_spokes < due; ++m_spokes)
         spokes.push_back(spoke(m_spokes, hours));
@@ -70,10 +70,10 @@ void Simulator::send() {
         m_sentences = static_cast<std::uint32_t>(elapsed.count()) + 1;
 }
 
-std::string Simulator::spoke(std::uint32_t sequence, double hours) const {
+std::string Simulator::spoke(std::uint64_t sequence, double hours) const {
     const auto number = static_cast<std::uint16_t>(sequence % kSpokes);
     std::string datagram = "SIMI";
-    const std::uint32_t sequenceField = net::HtoNl(sequence);
+    const std::uint32_t sequenceField = net::HtoNl(static_cast<std::uint32_t>(sequence));
     const std::uint16_t fields[] = {net::HtoNs(number), net::HtoNs(kSpokes)};
     datagram.append(reinterpret_cast<const char*>(&sequenceField), sizeof sequenceField);
     datagram.append(reinterpret_cast<const char*>(fields), sizeof fields);

@@ -43,12 +43,12 @@ private:
     };
     static const Target kTargets[3];
 
-    std::string spoke(std::uint32_t sequence, double hours) const;
+    std::string spoke(std::uint64_t sequence, double hours) const;
     static std::string sentence(std::size_t target, double hours);
 
     const double m_spokesPerSecond;
     std::vector<Stream> m_streams;
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-    std::uint32_t m_spokes = 0;    // sent so far
+    std::uint64_t m_spokes = 0;    // sent so far
     std::uint32_t m_sentences = 0; // rounds of all targets sent so far
 };

@@ -35,9 +35,10 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
     Observation seen;
     seen.interfaces = readInterfaces();
     if (!only.empty()) {
-        std::erase_if(seen.interfaces, [&](const Interface& interface) { return interface.name != only; });
+        const std::string name = only.substr(0, only.find(':')); // without an alias's number
+        std::erase_if(seen.interfaces, [&](const Interface& interface) { return interface.name != name; });
         if (seen.interfaces.empty())
-            throw Failure(kUsage, "this computer has no interface \"" + printable(only) + "\"");
+            throw Failure(kUsage, "no network is behind interface \"" + printable(only) + "\"");
     }
     seen.profile = readProfile(quick ? 400ms : 2s);
     seen.socketsBefore = readUdpSockets();
@@ -103,7 +104,7 @@ std::string paragraph(const std::string& text, std::size_t indent, const Output&
     std::string result = std::string(indent, ' ');
     std::size_t column = indent;
     std::istringstream words(text);
-    for (std::string word; words >> word;) {
+    for (std::string word; std::getline(words, word, ' ');) { // several blanks are part of a name
         if (column > indent && width > 0 && column + 1 + word.size() > width) {
             result += "\n" + std::string(indent + 4, ' ');
             column = indent + 4;
@@ -160,10 +161,7 @@ std::string listOfKinds() {
 
 /// The one interface that the command line names, or nothing.
 std::string interfaceOf(const LocalOptions& options) {
-    if (options.address.empty())
-        return options.interface;
-    const std::string name = net::localIfaName(localAddress(options));
-    return name.substr(0, name.find(':'));
+    return options.address.empty() ? options.interface : net::localIfaName(localAddress(options));
 }
 
 int examine(const Options& options, Output& output) {

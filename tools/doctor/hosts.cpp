@@ -110,6 +110,14 @@ std::string together(const std::vector<HostKey>& hosts) {
     return hosts.size() <= kNamed ? list : list + " and " + std::to_string(hosts.size() - kNamed) + " more";
 }
 
+/// What a shell reads as that text, whatever is in it.
+std::string shellWord(const std::string& text) {
+    std::string word = "'";
+    for (const char character : text)
+        word += character == '\'' ? "'\\''" : std::string(1, character);
+    return word + "'";
+}
+
 void judgeDoubles(const Listening& listening, Report& report) {
     std::map<int, std::vector<HostKey>> byId;
     std::map<std::string, std::vector<HostKey>> byName;
@@ -122,8 +130,8 @@ void judgeDoubles(const Listening& listening, Report& report) {
         if (hosts.size() > 1)
             report.find(Id::SameId, Severity::Fault,
                         together(hosts) + " hold one host id, so their streams share groups and ports",
-                        "radarctl renumber \"" + printable(hosts.front().name) +
-                            "\": everyone who holds that id draws a new one",
+                        "radarctl renumber " + shellWord(printable(hosts.front().name)) +
+                            ": everyone who holds that id draws a new one",
                         "all announce the endpoints of host id " + std::to_string(id));
     for (const auto& [name, hosts] : byName) {
         std::set<int> ids;

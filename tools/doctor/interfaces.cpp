@@ -82,8 +82,9 @@ std::vector<Interface> readInterfaces() {
     std::vector<Interface> result;
     for (auto& [index, interface] : byIndex) {
         std::error_code error;
-        interface.partOfAnother =
-            std::filesystem::exists("/sys/class/net/" + interface.name + "/master", error);
+        const std::filesystem::path device = "/sys/class/net/" + interface.name;
+        interface.partOfAnother = std::filesystem::exists(device / "master", error);
+        interface.emptyBridge = std::filesystem::is_empty(device / "brif", error) && !error;
         const std::string settings = "/proc/sys/net/ipv4/conf/";
         interface.rpFilter =
             std::max(setting(settings + "all/rp_filter"), setting(settings + interface.name + "/rp_filter"));
@@ -141,7 +142,7 @@ namespace {
 
 void judgeLink(const Observation& seen, const Interface& interface, Report& report) {
     // One that nobody needs is no fault while the radars are heard through another.
-    const Severity severity = seen.radarHeard() ? Severity::Note : Severity::Fault;
+    const Severity severity = seen.radarHeard() || interface.emptyBridge ? Severity::Note : Severity::Fault;
     const std::string measured = interface.name + " " + addressesOf(interface) + ", " + stateOf(interface);
     if (!interface.up)
         report.find(Id::InterfaceDown, severity, interface.name + " is switched off",

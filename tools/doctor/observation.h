@@ -42,6 +42,7 @@ struct Interface {
     bool multicast = false;
     bool pointToPoint = false;
     bool partOfAnother = false; ///< of a bridge, say
+    bool emptyBridge = false;   ///< waits for containers, say
     std::vector<LocalAddress> addresses;
     int rpFilter =
         0; ///< the stricter of the machine's and the interface's own setting, as the kernel takes it
