@@ -108,7 +108,7 @@ Descriptor nameOwnNetwork() {
 
 /// Waits until the bridge forwards through a port: the kernel opens it a moment after the link is up.
 void awaitForwarding(const std::string& port) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     const std::string stateFile = "/sys/class/net/" + port + "/brport/state";
     constexpr int forwarding = 3;
     for (;;) {

@@ -56,7 +56,7 @@ public:
     std::optional<int> wait(std::chrono::milliseconds timeout);
 
     /// SIGTERM, and SIGKILL when the process has not ended by @p patience. @return as wait()
-    int stop(std::chrono::milliseconds patience = std::chrono::seconds(2));
+    int stop(std::chrono::milliseconds patience = std::chrono::seconds(10));
 
     /// The next line of captured output, without its end; nothing when none came in time or none will.
     std::optional<std::string> nextLine(std::chrono::milliseconds timeout);

@@ -26,14 +26,14 @@ public:
         : m_directory(std::move(directory)),
           m_dumpcap(node.start({.command = {"dumpcap", "-q", "-i", "eth0", "-f", "udp or tcp", "-c", "500",
                                             "-a", "duration:60", "-w", path("capture")}})) {
-        EXPECT_TRUE(m_dumpcap.lineWith("File:", std::chrono::seconds(15))) << "dumpcap listens";
+        EXPECT_TRUE(m_dumpcap.lineWith("File:", std::chrono::seconds(30))) << "dumpcap listens";
     }
 
     /// Ends the capture when @p last has been captured, and dissects it twice, as Wireshark does.
     std::vector<Frame> read(const std::string& last, const std::vector<std::string>& fields) {
         EXPECT_TRUE(comesTrue([&] { return contents("capture").find(last) != std::string::npos; }));
         m_dumpcap.signal(SIGINT);
-        EXPECT_EQ(m_dumpcap.wait(std::chrono::seconds(5)), 0);
+        EXPECT_EQ(m_dumpcap.wait(std::chrono::seconds(30)), 0);
 
         std::vector<std::string> command = {
             "tshark", "-2", "-n",           "-r", path("capture"), "-X", "lua_script:" DISSECTOR, "-T",

@@ -109,9 +109,8 @@ TEST_F(Discovery, WhatEveryHostAnnouncesIsWhatTheDisplayHandsOut) {
             EXPECT_EQ(text(record.imageOriginal),
                       streams == 1 ? "0.0.0.0:0" : text(expectedEndpoint(id, 12, "236.6.7.7", 6677)));
             EXPECT_EQ(plan::streamPort2MultiNum(net::NtoHs(record.arpaStream.port)), id);
-            EXPECT_TRUE(m_wire.nextBytes() == expected);
-            while (m_wire.next(0ms)) { // a query may have been sent again
-            }
+            // behind what another query may have brought of the host before
+            EXPECT_TRUE(comesTrue([&] { return m_wire.nextBytes() == expected; }));
         }
 }
 
@@ -179,7 +178,7 @@ TEST_F(FullPlan, IsListedAfterOneQuery) {
     for (int run = 0; run < 20; ++run) {
         s_time += 8; // empties the table
         m_client->query();
-        EXPECT_TRUE(comesTrue([&] { return m_client->getRadar().size() == kHosts; }, 2s));
+        EXPECT_TRUE(comesTrue([&] { return m_client->getRadar().size() == kHosts; }));
     }
 }
 
@@ -226,12 +225,12 @@ TEST_F(Search, SettlesWhereARadarAnswersAndTellsItOnce) {
 
 TEST_F(Search, SettlesWhereBeaconsAreHeardTwice) {
     const lab::Process beacons = beacon("aabbccdd", 200);
-    EXPECT_THAT(found(m_display, 1, 20s), ElementsAre("10.20.2.1"));
+    EXPECT_THAT(found(m_display, 1, 35s), ElementsAre("10.20.2.1"));
 }
 
 TEST_F(Search, IsNotMisledByOtherDatagramsOrASingleBeaconPeriod) {
     const lab::Process other = beacon("aabbccde", 50);
-    const lab::Process once = beacon("aabbccdd", 5);
+    const lab::Process once = beacon("aabbccdd", 2);
     EXPECT_THAT(found(m_display, 1, 9s), ElementsAre());
 }
 
@@ -239,7 +238,7 @@ TEST(SearchOnOneLan, ReportsEveryAddressThatHearsARadarInAscendingOrder) {
     const ProfileDirectory profile;
     lab::Lan lan({lab::radarHost(1), {"display", {{"10.20.3.2/16"}, {"10.20.3.1/16"}}}});
     const auto host = serve(lan.node("host1"), "R", 16, 1);
-    EXPECT_THAT(found(lan.node("display"), 2, 20s), ElementsAre("10.20.3.1", "10.20.3.2"));
+    EXPECT_THAT(found(lan.node("display"), 2, 35s), ElementsAre("10.20.3.1", "10.20.3.2"));
 }
 
 TEST(HostServerDeathTest, WrongConfigurationEndsTheProcess) {

@@ -147,8 +147,16 @@ protected:
                        "_ws.expert.message", "udpsocket.query_in", "udpsocket.answer_in",
                        "udpsocket.response_time", "udpsocket.claim_in", "udpsocket.objection_in"});
         std::vector<Frame> frames = m_capture.read(last, fields);
-        EXPECT_EQ(frames.back()["udpsocket.code"], "") << "other groups have these ports, too";
-        frames.pop_back();
+        // An answer to a repeated query may come even later.
+        const auto end = std::find_if(frames.begin(), frames.end(), [&](const Frame& frame) {
+            return unhex(frame.at("udp.payload")) == last;
+        });
+        if (end == frames.end()) {
+            ADD_FAILURE() << "the last datagram is not in the capture";
+            return frames;
+        }
+        EXPECT_EQ(end->at("udpsocket.code"), "") << "other groups have these ports, too";
+        frames.erase(end, frames.end());
         return frames;
     }
     void say(const char* node, const wire::Group& group, const std::string& datagram) {
@@ -209,13 +217,13 @@ TEST_F(Dissector, SaysWhatTheLibrarySays) {
     const auto north = serve("host1", "North", 1, 1);
     lab::Process south = m_lan.node("host2").start(
         {.command = {RADARCTL, "host", "--name", "South mast", "--id", "1", "--streams", "2"}}); // contested
-    ASSERT_TRUE(south.lineWith("serving", 20s));
+    ASSERT_TRUE(south.lineWith("serving", 30s));
     const auto client = makeClient();
     ASSERT_TRUE(lists(*client, {"North", "South mast"}));
     const RadarAddress northRecord = *client->getAddress("North", 0);
     const RadarAddress southRecord = *client->getAddress("South mast", 0);
     client->queryForAdjust("South mast");
-    ASSERT_TRUE(south.lineWith("serving", 20s));
+    ASSERT_TRUE(south.lineWith("serving", 30s));
     client->resetRadar();
     say("host1", wire::kBeacon, std::string(wire::kBeaconMarker));
     say("host2", wire::kDiscovery, fullAnnouncement());
@@ -242,6 +250,7 @@ TEST_F(Dissector, SaysWhatTheLibrarySays) {
     const auto peer = [&](const Frame& frame, const char* field) -> Frame {
         return frame.at(field).empty() ? Frame() : frames.at(std::stoul(frame.at(field)) - 1);
     };
+    int objections = 0;
     for (const Frame& frame : frames) {
         const std::string& text = frame.at("_ws.col.Info");
         if (text.starts_with("Announcement: ") && frame.at("_ws.expert.message").empty()) {
@@ -249,10 +258,13 @@ TEST_F(Dissector, SaysWhatTheLibrarySays) {
             EXPECT_EQ(query["_ws.col.Info"], "Query") << "of frame " << frame.at("frame.number");
             EXPECT_THAT(query["udpsocket.answer_in"], HasSubstr(frame.at("frame.number")));
             EXPECT_LT(std::stod(frame.at("udpsocket.response_time")), 8) << "seconds";
-        } else if (text == "Objection to host id 1") {
-            EXPECT_EQ(peer(frame, "udpsocket.claim_in")["udpsocket.objection_in"], frame.at("frame.number"));
+        } else if (text == "Objection to host id 1" && !frame.at("udpsocket.claim_in").empty()) {
+            const Frame claim = peer(frame, "udpsocket.claim_in");
+            EXPECT_GE(std::stoul(claim.at("udpsocket.objection_in")), std::stoul(frame.at("frame.number")));
+            ++objections;
         }
     }
+    EXPECT_GT(objections, 0) << "to a claim";
 }
 
 /// An announcement as a host composes it, with what a case changes.
@@ -338,11 +350,11 @@ TEST_F(Dissector, WarnsOfWhatTheProtocolForbids) {
 TEST_F(Dissector, WarnsOfTwoRadarsThatCannotBeToldApart) {
     const auto first = serve("host1", "A\x1b[2J", 40, 1);
     const auto second = serve("host2", "B", 40, 2);
-    const auto third = serve("host2", "A\x1b[2J", 41, 2);
     say("host1", wire::kNegotiation, "\x01\xA1\x1E\x01");
     say("host2", wire::kNegotiation, "\x03\xA1\x1E\x01"); // a foreign holder that defends its id
     const auto client = makeClient();
     ASSERT_TRUE(lists(*client, {"A\x1b[2J", "B"}));
+    say("host2", wire::kDiscovery, announcement("A\x1b[2J", 41, wire::kLongAnnouncement));
     std::string all;
     for (const Frame& frame : read())
         all += frame.at("_ws.col.Info") + ": " + frame.at("_ws.expert.message") + "\n";

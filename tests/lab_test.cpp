@@ -35,7 +35,7 @@ public:
         : m_receiver(
               makeIn<net::UdpReceiver>(node, &m_recorder, net::transAddr(localIp), kGroup, kPort, 1024)) {}
     /// Where the next datagram came from; "" when none came.
-    std::string next(std::chrono::milliseconds patience = 5s) {
+    std::string next(std::chrono::milliseconds patience = 30s) {
         const auto datagram = m_recorder.next(patience);
         return datagram ? datagram->from.substr(0, datagram->from.find(':')) : "";
     }
@@ -77,7 +77,7 @@ TEST(Lan, ACutTakesCarrierAndDatagramsUntilTheLinkIsRestored) {
     const Node& host = lan.node("host1");
     Ear display(lan.node("display"), "10.20.2.1");
     const auto carrier = [&] { // as a process in the node sees it
-        return host.start({.command = {"cat", "/sys/class/net/eth0/carrier"}}).nextLine(5s);
+        return host.start({.command = {"cat", "/sys/class/net/eth0/carrier"}}).nextLine(30s);
     };
     EXPECT_EQ(carrier(), "1");
     lan.cut(host);
@@ -121,12 +121,12 @@ TEST(Lan, DropRatesHoldForTheLanOrForOneNodeBothWays) {
 
 TEST(Process, IsStoppedWithAllThatItStarted) {
     Process stubborn({.command = {"sh", "-c", "trap '' TERM; sleep 1000 & echo $!; wait; sleep 1000"}});
-    const pid_t child = std::stoi(stubborn.nextLine(5s).value());
+    const pid_t child = std::stoi(stubborn.nextLine(30s).value());
     EXPECT_EQ(stubborn.wait(0s), std::nullopt);
     EXPECT_EQ(stubborn.stop(50ms), 128 + SIGKILL);
     const std::string entry = "/proc/" + std::to_string(child); // a zombie until init has looked
     EXPECT_TRUE(comesTrue([&] { return !std::filesystem::exists(entry); }));
-    EXPECT_EQ(Process({.command = {"no-such-program"}}).wait(5s), 127);
+    EXPECT_EQ(Process({.command = {"no-such-program"}}).wait(30s), 127);
 }
 
 /// The program "lan", run in the private network of the test, which stands for the machine.

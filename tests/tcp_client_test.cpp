@@ -138,9 +138,12 @@ TEST(TcpClient, QueuedSendsKeepTheirOrderAndALongQueueIsMentionedPerItem) {
 
 TEST(TcpClient, AnIdleLinkIsProbedUnlessAutoConnectIsOff) {
     Connected quiet;
-    Connected probing;
-    probing.client.setAutoConnectEnable(true);
-    EXPECT_GT(timeOf([&] { EXPECT_EQ(probing.peer->read(6), std::string("check") + '\0'); }), 4s);
+    EXPECT_GT(timeOf([] {
+                  Connected probing;
+                  probing.client.setAutoConnectEnable(true);
+                  EXPECT_EQ(probing.peer->read(6), std::string("check") + '\0');
+              }),
+              4s);
     quiet.client.sendData("x", 1);
     EXPECT_EQ(quiet.peer->read(1), "x") << "nothing came before";
 }
