@@ -1,8 +1,8 @@
 /// @file
 /// The INI-profile library: two look-ups in a file of sections and keys.
 ///
-/// Thread safety: both functions may be called from any thread at any time; each call reads the file afresh
-/// and nothing is kept open. No argument may be null.
+/// Thread safety: both functions may be called from any thread at any time; each call looks at
+/// the file, reads it again when it has changed, and keeps nothing open. No argument may be null.
 ///
 /// The file: lines of `[section]` and `key = value` in UTF-8 (a byte order mark is skipped, line ends may be
 /// those of any system, lines may be indented and of any length). `;` or `#` at the start of a line, or

@@ -12,7 +12,7 @@ class HostNegotiatorPrivate;
 ///
 /// Once logged in, the negotiator gives its id up when somebody objects to it (a display does so to renumber
 /// a host) and negotiates another. Only the holder of id 1 objects to the claims of others, and to every
-/// claim: two hosts can come to hold one id from 16 to 63, and a display that sees it makes one of them
+/// claim: two hosts can come to hold one id from 16 to 63, and a display that sees it can make both
 /// renumber.
 ///
 /// Threads: a receive thread, and one login thread while a negotiation runs. onReset is called on the receive

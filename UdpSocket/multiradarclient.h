@@ -33,10 +33,10 @@ public:
 ///
 /// Life cycle: getInstance() makes the one instance of the process; it is destroyed at exit. An application
 /// that wants another (a test, say) constructs its own and announces it with setInstance. The destructor
-/// waits for callbacks in progress and for nothing else. Threads: a checker thread, short-lived probe threads
-/// during a search, and the threads of the sockets. All operations may be called from any thread; see
-/// getAddress for its result. Errors: socket failures are reported on standard error; diagnostics go to
-/// standard output.
+/// waits for callbacks and for a receiver's "route" command in progress, and for nothing else. Threads: a
+/// checker thread, short-lived probe threads during a search, and the threads of the sockets. All operations
+/// may be called from any thread; see getAddress for its result. Errors: socket failures are reported on
+/// standard error; diagnostics go to standard output.
 class __attribute__((visibility("default"))) MultiRadarClient {
 public:
     /// @throws std::system_error where the system has no thread left, getInstance() as well; the next call
@@ -54,7 +54,8 @@ public:
     /// Adds a listener unless it is there already. When a local address is known, the listener is told it at
     /// once, on the caller's thread, without a lock. The listener is not owned.
     void addListener(iMultiRadarCheckerListener* listener);
-    /// Removes a listener; it is not called any more when this returns. An unknown one is ignored.
+    /// Removes a listener; it is not called any more when this returns, but by an addListener of it
+    /// that is under way. An unknown one is ignored.
     void removeListener(iMultiRadarCheckerListener* listener);
 
     /// Sets the local address to use, network order; it is taken up within 5 seconds. 0 searches for it

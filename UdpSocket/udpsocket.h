@@ -50,7 +50,8 @@ public:
 /// The simplest UDP endpoint: receives a multicast group, or sends to one, or (SetSendSockAddr first, then
 /// SetGroupRecvSockAddr) both on one socket.
 ///
-/// Life cycle: a new object has no socket. Each set-up call ends what the object did before and starts anew.
+/// Life cycle: a new object has no socket. Each set-up call ends what the object did before and starts anew;
+/// it takes one to receive again after the interface was replaced, which a UdpReceiver does by itself.
 /// Threads: one receive thread while receiving. SendData may be called from any thread; the set-up calls and
 /// the destructor must not overlap with each other or with SendData.
 class __attribute__((visibility("default"))) UdpSocket {
@@ -137,7 +138,8 @@ public:
                 int bufferSize);
     /// The same with address and port as a record has them.
     UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const NetAddress& address, int bufferSize);
-    /// Ends the receive thread at once (a callback in progress is waited for) and closes the socket.
+    /// Ends the receive thread at once (a callback or a "route" command in progress is waited for) and closes
+    /// the socket.
     ~UdpReceiver();
     UdpReceiver(const UdpReceiver&) = delete;
     UdpReceiver& operator=(const UdpReceiver&) = delete;

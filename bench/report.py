@@ -119,7 +119,7 @@ def rows_of_ratios(results):
             who = (max if more else min)(rivals, key=lambda rival: results.median(road, rival))
             best = f"{who} {ratio_text(*results.ratio(road, who, base))}"
         yield [road, f"{number(results.median(road, base))} {unit}", number(results.median(road, "library")),
-               ratio_text(ratio, low, high), f"{low:.2f} to {high:.2f}", best,
+               ratio_text(ratio, low, high), f"{low:.3f} to {high:.3f}", best,
                f"{'>=' if more else '<='} {bound:.2f}", verdict(ratio, low, high, bound, more)]
 
 
@@ -167,7 +167,7 @@ def ratio_bars(path, results):
     whos = ["library", "asio", "libuv", "POCO"]
     rows = ""
     for road in roads:
-        cells = [f"{results.median(road, who) / results.median(road, 'raw'):.3f}" if results.has(road, who) else "NaN"
+        cells = [f"{results.ratio(road, who, 'raw')[0]:.3f}" if results.has(road, who) else "NaN"
                  for who in whos]
         rows += f'"{road}" ' + " ".join(cells) + "\n"
     plots = ", ".join(f"$d using {i + 2}:xtic(1) title '{who}'" for i, who in enumerate(whos))
@@ -204,7 +204,7 @@ def growth(results, directory):
                 f"Listing copies every name, {slope(curves['library']):.1f} ns each. `getAddress` searches a balanced "
                 "tree and copies one record: "
                 + ", ".join(f"{y:.0f} ns with {x}" for x, y in results.curve("names, getAddress")["library"])
-                + " names. 500 names are ten times what an address plan allows."))
+                + " names in these turns. 500 names are ten times what an address plan allows."))
     section("displays", "displays.svg", "Displays that ask 49 hosts once a second", "displays",
             "one display, ms of processor a second", lambda curves: (
                 f"Hosts answer to the group, so each display hears everybody's answers: every further display costs "
@@ -217,9 +217,11 @@ def growth(results, directory):
                 "every 3 seconds: an entry is removed after 8, and one lost answer must not be enough for that."))
     section("TCP clients", "clients.svg", "Clients of one TCP server", "clients", "one call to all, us",
             lambda curves: (
-                f"A call costs {slope(curves['library']):.1f} us a client (raw: {slope(curves['raw']):.1f} us), the "
-                "system's `send` with the peer's part of it, which runs on the sender's processor here. Each client also "
-                "has a receive thread, and 2 MB of address space that is not touched before it sends."))
+                "A call costs, in us a client: "
+                + ", ".join(f"{y / x:.1f} with {x}" for x, y in curves["library"]) + " clients (raw: "
+                + ", ".join(f"{y / x:.1f}" for x, y in curves["raw"]) + "). That is the "
+                "system's `send` with the peer's part of it, which runs on the sender's processor here; that it grows with "
+                "the clients is the system's as well, since raw sends grow alike. Each client also has a receive thread, and 2 MB of address space that is not touched before it sends."))
     section("receivers", "receivers.svg", "Receivers in one process, 20 000 datagrams/s among them", "receivers",
             "us of processor a datagram", lambda curves: (
                 "The more threads share the datagrams, the surer each finds its own asleep, and its working set out of "
@@ -279,7 +281,7 @@ def main():
     whos = results.competitors(idle[0]) if idle else []
     idle_rows = [[who, *(number(results.median(road, who)) if results.has(road, who) else "" for road in idle)]
                  for who in whos]
-    idle_head = ["", *(road.removeprefix("idle display, ") for road in idle)]
+    idle_head = ["", *(road.removeprefix("idle display, ").replace("memory", "memory, MiB") for road in idle)]
     discovery = "discovery of 49 two-stream hosts"
     found = [[who, number(results.median(discovery, who))] for who in results.competitors(discovery)]
     destruction = [[road.removeprefix("destruction, "), number(results.median(road, "library")),
@@ -305,7 +307,7 @@ and its plots are written by `scripts/bench`, from one run:
 - {datetime.date.today()}; {company} (processors busy: {busy})
 
 Everything runs in network namespaces on one machine, the two sides in processes of their own. Competitors take turns
-within each repetition; figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
+within each of at least five repetitions, but for the display at rest, looked at once; figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
 confidence interval; a ratio whose interval holds 1 is printed as "equal". A goal is met when the median meets it, missed when the
 whole interval fails it, and not clear between. Processor time is that of the measured process, from `getrusage`.
 
