@@ -305,15 +305,6 @@ TEST_F(TcpServiceClient, GarbageIsDroppedOrStaysUnderTheNameThatItIsAround) {
         EXPECT_THAT(name[0], testing::AnyOf('X', 'Z'));
 }
 
-TEST(MultiRadarClientHandle, InstanceCanBeReplaced) {
-    MultiRadarClient* const own = MultiRadarClient::getInstance();
-    MultiRadarClient other;
-    MultiRadarClient::setInstance(&other);
-    EXPECT_EQ(MultiRadarClient::getInstance(), &other);
-    MultiRadarClient::setInstance(nullptr);
-    EXPECT_EQ(MultiRadarClient::getInstance(), own);
-}
-
 TEST(MultiRadarClientHandle, ListenersFollowTheLocalAddressWhichEndsASearch) {
     MultiRadarClient client;
     Addresses early;

@@ -70,17 +70,14 @@ protected:
 TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{}, "name a command: list, watch, show"},
-        {{"lits"}, "name a command: list, watch, show"},
         {{"--color", "mauve", "list"}, "'mauve' is no colour setting"},
         {{"--profile", "/nowhere", "list"}, "no profile.ini in '/nowhere'"},
         {{"host"}, "--name is required"},
-        {{"host", "--name", ""}, "'' is no radar name: 1 to 16 bytes"},
         {{"host", "--name", "seventeen letters"}, "is no radar name: 1 to 16 bytes"},
         {{"host", "--name", "R", "--id", "15"}, "'15' is no host id: 1, or 16 to 63"},
         {{"host", "--name", "R", "--id", "first"}, "'first' is no host id: 1, or 16 to 63"},
         {{"host", "--name", "R", "--streams", "3"}, "'3' streams cannot be served: 1 or 2"},
         {{"list", "--timeout", "soon"}, "'soon' is no time-out: seconds, up to 3600"},
-        {{"list", "--timeout", "-1"}, "'-1' is no time-out: seconds, up to 3600"},
         {{"list", "--local", "10.20.2"}, "'10.20.2' is no IPv4 address"},
         {{"list", "--local", "10.9.9.9"},
          "10.9.9.9 is no address of this computer; it has: 127.0.0.1, 10.20.2.1"},
