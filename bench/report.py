@@ -288,6 +288,8 @@ def main():
                     number(max(results.values[road, "library"]))]
                    for road in results.units if road.startswith("destruction, ")]
     failures = [[who, road, why] for road, who, why in results.failures]
+    turns = [len(values) for (road, _), values in results.values.items() if not road.startswith("idle")]
+    least, most = min(turns), max(turns)
 
     for head, rows in [(ratio_head, ratios), (limit_head, limits), (idle_head, idle_rows),
                        (["ms", discovery], found), (["who", "did not run", "why"], failures)]:
@@ -307,7 +309,7 @@ and its plots are written by `scripts/bench`, from one run:
 - {datetime.date.today()}; {company} (processors busy: {busy})
 
 Everything runs in network namespaces on one machine, the two sides in processes of their own. Competitors take turns
-within each of at least five repetitions, but for the display at rest, looked at once; figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
+within each of {least} to {most} repetitions (the display at rest is looked at once); figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
 confidence interval; a ratio whose interval holds 1 is printed as "equal". A goal is met when the median meets it, missed when the
 whole interval fails it, and not clear between. Processor time is that of the measured process, from `getrusage`.
 
