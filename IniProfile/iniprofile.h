@@ -7,14 +7,16 @@
 /// The file: lines of `[section]` and `key = value` in UTF-8 (a byte order mark is skipped, line ends may be
 /// those of any system, lines may be indented and of any length). `;` or `#` at the start of a line, or
 /// behind a blank, begins a comment. Section and key are compared without regard to case. A section may stand
-/// in several pieces; of a key that stands twice the last one counts. Quotes belong to the value.
+/// in several pieces; of a key that stands twice the last one counts. Quotes belong to the value; a value in
+/// quotes is reported as such, once for each key.
 ///
 /// A relative file name is looked up in the directory that the environment variable INIPROFILE_DIR names, or
 /// in the current directory when that is not set or empty.
 ///
-/// Errors: a file that does not exist counts as empty. A file that cannot be read, a line that cannot be
-/// understood and a value that cannot be used are each reported in one line on standard error, with file and
-/// line number; a process does not repeat such a line, and writes at most 100 of them.
+/// Errors: a file that does not exist counts as empty. A file that cannot be read (a directory, or a FIFO,
+/// which nobody waits for), a line that cannot be understood and a value that cannot be used are each
+/// reported in one line on standard error, with file and line number; a process does not repeat such a line,
+/// and writes at most 100 of them. No lock is held while a file is read or a line written.
 #pragma once
 
 #include <string>

@@ -15,11 +15,17 @@ class HostNegotiatorPrivate;
 /// claim: two hosts can come to hold one id from 16 to 63, and a display that sees it can make both
 /// renumber.
 ///
-/// Threads: a receive thread, and one login thread while a negotiation runs. onReset is called on the receive
-/// thread; onLogin on the login thread, or on the caller's thread by syncLogin. Callbacks run without a lock,
-/// may call any operation except the destructor, and must return quickly. All operations may be called from
-/// any thread. Destruction is immediate: a running negotiation ends quietly, and no callback is called
-/// afterwards.
+/// The random ids follow from the millisecond in which the negotiator was made, and the generator's first
+/// draws differ little: hosts that were switched on within some 2.7 seconds, or whose clocks all start at one
+/// time, draw the same ids again and again. So propose an id that nobody announces: listen to the
+/// announcements for a moment first, as "radarctl host" does.
+///
+/// Threads: a receive thread, and a login thread from when it is first needed. onReset is called on the
+/// receive thread; onLogin on the login thread, or on the caller's thread by syncLogin, whose caller gets
+/// what it throws. Callbacks run without a lock, may call any operation, and must return quickly; onLogin may
+/// even destroy the negotiator. All operations may be called from any thread. When the destructor returns, no
+/// thread, callback or socket is left and nothing more is sent; a callback in progress is waited for, unless
+/// it is the one that destroys. In a child made by fork the object is left alone, as udpsocket.h says.
 class __attribute__((visibility("default"))) HostNegotiator {
 public:
     /// Listens from here on; nothing is sent before a login.

@@ -41,9 +41,14 @@ public:
 /// Threads: one watch thread; all operations may be called from any thread at any time, except that no
 /// operation may overlap with construction or destruction.
 /// Ownership: listeners are not owned and must outlive the object, or be removed while it is silent.
+/// Process: belongs to the one that made it. A program may end while it stands, also while a restart waits.
+/// In a child made by fork the destructor does nothing.
 /// Errors: none are reported. A failed command is repeated a second later, as long as the address is missing.
 /// A command in which an interface name, address or netmask is anything but plain counts as failed: it
 /// reaches no shell.
+/// Memory that ran out on the watch thread, a listener's included, costs the pass at hand, with a line on
+/// standard error. The next pass makes good a report or restart that was cut short, so a listener may hear
+/// the same again. Anything else that a listener throws on that thread ends the process.
 class __attribute__((visibility("default"))) tNetIPHelper {
 public:
     /// Starts to watch; the first look is a second later.
@@ -54,13 +59,14 @@ public:
     /// @param netmask  netmask of the manual address, dotted; the tool nmcli takes /24 instead
     tNetIPHelper(bool dhcp, std::string ifname, std::string manualIp, std::string netmask);
     /// Ends the watch, and a restart that its thread has begun. Waits for a callback of this object and for a
-    /// command of the watch thread in progress, and for nothing else. Addresses and profiles stay as they
-    /// are.
+    /// command of the watch thread in progress, and for nothing else: not for commands of other watches.
+    /// Addresses and profiles stay as they are.
     ~tNetIPHelper();
     tNetIPHelper(const tNetIPHelper&) = delete;
     tNetIPHelper& operator=(const tNetIPHelper&) = delete;
 
     /// Adds a listener and at once tells it "0.0.0.0"; the address in force follows with its next change.
+    /// What the listener throws reaches the caller; it is not added then.
     void AddNetIPListener(iNetIPListener* listener);
     /// Removes every entry of the listener. A round of calls that is under way may still reach it.
     void RemoveNetIPListener(iNetIPListener* listener);
@@ -83,6 +89,7 @@ public:
     /// Restarts the network and configures every watched interface anew, on the calling thread, waiting for
     /// each command. The watch threads only follow their carriers meanwhile. Every listener hears "0.0.0.0",
     /// and later the address that its interface then has, the same or another. Restarts run one at a time.
+    /// What a listener throws reaches the caller and gives the restart up; every watch goes on.
     static void NetworkRestart();
 
     /// Prints the name and address of every local interface.

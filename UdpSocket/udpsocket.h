@@ -10,6 +10,12 @@
 /// - A listener is not owned and must outlive the object that calls it. It is called on a thread of that
 ///   object, with no lock held; it must return quickly and must not destroy the object that calls it.
 /// - Objects are neither copied nor moved. Construct and destroy an object from one thread at a time.
+/// - An object belongs to the process that made it: a child made by fork may end with it standing, and its
+///   parent notices nothing, but the child cannot use it. (Make objects after daemon().) A program may end
+///   while objects stand.
+/// - Memory that runs out on a thread of the library, std::bad_alloc from a listener included, costs the
+///   datagram or the pass at hand, with a line on standard error. Whatever else a listener throws there ends
+///   the process.
 #pragma once
 
 #include <map>
@@ -50,8 +56,9 @@ public:
 /// The simplest UDP endpoint: receives a multicast group, or sends to one, or (SetSendSockAddr first, then
 /// SetGroupRecvSockAddr) both on one socket.
 ///
-/// Life cycle: a new object has no socket. Each set-up call ends what the object did before and starts anew;
-/// it takes one to receive again after the interface was replaced, which a UdpReceiver does by itself.
+/// Life cycle: a new object has no socket. Each set-up call ends what the object did before and starts again;
+/// it takes one to receive again after the interface was replaced, which a UdpReceiver does by itself. A call
+/// that fails without waiting is reported and repeated ten times a second.
 /// Threads: one receive thread while receiving. SendData may be called from any thread; the set-up calls and
 /// the destructor must not overlap with each other or with SendData.
 class __attribute__((visibility("default"))) UdpSocket {
@@ -119,6 +126,7 @@ public:
     void notifyForQuit();
 
 private:
+    friend class UdpSenderPrivate;
     UdpSenderPrivate* d;
 };
 
@@ -127,8 +135,11 @@ private:
 /// The socket is bound to that very address, asks for a receive buffer of ten times @p bufferSize, and is
 /// pinned to the interface that carries the local address; a host route for the address through that
 /// interface is added with the command "route" (first through sudo). When the local address belongs to no
-/// interface, both are left out. Threads: one receive thread, from the end of the constructor to
-/// notifyForQuit or the destructor.
+/// interface, both are left out. The command has no terminal, and 5 seconds.
+///
+/// A receiver whose socket was refused, whose address arrives late, or whose interface is replaced looks for
+/// that every 2 seconds and sets up another socket. Threads: one receive thread, from the end of the
+/// constructor to notifyForQuit or the destructor, and one for the command of such a repair.
 class __attribute__((visibility("default"))) UdpReceiver {
 public:
     /// @param listener   hears the datagrams; null discards them
@@ -138,7 +149,7 @@ public:
                 int bufferSize);
     /// The same with address and port as a record has them.
     UdpReceiver(iUdpDataListener* listener, unsigned int localIp, const NetAddress& address, int bufferSize);
-    /// Ends the receive thread at once (a callback or a "route" command in progress is waited for) and closes
+    /// Ends the receive thread at once (a callback in progress is waited for, a command is killed) and closes
     /// the socket.
     ~UdpReceiver();
     UdpReceiver(const UdpReceiver&) = delete;
@@ -152,7 +163,6 @@ public:
 
 private:
     friend class UdpReceiverPrivate;
-    class UdpCheckerPrivate;
     UdpReceiverPrivate* d;
 };
 

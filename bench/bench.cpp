@@ -21,9 +21,10 @@ namespace {
 
 std::string s_results;
 
-void recordLine(const std::string& road, const std::string& who, const std::string& unit,
+void recordLine(const std::string& benchmark, const std::string& implementation, const std::string& unit,
                 const std::string& values) {
-    std::ofstream(s_results, std::ios::app) << road << '\t' << who << '\t' << unit << '\t' << values << '\n';
+    std::ofstream(s_results, std::ios::app)
+        << benchmark << '\t' << implementation << '\t' << unit << '\t' << values << '\n';
 }
 
 } // namespace
@@ -41,19 +42,20 @@ Seconds duration() {
     return Seconds(quick() ? 0.2 : 0.4);
 }
 
-void record(const std::string& road, const std::string& who, const std::string& unit,
+void record(const std::string& benchmark, const std::string& implementation, const std::string& unit,
             const std::vector<double>& values) {
     std::string text;
     for (const double value : values)
         text.append(std::to_string(value)).append(" ");
-    recordLine(road, who, unit, text);
-    std::fprintf(stderr, "  %-46s %-18s %12.3f %s\n", road.c_str(), who.c_str(), quantile(values, 0.5),
-                 unit.c_str());
+    recordLine(benchmark, implementation, unit, text);
+    std::fprintf(stderr, "  %-46s %-18s %12.3f %s\n", benchmark.c_str(), implementation.c_str(),
+                 quantile(values, 0.5), unit.c_str());
 }
 
-void recordFailure(const std::string& road, const std::string& who, const std::string& why) {
-    recordLine(road, who, "failed", why);
-    std::fprintf(stderr, "  %-46s %-18s did not run: %s\n", road.c_str(), who.c_str(), why.c_str());
+void recordFailure(const std::string& benchmark, const std::string& implementation, const std::string& why) {
+    recordLine(benchmark, implementation, "failed", why);
+    std::fprintf(stderr, "  %-46s %-18s did not run: %s\n", benchmark.c_str(), implementation.c_str(),
+                 why.c_str());
 }
 
 void start(int argc, char** argv) {
@@ -89,7 +91,7 @@ Seconds processorTime() {
     return Seconds(seconds(usage.ru_utime) + seconds(usage.ru_stime));
 }
 
-void stayOnProcessor(int number) {
+void pinToProcessor(int number) {
     cpu_set_t processors;
     CPU_ZERO(&processors);
     CPU_SET(static_cast<std::size_t>(number), &processors);
@@ -157,12 +159,12 @@ std::vector<double> Child::finish() {
 
 namespace {
 
-/// On a busy machine anybody can lose a datagram.
-std::vector<double> measure(const Competitor& competitor) {
+/// A measurement that fails is repeated: on a busy machine any implementation can lose a datagram.
+std::vector<double> measure(const Measurement& measurement) {
     constexpr int kAttempts = 3;
     for (int attempt = 1;; ++attempt) {
         try {
-            return competitor.measure();
+            return measurement.measure();
         } catch (const std::exception&) {
             if (attempt == kAttempts)
                 throw;
@@ -172,29 +174,29 @@ std::vector<double> measure(const Competitor& competitor) {
 
 } // namespace
 
-void takeTurns(const std::vector<std::pair<std::string, std::string>>& roadsAndUnits,
-               std::vector<Competitor> competitors, int times) {
+void takeTurns(const std::vector<std::pair<std::string, std::string>>& benchmarksAndUnits,
+               std::vector<Measurement> measurements, int times) {
     std::vector<std::vector<std::vector<double>>> values(
-        competitors.size(), std::vector<std::vector<double>>(roadsAndUnits.size()));
+        measurements.size(), std::vector<std::vector<double>>(benchmarksAndUnits.size()));
     for (int turn = 0; turn < times; ++turn)
-        for (std::size_t i = 0; i < competitors.size(); ++i) {
-            if (!competitors[i].measure)
+        for (std::size_t i = 0; i < measurements.size(); ++i) {
+            if (!measurements[i].measure)
                 continue;
             try {
-                const std::vector<double> measured = measure(competitors[i]);
-                for (std::size_t road = 0; road < roadsAndUnits.size(); ++road)
-                    values[i][road].push_back(measured.at(road));
+                const std::vector<double> measured = measure(measurements[i]);
+                for (std::size_t benchmark = 0; benchmark < benchmarksAndUnits.size(); ++benchmark)
+                    values[i][benchmark].push_back(measured.at(benchmark));
             } catch (const std::exception& error) {
-                for (const auto& [road, unit] : roadsAndUnits)
-                    recordFailure(road, competitors[i].name, error.what());
-                competitors[i].measure = nullptr;
+                for (const auto& [benchmark, unit] : benchmarksAndUnits)
+                    recordFailure(benchmark, measurements[i].implementation, error.what());
+                measurements[i].measure = nullptr;
             }
         }
-    for (std::size_t road = 0; road < roadsAndUnits.size(); ++road)
-        for (std::size_t i = 0; i < competitors.size(); ++i)
-            if (competitors[i].measure)
-                record(roadsAndUnits[road].first, competitors[i].name, roadsAndUnits[road].second,
-                       values[i][road]);
+    for (std::size_t benchmark = 0; benchmark < benchmarksAndUnits.size(); ++benchmark)
+        for (std::size_t i = 0; i < measurements.size(); ++i)
+            if (measurements[i].measure)
+                record(benchmarksAndUnits[benchmark].first, measurements[i].implementation,
+                       benchmarksAndUnits[benchmark].second, values[i][benchmark]);
 }
 
 } // namespace bench

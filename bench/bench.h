@@ -1,5 +1,5 @@
 /// @file
-/// What all benchmarks share: processes that are measured, turns, and the file of results.
+/// What all benchmarks share: measured processes, implementations that take turns, and the file of results.
 #pragma once
 
 #include <lab/lan.h>
@@ -26,12 +26,12 @@ int fewRepetitions();
 /// How long one measurement of a rate runs.
 Seconds duration();
 
-/// Appends a line to the file of results: what was measured, of whom, in which unit, and each repetition's
-/// value. A road whose name begins with "growth/" is a curve: "growth/NAME/X".
-void record(const std::string& road, const std::string& who, const std::string& unit,
+/// Appends a line to the file of results: the benchmark, the implementation, the unit, and each repetition's
+/// value. A benchmark named "growth/NAME/X" is the point at X of the curve NAME.
+void record(const std::string& benchmark, const std::string& implementation, const std::string& unit,
             const std::vector<double>& values);
-/// A competitor that did not run, and why.
-void recordFailure(const std::string& road, const std::string& who, const std::string& why);
+/// An implementation that did not run, and why.
+void recordFailure(const std::string& benchmark, const std::string& implementation, const std::string& why);
 
 /// Names the file of results (the first argument), moves into a private network and silences the library's
 /// diagnostics. Comes first in main.
@@ -43,19 +43,19 @@ sockaddr_in socketAddress(const std::string& address, unsigned short port);
 /// User and system time of this process so far.
 Seconds processorTime();
 
-/// Keeps the calling thread, and threads and processes that it starts, on one processor; there is no second
-/// one on some machines.
-void stayOnProcessor(int number);
+/// Keeps the calling thread, and threads and processes that it starts, on one processor. Does nothing where
+/// the machine has no processor of that number.
+void pinToProcessor(int number);
 
 /// The value below which @p share of the values are.
 double quantile(std::vector<double> values, double share);
 
-/// A process of its own in one node of the LAN, so that what it spends can be told from what others spend.
+/// A process of its own in one node of the LAN, so that its processor time can be measured by itself.
 ///
 /// The calling process has no other thread. Ends with the object.
 class Child {
 public:
-    /// Tells the parent that everything stands, and waits until it calls finish().
+    /// Tells the parent that everything is set up, and waits until it calls finish().
     using Wait = std::function<void()>;
     using Work = std::function<std::vector<double>(const Wait& wait)>;
 
@@ -65,7 +65,7 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    /// Lets the work go on and waits for what it returns. @throws std::runtime_error when it fails
+    /// Lets the work continue and waits for what it returns. @throws std::runtime_error when it fails
     std::vector<double> finish();
     pid_t pid() const { return m_pid; }
 
@@ -74,13 +74,15 @@ private:
     net::detail::Descriptor m_pipe; // a socket pair's end
 };
 
-/// One figure of several competitors, who take turns in each repetition.
-/// A competitor that throws three times in a row is reported and left out from then on.
-struct Competitor {
-    std::string name;
-    std::function<std::vector<double>()> measure; ///< one value for each of the roads
+/// How one implementation is measured.
+struct Measurement {
+    std::string implementation;
+    std::function<std::vector<double>()> measure; ///< one value for each of the benchmarks
 };
-void takeTurns(const std::vector<std::pair<std::string, std::string>>& roadsAndUnits,
-               std::vector<Competitor> competitors, int times = repetitions());
+
+/// Measures several implementations, which take turns in each repetition. One that throws three times in a
+/// row is reported and left out from then on.
+void takeTurns(const std::vector<std::pair<std::string, std::string>>& benchmarksAndUnits,
+               std::vector<Measurement> measurements, int times = repetitions());
 
 } // namespace bench

@@ -3,7 +3,7 @@
 
 #include "bench.h"
 
-#include <UdpSocket/detail/discovery_sockets.h>
+#include <UdpSocket/transport/protocol_sockets.h>
 
 #include <mutex>
 #include <set>
@@ -19,7 +19,7 @@ constexpr int kHosts[] = {10, 20, 49, 100, 500};
 constexpr int kBuffers[] = {10 * 1024, 32 * 1024, 256 * 1024};
 constexpr std::chrono::milliseconds kDelays[] = {0ms, 1ms, 10ms};
 
-/// Lists whom it hears; the first datagram of a burst keeps its thread for a while.
+/// Lists the hosts whose answers it receives; the first datagram of a burst delays its thread.
 class Display : public net::iUdpDataListener {
 public:
     Display(int bufferBytes, std::chrono::milliseconds delay)
@@ -68,7 +68,7 @@ void answer(const Descriptor& socket, int hosts) {
 
 double listedOf(lab::Lan& lan, int hosts, int buffer, std::chrono::milliseconds delay) {
     Child display(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
-        bench::stayOnProcessor(0);
+        bench::pinToProcessor(0);
         Display listing(buffer, delay);
         wait();
         return {static_cast<double>(listing.count())};
@@ -84,7 +84,7 @@ double listedOf(lab::Lan& lan, int hosts, int buffer, std::chrono::milliseconds 
 int main(int argc, char** argv) {
     bench::start(argc, argv);
     lab::Lan lan({lab::display(1), lab::radarHost(1)});
-    bench::stayOnProcessor(1);
+    bench::pinToProcessor(1);
     for (const int buffer : kBuffers)
         for (const auto delay : kDelays)
             for (const int hosts : kHosts) {

@@ -1,10 +1,10 @@
 // From a query to the last of 49 hosts that stand in the display's table, what a display costs while nothing
 // happens, and how both grow.
 
-#include "discovery_ways.h"
+#include "discovery_implementations.h"
 
-#include <UdpSocket/detail/wire.h>
 #include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <unistd.h>
@@ -23,31 +23,31 @@ namespace {
 using namespace std::chrono_literals;
 using bench::Child;
 using bench::Clock;
-using bench::DiscoveryWay;
+using bench::DiscoveryImplementation;
 using bench::kHosts;
 using bench::Seconds;
 
 using Hosts = std::deque<Child>;
 
 /// Brings hosts up to @p count, each on a computer of its own.
-void addHosts(lab::Lan& lan, Hosts& hosts, const DiscoveryWay& way, int count) {
+void addHosts(lab::Lan& lan, Hosts& hosts, const DiscoveryImplementation& implementation, int count) {
     for (int number = static_cast<int>(hosts.size()) + 1; number <= count; ++number)
-        hosts.emplace_back(lan.node("host" + std::to_string(way.together ? 1 : number)),
-                           [&way, number](const Child::Wait& wait) -> std::vector<double> {
-                               const auto host = way.host(number);
+        hosts.emplace_back(lan.node("host" + std::to_string(implementation.oneComputer ? 1 : number)),
+                           [&implementation, number](const Child::Wait& wait) -> std::vector<double> {
+                               const auto host = implementation.host(number);
                                wait();
                                return {0};
                            });
 }
 
 /// The median of a few searches of a new display.
-std::vector<double> find(lab::Lan& lan, const DiscoveryWay& way, int hosts) {
+std::vector<double> find(lab::Lan& lan, const DiscoveryImplementation& implementation, int hosts) {
     return Child(lan.node("display"),
                  [&](const Child::Wait& wait) -> std::vector<double> {
-                     const auto finder = way.finder();
+                     const auto finder = implementation.finder();
                      wait();
                      std::vector<double> times;
-                     for (int i = 0; i < way.findsInARow; ++i)
+                     for (int i = 0; i < implementation.searches; ++i)
                          times.push_back(finder->find(hosts));
                      return {bench::quantile(times, 0.5)};
                  })
@@ -104,17 +104,17 @@ void idle(lab::Lan& lan) {
         Figures before{};
     };
     std::vector<Display> displays;
-    for (const DiscoveryWay& way : bench::discoveryWays()) {
-        if (way.name == "raw")
+    for (const DiscoveryImplementation& implementation : bench::discoveryImplementations()) {
+        if (implementation.name == "raw")
             continue;
         try {
-            Display display{way.name, nullptr};
+            Display display{implementation.name, nullptr};
             int helper[2];
             if (::pipe(helper) != 0)
                 throw std::runtime_error("pipe");
             display.child = std::make_unique<Child>(
                 lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
-                    const auto finder = way.finder();
+                    const auto finder = implementation.finder();
                     finder->find(kHosts);
                     const pid_t process = finder->helper();
                     if (::write(helper[1], &process, sizeof process) == sizeof process)
@@ -129,7 +129,7 @@ void idle(lab::Lan& lan) {
                 display.process = display.child->pid();
             displays.push_back(std::move(display));
         } catch (const std::exception& error) {
-            bench::recordFailure("idle display, threads", way.name, error.what());
+            bench::recordFailure("idle display, threads", implementation.name, error.what());
         }
     }
     std::this_thread::sleep_for(1s);
@@ -149,7 +149,8 @@ void idle(lab::Lan& lan) {
 
 // ---------------------------------------------------------------------------------------------- displays
 
-/// A display among @p displays that ask all hosts once a second: what it spends on everybody's answers.
+/// A display among @p displays that ask all hosts once a second: its processor time for the answers to all of
+/// them.
 std::vector<double> amongDisplays(lab::Lan& lan, int displays) {
     const int seconds = bench::quick() ? 1 : 2;
     Child child(lan.node("display"), [](const Child::Wait& wait) -> std::vector<double> {
@@ -195,33 +196,34 @@ int main(int argc, char** argv) {
     for (int number = 1; number <= kHosts; ++number)
         plans.push_back(lab::radarHost(number));
     lab::Lan lan(plans);
-    const std::vector<DiscoveryWay>& ways = bench::discoveryWays();
+    const std::vector<DiscoveryImplementation>& implementations = bench::discoveryImplementations();
 
     std::map<std::string, Hosts> hosts;
     for (const int count : {1, 10, 20, 30, 40, kHosts}) {
-        std::vector<bench::Competitor> competitors;
+        std::vector<bench::Measurement> measurements;
         for (std::size_t i = 0; i < 2; ++i) {
-            addHosts(lan, hosts[ways[i].name], ways[i], count);
-            competitors.push_back({ways[i].name, [&, i, count] { return find(lan, ways[i], count); }});
+            addHosts(lan, hosts[implementations[i].name], implementations[i], count);
+            measurements.push_back(
+                {implementations[i].name, [&, i, count] { return find(lan, implementations[i], count); }});
         }
-        bench::takeTurns({{"growth/hosts/" + std::to_string(count), "ms"}}, competitors,
+        bench::takeTurns({{"growth/hosts/" + std::to_string(count), "ms"}}, measurements,
                          bench::fewRepetitions());
     }
     for (const int displays : {1, 5, 10, 15, 20})
         bench::takeTurns({{"growth/displays/" + std::to_string(displays), "ms of processor a second"}},
                          {{"library", [&] { return amongDisplays(lan, displays); }}}, bench::quick() ? 1 : 5);
 
-    for (const DiscoveryWay& way : ways) {
+    for (const DiscoveryImplementation& implementation : implementations) {
         try {
-            addHosts(lan, hosts[way.name], way, kHosts);
-        } catch (const std::exception& error) { // its display will not find them all, and say so
-            std::fprintf(stderr, "  a host of %s: %s\n", way.name.c_str(), error.what());
+            addHosts(lan, hosts[implementation.name], implementation, kHosts);
+        } catch (const std::exception& error) { // its display then reports that it does not find all hosts
+            std::fprintf(stderr, "  a host of %s: %s\n", implementation.name.c_str(), error.what());
         }
     }
-    std::this_thread::sleep_for(5s); // what they have to say to one another
-    std::vector<bench::Competitor> competitors;
-    for (const DiscoveryWay& way : ways)
-        competitors.push_back({way.name, [&] { return find(lan, way, kHosts); }});
-    bench::takeTurns({{"discovery of 49 two-stream hosts", "ms"}}, competitors, bench::fewRepetitions());
+    std::this_thread::sleep_for(5s); // until they have exchanged what they tell one another at the start
+    std::vector<bench::Measurement> measurements;
+    for (const DiscoveryImplementation& implementation : implementations)
+        measurements.push_back({implementation.name, [&] { return find(lan, implementation, kHosts); }});
+    bench::takeTurns({{"discovery of 49 two-stream hosts", "ms"}}, measurements, bench::fewRepetitions());
     idle(lan);
 }

@@ -1,6 +1,6 @@
 // Discovery by mDNS: a daemon for each host, and one with a bus of its own for the display.
 
-#include "discovery_ways.h"
+#include "discovery_implementations.h"
 
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kServiceType = "_radar._udp";
 
-/// What daemons write of themselves, and the services that they read, apart from everybody else's.
+/// Directories of this process alone for what daemons write at run time, and for the services that they read.
 void makeOwnDirectories() {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/run", "tmpfs", 0, "mode=755") != 0 ||
         ::mount("none", "/etc/avahi/services", "tmpfs", 0, "mode=755") != 0)
@@ -145,7 +145,7 @@ private:
 
 } // namespace
 
-DiscoveryWay avahi() {
+DiscoveryImplementation avahi() {
     return {"Avahi, warm", 3, false, avahiHost, [] { return std::unique_ptr<Finder>(new AvahiFinder); }};
 }
 

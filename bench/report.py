@@ -12,8 +12,7 @@ import statistics
 import subprocess
 import sys
 
-# Road, unit of its goal, bound, and whether more is better. The library's figure is divided by that of raw system
-# calls, or by another's where one is named.
+# Benchmark, and the goal for its ratio: the library's figure divided by that of raw system calls (MD5: of OpenSSL).
 RATIOS = [
     ("receive 222 B at 20 k/s", 1.08), ("receive 222 B at 100 k/s", 1.08),
     ("receive saturated 222 B", 0.95), ("receive saturated 1400 B", 0.95),
@@ -32,10 +31,10 @@ LIMITS = [  # of the library's own figure
     ("TCP server, 5 of 100 stalled, the call returns", 550.0),  # the send time-out of 500, and the system's tick
     ("one long announcement", 2000.0),
     ("one long announcement, allocations", 0.5),
-    ("one long announcement, openings", 0.0),
+    ("one long announcement, profile opens", 0.0),
     ("idle display, processor in 30 s", 1.0),
 ]
-PLAIN = ["getAddress, 1 entry", "getAddress, 147 entries", "getRadar as array, 147 entries",
+WITHOUT_GOAL = ["getAddress, 1 entry", "getAddress, 147 entries", "getRadar as array, 147 entries",
          "getRadar as texts, 147 entries"]
 MORE_IS_BETTER = ("thousand/s", "MB/s")
 
@@ -44,38 +43,40 @@ class Results:
     def __init__(self, path):
         self.values, self.units, self.failures, self.busy = {}, {}, [], {}
         for line in path.read_text().splitlines():
-            road, who, unit, text = line.split("\t")
-            if road == "busy":
-                self.busy[who] = int(text)
+            benchmark, implementation, unit, text = line.split("\t")
+            if benchmark == "busy":
+                self.busy[implementation] = int(text)
             elif unit == "failed":
-                self.failures.append((road, who, text))
+                self.failures.append((benchmark, implementation, text))
             else:
-                self.values[road, who] = [float(value) for value in text.split()]
-                self.units[road] = unit
+                self.values[benchmark, implementation] = [float(value) for value in text.split()]
+                self.units[benchmark] = unit
 
-    def median(self, road, who):
-        return statistics.median(self.values[road, who])
+    def median(self, benchmark, implementation):
+        return statistics.median(self.values[benchmark, implementation])
 
-    def has(self, road, who):
-        return (road, who) in self.values
+    def has(self, benchmark, implementation):
+        return (benchmark, implementation) in self.values
 
-    def competitors(self, road):
-        return [who for (name, who) in self.values if name == road]
+    def implementations(self, benchmark):
+        return [implementation for (name, implementation) in self.values if name == benchmark]
 
-    def ratio(self, road, who, base):
+    def ratio(self, benchmark, implementation, base):
         """Median of the ratios of each repetition, in which both took turns, and its 95 % confidence interval."""
-        each = [mine / other for mine, other in zip(self.values[road, who], self.values[road, base]) if other]
+        pairs = zip(self.values[benchmark, implementation], self.values[benchmark, base])
+        each = [mine / other for mine, other in pairs if other]
         each.sort()
         outer = outer_ranks(len(each))
         return statistics.median(each), each[outer], each[-1 - outer]
 
     def curve(self, name):
-        """{who: [(x, median)]} of the roads "growth/NAME/X"."""
+        """{implementation: [(x, median)]} of the benchmarks "growth/NAME/X"."""
         result = {}
-        for (road, who), values in self.values.items():
-            if road.startswith(f"growth/{name}/"):
-                result.setdefault(who, []).append((int(road.rsplit("/", 1)[1]), statistics.median(values)))
-        return {who: sorted(points) for who, points in result.items()}
+        for (benchmark, implementation), values in self.values.items():
+            if benchmark.startswith(f"growth/{name}/"):
+                point = int(benchmark.rsplit("/", 1)[1]), statistics.median(values)
+                result.setdefault(implementation, []).append(point)
+        return {implementation: sorted(points) for implementation, points in result.items()}
 
 
 def outer_ranks(count):
@@ -105,34 +106,36 @@ def verdict(value, low, high, bound, more):
 
 
 def rows_of_ratios(results):
-    for road, bound in RATIOS:
-        base = "OpenSSL" if road.startswith("MD5") else "raw"
-        if not (results.has(road, "library") and results.has(road, base)):
-            yield [road, "", "", "did not run", "", "", "", "missed"]
+    for benchmark, bound in RATIOS:
+        base = "OpenSSL" if benchmark.startswith("MD5") else "raw"
+        if not (results.has(benchmark, "library") and results.has(benchmark, base)):
+            yield [benchmark, "", "", "did not run", "", "", "", "missed"]
             continue
-        unit = results.units[road]
+        unit = results.units[benchmark]
         more = unit in MORE_IS_BETTER
-        ratio, low, high = results.ratio(road, "library", base)
-        rivals = [who for who in results.competitors(road) if who != "library" and not who.startswith(("raw", base))]
+        ratio, low, high = results.ratio(benchmark, "library", base)
+        competitors = [name for name in results.implementations(benchmark)
+                       if name != "library" and not name.startswith(("raw", base))]
         best = ""
-        if rivals:
-            who = (max if more else min)(rivals, key=lambda rival: results.median(road, rival))
-            best = f"{who} {ratio_text(*results.ratio(road, who, base))}"
-        yield [road, f"{number(results.median(road, base))} {unit}", number(results.median(road, "library")),
-               ratio_text(ratio, low, high), f"{low:.3f} to {high:.3f}", best,
+        if competitors:
+            name = (max if more else min)(competitors, key=lambda competitor: results.median(benchmark, competitor))
+            best = f"{name} {ratio_text(*results.ratio(benchmark, name, base))}"
+        yield [benchmark, f"{number(results.median(benchmark, base))} {unit}",
+               number(results.median(benchmark, "library")), ratio_text(ratio, low, high), f"{low:.3f} to {high:.3f}", best,
                f"{'>=' if more else '<='} {bound:.2f}", verdict(ratio, low, high, bound, more)]
 
 
 def rows_of_limits(results):
-    for road, bound in LIMITS + [(road, None) for road in PLAIN]:
-        if not results.has(road, "library"):
-            yield [road, "did not run", "", "", "missed"]
+    for benchmark, bound in LIMITS + [(benchmark, None) for benchmark in WITHOUT_GOAL]:
+        if not results.has(benchmark, "library"):
+            yield [benchmark, "did not run", "", "", "missed"]
             continue
-        values = results.values[road, "library"]
-        median = results.median(road, "library")
-        others = "; ".join(f"{who} {number(results.median(road, who))}"
-                           for who in results.competitors(road) if who != "library")
-        yield [road, f"{number(median)} {results.units[road]}", f"{number(min(values))} to {number(max(values))}",
+        values = results.values[benchmark, "library"]
+        median = results.median(benchmark, "library")
+        others = "; ".join(f"{name} {number(results.median(benchmark, name))}"
+                           for name in results.implementations(benchmark) if name != "library")
+        yield [benchmark, f"{number(median)} {results.units[benchmark]}",
+               f"{number(min(values))} to {number(max(values))}",
                others, "" if bound is None else f"<= {number(bound)}",
                "" if bound is None else verdict(median, min(values), max(values), bound, False)]
 
@@ -163,14 +166,15 @@ def gnuplot(path, title, x, y, curves, extra=""):
 
 
 def ratio_bars(path, results):
-    roads = [road for road, _ in RATIOS if not road.startswith(("MD5", "discovery")) and results.has(road, "raw")]
-    whos = ["library", "asio", "libuv", "POCO"]
+    benchmarks = [benchmark for benchmark, _ in RATIOS
+                  if not benchmark.startswith(("MD5", "discovery")) and results.has(benchmark, "raw")]
+    implementations = ["library", "asio", "libuv", "POCO"]
     rows = ""
-    for road in roads:
-        cells = [f"{results.ratio(road, who, 'raw')[0]:.3f}" if results.has(road, who) else "NaN"
-                 for who in whos]
-        rows += f'"{road}" ' + " ".join(cells) + "\n"
-    plots = ", ".join(f"$d using {i + 2}:xtic(1) title '{who}'" for i, who in enumerate(whos))
+    for benchmark in benchmarks:
+        cells = [f"{results.ratio(benchmark, name, 'raw')[0]:.3f}" if results.has(benchmark, name) else "NaN"
+                 for name in implementations]
+        rows += f'"{benchmark}" ' + " ".join(cells) + "\n"
+    plots = ", ".join(f"$d using {i + 2}:xtic(1) title '{name}'" for i, name in enumerate(implementations))
     script = (f"set terminal svg size 960,480 font 'sans,11' background 'white'\nset output '{path}'\n"
               "set title 'Against raw system calls (1); streams and saturated: more is better, else less'\n"
               "set style data histogram\nset style histogram clustered gap 1\nset style fill solid 0.8\n"
@@ -184,7 +188,7 @@ def slope(points):
 
 
 def growth(results, directory):
-    """The plots, and what is to be said of each."""
+    """The plots, and a text for each."""
     sections = []
 
     def section(name, file, title, x, y, text, extra=""):
@@ -195,7 +199,7 @@ def growth(results, directory):
         sections.append(f"### {title}\n\n![{title}](performance/{file})\n\n{text(curves)}\n")
 
     section("hosts", "hosts.svg", "Hosts on the LAN", "hosts", "query to the last entry, ms", lambda curves: (
-        f"Each host adds {slope(curves['library']) * 1000:.0f} us (raw: {slope(curves['raw']) * 1000:.0f} us): it has "
+        f"Each host adds {slope(curves['library']) * 1000:.0f} us (raw: {slope(curves['raw']) * 1000:.0f} us): its thread has "
         "to be woken, and its answer is copied to every port of the LAN. In the lab all hosts share this machine's "
         "processors, so that they answer one after the other; on a real LAN they do so at the same time, and what "
         "remains is the display's share, a few microseconds a host. The address plan ends at 49."))
@@ -210,9 +214,10 @@ def growth(results, directory):
                 f"Hosts answer to the group, so each display hears everybody's answers: every further display costs "
                 f"each of the others {slope(curves['library']):.2f} ms of processor a second, and the wire 49 "
                 "answers of 264 bytes, 0.1 Mbit/s. With 20 displays a host sends 20 answers, and a display handles "
-                "980, a second. The processor does not mind. What hurts first is chance: when more than "
-                f"{buffer_holds(results) // 49} displays ask at the moment at which another is held off its "
-                "processor, that one's 256 KiB of receive buffer are full. One query a second is right up to there; "
+                "980, a second. That takes little of its processor. What limits the number of displays is the receive "
+                "buffer: when more than "
+                f"{buffer_holds(results) // 49} displays ask at the moment at which another is kept off its "
+                "processor, the 256 KiB receive buffer of that one overflows. Up to that number one query a second is right; "
                 f"D displays should ask every D / {buffer_holds(results) // 49} seconds, but not less often than "
                 "every 3 seconds: an entry is removed after 8, and one lost answer must not be enough for that."))
     section("TCP clients", "clients.svg", "Clients of one TCP server", "clients", "one call to all, us",
@@ -224,8 +229,8 @@ def growth(results, directory):
                 "the clients is the system's as well, since raw sends grow alike. Each client also has a receive thread, and 2 MB of address space that is not touched before it sends."))
     section("receivers", "receivers.svg", "Receivers in one process, 20 000 datagrams/s among them", "receivers",
             "us of processor a datagram", lambda curves: (
-                "The more threads share the datagrams, the surer each finds its own asleep, and its working set out of "
-                "the cache: a datagram pays for a switch of threads. An event loop finds several sockets ready each "
+                "The more threads share the datagrams, the more often a datagram finds its thread asleep and the thread's "
+                "working set out of the cache, and pays for a switch of threads. An event loop finds several sockets ready each "
                 "time it wakes; the library keeps a thread a receiver, since a listener may take its time without "
                 "holding up the other groups."))
     return "\n".join(sections)
@@ -235,9 +240,9 @@ def growth(results, directory):
 
 def buffer_rows(results):
     rows = {}
-    for (road, _), values in results.values.items():
-        if road.startswith("buffer/"):
-            _, size, delay, hosts = road.split("/")
+    for (benchmark, _), values in results.values.items():
+        if benchmark.startswith("buffer/"):
+            _, size, delay, hosts = benchmark.split("/")
             rows.setdefault((int(size), int(delay)), {})[int(hosts)] = min(values)
     return rows
 
@@ -274,51 +279,52 @@ def main():
     docs = pathlib.Path(sys.argv[2])
     plots = docs / "performance"
     plots.mkdir(exist_ok=True)
-    ratio_head = ["road", "raw", "library", "ratio", "95 %", "best rival", "goal", ""]
+    ratio_head = ["benchmark", "raw", "library", "ratio", "95 %", "best competitor", "goal", ""]
     limit_head = ["figure", "library", "range", "others", "goal", ""]
     ratios, limits = list(rows_of_ratios(results)), list(rows_of_limits(results))
-    idle = [road for road in results.units if road.startswith("idle")]
-    whos = results.competitors(idle[0]) if idle else []
-    idle_rows = [[who, *(number(results.median(road, who)) if results.has(road, who) else "" for road in idle)]
-                 for who in whos]
-    idle_head = ["", *(road.removeprefix("idle display, ").replace("memory", "memory, MiB") for road in idle)]
+    idle = [benchmark for benchmark in results.units if benchmark.startswith("idle")]
+    implementations = results.implementations(idle[0]) if idle else []
+    idle_rows = [[name, *(number(results.median(benchmark, name)) if results.has(benchmark, name) else ""
+                          for benchmark in idle)] for name in implementations]
+    idle_head = ["", *(benchmark.removeprefix("idle display, ").replace("memory", "memory, MiB")
+                       for benchmark in idle)]
     discovery = "discovery of 49 two-stream hosts"
-    found = [[who, number(results.median(discovery, who))] for who in results.competitors(discovery)]
-    destruction = [[road.removeprefix("destruction, "), number(results.median(road, "library")),
-                    number(max(results.values[road, "library"]))]
-                   for road in results.units if road.startswith("destruction, ")]
-    failures = [[who, road, why] for road, who, why in results.failures]
-    turns = [len(values) for (road, _), values in results.values.items() if not road.startswith("idle")]
+    found = [[name, number(results.median(discovery, name))] for name in results.implementations(discovery)]
+    destruction = [[benchmark.removeprefix("destruction, "), number(results.median(benchmark, "library")),
+                    number(max(results.values[benchmark, "library"]))]
+                   for benchmark in results.units if benchmark.startswith("destruction, ")]
+    failures = [[implementation, benchmark, reason] for benchmark, implementation, reason in results.failures]
+    turns = [len(values) for (benchmark, _), values in results.values.items() if not benchmark.startswith("idle")]
     least, most = min(turns), max(turns)
 
     for head, rows in [(ratio_head, ratios), (limit_head, limits), (idle_head, idle_rows),
-                       (["ms", discovery], found), (["who", "did not run", "why"], failures)]:
+                       (["ms", discovery], found), (["implementation", "did not run", "reason"], failures)]:
         if rows:
             print(plain_table(head, rows) + "\n")
 
     ratio_bars(plots / "ratios.svg", results)
     busy = ", ".join(f"{share} % {when}" for when, share in results.busy.items())
     quiet = max(results.busy.values(), default=0) <= 10
-    company = "nothing else ran" if quiet else "other work, builds and tests, ran on the machine too"
+    load = "nothing else ran" if quiet else "other work, builds and tests, ran on the machine too"
     text = f"""# Performance
 
 What the library costs beside raw system calls, and beside what an application would otherwise be built on. This page
 and its plots are written by `scripts/bench`, from one run:
 
 - {machine()}
-- {datetime.date.today()}; {company} (processors busy: {busy})
+- {datetime.date.today()}; {load} (processors busy: {busy})
 
-Everything runs in network namespaces on one machine, the two sides in processes of their own. Competitors take turns
-within each of {least} to {most} repetitions (the display at rest is looked at once); figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
+Everything runs in network namespaces on one machine, the two sides in processes of their own. Implementations take turns
+within each of {least} to {most} repetitions (the idle display is measured once); figures are medians, and so is the ratio, which is taken turn by turn. Beside it stands its 95 %
 confidence interval; a ratio whose interval holds 1 is printed as "equal". A goal is met when the median meets it, missed when the
 whole interval fails it, and not clear between. Processor time is that of the measured process, from `getrusage`.
 
-## The roads
+## Benchmarks
 
 {page_table(ratio_head, ratios)}
 
-For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {of_raw_threads(results, "raw event loop")} of a thread a
-group, and threads whose waits end after half a second, as the library's do, {of_raw_threads(results, "raw with time-out")}.
+For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {ratio_to_raw_threads(results, "raw event loop")} of a thread a
+group, and threads whose waits end after half a second, as the library's do, {ratio_to_raw_threads(results, "raw with time-out")}.
 
 ![Ratios to raw system calls](performance/ratios.svg)
 
@@ -333,9 +339,9 @@ the beacon is heard once a second.
 
 {page_table(["", "ms"], found)}
 
-## A display at rest
+## An idle display
 
-30 seconds without a query, with 49 hosts known. A tick is 10 ms of processor time. The daemon is looked at for mDNS.
+30 seconds without a query, with 49 hosts known. A tick is 10 ms of processor time. For mDNS the daemon is measured.
 
 {page_table(idle_head, idle_rows)}
 
@@ -359,15 +365,17 @@ How long the destructor of an object takes whose threads wait, in milliseconds.
 {page_table(["object", "median", "longest"], destruction)}
 """
     if failures:
-        text += "\n## What did not run\n\n" + page_table(["who", "road", "why"], failures) + "\n"
+        text += "\n## What did not run\n\n" + page_table(["implementation", "benchmark", "reason"], failures) + "\n"
     (docs / "performance.md").write_text(text)
     if buffer_rows(results):
         replace_block(docs / "configuration.md", "scripts/bench: receive buffers", buffer_table(results))
 
 
-def of_raw_threads(results, who):
-    road = "receive 50 groups at 20 k/s"
-    return f"{results.ratio(road, who, 'raw')[0]:.2f}" if results.has(road, who) else "an unknown share"
+def ratio_to_raw_threads(results, implementation):
+    benchmark = "receive 50 groups at 20 k/s"
+    if not results.has(benchmark, implementation):
+        return "an unknown share"
+    return f"{results.ratio(benchmark, implementation, 'raw')[0]:.2f}"
 
 
 main()

@@ -1,11 +1,11 @@
-// What runs inside one process: an announcement's way into the table, the table's look-ups, and MD5.
+// What runs inside one process: handling an announcement, the look-ups in the table, and MD5.
 
 #include "bench.h"
 #include "openssl_md5.h"
 
-#include <UdpSocket/detail/radar_client.h>
-#include <UdpSocket/detail/wire.h>
+#include <UdpSocket/discovery/multi_radar_client.h>
 #include <UdpSocket/md5.h>
+#include <UdpSocket/protocol/wire.h>
 
 #include <benchmark/benchmark.h>
 
@@ -55,7 +55,8 @@ public:
         ::setenv("INIPROFILE_DIR", name.c_str(), 1);
         m_watch = net::detail::Descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
         if (::inotify_add_watch(m_watch.get(), (m_path / "profile.ini").c_str(),
-                                IN_OPEN | IN_CLOSE) == -1) // of equal events in a row, one is told
+                                IN_OPEN | IN_CLOSE) ==
+            -1) // inotify merges equal events in a row, so closing separates two opens
             throw std::runtime_error("inotify");
     }
     ~Profile() { std::filesystem::remove_all(m_path); }
@@ -108,7 +109,7 @@ void handleAnnouncement(benchmark::State& state) {
     std::vector<std::string> datagrams;
     for (int number = 0; number < kHosts; ++number)
         datagrams.push_back(announcement(number));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // its other threads have come to rest
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // until its other threads are idle
     s_profile->timesOpened();
     const long before = s_allocations;
     std::size_t next = 0;
@@ -116,7 +117,7 @@ void handleAnnouncement(benchmark::State& state) {
         announce(*client, datagrams[next++ % kHosts]);
     state.counters["allocations"] =
         static_cast<double>(s_allocations - before) / static_cast<double>(state.iterations());
-    state.counters["openings"] = s_profile->timesOpened();
+    state.counters["profile opens"] = s_profile->timesOpened();
 }
 
 void getAddress(benchmark::State& state) {
@@ -161,7 +162,8 @@ void opensslMd5(benchmark::State& state) {
     }
 }
 
-/// Writes the repetitions of each benchmark, whose name is "ROAD|WHO", to the file of results.
+/// Writes the repetitions of each benchmark, whose name is "BENCHMARK|IMPLEMENTATION", to the file of
+/// results.
 class Reporter : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context&) override { return true; }
@@ -212,9 +214,9 @@ int main(int argc, char** argv) {
         add("growth/names, getRadar/" + std::to_string(names) + "|library", getRadarArray, names);
     }
     for (const int size : {65536, 64}) {
-        const std::string road = "MD5 " + std::string(size == 64 ? "64 B" : "64 KiB");
-        add(road + "|library", libraryMd5, size);
-        add(road + "|OpenSSL", opensslMd5, size);
+        const std::string name = "MD5 " + std::string(size == 64 ? "64 B" : "64 KiB");
+        add(name + "|library", libraryMd5, size);
+        add(name + "|OpenSSL", opensslMd5, size);
     }
     std::string interleave = "--benchmark_enable_random_interleaving=true";
     char* options[] = {argv[0], interleave.data(), nullptr};

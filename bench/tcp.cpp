@@ -1,9 +1,9 @@
-// Connections: streams, the way there and back, and one server's bytes to many clients.
+// Connections: streams, round trips, and one server's bytes to many clients.
 
 #include "bench.h"
-#include "tcp_ways.h"
+#include "tcp_implementations.h"
 
-#include <UdpSocket/detail/tcp_stream.h>
+#include <UdpSocket/transport/tcp_stream.h>
 
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -21,8 +21,8 @@ using bench::Child;
 using bench::Clock;
 using bench::Seconds;
 using bench::Tcp;
+using bench::TcpImplementation;
 using bench::TcpPlan;
-using bench::TcpWay;
 using net::detail::Descriptor;
 
 const std::string kDisplayIp = "10.20.2.1";
@@ -30,7 +30,7 @@ const std::string kHostIp = "10.20.1.1";
 constexpr unsigned short kPort = 6000;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kMessage = 1024;
-constexpr std::size_t kQuestion = 64;
+constexpr std::size_t kRequest = 64;
 
 Descriptor listen() {
     Descriptor socket = net::detail::openSocket(SOCK_STREAM);
@@ -58,20 +58,20 @@ TcpPlan clientPlan() {
 
 /// Megabytes a second that the client takes from a raw server, or gives to it.
 void stream(lab::Lan& lan) {
-    std::vector<bench::Competitor> competitors;
-    for (const TcpWay& way : bench::tcpWays())
-        competitors.push_back(
-            {way.name, [&lan, way]() -> std::vector<double> {
+    std::vector<bench::Measurement> measurements;
+    for (const TcpImplementation& implementation : bench::tcpImplementations())
+        measurements.push_back(
+            {implementation.name, [&lan, implementation]() -> std::vector<double> {
                  const lab::Inside inside = lan.node("host1").enter();
                  const Descriptor listening = listen();
-                 const auto client = [way](const Child::Wait& wait) -> std::vector<double> {
-                     bench::stayOnProcessor(0);
+                 const auto client = [implementation](const Child::Wait& wait) -> std::vector<double> {
+                     bench::pinToProcessor(0);
                      std::atomic<long> count = 0;
                      TcpPlan plan = clientPlan();
                      plan.received = [&](Tcp*, const char*, std::size_t size) {
                          count.fetch_add(static_cast<long>(size), std::memory_order_relaxed);
                      };
-                     const auto tcp = way.client(plan);
+                     const auto tcp = implementation.client(plan);
                      wait();
                      const auto taken = static_cast<double>(count);
                      const std::string bytes(kChunk, 'x');
@@ -104,30 +104,31 @@ void stream(lab::Lan& lan) {
                  const double scale = 1e-6 / (bench::duration().count() / 2);
                  return {result[0] * scale, result[1] * scale};
              }});
-    bench::takeTurns({{"TCP stream received", "MB/s"}, {"TCP stream sent", "MB/s"}}, competitors);
+    bench::takeTurns({{"TCP stream received", "MB/s"}, {"TCP stream sent", "MB/s"}}, measurements);
 }
 
 void roundTrip(lab::Lan& lan) {
-    std::vector<bench::Competitor> competitors;
-    for (const TcpWay& way : bench::tcpWays())
-        competitors.push_back(
-            {way.name, [&lan, way]() -> std::vector<double> {
+    std::vector<bench::Measurement> measurements;
+    for (const TcpImplementation& implementation : bench::tcpImplementations())
+        measurements.push_back(
+            {implementation.name, [&lan, implementation]() -> std::vector<double> {
                  const lab::Inside inside = lan.node("host1").enter();
                  const Descriptor listening = listen();
-                 Child child(lan.node("display"), [way](const Child::Wait& wait) -> std::vector<double> {
-                     bench::stayOnProcessor(0);
-                     TcpPlan plan = clientPlan();
-                     plan.received = [](Tcp* tcp, const char* data, std::size_t size) {
-                         tcp->send(data, size);
-                     };
-                     const auto tcp = way.client(plan);
-                     wait();
-                     return {0};
-                 });
+                 Child child(lan.node("display"),
+                             [implementation](const Child::Wait& wait) -> std::vector<double> {
+                                 bench::pinToProcessor(0);
+                                 TcpPlan plan = clientPlan();
+                                 plan.received = [](Tcp* tcp, const char* data, std::size_t size) {
+                                     tcp->send(data, size);
+                                 };
+                                 const auto tcp = implementation.client(plan);
+                                 wait();
+                                 return {0};
+                             });
                  const Descriptor socket = accept(listening);
                  std::this_thread::sleep_for(10ms); // isConnected() comes just after the connection
                  std::vector<double> times;
-                 char bytes[kQuestion]{};
+                 char bytes[kRequest]{};
                  for (const auto end = Clock::now() + bench::duration(); Clock::now() < end;) {
                      const auto begin = Clock::now();
                      ::send(socket.get(), bytes, sizeof bytes, MSG_NOSIGNAL);
@@ -139,12 +140,12 @@ void roundTrip(lab::Lan& lan) {
                  return {bench::quantile(times, 0.5), bench::quantile(times, 0.99)};
              }});
     bench::takeTurns({{"TCP round trip, median", "us"}, {"TCP round trip, 99th percentile", "us"}},
-                     competitors);
+                     measurements);
 }
 
 // ----------------------------------------------------------------------------------------- many clients
 
-/// What the process with the clients tells the one with the server.
+/// Shared memory in which the clients' process tells the server's what has arrived.
 struct Arrivals {
     std::atomic<long> bytes = 0; // at the clients that read
     std::atomic<Clock::rep> last = 0;
@@ -158,21 +159,21 @@ Arrivals& sharedArrivals() {
     return *new (memory) Arrivals;
 }
 
-/// @p count raw clients of which every @p silentEvery-th does not read (0: all read).
-std::vector<double> runClients(int count, int silentEvery, Arrivals& arrivals, const Child::Wait& wait) {
-    bench::stayOnProcessor(1);
+/// @p count raw clients of which every @p stalledEvery-th does not read (0: all read).
+std::vector<double> runClients(int count, int stalledEvery, Arrivals& arrivals, const Child::Wait& wait) {
+    bench::pinToProcessor(1);
     const Descriptor epoll(::epoll_create1(EPOLL_CLOEXEC));
     std::vector<Descriptor> clients;
     const sockaddr_in to = bench::socketAddress(kDisplayIp, kPort);
     for (int i = 0; i < count; ++i) {
         const Descriptor& client = clients.emplace_back(net::detail::openSocket(SOCK_STREAM));
-        const bool silent = silentEvery != 0 && i % silentEvery == 0;
-        if (silent)
+        const bool stalled = stalledEvery != 0 && i % stalledEvery == 0;
+        if (stalled)
             net::detail::setOption(client, SOL_SOCKET, SO_RCVBUF, 4096);
         if (::connect(client.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
             throw std::runtime_error("connect");
         epoll_event event{EPOLLIN, {.fd = client.get()}};
-        if (!silent)
+        if (!stalled)
             ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, client.get(), &event);
     }
     std::thread([&] { // ends with the process
@@ -196,19 +197,19 @@ std::vector<double> runClients(int count, int silentEvery, Arrivals& arrivals, c
     std::_Exit(0);
 }
 
-std::unique_ptr<Tcp> makeServer(const TcpWay& way) {
+std::unique_ptr<Tcp> makeServer(const TcpImplementation& implementation) {
     TcpPlan plan;
     plan.ip = kDisplayIp;
     plan.port = kPort;
-    return way.server(plan);
+    return implementation.server(plan);
 }
 
 /// One call that sends a message to all: microseconds until it returns, and of processor time.
-std::vector<double> fanOut(lab::Lan& lan, const TcpWay& way, int clients) {
+std::vector<double> fanOut(lab::Lan& lan, const TcpImplementation& implementation, int clients) {
     Arrivals& arrivals = sharedArrivals();
     Child server(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
-        bench::stayOnProcessor(0);
-        const auto tcp = makeServer(way);
+        bench::pinToProcessor(0);
+        const auto tcp = makeServer(implementation);
         wait();
         tcp->awaitPeers(clients);
         const std::string bytes(kMessage, 'x');
@@ -222,7 +223,7 @@ std::vector<double> fanOut(lab::Lan& lan, const TcpWay& way, int clients) {
             times.push_back(Seconds(Clock::now() - begin).count() * 1e6);
             spent += bench::processorTime() - before;
             expected += static_cast<long>(clients * kMessage);
-            while (arrivals.bytes < expected && Clock::now() < end) // nobody is in arrears at the next call
+            while (arrivals.bytes < expected && Clock::now() < end) // all have caught up before the next call
                 std::this_thread::sleep_for(50us);
         }
         return {bench::quantile(times, 0.5), spent.count() * 1e6 / static_cast<double>(times.size())};
@@ -234,28 +235,30 @@ std::vector<double> fanOut(lab::Lan& lan, const TcpWay& way, int clients) {
     return result;
 }
 
-void sendToAll(lab::Lan& lan, const std::string& road, int clients, const std::vector<TcpWay>& ways,
-               int times) {
-    std::vector<bench::Competitor> competitors;
-    for (const TcpWay& way : ways)
-        competitors.push_back(
-            {way.name, [&lan, way, clients]() -> std::vector<double> { return fanOut(lan, way, clients); }});
-    bench::takeTurns({{road, "us"}, {"cost, " + road, "us"}}, competitors, times);
+void sendToAll(lab::Lan& lan, const std::string& benchmark, int clients,
+               const std::vector<TcpImplementation>& implementations, int times) {
+    std::vector<bench::Measurement> measurements;
+    for (const TcpImplementation& implementation : implementations)
+        measurements.push_back(
+            {implementation.name, [&lan, implementation, clients]() -> std::vector<double> {
+                 return fanOut(lan, implementation, clients);
+             }});
+    bench::takeTurns({{benchmark, "us"}, {"cost, " + benchmark, "us"}}, measurements, times);
 }
 
 /// Until when the 95 that read have a message that 5 others do not read, and when the call returns.
 void sendPastStalled(lab::Lan& lan) {
     constexpr int kClients = 100;
-    constexpr int kSilentEvery = 20;
-    constexpr long kReading = kClients - kClients / kSilentEvery;
-    std::vector<bench::Competitor> competitors;
-    for (std::size_t i = 0; i < 2; ++i) { // the rivals wait for a stalled client as the raw loop does
-        const TcpWay& way = bench::tcpWays()[i];
-        competitors.push_back(
-            {way.name, [&lan, way]() -> std::vector<double> {
+    constexpr int kStalledEvery = 20;
+    constexpr long kReading = kClients - kClients / kStalledEvery;
+    std::vector<bench::Measurement> measurements;
+    for (std::size_t i = 0; i < 2; ++i) { // the competitors wait for a stalled client as the raw loop does
+        const TcpImplementation& implementation = bench::tcpImplementations()[i];
+        measurements.push_back(
+            {implementation.name, [&lan, implementation]() -> std::vector<double> {
                  Arrivals& arrivals = sharedArrivals();
                  Child server(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
-                     const auto tcp = makeServer(way);
+                     const auto tcp = makeServer(implementation);
                      wait();
                      tcp->awaitPeers(kClients);
                      const std::string filling(kChunk, 'x');
@@ -276,7 +279,7 @@ void sendPastStalled(lab::Lan& lan) {
                      return {Seconds(last - begin).count() * 1e3, call};
                  });
                  const Child peers(lan.node("host1"), [&](const Child::Wait& wait) {
-                     return runClients(kClients, kSilentEvery, arrivals, wait);
+                     return runClients(kClients, kStalledEvery, arrivals, wait);
                  });
                  const std::vector<double> result = server.finish();
                  ::munmap(&arrivals, sizeof arrivals);
@@ -285,7 +288,7 @@ void sendPastStalled(lab::Lan& lan) {
     }
     bench::takeTurns({{"TCP server, 5 of 100 stalled, the others have it", "ms"},
                       {"TCP server, 5 of 100 stalled, the call returns", "ms"}},
-                     competitors, bench::fewRepetitions());
+                     measurements, bench::fewRepetitions());
 }
 
 } // namespace
@@ -293,13 +296,14 @@ void sendPastStalled(lab::Lan& lan) {
 int main(int argc, char** argv) {
     bench::start(argc, argv);
     lab::Lan lan({lab::display(1), lab::radarHost(1)});
-    bench::stayOnProcessor(1);
+    bench::pinToProcessor(1);
     stream(lan);
     roundTrip(lan);
     for (const int clients : {1, 10, 100, 500})
-        sendToAll(lan, "TCP server, 1 KiB to " + std::to_string(clients), clients, bench::tcpWays(),
-                  bench::repetitions());
-    const std::vector<TcpWay> two(bench::tcpWays().begin(), bench::tcpWays().begin() + 2);
+        sendToAll(lan, "TCP server, 1 KiB to " + std::to_string(clients), clients,
+                  bench::tcpImplementations(), bench::repetitions());
+    const std::vector<TcpImplementation> two(bench::tcpImplementations().begin(),
+                                             bench::tcpImplementations().begin() + 2);
     for (const int clients : {1, 50, 200, 400, 600, 800, 1000})
         sendToAll(lan, "growth/TCP clients/" + std::to_string(clients), clients, two,
                   bench::fewRepetitions());

@@ -1,7 +1,7 @@
-// Datagrams: receiving, sending and the way there and back, by the library, raw system calls and rivals.
+// Datagrams: receiving, sending and round trips, by the library, raw system calls and competitors.
 
 #include "bench.h"
-#include "udp_ways.h"
+#include "udp_implementations.h"
 
 #include <linux/udp.h>
 #include <unistd.h>
@@ -17,8 +17,8 @@ using bench::Clock;
 using bench::Group;
 using bench::Seconds;
 using bench::Udp;
+using bench::UdpImplementation;
 using bench::UdpPlan;
-using bench::UdpWay;
 using net::detail::Descriptor;
 
 const std::string kDisplayIp = "10.20.2.1";
@@ -58,7 +58,7 @@ public:
             if (passed >= duration)
                 return sent;
             if (static_cast<double>(sent) > passed.count() * rate)
-                continue; // the time is waited out awake, for an even pace
+                continue; // busy waiting, for an even pace
             const Descriptor& socket = m_sockets[static_cast<std::size_t>(sent) % m_sockets.size()];
             sent += ::send(socket.get(), m_bytes.data(), m_bytes.size(), 0) > 0 ? 1 : 0;
         }
@@ -81,95 +81,99 @@ private:
 };
 
 /// The receiving side as a process of its own: microseconds of processor time, and datagrams received.
-std::vector<double> receiveInChild(const UdpWay& way, int groupCount, const Child::Wait& wait) {
-    bench::stayOnProcessor(0);
+std::vector<double> receiveInChild(const UdpImplementation& implementation, int groupCount,
+                                   const Child::Wait& wait) {
+    bench::pinToProcessor(0);
     std::atomic<long> count = 0;
     UdpPlan plan;
-    plan.listened = groups(groupCount);
+    plan.groups = groups(groupCount);
     plan.localIp = kDisplayIp;
     plan.received = [&](Udp*, const char*, std::size_t) { count.fetch_add(1, std::memory_order_relaxed); };
-    const auto udp = way.make(plan);
+    const auto udp = implementation.make(plan);
     const Seconds before = bench::processorTime();
     wait();
     return {(bench::processorTime() - before).count() * 1e6, static_cast<double>(count)};
 }
 
-void receivePaced(lab::Lan& lan, const std::string& road, int groupCount, double rate,
-                  const std::vector<UdpWay>& ways, int times = bench::repetitions()) {
-    std::vector<bench::Competitor> competitors;
-    for (const UdpWay& way : ways)
-        competitors.push_back(
-            {way.name, [&lan, way, groupCount, rate]() -> std::vector<double> {
+void receivePaced(lab::Lan& lan, const std::string& benchmark, int groupCount, double rate,
+                  const std::vector<UdpImplementation>& implementations, int times = bench::repetitions()) {
+    std::vector<bench::Measurement> measurements;
+    for (const UdpImplementation& implementation : implementations)
+        measurements.push_back(
+            {implementation.name, [&lan, implementation, groupCount, rate]() -> std::vector<double> {
                  Source source(lan.node("host1"), groups(groupCount), kAnnouncement);
-                 Child child(lan.node("display"),
-                             [&](const Child::Wait& wait) { return receiveInChild(way, groupCount, wait); });
+                 Child child(lan.node("display"), [&](const Child::Wait& wait) {
+                     return receiveInChild(implementation, groupCount, wait);
+                 });
                  const auto sent = static_cast<double>(source.paced(rate, bench::duration()));
                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
                  const std::vector<double> result = child.finish();
                  return {result[0] / std::max(result[1], 1.0), 100 * (1 - result[1] / sent)};
              }});
-    bench::takeTurns({{road, "us/datagram"}, {"lost, " + road, "%"}}, competitors, times);
+    bench::takeTurns({{benchmark, "us/datagram"}, {"lost, " + benchmark, "%"}}, measurements, times);
 }
 
-void receiveSaturated(lab::Lan& lan, const std::string& road, std::size_t size) {
-    std::vector<bench::Competitor> competitors;
-    for (const UdpWay& way : bench::udpWays())
-        competitors.push_back(
-            {way.name, [&lan, way, size]() -> std::vector<double> {
+void receiveSaturated(lab::Lan& lan, const std::string& benchmark, std::size_t size) {
+    std::vector<bench::Measurement> measurements;
+    for (const UdpImplementation& implementation : bench::udpImplementations())
+        measurements.push_back(
+            {implementation.name, [&lan, implementation, size]() -> std::vector<double> {
                  Source source(lan.node("host1"), groups(1), size);
-                 Child child(lan.node("display"),
-                             [&](const Child::Wait& wait) { return receiveInChild(way, 1, wait); });
+                 Child child(lan.node("display"), [&](const Child::Wait& wait) {
+                     return receiveInChild(implementation, 1, wait);
+                 });
                  source.flood(bench::duration());
                  const std::vector<double> result = child.finish();
                  return {result[1] / bench::duration().count() / 1000, result[0] / std::max(result[1], 1.0)};
              }});
-    bench::takeTurns({{road, "thousand/s"}, {"cost, " + road, "us/datagram"}}, competitors);
+    bench::takeTurns({{benchmark, "thousand/s"}, {"cost, " + benchmark, "us/datagram"}}, measurements);
 }
 
 /// How much processor time a datagram costs its sender.
-void send(lab::Lan& lan, const std::string& road, std::size_t atATime) {
-    std::vector<bench::Competitor> competitors;
-    for (const UdpWay& way : bench::udpWays()) {
-        const auto work = [way, atATime](const Child::Wait& wait) -> std::vector<double> {
-            bench::stayOnProcessor(0);
+void send(lab::Lan& lan, const std::string& benchmark, std::size_t batch) {
+    std::vector<bench::Measurement> measurements;
+    for (const UdpImplementation& implementation : bench::udpImplementations()) {
+        const auto work = [implementation, batch](const Child::Wait& wait) -> std::vector<double> {
+            bench::pinToProcessor(0);
             UdpPlan plan;
             plan.destination = {"236.1.2.200", 5200};
             plan.localIp = kDisplayIp;
-            const auto udp = way.make(plan);
+            const auto udp = implementation.make(plan);
             const std::string bytes(kAnnouncement, 'x');
-            const bench::Datagrams datagrams(atATime, {bytes.data(), static_cast<int>(bytes.size())});
+            const bench::Datagrams datagrams(batch, {bytes.data(), static_cast<int>(bytes.size())});
             wait();
             const Seconds before = bench::processorTime();
             double sent = 0;
             for (const auto end = Clock::now() + bench::duration() / 2; Clock::now() < end;)
-                for (int i = 0; i < 64; i += static_cast<int>(atATime), sent += static_cast<double>(atATime))
-                    atATime == 1 ? udp->send(bytes.data(), bytes.size()) : udp->sendMany(datagrams);
+                for (int i = 0; i < 64; i += static_cast<int>(batch), sent += static_cast<double>(batch))
+                    batch == 1 ? udp->send(bytes.data(), bytes.size()) : udp->sendMany(datagrams);
             return {(bench::processorTime() - before).count() * 1e6 / sent};
         };
-        competitors.push_back({way.name, [&lan, work] { return Child(lan.node("display"), work).finish(); }});
+        measurements.push_back(
+            {implementation.name, [&lan, work] { return Child(lan.node("display"), work).finish(); }});
     }
-    bench::takeTurns({{road, "us/datagram"}}, competitors);
+    bench::takeTurns({{benchmark, "us/datagram"}}, measurements);
 }
 
 /// A datagram to a group, and the answer that comes to another.
 void roundTrip(lab::Lan& lan) {
     const Group there{"236.1.2.1", 5000};
     const Group back{"236.1.2.2", 5001};
-    std::vector<bench::Competitor> competitors;
-    for (const UdpWay& way : bench::udpWays()) {
-        const auto answer = [way, there, back](const Child::Wait& wait) -> std::vector<double> {
-            bench::stayOnProcessor(0);
+    std::vector<bench::Measurement> measurements;
+    for (const UdpImplementation& implementation : bench::udpImplementations()) {
+        const auto answer = [implementation, there, back](const Child::Wait& wait) -> std::vector<double> {
+            bench::pinToProcessor(0);
             UdpPlan plan;
-            plan.listened = {there};
+            plan.groups = {there};
             plan.destination = back;
             plan.localIp = kDisplayIp;
             plan.received = [](Udp* udp, const char* data, std::size_t size) { udp->send(data, size); };
-            const auto udp = way.make(plan);
+            const auto udp = implementation.make(plan);
             wait();
             return {0};
         };
-        competitors.push_back(
-            {way.name, [&lan, answer, there, back]() -> std::vector<double> {
+        measurements.push_back(
+            {implementation.name, [&lan, answer, there, back]() -> std::vector<double> {
                  Child child(lan.node("display"), answer);
                  const lab::Inside inside = lan.node("host1").enter();
                  const Descriptor receiver = bench::rawGroupSocket(back, kHostIp);
@@ -194,7 +198,7 @@ void roundTrip(lab::Lan& lan) {
              }});
     }
     bench::takeTurns({{"UDP round trip, median", "us"}, {"UDP round trip, 99th percentile", "us"}},
-                     competitors);
+                     measurements);
 }
 
 } // namespace
@@ -202,19 +206,19 @@ void roundTrip(lab::Lan& lan) {
 int main(int argc, char** argv) {
     bench::start(argc, argv);
     lab::Lan lan({lab::display(1), lab::radarHost(1)});
-    bench::stayOnProcessor(1);
-    const std::vector<UdpWay>& ways = bench::udpWays();
-    receivePaced(lan, "receive 222 B at 20 k/s", 1, 20e3, ways);
-    receivePaced(lan, "receive 222 B at 100 k/s", 1, 100e3, ways);
+    bench::pinToProcessor(1);
+    const std::vector<UdpImplementation>& implementations = bench::udpImplementations();
+    receivePaced(lan, "receive 222 B at 20 k/s", 1, 20e3, implementations);
+    receivePaced(lan, "receive 222 B at 100 k/s", 1, 100e3, implementations);
     receiveSaturated(lan, "receive saturated 222 B", kAnnouncement);
     receiveSaturated(lan, "receive saturated 1400 B", kImageLine);
-    const UdpWay loop{"raw event loop", bench::makeRawLoop};
-    std::vector<UdpWay> more = ways;
+    const UdpImplementation loop{"raw event loop", bench::makeRawLoop};
+    std::vector<UdpImplementation> more = implementations;
     more.insert(more.end(), {loop, {"raw with time-out", bench::makeRawWithTimeOut}});
     receivePaced(lan, "receive 50 groups at 20 k/s", 50, 20e3, more, 2 * bench::repetitions());
     for (const int receivers : {1, 25, 50, 100, 200})
         receivePaced(lan, "growth/receivers/" + std::to_string(receivers), receivers, 20e3,
-                     {ways[0], ways[1], loop}, bench::fewRepetitions());
+                     {implementations[0], implementations[1], loop}, bench::fewRepetitions());
     send(lan, "send 222 B", 1);
     send(lan, "send 64 x 222 B in one call", 64);
     roundTrip(lan);

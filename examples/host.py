@@ -69,23 +69,23 @@ def announcement(name, host_id, streams):
 
 
 class Group:
-    """A multicast group to hear and to speak to."""
+    """A multicast group to receive from and to send to."""
 
     def __init__(self, address, local):
         self.address = address
         interface = socket.inet_aton(local)
-        self.hears = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.hears.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.hears.bind(address)  # to the group, so that nothing else on this port comes in
-        self.hears.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(address[0]) + interface)
-        self.speaks = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.speaks.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
-        self.speaks.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)  # not to hear itself
+        self.receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.receiver.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.receiver.bind(address)  # to the group, so that nothing else on this port comes in
+        self.receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(address[0]) + interface)
+        self.sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
+        self.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)  # not to receive its own messages
 
     def send(self, message):
         try:
-            self.speaks.sendto(message, self.address)
-        except OSError as error:  # a network that is away for a moment
+            self.sender.sendto(message, self.address)
+        except OSError as error:  # no route, or the interface is down: the next message may get through
             print(f"host.py: cannot send to {self.address[0]}: {error}", file=sys.stderr)
 
 
@@ -94,27 +94,27 @@ class Host:
 
     def __init__(self, name, host_id, streams, local):
         self.name, self.streams, self.host_id = name, streams, host_id
-        self.answer = None  # nothing to say before an id is held
+        self.answer = None  # queries are not answered before an id is held
         self.discovery = Group(DISCOVERY, local)
         self.negotiation = Group(NEGOTIATION, local)
         self.claim()
 
     def claim(self):
         self.state = PROBE
-        self.opposed = False
-        self.say(PROBE)
+        self.objected = False
+        self.send(PROBE)
         self.deadline = time.monotonic() + OBJECTION_TIME
 
-    def say(self, code):
+    def send(self, code):
         self.negotiation.send(code + bytes([self.host_id, 1]))
 
     def on_deadline(self):
-        if self.opposed:
+        if self.objected:
             self.host_id = random.choice(DRAWN_IDS)
             self.claim()
         elif self.state == PROBE:
             self.state = CONFIRM
-            self.say(CONFIRM)
+            self.send(CONFIRM)
             self.deadline = time.monotonic() + OBJECTION_TIME
         else:
             self.state = self.deadline = None  # the id is held
@@ -129,27 +129,27 @@ class Host:
         code, host_id, fourth = message[0:2], message[2], message[3]
         holds = self.state is None
         if code in (PROBE, CONFIRM) and holds and fourth == self.host_id:
-            self.say(OBJECTION)  # the fourth byte is always 1: only the holder of id 1 objects
+            self.send(OBJECTION)  # the fourth byte is always 1: only the holder of id 1 objects
         elif code == OBJECTION and host_id == self.host_id:
             if holds:
                 self.host_id = random.choice(DRAWN_IDS)
                 self.claim()
             else:
-                self.opposed = True
+                self.objected = True
 
     def on_discovery(self, message):
         if message == QUERY and self.answer:
             self.discovery.send(self.answer)
 
     def run(self, stop):
-        handlers = {self.discovery.hears: self.on_discovery, self.negotiation.hears: self.on_negotiation}
+        handlers = {self.discovery.receiver: self.on_discovery, self.negotiation.receiver: self.on_negotiation}
         while True:
             wait = None if self.deadline is None else max(0.0, self.deadline - time.monotonic())
             ready, _, _ = select.select([stop, *handlers], [], [], wait)
             if stop in ready:
                 return
-            for hears in ready:
-                handlers[hears](hears.recv(1024))
+            for receiver in ready:
+                handlers[receiver](receiver.recv(1024))
             if self.deadline is not None and time.monotonic() >= self.deadline:
                 self.on_deadline()
 

@@ -1,4 +1,4 @@
-// Keeps a connection to a TCP server: sends the lines that it is given, and says what comes back.
+// Keeps a connection to a TCP server: sends the lines of standard input, and prints what comes back.
 //
 //     example_tcp_client 127.0.0.1 4000
 

@@ -1,4 +1,4 @@
-// Serves TCP clients: says what each of them sends, and passes it on to all.
+// Serves TCP clients: prints what each of them sends, and sends it on to all.
 //
 //     example_tcp_server 4000
 

@@ -1,10 +1,8 @@
-// The address utilities, and what is let through to a shell.
+// The address utilities, and the texts that are allowed in shell commands.
 #include "support.h"
 
-#include <UdpSocket/detail/address_plan.h>
-#include <UdpSocket/detail/interfaces.h>
-#include <UdpSocket/detail/profile.h>
-#include <UdpSocket/detail/shell_text.h>
+#include <UdpSocket/base/command.h>
+#include <UdpSocket/protocol/address_plan.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <algorithm>
@@ -13,17 +11,14 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    constexpr const char* harmless = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ._-:@";
+    constexpr const char* kAllowed = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ._-:@";
     const bool quad = net::detail::isDottedQuad(text);
     if (quad || net::detail::isInterfaceName(text))
-        fuzz::require(text.find_first_not_of(harmless) == std::string::npos);
+        fuzz::require(text.find_first_not_of(kAllowed) == std::string::npos);
     if (quad)
         fuzz::require(net::transAddr(net::transAddr(text.c_str())) == text);
-    fuzz::require((net::detail::profileAddress("Local", "IP", text.c_str()) != 0) <=
-                  net::detail::isDottedQuad(text.c_str()));
     const int ones = net::maskToCidr(text);
     fuzz::require(ones >= 0 && ones <= 32);
-    net::detail::deviceName(text);
 
     std::uint32_t number = 0;
     std::memcpy(&number, data, std::min(size, sizeof number));
@@ -34,6 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                   net::transAddr(net::cidrToMask(net::maskToCidr(mask)).c_str()));
     fuzz::require(net::transAddr(net::transAddr(number)) == number &&
                   net::NtoHl(net::HtoNl(number)) == number);
-    plan::streamPort2MultiNum(static_cast<std::uint16_t>(number));
+    const plan::HostNumber host = plan::hostNumber(static_cast<std::uint16_t>(number));
+    fuzz::require(host.id == 0 || plan::isHostId(host.id));
     return 0;
 }

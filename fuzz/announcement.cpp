@@ -1,40 +1,49 @@
-// One datagram on the discovery group, as a display takes it, and every look-up of what it has left in the
-// table.
+// One datagram on the discovery group, as displays read it that differ in their settings, and what it leaves
+// in the table.
 #include "support.h"
 
-#include <UdpSocket/detail/clock.h>
-#include <UdpSocket/detail/radar_client.h>
+#include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/protocol/radar_table.h>
 
 #include <cstring>
 
 namespace {
 
-std::int64_t s_now = 1000;
+void list(const protocol::Announcement& announcement, const protocol::DisplayOptions& options) {
+    protocol::RadarTable table;
+    for (std::size_t i = 0; i < announcement.listingCount; ++i) {
+        const auto& [name, record] = announcement.listings[i];
+        const std::string_view text = name;
+        fuzz::require(text.size() <= 21 && text.size() == std::strlen(name.c_str()));
+        fuzz::require(text.starts_with(announcement.name.view()));
+        fuzz::require(!options.fixedRadar || text.find("TCP") != std::string_view::npos);
+        const auto update = table.update(text, record, 1, 0);
+        fuzz::require(update.change == protocol::RadarTable::Change::Added && update.displaced.empty());
+        const auto* const entry = table.find(text);
+        fuzz::require(entry != nullptr && std::memcmp(&entry->record, &record, sizeof record) == 0);
+    }
+    fuzz::require(table.expire(7).empty() && table.entries().size() == announcement.listingCount);
+    fuzz::require(table.expire(8).size() == announcement.listingCount && table.entries().empty());
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static MultiRadarClientPrivate& client = [&]() -> MultiRadarClientPrivate& {
-        fuzz::setProfile("[Radar]\nTCPService = true\n");
-        ::setenv("RADAR_DIAGNOSTICS", "1", 1);
-        net::detail::setClock([] { return s_now; });
-        return *new MultiRadarClientPrivate;
-    }();
-    client.OnUdpGroupDataReceived("10.0.0.1", 6878, "236.6.7.5", 6878, reinterpret_cast<const char*>(data),
-                                  static_cast<int>(size));
-    char names[2][24];
-    const int count = client.getRadar(names, 2);
-    fuzz::require(client.getRadar().size() <= 2 && (count == 0 || size == 150 || size == 222));
-    for (int i = 0; i < count; ++i) {
-        fuzz::require(std::strlen(names[i]) <= 21);
-        fuzz::require(client.getRadarStreamCount(names[i]) == 1);
-        for (int stream = -1; stream <= 0; ++stream)
-            if (const RadarAddress* record = client.getAddress(names[i], stream))
-                MultiRadarClientPrivate::netAddrToString(record->imageStream);
-        client.queryForAdjust(names[i]);
-    }
-    s_now += 9; // the table is empty again for the next input
-    client.query();
-    fuzz::require(client.getRadar().empty());
+    const std::string_view datagram = fuzz::text(data, size);
+    const bool right = protocol::isAnnouncement(datagram);
+    fuzz::require(!right || ((size == 150 || size == 222) && protocol::isSignOfRadar(datagram)));
+    for (const bool fixedRadar : {false, true})
+        for (const bool tcpService : {false, true}) {
+            const protocol::DisplayOptions options{fixedRadar, tcpService};
+            const auto announcement = protocol::readAnnouncement(datagram, options);
+            fuzz::require(announcement.has_value() == right);
+            if (!announcement)
+                continue;
+            fuzz::require(announcement->listingCount <= announcement->listings.size());
+            fuzz::require(announcement->listingCount > 0 || fixedRadar);
+            fuzz::require(announcement->secondStream.has_value() == (size == 222));
+            fuzz::require(!announcement->answer || tcpService);
+            list(*announcement, options);
+        }
     return 0;
 }

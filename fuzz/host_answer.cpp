@@ -1,34 +1,54 @@
-// A host answers the two bytes of a query and nothing else. What is no query is tried as a radar's name as
-// well.
+// A host's name, and endpoints of its own: what it composes of them is what displays read.
 #include "support.h"
 
-#include <UdpSocket/detail/clock.h>
-#include <UdpSocket/detail/radar_client.h>
-#include <UdpSocket/hostserver.cpp> // its classes are its own
+#include <UdpSocket/protocol/announcement.h>
 
 #include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t kUnreadBehindName = 20; // what follows of a longer name stands where other fields would
+
+bool same(const RadarEndpoint& read, const NetAddress& composed) {
+    return read.ip == composed.ip && read.port == composed.port && read.type == 0;
+}
+
+protocol::Announcement read(const std::string& datagram, std::string_view name) {
+    const auto announcement = protocol::readAnnouncement(datagram, {});
+    fuzz::require(announcement.has_value());
+    const std::string_view expected = name.substr(0, std::min<std::size_t>(16, name.find('\0')));
+    fuzz::require(announcement->name.view() == expected && announcement->listingCount == 1);
+    fuzz::require(name.size() > kUnreadBehindName || announcement->listings[0].name.view() == expected);
+    fuzz::require(announcement->listings[0].record.head == 0);
+    return *announcement;
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static HostServerPrivate& host =
-        *new HostServerPrivate(composeAnnouncement("radar", wire::kLongAnnouncement, 16, nullptr));
-    const std::string_view datagram(reinterpret_cast<const char*>(data), size);
-    const unsigned int before = fuzz::sent;
-    host.OnUdpGroupDataReceived("10.0.0.1", 6878, "236.6.7.5", 6878, datagram.data(), static_cast<int>(size));
-    fuzz::require(fuzz::sent - before == (datagram == wire::text(wire::kQuery) ? 1U : 0U));
-
-    static std::int64_t now = 1000;
-    static MultiRadarClientPrivate& display = *new MultiRadarClientPrivate;
-    net::detail::setClock([] { return now; });
-    const std::string_view name = datagram.substr(0, std::min<std::size_t>(148, datagram.find('\0')));
-    for (const wire::Layout* layout : {&wire::kShortAnnouncement, &wire::kLongAnnouncement}) {
-        const std::string announcement = composeAnnouncement(name, *layout, 16, nullptr);
-        fuzz::require(announcement.size() == layout->length);
-        display.OnUdpGroupDataReceived("10.0.0.1", 6878, "236.6.7.5", 6878, announcement.data(),
-                                       static_cast<int>(announcement.size()));
-        fuzz::require(name.size() > 20 || // the rest of a longer one stands where other fields would
-                      display.getRadar() == std::vector<std::string>{std::string(name.substr(0, 16))});
+    const auto id = static_cast<std::uint8_t>(size % 49 == 0 ? 1 : 15 + size % 49);
+    for (const unsigned int streams : {1U, 2U}) {
+        const std::string_view name = fuzz::text(data, size).substr(0, protocol::maxComposedName(streams));
+        const std::string datagram = protocol::composeAnnouncement(name, id, streams);
+        fuzz::require(datagram.size() == (streams == 1 ? 150 : 222));
+        const protocol::Announcement announcement = read(datagram, name);
+        if (name.size() > kUnreadBehindName)
+            continue;
+        for (const plan::EndpointField field :
+             {&RadarAddress::imageStream, &RadarAddress::imageCtrl, &RadarAddress::imageState,
+              &RadarAddress::arpaStream, &RadarAddress::arpaCtrl, &RadarAddress::arpaState}) {
+            fuzz::require(
+                same(announcement.listings[0].record.*field, plan::announcedEndpoint(id, field, 0)));
+            fuzz::require(streams == 1 ||
+                          same(*announcement.secondStream.*field, plan::announcedEndpoint(id, field, 1)));
+        }
     }
-    now += 9; // the table is empty again for the next input
-    display.query();
+    RadarAddress own{};
+    std::memcpy(&own, data, std::min(size, sizeof own));
+    const std::string_view name = fuzz::text(data, size).substr(0, kUnreadBehindName);
+    const RadarAddress record = read(protocol::composeAnnouncement(name, id, own), name).listings[0].record;
+    fuzz::require(same(record.imageStream, own.imageStream) && same(record.imageCtrl, own.imageCtrl) &&
+                  same(record.imageState, own.imageState));
     return 0;
 }

@@ -1,4 +1,4 @@
-// The text of a profile.ini, and a look-up of either kind: each reads it anew.
+// The text of a profile.ini, and a look-up of either kind: each reads it again.
 #include "support.h"
 
 #include <IniProfile/iniprofile.h>

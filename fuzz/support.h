@@ -1,18 +1,14 @@
 /// @file
-/// What the fuzz targets share. Every target runs in a network of its own, and nothing that it sends reaches
-/// even that.
+/// What the fuzz targets share.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
-
-/// Datagrams that the library has sent.
-extern std::atomic<unsigned int> sent;
 
 /// Ends the run with a finding when a promise of the library does not hold.
 inline void require(bool promise) {
@@ -20,7 +16,8 @@ inline void require(bool promise) {
         __builtin_trap();
 }
 
-/// Has the library read @p text as its profile.ini.
-void setProfile(const char* text);
+inline std::string_view text(const std::uint8_t* data, std::size_t size) {
+    return {reinterpret_cast<const char*>(data), size};
+}
 
 } // namespace fuzz

@@ -1,39 +1,41 @@
-// The TCP stream of a fixed radar. The first four bytes say how the rest is cut into the pieces that arrive.
+// The TCP stream of a fixed radar. The first four bytes are the lengths of the pieces in which the rest
+// arrives.
 #include "support.h"
 
-#include <UdpSocket/detail/clock.h>
-#include <UdpSocket/detail/radar_client.h>
+#include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/protocol/tcp_framing.h>
 
 #include <algorithm>
+#include <string>
 
 namespace {
 
 constexpr std::size_t kCuts = 4;
-std::int64_t s_now = 1000;
+
+void take(std::string_view message) {
+    if (wire::hasCode(message, wire::kTcpReply)) {
+        fuzz::require(message.size() == wire::kTcpReplyLength);
+        return;
+    }
+    const auto announcement = protocol::readAnnouncement(message, {true, true});
+    fuzz::require(announcement && announcement->name.view().starts_with("ZQ"));
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static MultiRadarClientPrivate& client = [&]() -> MultiRadarClientPrivate& {
-        fuzz::setProfile("[Radar]\nIP = 10.0.0.1\nTCPService = true\n");
-        net::detail::setClock([] { return s_now; });
-        return *new MultiRadarClientPrivate;
-    }();
     if (size < kCuts)
         return 0;
-    const char* rest = reinterpret_cast<const char*>(data) + kCuts;
-    std::size_t left = size - kCuts;
-    for (std::size_t i = 0; left > 0; ++i) {
-        const std::size_t piece = std::min<std::size_t>(left, data[i % kCuts] + 1U);
-        client.OnTcpDataReceived(3, "10.0.0.1", 6878, rest, static_cast<int>(piece));
-        rest += piece;
-        left -= piece;
+    protocol::TcpFraming framing;
+    std::string_view rest = fuzz::text(data, size).substr(kCuts);
+    for (std::size_t i = 0; !rest.empty(); ++i) {
+        const std::size_t piece = std::min<std::size_t>(rest.size(), data[i % kCuts] + 1U);
+        const std::string_view message = framing.add(rest.substr(0, piece));
+        if (!message.empty())
+            take(message);
+        rest.remove_prefix(piece);
     }
-    for (const std::string& name : client.getRadar()) {
-        fuzz::require(name.size() <= 21 && name.find("TCP") != std::string::npos);
-        client.getAddress(name.c_str(), 0);
-    }
-    s_now += 9; // the table is empty again for the next input
-    client.query();
+    const std::string next = "\x01\xB2ZQ" + std::string(wire::kLongAnnouncement.length - 4, '\0');
+    fuzz::require(framing.add(next + "rest") == next); // whatever came before
     return 0;
 }

@@ -1,6 +1,8 @@
-/// demo: three radar hosts and a display on a virtual LAN. Each step tells what was seen; the exit status is
-/// 0 only when every step was.
+/// demo: three radar hosts and a display on a virtual LAN. Each step prints what was seen; the exit status is
+/// 0 only when every step succeeded.
+#include <UdpSocket/base/descriptor.h>
 #include <UdpSocket/multiradarclient.h>
+#include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/udpsocket.h>
 #include <lab/lan.h>
 #include <lab/private_network.h>
@@ -27,9 +29,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// The order of the interfaces is against the display: the dead one comes first.
-constexpr const char* kDeadAddress = "192.168.0.1";
-constexpr const char* kLeadingAddress = "10.20.2.1";
+// The harder order for the display: the interface that leads nowhere comes first.
+constexpr const char* kUnconnectedAddress = "192.168.0.1";
+constexpr const char* kConnectedAddress = "10.20.2.1";
 constexpr auto kQueryPeriod = 1s;
 
 struct HostPlan {
@@ -50,8 +52,8 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
     std::fflush(s_report);
 }
 
-/// One thing that the demo promises: a tick, or the end of the demo.
-void promise(bool seen, const std::string& what) {
+/// One check of the demo: prints a tick, or ends the demo.
+void check(bool seen, const std::string& what) {
     say("  %s %s\n", seen ? "\u2713" : "\u2717", what.c_str());
     if (!seen)
         throw std::runtime_error("the demo did not see what it promises");
@@ -79,8 +81,8 @@ public:
     unsigned int localIp() const { return m_localIp; }
 
     /// Queries once a second until @p seen holds. @return whether it did in time
-    bool follow(const std::function<bool()>& seen, std::chrono::seconds patience) {
-        const auto end = Clock::now() + patience;
+    bool queryUntil(const std::function<bool()>& seen, std::chrono::seconds timeout) {
+        const auto end = Clock::now() + timeout;
         auto nextQuery = Clock::now();
         while (!seen()) {
             if (Clock::now() > end)
@@ -111,34 +113,21 @@ std::string text(const NetAddress& endpoint) {
     return net::transAddr(endpoint.ip) + (":" + std::to_string(net::NtoHs(endpoint.port)));
 }
 
-std::vector<std::string> endpoints(const RadarAddress& record) {
-    return {text(record.imageStream), text(record.imageCtrl), text(record.imageState),
-            text(record.arpaStream),  text(record.arpaCtrl),  text(record.arpaState)};
-}
-
-/// What a host with this id has to announce, in the order of endpoints().
-std::vector<std::string> planned(int id) {
-    if (id == 1)
-        return {"236.6.7.8:6878",  "236.6.7.10:6680", "236.6.7.9:6679",
-                "236.6.7.18:6688", "236.6.7.20:6690", "236.6.7.19:6889"};
-    std::vector<std::string> result;
-    for (const int offset : {0, 1, 2, 6, 7, 8}) {
-        const int last = 35 + 16 * (id - 16) + offset;
-        result.push_back("236.6." + std::to_string(7 + last / 256) + "." + std::to_string(last % 256) + ":" +
-                         std::to_string(6003 + 32 * (id - 16) + offset));
-    }
-    return result;
+bool isAsPlanned(const RadarAddress& record, int id) {
+    return std::ranges::all_of(wire::kShortEndpoints, [&](const wire::EndpointPlace& place) {
+        return text(record.*place.field) ==
+               text(plan::announcedEndpoint(static_cast<std::uint8_t>(id), place.field, 0));
+    });
 }
 
 void printRow(const std::string& name, int id, const RadarAddress& record) {
-    const auto all = endpoints(record);
-    say("    %-6s id %-3d image %-17s control %-17s state %s\n", name.c_str(), id, all[0].c_str(),
-        all[1].c_str(), all[2].c_str());
-    say("    %-6s        ARPA  %-17s control %-17s state %s\n", "", all[3].c_str(), all[4].c_str(),
-        all[5].c_str());
+    say("    %-6s id %-3d image %-17s control %-17s state %s\n", name.c_str(), id,
+        text(record.imageStream).c_str(), text(record.imageCtrl).c_str(), text(record.imageState).c_str());
+    say("    %-6s        ARPA  %-17s control %-17s state %s\n", "", text(record.arpaStream).c_str(),
+        text(record.arpaCtrl).c_str(), text(record.arpaState).c_str());
 }
 
-/// The radar hosts: real processes, which tell the id that they serve.
+/// The radar hosts: real processes, which print the id that they serve.
 class Hosts {
 public:
     explicit Hosts(lab::Lan& lan) {
@@ -150,11 +139,11 @@ public:
                                                             std::to_string(plan.streams)}}));
     }
 
-    /// Waits until a host says that it serves. @return the id that it says
+    /// Waits until a host prints that it serves. @return its id
     int nextId(const std::string& name) {
         lab::Process& process = m_processes.at(name);
         const auto line = process.lineWith("serving", 30s);
-        promise(line.has_value(), name + " says: " + line.value_or(process.output()));
+        check(line.has_value(), name + " says: " + line.value_or(process.output()));
         const std::string before = "as host id ";
         m_ids[name] = std::stoi(line->substr(line->find(before) + before.size()));
         return m_ids[name];
@@ -170,11 +159,11 @@ private:
 
 void showSearch(Display& display, Clock::time_point start) {
     say("\nThe display has no configured address. It listens and asks on both interfaces.\n");
-    const bool isSettled = display.follow([&] { return display.localIp() != 0; }, 20s);
-    promise(isSettled, "the search has settled after " + inSeconds(secondsSince(start)));
+    const bool isSettled = display.queryUntil([&] { return display.localIp() != 0; }, 20s);
+    check(isSettled, "the search has settled after " + inSeconds(secondsSince(start)));
     const std::string settled = net::transAddr(display.localIp());
-    promise(settled == kLeadingAddress,
-            "on " + settled + ", the interface that leads to the radars; not on " + kDeadAddress);
+    check(settled == kConnectedAddress,
+          "on " + settled + ", the interface that leads to the radars; not on " + kUnconnectedAddress);
 }
 
 void showTable(Display& display, const Hosts& hosts) {
@@ -182,26 +171,26 @@ void showTable(Display& display, const Hosts& hosts) {
         return std::ranges::all_of(kHosts, [&](const HostPlan& host) { return display.lists(host.name); });
     };
     say("\nIt asks the radars to announce themselves.\n");
-    promise(display.follow(allAreListed, 10s), "all three radars are in the table");
+    check(display.queryUntil(allAreListed, 10s), "all three radars are in the table");
     bool asPlanned = true;
     for (const HostPlan& host : kHosts) {
         const RadarAddress record = display.record(host.name);
         printRow(host.name, hosts.id(host.name), record);
-        asPlanned = asPlanned && endpoints(record) == planned(hosts.id(host.name));
+        asPlanned = asPlanned && isAsPlanned(record, hosts.id(host.name));
     }
-    promise(asPlanned, "every endpoint is the one that the plan has for the host's id");
+    check(asPlanned, "every endpoint is the one that the plan has for the host's id");
 }
 
 void showDeparture(Display& display, Hosts& hosts) {
     say("\nNorth is stopped. The display goes on asking.\n");
     const auto stopped = Clock::now();
-    promise(hosts.process("North").stop() == 0, "North has ended, with status 0");
-    const bool hasLeft = display.follow([&] { return !display.lists("North"); }, 20s);
+    check(hosts.process("North").stop() == 0, "North has ended, with status 0");
+    const bool hasLeft = display.queryUntil([&] { return !display.lists("North"); }, 20s);
     const double seconds = secondsSince(stopped);
-    promise(hasLeft, "North has left the table " + inSeconds(seconds) + " later");
+    check(hasLeft, "North has left the table " + inSeconds(seconds) + " later");
     // Ages are counted in whole seconds, and the last answer came up to a second before the stop.
-    promise(seconds > 6.5 && seconds < 14, "as it does 8 seconds after it was last heard");
-    promise(display.lists("East") && display.lists("South"), "East and South have stayed");
+    check(seconds > 6.5 && seconds < 14, "as it does 8 seconds after it was last heard");
+    check(display.lists("East") && display.lists("South"), "East and South have stayed");
 }
 
 void showRenumbering(Display& display, Hosts& hosts) {
@@ -213,9 +202,9 @@ void showRenumbering(Display& display, Hosts& hosts) {
         display.client().queryForAdjust("South");
         after = hosts.nextId("South");
     }
-    promise(after != before, "South has negotiated host id " + std::to_string(after));
-    promise(display.follow([&] { return endpoints(display.record("South")) == planned(after); }, 10s),
-            "the table has followed");
+    check(after != before, "South has negotiated host id " + std::to_string(after));
+    check(display.queryUntil([&] { return isAsPlanned(display.record("South"), after); }, 10s),
+          "the table has followed");
     printRow("South", after, display.record("South"));
 }
 
@@ -223,7 +212,7 @@ void run() {
     lab::Lan lan({lab::display(2, 1), lab::radarHost(1), lab::radarHost(2), lab::radarHost(3)});
     say("A virtual LAN: three radar hosts, 10.20.1.1 to 10.20.1.3, and a display with two interfaces,\n"
         "%s, which leads nowhere, and %s, which leads to the radars.\n\n",
-        kDeadAddress, kLeadingAddress);
+        kUnconnectedAddress, kConnectedAddress);
     say("The hosts negotiate their ids. That takes two seconds: one to object to a proposal, one to a "
         "claim.\n");
     Hosts hosts(lan);
@@ -243,9 +232,9 @@ void run() {
 
 int main() {
     lab::enterPrivateNetwork();
-    const int diagnostics = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const net::detail::Descriptor diagnostics(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     s_report = ::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w");
-    if (s_report == nullptr || diagnostics == -1 || ::dup2(diagnostics, STDOUT_FILENO) == -1) {
+    if (s_report == nullptr || !diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1) {
         std::perror("demo");
         return EXIT_FAILURE;
     }

@@ -42,8 +42,8 @@ bool leadsToLan(const Node& node, size_t interface) {
     return node.plan().interfaces[interface].leads == Leads::ToLan;
 }
 
-/// Hands text to a command in the calling thread's network.
-void feed(const std::string& command, const std::string& text) {
+/// Writes text to the standard input of a command in the calling thread's network.
+void pipeTo(const std::string& command, const std::string& text) {
     FILE* pipe = ::popen(command.c_str(), "we");
     if (pipe == nullptr)
         fail(command);
@@ -53,7 +53,7 @@ void feed(const std::string& command, const std::string& text) {
 }
 
 void ip(const std::string& lines) {
-    feed("ip -batch -", lines);
+    pipeTo("ip -batch -", lines);
 }
 
 /// Sets a value of the calling thread's network; one that the kernel does not know is left out.
@@ -63,8 +63,8 @@ void setNetworkValue(const std::string& name, const char* value) {
         fail(name);
 }
 
-/// No IPv6 chatter, and no packet refused for where it comes from, whatever the machine's own settings are.
-void quieten() {
+/// Whatever the machine's own settings are: no IPv6 packets, and no check of source addresses against routes.
+void disableIpv6AndReversePathFilter() {
     for (const std::string scope : {"all", "default"}) {
         setNetworkValue("ipv6/conf/" + scope + "/disable_ipv6", "1");
         setNetworkValue("ipv4/conf/" + scope + "/rp_filter", "0");
@@ -87,7 +87,7 @@ Descriptor makeNetwork(const std::string& name) {
         try {
             if (::unshare(CLONE_NEWNET) != 0)
                 fail("unshare");
-            quieten();
+            disableIpv6AndReversePathFilter();
             network = nameNetwork(name);
         } catch (...) {
             thrown = std::current_exception();
@@ -102,7 +102,7 @@ Descriptor makeNetwork(const std::string& name) {
 Descriptor nameOwnNetwork() {
     if (::mkdir(kNames.c_str(), 0755) != 0 && errno != EEXIST)
         fail(kNames);
-    quieten();
+    disableIpv6AndReversePathFilter();
     return nameNetwork(kBridgeNetwork);
 }
 
@@ -122,7 +122,7 @@ void awaitForwarding(const std::string& port) {
     }
 }
 
-void forgetNetwork(const std::string& name) {
+void removeNetworkName(const std::string& name) {
     const std::string path = kNames + name;
     if (::umount2(path.c_str(), MNT_DETACH) != 0 || ::unlink(path.c_str()) != 0)
         std::perror(path.c_str());
@@ -196,8 +196,8 @@ Lan::~Lan() {
         std::fprintf(stderr, "lab: %s\n", error.what());
     }
     for (const Node& node : m_nodes)
-        forgetNetwork(node.name());
-    forgetNetwork(kBridgeNetwork);
+        removeNetworkName(node.name());
+    removeNetworkName(kBridgeNetwork);
 }
 
 Node& Lan::node(const std::string& name) {
@@ -260,10 +260,10 @@ void Lan::applyDropRates() {
             rules += "oifname \"" + name + "-*\" " + drop;
     }
     const Inside bridge = m_bridge.enter();
-    // In one transaction: no moment without the old rules or the new ones.
-    feed("nft -f -", "table bridge lab\ndelete table bridge lab\n"
-                     "table bridge lab {\nchain forward {\ntype filter hook forward priority 0\n" +
-                         rules + "}\n}\n");
+    // In one transaction, so that there is no moment without rules.
+    pipeTo("nft -f -", "table bridge lab\ndelete table bridge lab\n"
+                       "table bridge lab {\nchain forward {\ntype filter hook forward priority 0\n" +
+                           rules + "}\n}\n");
 }
 
 void Lan::changeAddress(const Node& node, size_t interface, const std::string& address) {

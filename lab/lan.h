@@ -29,9 +29,9 @@ enum class Direction { FromNode, ToNode, Both };
 /// every port. Every node's network is known to "ip" by the node's name, the bridge's by "lan". IPv6 is off
 /// everywhere, so nothing is on the wire but what nodes send.
 ///
-/// Life cycle: stands from the constructor to the destructor, or until the private network ends with its last
-/// process, however that comes. There can be one at a time. All operations belong to one thread at a time,
-/// wherever it is. Errors: std::system_error or std::runtime_error; the failing tool's own words are on
+/// Life cycle: exists from the constructor to the destructor, or until the private network ends with its last
+/// process, however that ends. There can be one at a time. All operations belong to one thread at a time,
+/// in whatever network. Errors: std::system_error or std::runtime_error; the failing tool's own words are on
 /// standard error.
 class Lan {
 public:

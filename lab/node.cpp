@@ -1,6 +1,6 @@
 #include "node.h"
 
-#include <UdpSocket/detail/thread.h>
+#include <UdpSocket/base/thread.h>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -32,7 +32,7 @@ Inside::Inside(const Descriptor& network)
 }
 
 Inside::~Inside() {
-    if (::setns(m_outside.get(), CLONE_NEWNET) != 0) { // going on in the wrong network helps nobody
+    if (::setns(m_outside.get(), CLONE_NEWNET) != 0) { // whatever it did in the wrong network would be wrong
         std::perror("lab: cannot leave a network");
         std::abort();
     }
@@ -42,7 +42,7 @@ Node::Node(NodePlan plan, Descriptor network) : m_plan(std::move(plan)), m_netwo
 
 void Node::run(const std::function<void()>& work) const {
     std::exception_ptr thrown;
-    std::thread thread = net::detail::startThread([&] {
+    std::thread thread = net::detail::startThread("lab-node", [&] {
         try {
             require(::setns(m_network.get(), CLONE_NEWNET) == 0, "setns");
             require(mountOwnSys(), "mount /sys");

@@ -4,7 +4,7 @@
 
 #include <lab/process.h>
 
-#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/base/descriptor.h>
 
 #include <functional>
 #include <string>
@@ -14,8 +14,8 @@ namespace lab {
 
 enum class Leads { ToLan, Nowhere };
 
-/// One interface of a node. Its carrier is up either way: what leads nowhere ends in a port without a
-/// network.
+/// One interface of a node. Its carrier is up either way: an interface that leads nowhere is plugged into a
+/// port that is not on the bridge.
 struct InterfacePlan {
     std::string address; ///< with its prefix length: "10.20.1.1/16"
     Leads leads = Leads::ToLan;
@@ -28,7 +28,7 @@ struct NodePlan {
 };
 
 /// Keeps the calling thread inside a network for as long as it lives. Sockets made meanwhile belong to that
-/// network for good; threads and processes started meanwhile run in it. /sys stays that of the outside.
+/// network permanently; threads and processes started meanwhile run in it. /sys stays that of the outside.
 class Inside {
 public:
     /// @throws std::system_error when the network cannot be entered

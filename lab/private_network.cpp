@@ -1,5 +1,7 @@
 #include "private_network.h"
 
+#include <UdpSocket/base/descriptor.h>
+
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -23,7 +25,9 @@ namespace lab {
 
 namespace {
 
-[[noreturn]] void refuse(const char* what) {
+using net::detail::Descriptor;
+
+[[noreturn]] void exitNotPermitted(const char* what) {
     std::fprintf(stderr,
                  "lab: cannot make a private network (%s: %s): run as root, or allow user namespaces "
                  "(sysctl kernel.unprivileged_userns_clone=1 user.max_user_namespaces=1000)\n",
@@ -33,14 +37,13 @@ namespace {
 
 void require(bool done, const char* what) {
     if (!done)
-        refuse(what);
+        exitNotPermitted(what);
 }
 
 void writeFile(const char* path, const std::string& text) {
-    const int file = ::open(path, O_WRONLY | O_CLOEXEC);
-    require(file != -1, path);
-    require(::write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
-    ::close(file);
+    const Descriptor file(::open(path, O_WRONLY | O_CLOEXEC));
+    require(file.isOpen(), path);
+    require(::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
 }
 
 void unshareNamespaces() {
@@ -63,31 +66,30 @@ void mountFileSystems() {
 }
 
 void raiseLoopback() {
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    require(socket != -1, "socket");
+    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    require(socket.isOpen(), "socket");
     ifreq request{};
     std::strcpy(request.ifr_name, "lo");
     request.ifr_flags = IFF_UP | IFF_RUNNING | IFF_MULTICAST;
-    require(::ioctl(socket, SIOCSIFFLAGS, &request) == 0, "loopback");
-    ::close(socket);
+    require(::ioctl(socket.get(), SIOCSIFFLAGS, &request) == 0, "loopback");
 }
 
-volatile pid_t s_child = -1; // the process that a signal is handed on to
+volatile pid_t s_child = -1; // the process that signals are forwarded to
 
-/// Waits for the child, hands signals on to it, and ends as it ends.
+/// Waits for the child, forwards signals to it, and exits with its status.
 [[noreturn]] void superviseAndExit(pid_t child) {
     s_child = child;
-    struct sigaction handOn {};
-    handOn.sa_flags = SA_SIGINFO;
-    handOn.sa_sigaction = [](int number, siginfo_t* info, void*) {
-        if (info->si_code != SI_KERNEL) // a terminal has told the child already
+    struct sigaction forward {};
+    forward.sa_flags = SA_SIGINFO;
+    forward.sa_sigaction = [](int number, siginfo_t* info, void*) {
+        if (info->si_code != SI_KERNEL) // the terminal has sent it to the child already
             ::kill(s_child, number);
     };
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        ::sigaction(number, &handOn, nullptr);
+        ::sigaction(number, &forward, nullptr);
     int status = 0;
     pid_t ended;
-    do { // the first process of the namespace is given the orphans to wait for, too
+    do { // the first process of a namespace is the parent of its orphans, too
         ended = ::wait(&status);
     } while (ended != child && (ended != -1 || errno == EINTR));
     std::_Exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
@@ -95,17 +97,16 @@ volatile pid_t s_child = -1; // the process that a signal is handed on to
 
 pid_t forkThatDiesWithParent() {
     std::fflush(nullptr);
-    const int parent = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
-    require(parent != -1, "pidfd_open");
+    const Descriptor parent(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
+    require(parent.isOpen(), "pidfd_open");
     const pid_t child = ::fork();
     require(child != -1, "fork");
     if (child == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        pollfd ended{parent, POLLIN, 0};
-        if (::poll(&ended, 1, 0) != 0) // it went before it could be told
+        pollfd ended{parent.get(), POLLIN, 0};
+        if (::poll(&ended, 1, 0) != 0) // the parent ended before the prctl
             std::_Exit(128 + SIGKILL);
     }
-    ::close(parent);
     return child;
 }
 

@@ -12,12 +12,12 @@ inline constexpr int kNotPermitted = 3;
 /// network (only a loopback interface, up), process, and mount (a /proc and /sys to match, and an empty /run:
 /// room for "ip netns", and no way to the machine's own services).
 ///
-/// Returns in a child process; the caller's process stays behind, hands SIGINT, SIGTERM and SIGHUP on, and
+/// Returns in a child process; the caller's process stays behind, forwards SIGINT, SIGTERM and SIGHUP, and
 /// exits with the child's status (128 + the signal that ended it). When the child ends, or either of the two
 /// is killed, every process in the namespace is killed with it, and with the last process the network is
 /// gone.
 ///
-/// Call it before any thread is started. Where the system refuses, it says so on standard error in one line
+/// Call it before any thread is started. Where the system refuses, it prints one line on standard error
 /// and exits with kNotPermitted.
 void enterPrivateNetwork();
 

@@ -1,6 +1,6 @@
 #include "process.h"
 
-#include <UdpSocket/detail/thread.h>
+#include <UdpSocket/base/thread.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -55,7 +55,7 @@ struct Launch {
     ::_exit(127);
 }
 
-[[noreturn]] void becomeProgram(const Launch& launch) {
+[[noreturn]] void execProgram(const Launch& launch) {
     if (!launch.foreground) {
         ::setpgid(0, 0);
         if (::dup2(launch.input, STDIN_FILENO) == -1 || ::dup2(launch.output, STDOUT_FILENO) == -1 ||
@@ -73,7 +73,7 @@ struct Launch {
     failInChild(launch.arguments[0]);
 }
 
-bool readableBy(int descriptor, Clock::time_point deadline) {
+bool waitReadable(int descriptor, Clock::time_point deadline) {
     for (;;) {
         const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
         pollfd entry{descriptor, POLLIN, 0};
@@ -86,7 +86,8 @@ bool readableBy(int descriptor, Clock::time_point deadline) {
 } // namespace
 
 bool mountOwnSys() {
-    // In place of the one that is there: "ip" takes a layer off, too, and may not find its own beneath.
+    // Replaces the mounted one: "ip netns exec" unmounts one layer, too, and must not find an older one
+    // beneath.
     return ::unshare(CLONE_NEWNS) == 0 && ::umount2("/sys", MNT_DETACH) == 0 &&
            ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0;
 }
@@ -150,7 +151,7 @@ Process::Process(const Plan& plan) : m_foreground(plan.foreground) {
     if (m_pid == -1)
         fail("fork");
     if (m_pid == 0)
-        becomeProgram(launch);
+        execProgram(launch);
     if (!plan.foreground)
         ::setpgid(m_pid, m_pid); // here as well as in the child: whichever runs first
     m_handle = Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, m_pid, 0)));
@@ -162,7 +163,7 @@ Process::Process(const Plan& plan) : m_foreground(plan.foreground) {
     if (captured.isOpen()) {
         m_output = std::make_unique<Output>();
         m_reader = net::detail::startThread(
-            [output = m_output.get(), pipe = std::move(captured)] { output->readFrom(pipe); });
+            "lab-reader", [output = m_output.get(), pipe = std::move(captured)] { output->readFrom(pipe); });
     }
 }
 
@@ -183,10 +184,11 @@ void Process::signalAll(int number) const {
 }
 
 std::optional<int> Process::wait(milliseconds timeout) {
-    if (m_status || !readableBy(m_handle.get(), Clock::now() + timeout))
+    if (m_status || !waitReadable(m_handle.get(), Clock::now() + timeout))
         return m_status;
     if (!m_foreground)
-        signalAll(SIGKILL); // what it left behind; its number is not free before it is waited for
+        signalAll(
+            SIGKILL); // processes that it started; the group's number is not free before it is waited for
     int status = 0;
     if (::waitpid(m_pid, &status, 0) == -1)
         fail("waitpid");

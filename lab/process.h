@@ -2,7 +2,7 @@
 /// A real process in the network of whoever starts it.
 #pragma once
 
-#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/base/descriptor.h>
 
 #include <sys/types.h>
 
@@ -24,9 +24,10 @@ std::string programBeside(const std::string& name);
 
 /// A running program. It sees the network of the thread that starts it, with a /sys of that network.
 ///
-/// Its output is captured, or goes to a file. It leads a process group of its own, and what it leaves behind
-/// in that group ends with it. One thread at a time may use an object; reading the output is the exception,
-/// it may overlap. Destruction stops the process. When the private network ends, so does the process.
+/// Its output is captured, or goes to a file. It leads a process group of its own, and
+/// processes that it started in that group end with it. One thread at a time may use an object; reading the
+/// output is the exception, it may overlap. Destruction stops the process. When the private network ends, so
+/// does the process.
 class Process {
 public:
     struct Plan {
@@ -62,7 +63,7 @@ public:
     std::optional<std::string> nextLine(std::chrono::milliseconds timeout);
     /// Skips lines up to the first one that contains @p text. @return as nextLine()
     std::optional<std::string> lineWith(const std::string& text, std::chrono::milliseconds timeout);
-    /// All captured output so far; all that there is once wait() or stop() has told of the end.
+    /// All captured output so far; complete after wait() or stop() has returned a status.
     std::string output() const;
 
 private:

@@ -1,13 +1,15 @@
-#include <UdpSocket/detail/interfaces.h>
+#include <UdpSocket/transport/interfaces.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
+
+#include <locale>
 
 namespace {
 
 using testing::ElementsAre;
 
-TEST(Addresses, TextThatIsNoAddressIsAllOnes) {
+TEST(Addresses, InvalidTextIsTranslatedToAllOnes) {
     EXPECT_EQ(net::transAddr("255.255.255.255"), 0xFFFFFFFFU);
     EXPECT_EQ(net::transAddr("radar"), 0xFFFFFFFFU);
     EXPECT_STREQ(net::transAddr(net::transAddr("236.6.7.8")), "236.6.7.8");
@@ -23,7 +25,7 @@ TEST(Addresses, PrefixLengthsWrapOutsideZeroToThirtyTwo) {
     EXPECT_EQ(net::cidrToMask(-1), net::cidrToMask(31));
 }
 
-TEST(Addresses, NetmaskBitsAreCountedWithoutRangeOrContiguity) {
+TEST(Addresses, NetmaskBitsAreCountedWithoutValidation) {
     for (int prefix = 0; prefix <= 32; ++prefix)
         EXPECT_EQ(net::maskToCidr(net::cidrToMask(prefix)), prefix);
     EXPECT_EQ(net::maskToCidr("255.0.255.0"), 16);
@@ -34,7 +36,17 @@ TEST(Addresses, NetmaskBitsAreCountedWithoutRangeOrContiguity) {
     EXPECT_EQ(net::maskToCidr("mask"), 0);
 }
 
-TEST(Addresses, NamesResolveToAppendedAddresses) {
+TEST(Addresses, NetmaskBitsAreCountedInAnyLocale) {
+    struct PointsBetweenThousands : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale(), new PointsBetweenThousands));
+    EXPECT_EQ(net::maskToCidr("255.255.255.0"), 24);
+    std::locale::global(before);
+}
+
+TEST(Addresses, ResolvedAddressesAreAppended) {
     std::vector<std::string> addresses{"10.0.0.1"};
     EXPECT_EQ(net::GetIpByDomainName("no-such-host.invalid", addresses), 0);
     EXPECT_THAT(addresses, ElementsAre("10.0.0.1"));
@@ -44,7 +56,7 @@ TEST(Addresses, NamesResolveToAppendedAddresses) {
     EXPECT_EQ(addresses[1], "127.0.0.1");
 }
 
-TEST(Interfaces, EveryAddressOfAnInterfaceIsARecord) {
+TEST(Interfaces, EveryAddressOfAnInterfaceIsListed) {
     ASSERT_EQ(std::system(
                   "ip link add eth0 type veth peer name far && ip link set eth0 address 00:1a:2b:3c:4d:5e && "
                   "ip addr add 10.1.0.2/24 dev eth0 && "
@@ -68,7 +80,7 @@ TEST(Interfaces, EveryAddressOfAnInterfaceIsARecord) {
     }
 }
 
-TEST(Interfaces, MacIsLeftAloneWithoutAUsableName) {
+TEST(Interfaces, MacIsUnchangedForUnknownInterfaces) {
     char mac[18] = "untouched";
     char tooLong[] = "interface-name-16";
     char unknown[] = "eth9";

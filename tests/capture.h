@@ -1,5 +1,5 @@
 /// @file
-/// What a node of the lab hears, captured to a file and read by the dissector.
+/// Captures what a node of the lab receives, and has the dissector read it.
 #pragma once
 
 #include "wait.h"
@@ -14,8 +14,8 @@
 #include <map>
 #include <sstream>
 
-/// One frame: what the dissector says of each field that was asked for; the values of a field that occurs
-/// several times are joined by '|'.
+/// One frame: the value of each requested field; the values of a field that occurs several times are
+/// joined by '|'.
 using Frame = std::map<std::string, std::string>;
 
 /// Captures on a node's eth0 from the constructor to read(), 60 seconds and 500 frames at most.

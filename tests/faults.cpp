@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -25,7 +26,7 @@ struct Plan {
 std::mutex s_mutex; // guards s_plan
 Plan s_plan;
 
-bool fails(const std::string& call) {
+bool shouldFail(const std::string& call) {
     std::lock_guard lock(s_mutex);
     if (call != s_plan.call || ++s_plan.calls < s_plan.first || s_plan.calls >= s_plan.first + s_plan.count)
         return false;
@@ -81,7 +82,7 @@ long entries(const char* directory) {
 #define WRAP(result, name, parameters, arguments)                                                            \
     extern "C" result __real_##name parameters;                                                              \
     extern "C" result __wrap_##name parameters {                                                             \
-        return fails(#name) ? failure() : __real_##name arguments;                                           \
+        return shouldFail(#name) ? failure() : __real_##name arguments;                                      \
     }
 
 WRAP(int, socket, (int family, int type, int protocol), (family, type, protocol))
@@ -106,19 +107,31 @@ WRAP(int, ioctl, (int fd, unsigned long request, void* value), (fd, request, val
 WRAP(int, fcntl, (int fd, int command, long value), (fd, command, value))
 WRAP(int, system, (const char* command), (command))
 
-extern "C" int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t length);
-extern "C" int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
-    return fails(optionName(level, option)) ? failure() : __real_setsockopt(fd, level, option, value, length);
+extern "C" int __real_posix_spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
+                                  const posix_spawnattr_t* attributes, char* const* arguments,
+                                  char* const* environment);
+extern "C" int __wrap_posix_spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
+                                  const posix_spawnattr_t* attributes, char* const* arguments,
+                                  char* const* environment) {
+    return shouldFail("posix_spawn")
+               ? errno
+               : __real_posix_spawn(process, path, actions, attributes, arguments, environment);
 }
 
-// Called by the standard library, where the linker's replacement does not reach; this definition goes first.
+extern "C" int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t length);
+extern "C" int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
+    return shouldFail(optionName(level, option)) ? failure()
+                                                 : __real_setsockopt(fd, level, option, value, length);
+}
+
+// Called by the standard library, which --wrap does not change; this definition is found before the real one.
 extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
                                                                      const pthread_attr_t* attributes,
                                                                      void* (*body)(void*),
                                                                      void* argument) noexcept {
     static const auto real =
         reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
-    return fails("pthread_create") ? errno : real(thread, attributes, body, argument);
+    return shouldFail("pthread_create") ? errno : real(thread, attributes, body, argument);
 }
 
 Fault::Fault(const std::string& call, int code, int first, int count) {
@@ -136,6 +149,6 @@ bool Fault::hit() const {
     return s_plan.hit;
 }
 
-Holdings Holdings::now() {
+ProcessResources ProcessResources::now() {
     return {entries("/proc/self/fd"), entries("/proc/self/task")};
 }

@@ -1,6 +1,5 @@
 /// @file
-/// System calls that fail when a test says so. The linker puts them in the place of those that the library
-/// makes.
+/// Makes system calls of the library fail. The linker replaces them by functions of this file (--wrap).
 #pragma once
 
 #include <string>
@@ -23,10 +22,10 @@ public:
     bool hit() const;
 };
 
-/// Descriptors and threads of the process.
-struct Holdings {
+/// Open descriptors and running threads of the process.
+struct ProcessResources {
     long descriptors;
     long threads;
-    static Holdings now();
-    bool operator==(const Holdings&) const = default;
+    static ProcessResources now();
+    bool operator==(const ProcessResources&) const = default;
 };

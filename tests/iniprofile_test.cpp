@@ -2,11 +2,15 @@
 #include "wait.h"
 
 #include <IniProfile/iniprofile.h>
-#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/base/descriptor.h>
+#include <UdpSocket/base/escape.h>
+#include <UdpSocket/settings/settings.h>
+#include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,14 +32,14 @@ protected:
         return GetProfileInfo(section, key, "default", maxLength, "profile.ini");
     }
     /// What a look-up of a key that is not there writes to standard error.
-    static std::string complaints() {
+    static std::string reports() {
         CaptureStderr();
         EXPECT_EQ(textOf("No", "Such"), "default");
         return GetCapturedStderr();
     }
 };
 
-TEST_F(Profile, ValueIsFoundAsAUserWroteIt) {
+TEST_F(Profile, ValueIsFoundInEveryAcceptedNotation) {
     const std::string longName(300, 'n');
     const struct {
         const char* what;
@@ -46,6 +50,7 @@ TEST_F(Profile, ValueIsFoundAsAUserWroteIt) {
         {"other letter case", "[LOCAL]\niP = 10.0.0.1\n", "10.0.0.1"},
         {"indented under another key", "[Local]\nNetName = eth0\n    IP = 10.0.0.1\n", "10.0.0.1"},
         {"CRLF and a byte order mark", "\xEF\xBB\xBF[Local]\r\nIP = 10.0.0.1\r\n", "10.0.0.1"},
+        {"CR alone", "; a\r[Local]\r\rNetName = eth0\rIP = 10.0.0.1\r", "10.0.0.1"},
         {"no newline at the end", "[Local]\nIP = 10.0.0.1", "10.0.0.1"},
         {"comments", "; a\n# b\n[Local] # c\nIP = 10.0.0.1 ; d\n#IP = 2\n;IP = 3\n", "10.0.0.1"},
         {"comment signs inside a word", "[Local]\nIP = a;b#c\t# d\n", "a;b#c"},
@@ -60,6 +65,54 @@ TEST_F(Profile, ValueIsFoundAsAUserWroteIt) {
         CaptureStderr();
         EXPECT_EQ(textOf("Local", "IP", 400), expected) << what;
         EXPECT_THAT(GetCapturedStderr(), IsEmpty()) << what;
+    }
+}
+
+TEST_F(Profile, SectionIsFoundByItsWholeNameHoweverLongItIs) {
+    for (const std::size_t length : {49U, 50U, 300U}) {
+        const std::string name(length, 's');
+        write("[ " + name + " ] ; comment\nIP = 1\n[" + name + "x]\nIP = 2\n");
+        EXPECT_EQ(textOf(name.c_str(), "IP"), "1") << length;
+        EXPECT_EQ(textOf((name + "x").c_str(), "IP"), "2") << length;
+        EXPECT_EQ(textOf(name.substr(1).c_str(), "IP"), "default") << length;
+    }
+}
+
+TEST_F(Profile, QuotesBelongToTheValueAndAreToldOnceForEachKey) {
+    const auto quotedValue = [&](const char* text, const char* key = "NetName") {
+        write(text);
+        CaptureStderr();
+        EXPECT_EQ(textOf("Local", key), "\"eth0\"");
+        return GetCapturedStderr();
+    };
+    EXPECT_EQ(quotedValue("[Local]\nNetName = \"eth0\"\n"),
+              path().string() + "/profile.ini:2: [Local] NetName is taken with its quotes\n");
+    EXPECT_EQ(quotedValue("[Local]\n\nNetName = \"eth0\"\n"), "") << "also when it has moved";
+    EXPECT_THAT(quotedValue("[Local]\nOther = \"eth0\"\n", "Other"), HasSubstr("Other is taken with"));
+}
+
+TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
+    const struct {
+        const char* text;
+        const char* address;
+        bool isComplainedOf;
+    } cases[] = {
+        {"10.9.0.1", "10.9.0.1", false},      {"10.9.1", "10.9.0.1", false},
+        {"0x0a090001", "10.9.0.1", false},    {"10.9.0.1 x", "10.9.0.1", false},
+        {"0.0.0.0", "0.0.0.0", false},        {"", "0.0.0.0", false},
+        {"255.255.255.255", "0.0.0.0", true}, {"10.9.0.256", "0.0.0.0", true},
+        {"radar\x1B[2J", "0.0.0.0", true},
+    };
+    for (const auto& [text, address, isComplainedOf] : cases) {
+        write(std::string("[Radar]\nIP = ") + text + "\n[Local]\nIP = " + text + "\n");
+        CaptureStderr();
+        EXPECT_STREQ(net::transAddr(net::settings::radarAddress()), address) << text;
+        EXPECT_STREQ(net::transAddr(net::settings::localAddress().ip), address) << text;
+        const std::string lines = GetCapturedStderr();
+        const std::string end =
+            " = " + net::detail::escaped(text) + " is no IPv4 address, taken as 0.0.0.0\n";
+        EXPECT_EQ(lines,
+                  isComplainedOf ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end : "");
     }
 }
 
@@ -94,25 +147,30 @@ TEST_F(Profile, ValueBeyondTheMaximumLengthIsReportedAndTheDefaultTaken) {
 
 TEST_F(Profile, EveryBrokenLineIsReportedOnceWithItsNumber) {
     write("[Local]\nIP 10.0.0.1\n= nothing\nNetName = eth1\n[Local\nNetName = eth2\n");
-    const std::string first = complaints();
+    const std::string first = reports();
     EXPECT_THAT(first, HasSubstr("profile.ini:2: neither a [section] nor key = value, ignored\n"));
     EXPECT_THAT(first, HasSubstr("profile.ini:3: neither a [section] nor key = value, ignored\n"));
     EXPECT_THAT(first, HasSubstr("profile.ini:5: a section without ], the keys below it are ignored\n"));
     EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 3);
     EXPECT_EQ(textOf("Local", "NetName"), "eth1");
-    EXPECT_THAT(complaints(), IsEmpty()) << "the file is read at every look-up, its faults told once";
+    EXPECT_THAT(reports(), IsEmpty()) << "the file is read at every look-up, each fault reported once";
 }
 
 TEST_F(Profile, FileThatCannotBeReadIsReportedAndAMissingOneIsNot) {
-    EXPECT_THAT(complaints(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
     write(std::string("[\0L\0]\0", 6));
-    EXPECT_THAT(complaints(), HasSubstr("no UTF-8 text"));
+    EXPECT_THAT(reports(), HasSubstr("no UTF-8 text"));
     std::filesystem::remove(path() / "profile.ini");
     std::filesystem::create_directory(path() / "profile.ini");
-    EXPECT_THAT(complaints(), HasSubstr("profile.ini: cannot be read (Is a directory)"));
+    EXPECT_THAT(reports(), HasSubstr("profile.ini: cannot be read (Is a directory)"));
+    std::filesystem::remove(path() / "profile.ini");
+    ASSERT_EQ(::mkfifo((path() / "profile.ini").c_str(), 0600), 0);
+    ::alarm(20); // ends the test if the file is waited for
+    EXPECT_THAT(reports(), HasSubstr("profile.ini: cannot be read (it is a FIFO)"));
+    ::alarm(0);
 }
 
-TEST_F(Profile, FileIsInTheNamedDirectoryOrInTheCurrentOneUnlessItsPathIsAbsolute) {
+TEST_F(Profile, RelativePathIsInTheNamedOrElseTheCurrentDirectory) {
     const std::string current = path() / "current.ini";
     write("[Local]\nIP = named\n");
     write("[Local]\nIP = current\n", "current.ini");
@@ -134,7 +192,7 @@ TEST_F(Profile, IsReadAgainExactlyWhenItsFileHasChanged) {
         char events[4096];
         return ::read(reads.get(), events, sizeof events) > 0;
     };
-    // A file that has just been written may be written again without a sign of it, so it is read each time.
+    // A change within the time stamp's resolution would not show, so a file is read each time when it is new.
     EXPECT_EQ(textOf("Local", "IP"), "old");
     EXPECT_TRUE(wasOpened());
     EXPECT_TRUE(comesTrue([&] { return textOf("Local", "IP") == "old" && !wasOpened(); }));
@@ -145,16 +203,16 @@ TEST_F(Profile, IsReadAgainExactlyWhenItsFileHasChanged) {
     EXPECT_EQ(textOf("Local", "IP"), "default");
 }
 
-TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndStandsInTheManual) {
+TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndIsQuotedInTheManual) {
     const auto contents = [](const char* file) {
         std::ostringstream text;
-        text << std::ifstream(std::string(HOUSE_DOCS) + "/" + file).rdbuf();
+        text << std::ifstream(std::string(DOCS_DIRECTORY) + "/" + file).rdbuf();
         return text.str();
     };
     const std::string example = contents("profile.ini.example");
     EXPECT_THAT(contents("configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
     write(example);
-    EXPECT_THAT(complaints(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
     EXPECT_EQ(textOf("Radar", "IP"), "");
     EXPECT_EQ(textOf("Radar", "TCPService"), "false");
     EXPECT_EQ(textOf("Local", "IP"), "0.0.0.0");
@@ -162,7 +220,7 @@ TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndStandsInTheManual) {
     EXPECT_EQ(textOf("Local", "MulticastLoop"), "false");
 }
 
-TEST_F(Profile, ThreadsLookUpAtOnceAndTheirComplaintsAreBounded) {
+TEST_F(Profile, ConcurrentLookUpsWorkAndReportsAreLimited) {
     std::string text = "[Local]\nNetName = eth0\n";
     for (int i = 0; i < 300; ++i)
         text += "broken\n";

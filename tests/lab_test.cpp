@@ -26,10 +26,10 @@ using testing::HasSubstr;
 constexpr const char* kGroup = "236.6.7.8";
 constexpr unsigned short kPort = 6678;
 
-/// Hears the group in a node, through one of its addresses.
-class Ear {
+/// Receives the group in a node, through one of its addresses.
+class GroupReceiver {
 public:
-    Ear(const Node& node, const char* localIp)
+    GroupReceiver(const Node& node, const char* localIp)
         : m_receiver(
               makeIn<net::UdpReceiver>(node, &m_recorder, net::transAddr(localIp), kGroup, kPort, 1024)) {}
     /// Where the next datagram came from; "" when none came.
@@ -37,7 +37,7 @@ public:
         const auto datagram = m_recorder.next(patience);
         return datagram ? datagram->from.substr(0, datagram->from.find(':')) : "";
     }
-    bool hearsNothing() { return next(200ms).empty(); }
+    bool receivesNothing() { return next(200ms).empty(); }
 
 private:
     Recorder m_recorder;
@@ -48,17 +48,17 @@ void send(const Node& node) {
     makeIn<net::UdpSender>(node, kGroup, kPort, 0, 0)->sendData("ping", 4);
 }
 
-TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNothingIsLeftAfterwards) {
+TEST(Lan, DatagramsReachConnectedInterfacesAndNothingIsLeftAfterwards) {
     for (int round = 0; round < 2; ++round) {
         {
             Lan lan({lab::display(3, 1), lab::radarHost(1), lab::radarHost(2)});
-            Ear leading(lan.node("display"), "10.20.2.1");
-            Ear dead(lan.node("display"), "192.168.2.1");
-            Ear neighbour(lan.node("host2"), "10.20.1.2");
+            GroupReceiver leading(lan.node("display"), "10.20.2.1");
+            GroupReceiver unconnected(lan.node("display"), "192.168.2.1");
+            GroupReceiver neighbour(lan.node("host2"), "10.20.1.2");
             send(lan.node("host1"));
             EXPECT_EQ(leading.next(), "10.20.1.1");
             EXPECT_EQ(neighbour.next(), "10.20.1.1");
-            EXPECT_TRUE(dead.hearsNothing());
+            EXPECT_TRUE(unconnected.receivesNothing());
             lan.changeAddress(lan.node("host1"), 0, "10.20.9.9/16");
             send(lan.node("host1"));
             EXPECT_EQ(leading.next(), "10.20.9.9");
@@ -68,10 +68,10 @@ TEST(Lan, ADatagramReachesTheInterfacesThatLeadToTheLanAndNothingIsLeftAfterward
     }
 }
 
-TEST(Lan, ACutTakesCarrierAndDatagramsUntilTheLinkIsRestored) {
+TEST(Lan, CutLinkHasNoCarrierAndNoDatagramsUntilItIsRestored) {
     Lan lan({lab::display(1), lab::radarHost(1)});
     const Node& host = lan.node("host1");
-    Ear display(lan.node("display"), "10.20.2.1");
+    GroupReceiver display(lan.node("display"), "10.20.2.1");
     const auto carrier = [&] { // as a process in the node sees it
         return host.start({.command = {"cat", "/sys/class/net/eth0/carrier"}}).nextLine(30s);
     };
@@ -83,12 +83,12 @@ TEST(Lan, ACutTakesCarrierAndDatagramsUntilTheLinkIsRestored) {
         EXPECT_TRUE(std::getline(std::ifstream("/sys/class/net/eth0/carrier"), line) && line == "0");
     });
     send(host);
-    EXPECT_TRUE(display.hearsNothing());
+    EXPECT_TRUE(display.receivesNothing());
 
     lan.restore(host);
     EXPECT_EQ(carrier(), "1");
     send(host);
-    EXPECT_EQ(display.next(), "10.20.1.1") << "the host's routes have outlived the cut";
+    EXPECT_EQ(display.next(), "10.20.1.1") << "a cut keeps the host's routes";
 }
 
 TEST(Process, IsStoppedWithAllThatItStarted) {
@@ -96,12 +96,12 @@ TEST(Process, IsStoppedWithAllThatItStarted) {
     const pid_t child = std::stoi(stubborn.nextLine(30s).value());
     EXPECT_EQ(stubborn.wait(0s), std::nullopt);
     EXPECT_EQ(stubborn.stop(50ms), 128 + SIGKILL);
-    const std::string entry = "/proc/" + std::to_string(child); // a zombie until init has looked
+    const std::string entry = "/proc/" + std::to_string(child); // a zombie until init has waited for it
     EXPECT_TRUE(comesTrue([&] { return !std::filesystem::exists(entry); }));
     EXPECT_EQ(Process({.command = {"no-such-program"}}).wait(30s), 127);
 }
 
-/// The program "lan", run in the private network of the test, which stands for the machine.
+/// The program "lan". The private network of the test plays the machine.
 class LanProgram : public testing::Test {
 protected:
     static std::vector<std::string> lan(const std::vector<std::string>& arguments) {
@@ -121,14 +121,14 @@ protected:
     }
 };
 
-TEST_F(LanProgram, RunsTheCommandOnTheDisplayAndEndsAsItEnds) {
+TEST_F(LanProgram, RunsTheCommandOnTheDisplayAndReturnsItsStatus) {
     Process program(
         {.command = lan({"--", "sh", "-c", "cat /sys/class/net/eth1/carrier; ip netns; exit 5"})});
     EXPECT_EQ(program.wait(20s), 5);
     EXPECT_THAT(program.output(), AllOf(HasSubstr("10.20.2.1/16"), HasSubstr("\n1\n"), HasSubstr("\nhost2")));
 }
 
-TEST_F(LanProgram, LeavesNothingHoweverItEnds) {
+TEST_F(LanProgram, LeavesNothingBehindHoweverItEnds) {
     const auto before = machine();
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGKILL}) {
         {
@@ -145,7 +145,7 @@ TEST_F(LanProgram, LeavesNothingHoweverItEnds) {
 TEST_F(LanProgram, NeedsNoPrivilegeWhereUserNamespacesAreAllowed) {
     if (::getuid() != 0 || std::system("setpriv --reuid=65534 --clear-groups true 2>/dev/null") != 0)
         GTEST_SKIP() << "not privileged to begin with";
-    std::filesystem::copy(LAN_PROGRAM, "/run/lan"); // the build may lie where nobody else can read
+    std::filesystem::copy(LAN_PROGRAM, "/run/lan"); // other users may not be able to read the build directory
     auto command = lan({"--drop", "10", "--", "ip", "netns"});
     command[0] = "/run/lan";
     command.insert(command.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
@@ -154,16 +154,16 @@ TEST_F(LanProgram, NeedsNoPrivilegeWhereUserNamespacesAreAllowed) {
     EXPECT_THAT(program.output(), HasSubstr("\nhost2"));
 }
 
-TEST_F(LanProgram, SaysInOneLineWhatItNeedsWhereItIsNotPermitted) {
+TEST_F(LanProgram, ExplainsInOneLineThatNamespacesAreNotPermitted) {
     auto command = lan({"true"});
-    // Forbids it below a user namespace that is made for this test.
+    // In a user namespace of its own, in which network namespaces are forbidden.
     command.insert(command.begin(), {"unshare", "--user", "--map-root-user", "sh", "-c",
                                      "echo 0 > /proc/sys/user/max_net_namespaces && exec \"$0\" \"$@\""});
     Process program({.command = command});
     EXPECT_EQ(program.wait(20s), lab::kNotPermitted);
-    const std::string said = program.output();
-    EXPECT_THAT(said, AllOf(HasSubstr("cannot make a private network"), HasSubstr("run as root")));
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+    const std::string printed = program.output();
+    EXPECT_THAT(printed, AllOf(HasSubstr("cannot make a private network"), HasSubstr("run as root")));
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1);
 }
 
 } // namespace

@@ -56,7 +56,7 @@ TEST(Md5, EveryLengthAroundABlockAgreesWithMd5sumHoweverItIsSplit) {
     EXPECT_EQ(std::system("md5sum --check --strict --quiet /run/sums"), 0);
 }
 
-TEST(Md5, AMessageBeyondTheLowCountWordGivesTheSameDigestAtOnceAndInPieces) {
+TEST(Md5, MessageBeyond512MiBHasTheSameDigestAtOnceAndInPieces) {
     constexpr unsigned int size = (1U << 29) + 101; // 2^32 bits and a little more
     void* const zeros = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(zeros, MAP_FAILED);

@@ -1,10 +1,11 @@
 /// @file
-/// What the tests of network management share: a listener that remembers, commands that must succeed,
-/// stand-ins that record their arguments instead of changing the network.
+/// What the tests of network management share: a listener that records events, commands that must succeed,
+/// stubs of commands that record their arguments instead of changing the network.
 #pragma once
 
 #include "recorder.h"
 
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/netiphelper.h>
 
 #include <gmock/gmock.h>
@@ -19,11 +20,11 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-/// Remembers every event as "eth0 10.0.0.1" or, for an address from DHCP, "eth0 10.0.0.1 dhcp".
+/// Records every event as "eth0 10.0.0.1" or, for an address from DHCP, "eth0 10.0.0.1 dhcp".
 class NetIpLog : public net::iNetIPListener, public Log<std::string> {
 public:
-    /// Whether the last event comes to be @p event.
-    bool comesTo(const std::string& event) const {
+    /// Whether @p event becomes the last one.
+    bool lastBecomes(const std::string& event) const {
         return comesTrue([&] { return reaches(1) && all().back() == event; }, 30s);
     }
 
@@ -46,11 +47,18 @@ inline std::string outputOf(const std::string& command) {
     return text;
 }
 
+inline void setWatchPass(std::chrono::milliseconds pass) {
+    auto timing = net::detail::timing();
+    timing.watchPass = pass;
+    net::detail::setTiming(timing);
+}
+
 /// A veth pair "eth0" and "far0", the latter in the namespace "far" with 10.5.0.1; a directory of the test's
 /// own on /run, which is private; and nobody's resolver configuration but the test's.
 class NetworkManagement : public testing::Test {
 protected:
     void SetUp() override {
+        setWatchPass(200ms); // instead of a second
         ASSERT_TRUE(succeeds(R"(set -e
             mkdir -p /run/test/bin
             touch /run/test/resolv.conf /run/test/commands
@@ -63,8 +71,8 @@ protected:
     static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
     static bool pullCable() { return succeeds("ip -n far link set far0 down"); }
 
-    /// Puts commands first in PATH that only record "name|argument|argument".
-    static void standIn() {
+    /// Puts stubs first in PATH, which only record "name|argument|argument".
+    static void installStubs() {
         std::ofstream("/run/test/bin/ifconfig") << R"(#!/bin/sh
             { printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> /run/test/commands
             )";

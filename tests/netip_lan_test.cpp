@@ -11,7 +11,7 @@ bool startDhcpServer() {
                     "--dhcp-leasefile=/run/test/leases --log-facility=/run/test/dnsmasq.log");
 }
 
-TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
+TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
     ASSERT_TRUE(
         succeeds("mount --bind /bin/bash /bin/sh")); // dash would let blocked signals through by itself
     ASSERT_TRUE(plugCable() && startDhcpServer());
@@ -19,24 +19,24 @@ TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
     const Output output;
     tNetIPHelper helper(true, "eth0", "10.5.0.9", "255.255.0.0");
     helper.AddNetIPListener(&listener);
-    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.50 dhcp"));
     EXPECT_THAT(listener.all(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
         << "added, restarted, lease";
     EXPECT_EQ(helper.GetNetIP(), "10.5.0.50");
     EXPECT_THAT(outputOf("ip -4 addr show eth0"),
                 HasSubstr("inet 10.5.0.9/16 brd 10.5.255.255 scope global eth0:0"))
-        << "the manual address stands by";
+        << "the manual address is kept as an alias";
 
     ASSERT_TRUE(succeeds("pkill -USR2 udhcpc")); // gives the lease back, and takes every address off
-    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
     ASSERT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }));
 
     listener.clear();
     ASSERT_TRUE(pullCable());
-    EXPECT_TRUE(listener.comesTo("eth0 0.0.0.0"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 0.0.0.0"));
     EXPECT_EQ(helper.GetNetIP(), "0.0.0.0");
     ASSERT_TRUE(plugCable());
-    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.50 dhcp"));
     EXPECT_THAT(listener.all(), ElementsAre("eth0 0.0.0.0", "eth0 0.0.0.0", "eth0 10.5.0.50 dhcp"))
         << "pulled, restarted, lease";
     ASSERT_TRUE(succeeds("pkill -TERM udhcpc")) << "a client that is left running can be ended";
@@ -53,18 +53,18 @@ TEST_F(NetworkManagement, TheInterfaceFollowsItsDhcpLeaseAndItsCable) {
         EXPECT_THAT(printed, HasSubstr(line));
 }
 
-TEST_F(NetworkManagement, InManualModeTheAliasInterfaceCarriesTheAddress) {
+TEST_F(NetworkManagement, ManualModePutsTheAddressOnTheAlias) {
     ASSERT_TRUE(plugCable() && succeeds("ip addr add 10.5.0.70/24 dev eth0"));
     NetIpLog listener;
     const Output output;
     tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.255.0");
     helper.AddNetIPListener(&listener);
-    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
     EXPECT_EQ(net::localIfaName(net::transAddr("10.5.0.9")), "eth0:0");
 
     ASSERT_TRUE(succeeds("ifconfig eth0:0 down && ip addr flush dev eth0"));
     EXPECT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }))
-        << "put back when somebody takes it away";
+        << "set again after another program removes it";
     const std::string printed = output.out();
     EXPECT_THAT(printed, HasSubstr("eth0 DHCP closed, use 10.5.0.9 manual IP 10.5.0.9\r\n"));
     EXPECT_THAT(printed, Not(HasSubstr("udhcpc")));
@@ -98,7 +98,7 @@ std::string profile(const std::string& fields) {
     return outputOf("nmcli -g " + fields + " connection show eth0");
 }
 
-TEST_F(NetworkManagement, NetworkManagerHasOneProfileOfTheInterfaceManualOrDhcp) {
+TEST_F(NetworkManagement, NetworkManagerKeepsOneProfileOfTheInterface) {
     if (!succeeds("command -v NetworkManager nmcli dbus-daemon dnsmasq > /dev/null"))
         GTEST_SKIP() << "network-manager, dbus-daemon or dnsmasq-base is not installed";
     ASSERT_TRUE(startNetworkManager()) << outputOf("cat /run/test/log");
@@ -111,7 +111,7 @@ TEST_F(NetworkManagement, NetworkManagerHasOneProfileOfTheInterfaceManualOrDhcp)
         NetIpLog listener;
         tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.0.0");
         helper.AddNetIPListener(&listener);
-        EXPECT_TRUE(listener.comesTo("eth0 10.5.0.9"));
+        EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
         EXPECT_EQ(profiles(), "eth0\n") << "the default one is gone";
         EXPECT_EQ(profile("connection.interface-name,ipv4.method,ipv4.addresses"),
                   "eth0\nmanual\n10.5.0.9/24\n");
@@ -127,9 +127,10 @@ TEST_F(NetworkManagement, NetworkManagerHasOneProfileOfTheInterfaceManualOrDhcp)
     NetIpLog listener;
     tNetIPHelper helper(true, "eth0", "10.5.0.9", "255.255.0.0");
     helper.AddNetIPListener(&listener);
-    EXPECT_TRUE(listener.comesTo("eth0 10.5.0.50 dhcp"));
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.50 dhcp"));
     EXPECT_EQ(profiles(), "eth0\n") << "the profile of the first watch is replaced";
-    EXPECT_EQ(profile("connection.autoconnect"), "yes\n"); // a look ahead of the lease may turn the method
+    // Not the method: a look before the lease may change it for a moment.
+    EXPECT_EQ(profile("connection.autoconnect"), "yes\n");
 }
 
 } // namespace

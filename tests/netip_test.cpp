@@ -19,25 +19,27 @@ TEST(NetworkCarrier, IsTheLastLineOfTheCarrierFile) {
     EXPECT_FALSE(tNetIPHelper::GetNetCarrier("eth8"));
 }
 
-TEST(NetworkListeners, HearNoAddressWhenAddedAndNothingOnceRemoved) {
+TEST(NetworkListeners, GetTheZeroAddressWhenAddedAndNothingAfterRemoval) {
     NetIpLog twice;
     NetIpLog other;
+    setWatchPass(200ms);
     tNetIPHelper helper(false, "eth9", "10.5.0.9", "255.255.255.0");
     helper.AddNetIPListener(&twice);
     helper.AddNetIPListener(&twice);
     helper.AddNetIPListener(&other);
     helper.RemoveNetIPListener(&twice);
-    const auto told = twice.all();
-    EXPECT_GE(told.size(), 2U);
+    const auto reported = twice.all();
+    EXPECT_GE(reported.size(), 2U);
     ASSERT_TRUE(other.reaches(2));
-    EXPECT_THAT(twice.all(), told);
-    EXPECT_EQ(told.at(0), "eth9 0.0.0.0");
+    EXPECT_THAT(twice.all(), reported);
+    EXPECT_EQ(reported.at(0), "eth9 0.0.0.0");
     EXPECT_EQ(helper.GetNetIP(), "0.0.0.0");
 }
 
 TEST_F(NetworkManagement, RestartWithNmcliRunsExactlyTheseCommandsInOrder) {
-    standIn();
+    installStubs();
     tNetIPHelper::SetNetworkToolType(true);
+    setWatchPass(1h); // no watch prints in between
     tNetIPHelper first(true, "eth8", "10.5.0.8", "255.255.0.0");
     tNetIPHelper second(false, "eth9", "10.5.0.9", "255.255.0.0");
     const std::string expected =
@@ -61,19 +63,12 @@ TEST_F(NetworkManagement, RestartWithNmcliRunsExactlyTheseCommandsInOrder) {
         "@nmcli connection add con-name eth9 type ethernet ifname eth9 ipv4.method manual "
         "ipv4.addresses 10.5.0.9/24\r\n"
         "\r\n------------------------------network restart over--------------------------\r\n";
-    std::string printed;
-    const auto printsThat = [&] { // unless a watch, once a second, reports in between
-        const Output output;
-        tNetIPHelper::NetworkRestart();
-        printed = output.out();
-        return printed == expected;
-    };
-    EXPECT_TRUE(comesTrue(printsThat, 60s)) << printed;
+    EXPECT_EQ(outOf(&tNetIPHelper::NetworkRestart), expected);
     EXPECT_THAT(recordedCommands(), HasSubstr("delete|有线连接 2\nservice|network-manager|restart\n"));
 }
 
-TEST_F(NetworkManagement, RestartWithIfconfigWaitsUntilItMayAndThenRunsExactlyTheseCommands) {
-    standIn();
+TEST_F(NetworkManagement, RestartWithIfconfigWaitsForResetReadyAndThenRunsExactlyTheseCommands) {
+    installStubs();
     tNetIPHelper::SetResetReady(false);
     NetIpLog listener;
     tNetIPHelper first(true, "eth8", "10.5.0.8", "255.255.0.0");
@@ -82,7 +77,7 @@ TEST_F(NetworkManagement, RestartWithIfconfigWaitsUntilItMayAndThenRunsExactlyTh
     const Output output;
     auto restart = std::async(std::launch::async, &tNetIPHelper::NetworkRestart);
     ASSERT_TRUE(listener.reaches(2)) << "added, paused";
-    EXPECT_EQ(restart.wait_for(1500ms), std::future_status::timeout);
+    EXPECT_EQ(restart.wait_for(500ms), std::future_status::timeout);
     EXPECT_EQ(recordedCommands(), "");
     EXPECT_EQ(listener.all().size(), 2U) << "the watch neither detects nor reports";
 
@@ -102,40 +97,40 @@ TEST_F(NetworkManagement, RestartWithIfconfigWaitsUntilItMayAndThenRunsExactlyTh
     EXPECT_THAT(output.out(), HasSubstr("@nmcli connection delete eth9\r\nIfconfig Mode ...\r\n@"));
 }
 
-TEST_F(NetworkManagement, TextThatIsNotPlainReachesNoShell) {
-    standIn();
+TEST_F(NetworkManagement, UnsafeTextReachesNoShell) {
+    installStubs();
     ASSERT_TRUE(succeeds("ip addr add 10.5.0.7/24 dev eth0") && plugCable());
-    const std::string harm = "; touch /run/test/harm;";
+    const std::string injection = "; touch /run/test/injected;";
     for (const bool nmcli : {true, false}) {
         tNetIPHelper::SetNetworkToolType(nmcli);
         NetIpLog listener;
-        tNetIPHelper badName(true, "eth9" + harm, "10.5.0.8", "255.255.255.0");
-        tNetIPHelper badAddress(false, "eth0", "10.5.0.9 " + harm, "255.255.255.0");
-        tNetIPHelper badMask(false, "eth7", "10.5.0.7", "255.255.255.0" + harm);
+        tNetIPHelper badName(true, "eth9" + injection, "10.5.0.8", "255.255.255.0");
+        tNetIPHelper badAddress(false, "eth0", "10.5.0.9 " + injection, "255.255.255.0");
+        tNetIPHelper badMask(false, "eth7", "10.5.0.7", "255.255.255.0" + injection);
         badAddress.AddNetIPListener(&listener);
         ASSERT_TRUE(listener.reaches(3)) << "added, restarted, settled";
     }
-    EXPECT_FALSE(std::filesystem::exists("/run/test/harm"));
-    for (const char* unplain : {"eth9", "10.5.0.9", "netmask"})
-        EXPECT_THAT(recordedCommands(), Not(HasSubstr(unplain)));
+    EXPECT_FALSE(std::filesystem::exists("/run/test/injected"));
+    for (const char* unsafe : {"eth9", "10.5.0.9", "netmask"})
+        EXPECT_THAT(recordedCommands(), Not(HasSubstr(unsafe)));
     EXPECT_THAT(recordedCommands(), HasSubstr("ifconfig|eth7:0|down\n"));
 }
 
-TEST_F(NetworkManagement, AnInstanceCanGoDuringARestartAtOnceAndGetsNoCommand) {
+TEST_F(NetworkManagement, InstanceDestroyedDuringARestartDoesNotWaitAndGetsNoCommand) {
     const Output output;
-    standIn();
+    installStubs();
     tNetIPHelper::SetResetReady(false);
     NetIpLog listener;
-    auto gone = std::make_unique<tNetIPHelper>(true, "eth0", "10.5.0.8", "255.255.255.0");
+    auto destroyed = std::make_unique<tNetIPHelper>(true, "eth0", "10.5.0.8", "255.255.255.0");
     tNetIPHelper other(false, "eth9", "10.5.0.9", "255.255.255.0");
-    gone->AddNetIPListener(&listener);
+    destroyed->AddNetIPListener(&listener);
     auto restart = std::async(std::launch::async, &tNetIPHelper::NetworkRestart);
     ASSERT_TRUE(listener.reaches(2)) << "the restart has begun";
     ASSERT_TRUE(plugCable());
     ASSERT_TRUE(comesTrue([&] {
         return output.out().find("eth0 carrier state changed 1") != std::string::npos;
-    })) << "it lets the cable settle";
-    EXPECT_LT(timeOf([&] { gone.reset(); }), 3s) << "not the five seconds of the pause";
+    })) << "the pause after a new carrier has begun";
+    EXPECT_LT(timeOf([&] { destroyed.reset(); }), 3s) << "not the five seconds of the pause";
 
     tNetIPHelper::SetResetReady(true);
     restart.get();
@@ -145,8 +140,8 @@ TEST_F(NetworkManagement, AnInstanceCanGoDuringARestartAtOnceAndGetsNoCommand) {
     EXPECT_THAT(recordedCommands(), Not(HasSubstr("eth0")));
 }
 
-TEST_F(NetworkManagement, ARestartWhoseInstanceIsGoneIsGivenUpAndUnpausesTheOthers) {
-    standIn();
+TEST_F(NetworkManagement, DestructionCancelsTheRestartThatTheInstanceBegan) {
+    installStubs();
     NetIpLog listener;
     tNetIPHelper other(false, "eth9", "10.5.0.9", "255.255.255.0");
     other.AddNetIPListener(&listener);
@@ -163,7 +158,7 @@ TEST_F(NetworkManagement, ARestartWhoseInstanceIsGoneIsGivenUpAndUnpausesTheOthe
 
     tNetIPHelper::SetResetReady(true);
     queued.get();
-    EXPECT_THAT(recordedCommands(), StartsWith("ifconfig|eth9:0|down\n")) << "now it is the next one's turn";
+    EXPECT_THAT(recordedCommands(), StartsWith("ifconfig|eth9:0|down\n")) << "the queued restart runs now";
 }
 
 } // namespace

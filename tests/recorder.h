@@ -1,5 +1,5 @@
 /// @file
-/// What threads tell and print, to be waited for.
+/// Records what threads report and print, for tests to wait for.
 #pragma once
 
 #include "wait.h"
@@ -90,7 +90,7 @@ private:
     Log<Datagram> m_datagrams;
 };
 
-/// The local addresses that an application is told of.
+/// Records the local addresses that are reported to an application.
 class Addresses : public iMultiRadarCheckerListener,
                   public net::iUdpCheckerListener,
                   public Log<std::string> {
@@ -98,7 +98,7 @@ class Addresses : public iMultiRadarCheckerListener,
     void OnUdpCheckerIpFound(unsigned int localIp) override { add(net::transAddr(localIp)); }
 };
 
-/// Keeps what is written to the two standard streams while it lives; a test that fails shows it after all.
+/// Captures the two standard streams while it lives; a failed test prints them in the end.
 class Output {
 public:
     Output() {

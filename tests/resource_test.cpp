@@ -1,4 +1,4 @@
-// What the system runs out of, and gets back: the library says so in a line, and works again.
+// Descriptors and threads run out and come back: the library reports it in a line, and works again.
 #include "faults.h"
 #include "one_interface.h"
 #include "profile_directory.h"
@@ -6,6 +6,7 @@
 #include "tcp_support.h"
 #include "wait.h"
 
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/hostserver.h>
 #include <UdpSocket/multiradarclient.h>
@@ -13,6 +14,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
@@ -28,7 +30,7 @@ using testing::HasSubstr;
 
 constexpr const char* kGroup = "236.1.2.3";
 
-/// Displays are set to the one interface, and hear hosts of this machine.
+/// Displays are set to the one interface, and receive hosts of this machine.
 class Resources : public OneInterface {
 protected:
     static bool lists(MultiRadarClient& display, const char* name) {
@@ -40,6 +42,16 @@ protected:
             },
             60s);
     }
+
+    Resources() {
+        net::detail::Timing timing;
+        timing.search = {200ms, 100ms, 300ms, 200ms};
+        timing.addressLook = 100ms;
+        timing.receiverRepair = 200ms;
+        timing.clientTick = 50ms;
+        net::detail::setTiming(timing);
+    }
+    ~Resources() override { net::detail::setTiming({}); }
 
     const ProfileDirectory m_profile{"[Local]\nIP = 10.1.0.1\nMulticastLoop = true\n"};
     const unsigned int m_local = net::transAddr("10.1.0.1");
@@ -70,7 +82,7 @@ struct Everything {
     MultiRadarClient display;
 };
 
-TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
+TEST_F(Resources, ObjectsMadeWithoutDescriptorsWorkOnceSomeAreFree) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP()
         << "UndefinedBehaviorSanitizer opens pipes to look at objects, and aborts without descriptors";
@@ -102,7 +114,7 @@ TEST_F(Resources, WhatWasMadeWithoutADescriptorLeftWorksOnceThereAreSome) {
     EXPECT_TRUE(comesTrue([&] { return all->client.isConnected(); }));
 }
 
-TEST_F(Resources, WhatAProgramWithoutStandardStreamsPrintsGoesIntoNoConnection) {
+TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
     const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     ::close(STDOUT_FILENO);
     {
@@ -115,16 +127,17 @@ TEST_F(Resources, WhatAProgramWithoutStandardStreamsPrintsGoesIntoNoConnection) 
     ::close(saved);
 }
 
-TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
+TEST_F(Resources, DisplayMadeWithoutThreadsListsRadarsOnceSomeAreFree) {
     m_profile.write(
-        "[Local]\nIP = 10.9.9.9\nMulticastLoop = true\n"); // no interface has it: nothing is heard
+        "[Local]\nIP = 10.9.9.9\nMulticastLoop = true\n"); // no interface has it: nothing is received
     const HostServer host("North", 16, 2);
     const Output output;
     MultiRadarClient display;
     {
         const Fault fault("pthread_create", EAGAIN, 1, Fault::kAll);
         display.setLocalIP(m_local);
-        const std::string refused = "function[thread],code[11,"; // when it is set, and at the first mending
+        // Reported when the address is set, and at the first repair.
+        const std::string refused = "function[thread],code[11,";
         EXPECT_TRUE(comesTrue([&] {
             const std::string text = output.err();
             return text.find(refused) != text.rfind(refused);
@@ -135,13 +148,13 @@ TEST_F(Resources, DisplayWithoutAThreadLeftListsItsRadarsOnceThereAreSome) {
     EXPECT_TRUE(lists(display, "North"));
 }
 
-/// Cycles from the environment variable CHURN_CYCLES, else few enough for a test.
+/// The environment variable CHURN_CYCLES, or few enough for a test.
 int cycles() {
     const char* const text = std::getenv("CHURN_CYCLES");
     return text != nullptr ? std::stoi(text) : 25;
 }
 
-TEST_F(Resources, CreationAndDestructionLeaveNothing) {
+TEST_F(Resources, CreationAndDestructionLeakNothing) {
     const unsigned short port = tcp_test::freePort();
     const std::pair<const char*, std::function<void()>> classes[] = {
         {"UdpSocket",
@@ -166,18 +179,18 @@ TEST_F(Resources, CreationAndDestructionLeaveNothing) {
         {"HostNegotiator", [&] { HostNegotiator(nullptr, nullptr).asyncLogin(16); }},
         {"tNetIPHelper", [&] { net::tNetIPHelper(false, "eth9", "10.5.0.9", "255.255.255.0"); }},
     };
-    const auto holdsAtMost = [](const Holdings& most) {
-        const Holdings now = Holdings::now();
+    const auto holdsAtMost = [](const ProcessResources& most) {
+        const ProcessResources now = ProcessResources::now();
         return now.descriptors <= most.descriptors && now.threads <= most.threads;
     };
-    const Holdings before = Holdings::now();
+    const ProcessResources before = ProcessResources::now();
     for (const auto& [name, live] : classes) {
         size_t growth = 0;
         {
             const Output output;
-            const Holdings most = Holdings::now();
+            const ProcessResources most = ProcessResources::now();
             const auto settle = [&] { comesTrue([&] { return holdsAtMost(most); }); };
-            live(); // what is made once
+            live(); // the first time allocates what is kept
             settle();
             const size_t heap = ::mallinfo2().uordblks;
             for (int i = 0; i < cycles(); ++i)

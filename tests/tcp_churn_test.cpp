@@ -9,15 +9,15 @@ namespace {
 
 using namespace tcp_test;
 
-constexpr size_t kStayers = 100;
-constexpr size_t kGoers = 100;
+constexpr size_t kStableClients = 100;
+constexpr size_t kChurnClients = 100;
 constexpr size_t kDrivers = 4;
 constexpr auto kDuration = 4s;
-constexpr auto kAtMost = 60s;             // on a busy machine, until enough has happened
-constexpr size_t kBroadcast = 16384;      // enough to fill the connection of a goer that stalls
-constexpr size_t kAhead = 4 * kBroadcast; // and what a stayer's connection holds, however slow the machine is
+constexpr auto kMaxDuration = 60s;        // on a busy machine, until enough has happened
+constexpr size_t kBroadcast = 16384;      // fills the connection of a churn client that stalls
+constexpr size_t kAhead = 4 * kBroadcast; // what a stable client's connection holds on a slow machine, too
 
-/// @p count bytes of the endless text that every stream here is a beginning of.
+/// @p count bytes from @p position of the endless text that every stream here begins with.
 std::string text(size_t position, size_t count) {
     std::string result(count, '\0');
     for (char& byte : result)
@@ -25,24 +25,24 @@ std::string text(size_t position, size_t count) {
     return result;
 }
 
-/// The server's side: checks what all send, closes some that come after the stayers.
-class Desk : public net::iTcpDataListener {
+/// Checks what all clients send, and closes some that connect after the stable clients.
+class Server : public net::iTcpDataListener {
 public:
-    virtual ~Desk() = default;
+    virtual ~Server() = default;
 
     std::map<unsigned short, size_t> received() const { // by port
         std::lock_guard lock(m_mutex);
         return m_received;
     }
     std::atomic<size_t> ended = 0;
-    std::atomic<size_t> mistakes = 0;
+    std::atomic<size_t> mismatches = 0;
 
 private:
     void OnTcpClientConnected(int fd, const char*, unsigned short port) override {
         std::lock_guard lock(m_mutex);
         m_received[port] = 0;
-        if (m_received.size() <= kStayers)
-            m_lastStayer = std::max(m_lastStayer, fd);
+        if (m_received.size() <= kStableClients)
+            m_lastStableFd = std::max(m_lastStableFd, fd);
     }
     void OnTcpClientDisconnected(int, const char*, unsigned short port) override {
         std::lock_guard lock(m_mutex);
@@ -51,107 +51,113 @@ private:
     void OnTcpDataReceived(int fd, const char*, unsigned short port, const char* data, int len) override {
         const auto length = static_cast<size_t>(len);
         std::lock_guard lock(m_mutex);
-        mistakes += std::string(data, length) != text(m_received[port], length);
+        mismatches += std::string(data, length) != text(m_received[port], length);
         m_received[port] += length;
-        if (fd > m_lastStayer && m_received[port] > 20000)
-            server.closeClient(fd);
+        if (fd > m_lastStableFd && m_received[port] > 20000)
+            tcp.closeClient(fd);
     }
 
     mutable std::mutex m_mutex; // guards the two below
     std::map<unsigned short, size_t> m_received;
-    int m_lastStayer = 0;
+    int m_lastStableFd = 0;
 
 public:
-    net::TcpServer server{this}; // the first to end
+    net::TcpServer tcp{this}; // last: it ends before what its callbacks use
 };
 
-/// A client that stays, talks, sometimes lets what it is sent wait, and checks it.
-struct Stayer {
-    void talk(size_t count) {
+/// A client that stays connected, sends, reads now and then, and checks what it reads.
+struct StableClient {
+    void send(size_t count) {
         EXPECT_TRUE(peer.send(text(sent, count)));
         sent += count;
     }
-    size_t listen() {
-        for (std::string bytes; !(bytes = peer.read(65536, MSG_DONTWAIT)).empty(); heard += bytes.size())
-            mistakes += bytes != text(heard, bytes.size());
-        return heard;
+    size_t receive() {
+        for (std::string bytes; !(bytes = peer.read(65536, MSG_DONTWAIT)).empty(); received += bytes.size())
+            mismatches += bytes != text(received, bytes.size());
+        return received;
     }
 
     Peer peer;
     size_t sent = 0;
-    std::atomic<size_t> heard = 0;
-    size_t mistakes = 0;
+    std::atomic<size_t> received = 0;
+    size_t mismatches = 0;
 };
 
-/// A client that comes, talks or stalls, and goes with or without manners.
-void actAsGoer(std::unique_ptr<Peer>& peer, unsigned short port, unsigned dice) {
-    if (peer == nullptr) {
-        peer = std::make_unique<Peer>(port, kLocal, 1);
-    } else if (dice % 40 == 0) {
-        dice % 80 == 0 ? peer->reset() : peer->close();
-        peer.reset();
-    } else if (dice % 4 == 0) {
-        peer->send(text(0, 23 * (dice % 50))); // whole alphabets, so that each begins where the last ended
+/// A client that connects, sends or stalls, and ends with FIN or RST.
+class ChurnClient {
+public:
+    void act(unsigned short port, unsigned random) {
+        if (m_peer == nullptr) {
+            m_peer = std::make_unique<Peer>(port, kLocal, 1);
+        } else if (random % 40 == 0) {
+            random % 80 == 0 ? m_peer->reset() : m_peer->close();
+            m_peer.reset();
+        } else if (random % 4 == 0) {
+            m_peer->send(text(0, 23 * (random % 50))); // whole alphabets: each continues the one before
+        }
     }
-}
 
-TEST(TcpServerChurn, EveryByteOfEveryClientThatStaysArrivesWhateverTheOthersDo) {
+private:
+    std::unique_ptr<Peer> m_peer;
+};
+
+TEST(TcpServerChurn, StableClientsLoseNoByteWhileOthersComeAndGo) {
     const Output output;
-    Desk desk;
+    Server server;
     const unsigned short port = freePort();
-    ASSERT_TRUE(desk.server.connect(kLocal, port, -1));
-    std::deque<Stayer> stayers;
-    for (size_t i = 0; i < kStayers; ++i)
-        stayers.emplace_back().peer = Peer(port);
-    ASSERT_TRUE(comesTrue([&] { return desk.received().size() == kStayers; }));
+    ASSERT_TRUE(server.tcp.connect(kLocal, port, -1));
+    std::deque<StableClient> stableClients;
+    for (size_t i = 0; i < kStableClients; ++i)
+        stableClients.emplace_back().peer = Peer(port);
+    ASSERT_TRUE(comesTrue([&] { return server.received().size() == kStableClients; }));
 
     const auto start = Clock::now();
     std::atomic<bool> done = false;
     std::vector<std::thread> drivers;
     for (size_t driver = 0; driver < kDrivers; ++driver)
         drivers.emplace_back([&, driver] {
-            std::minstd_rand dice(static_cast<unsigned>(driver) + 1);
-            std::vector<std::unique_ptr<Peer>> goers(kGoers / kDrivers);
+            std::minstd_rand random(static_cast<unsigned>(driver) + 1);
+            std::vector<ChurnClient> churnClients(kChurnClients / kDrivers);
             while (!done) {
-                for (size_t i = driver; i < stayers.size(); i += kDrivers) {
-                    if (dice() % 4 == 0)
-                        stayers[i].talk(dice() % 3000);
-                    if (dice() % 3 == 0)
-                        stayers[i].listen();
+                for (size_t i = driver; i < stableClients.size(); i += kDrivers) {
+                    if (random() % 4 == 0)
+                        stableClients[i].send(random() % 3000);
+                    if (random() % 3 == 0)
+                        stableClients[i].receive();
                 }
-                for (std::unique_ptr<Peer>& goer : goers)
-                    actAsGoer(goer, port, static_cast<unsigned>(dice()));
+                for (ChurnClient& client : churnClients)
+                    client.act(port, static_cast<unsigned>(random()));
             }
         });
     size_t broadcast = 0;
     const auto allKeepUp = [&] {
-        return std::ranges::all_of(stayers,
-                                   [&](const Stayer& stayer) { return stayer.heard + kAhead > broadcast; });
+        return std::ranges::all_of(
+            stableClients, [&](const StableClient& client) { return client.received + kAhead > broadcast; });
     };
     const std::string stalled = "tcpsocket.cpp,operator(),296,";
     const auto hasSeenAll = [&] {
-        return desk.ended > 100 && output.err().find(stalled) != std::string::npos;
+        return server.ended > 100 && output.err().find(stalled) != std::string::npos;
     };
-    while (Clock::now() < start + kDuration || (!hasSeenAll() && Clock::now() < start + kAtMost)) {
+    while (Clock::now() < start + kDuration || (!hasSeenAll() && Clock::now() < start + kMaxDuration)) {
         comesTrue(allKeepUp);
-        desk.server.sendData(text(broadcast, kBroadcast).data(), kBroadcast);
+        server.tcp.sendData(text(broadcast, kBroadcast).data(), kBroadcast);
         broadcast += kBroadcast;
     }
     done = true;
     for (std::thread& driver : drivers)
         driver.join();
 
-    for (Stayer& stayer : stayers) {
-        ASSERT_TRUE(comesTrue([&] { return stayer.listen() == broadcast; })) << stayer.heard;
-        EXPECT_EQ(stayer.mistakes, 0U);
-        EXPECT_TRUE(comesTrue([&] { return desk.received()[stayer.peer.port()] == stayer.sent; }));
+    for (StableClient& client : stableClients) {
+        ASSERT_TRUE(comesTrue([&] { return client.receive() == broadcast; })) << client.received;
+        EXPECT_EQ(client.mismatches, 0U);
+        EXPECT_TRUE(comesTrue([&] { return server.received()[client.peer.port()] == client.sent; }));
     }
-    EXPECT_EQ(desk.mistakes, 0U);
-    EXPECT_TRUE(comesTrue([&] { // also those that had gone before they were accepted
-        return desk.received().size() == kStayers && desk.server.numOfClients() == kStayers;
-    })) << "the others have gone";
-    EXPECT_GT(desk.ended, 100U) << "there was a coming and going";
-    EXPECT_THAT(output.err(), HasSubstr(stalled)) << "somebody stalled";
+    EXPECT_EQ(server.mismatches, 0U);
+    EXPECT_TRUE(comesTrue([&] { // also those that had closed before they were accepted
+        return server.received().size() == kStableClients && server.tcp.numOfClients() == kStableClients;
+    })) << "the churn clients have left";
+    EXPECT_GT(server.ended, 100U) << "clients came and went";
+    EXPECT_THAT(output.err(), HasSubstr(stalled)) << "a client stalled";
 }
 
 } // namespace

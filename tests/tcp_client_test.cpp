@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 
 #include <atomic>
+#include <future>
 
 namespace {
 
@@ -35,7 +36,9 @@ TEST(TcpClient, AnAttemptIsLoggedAndAnnouncedBeforeTheClientCountsAsConnected) {
     notes.onConnected = [&](int) {
         EXPECT_FALSE(inside->isConnected());
         EXPECT_FALSE(inside->sendData("x", 1));
+        EXPECT_TRUE(inside->asyncSendData("queued", 6));
     };
+    Peer peer; // outlives the client
     const Output output;
     {
         TcpClient client(&notes, kLocal, port, 0);
@@ -46,6 +49,8 @@ TEST(TcpClient, AnAttemptIsLoggedAndAnnouncedBeforeTheClientCountsAsConnected) {
         EXPECT_FALSE(client.sendData("x", 1));
         EXPECT_TRUE(client.connectOnce());
         EXPECT_TRUE(client.isConnected());
+        peer = listening.accept();
+        EXPECT_EQ(peer.read(6), "queued");
 
         TcpClient unlucky(&notes, kLocal, 1, 0);
         EXPECT_FALSE(unlucky.connectOnce());
@@ -80,7 +85,7 @@ TEST(TcpClient, BytesTravelBothWaysThroughTheInterfaceOfTheLocalAddress) {
         EXPECT_TRUE(c.client.asyncSendData("thr\0ee", 6));
         EXPECT_EQ(c.peer->read(6), std::string("thr\0ee", 6));
         EXPECT_TRUE(c.peer->send("back"));
-        EXPECT_TRUE(c.notes.hears("back"));
+        EXPECT_TRUE(c.notes.receives("back"));
     }
 }
 
@@ -115,6 +120,68 @@ TEST(TcpClient, ALossIsReportedByItsCauseAndAnnouncedOnce) {
         EXPECT_THAT(output.out(), testing::AllOf(HasSubstr(printed), HasSubstr(") receive thread out ....")));
         EXPECT_EQ(output.err(), errorLine(function, line, port, call, code));
     }
+}
+
+TEST(TcpClient, APeerThatEndsItsOwnDirectionStillGetsWhatWasToBeSent) {
+    Connected c;
+    const std::string much(32 << 20, 'a'); // more than the connection holds
+    auto sent = std::async(std::launch::async, [&] {
+        return c.client.sendData(much.data(), static_cast<unsigned>(much.size()));
+    });
+    ASSERT_EQ(c.peer->read(1), "a") << "a send is under way";
+    c.client.asyncSendData("stood in the queue", 18);
+    c.peer->endOwnDirection();
+    EXPECT_TRUE(c.lossIsAnnounced());
+    EXPECT_FALSE(c.client.isConnected());
+    c.client.asyncSendData("late", 4);
+    EXPECT_TRUE(c.peer->read(much.size() - 1) == much.substr(1));
+    EXPECT_EQ(c.peer->read(18), "stood in the queue");
+    EXPECT_TRUE(sent.get());
+    ASSERT_TRUE(c.client.connectOnce());
+    EXPECT_EQ(c.peer->read(1), "") << "until the next connection";
+    c.client.asyncSendData("new", 3);
+    EXPECT_EQ(c.listening.accept().read(3), "new");
+}
+
+TEST(TcpClient, AStreamThatIsNotLostStaysOpen) {
+    const std::pair<const char*, void (*)(Connected&)> cases[] = {
+        {"the peer has ended its own direction", [](auto& c) { c.peer->endOwnDirection(); }},
+        {"a send has failed", [](auto& c) { EXPECT_FALSE(c.client.sendData("", 0)); }},
+        {"told to quit", [](auto& c) { c.client.notifyForQuit(); }},
+    };
+    const Output output;
+    for (const auto& [name, cause] : cases) {
+        Connected c;
+        const auto threadsOut = [&, before = output.out().size()] {
+            return output.out().find("receive thread out", before) != std::string::npos;
+        };
+        cause(c);
+        EXPECT_TRUE(comesTrue([&] { return threadsOut() && !c.client.isConnected(); })) << name;
+        std::this_thread::sleep_for(50ms); // what would end it follows
+        EXPECT_TRUE(c.peer->isOpen()) << name;
+    }
+}
+
+TEST(TcpClient, AProcessThatIsStoppedAndContinuedKeepsItsConnection) {
+    Connected c;
+    const Output output;
+    ASSERT_EQ(
+        std::system("for i in 1 2 3; do kill -STOP $PPID; sleep 0.05; kill -CONT $PPID; sleep 0.05; done"),
+        0);
+    EXPECT_TRUE(c.peer->send("after"));
+    EXPECT_TRUE(c.notes.receives("after"));
+    EXPECT_EQ(output.err(), "");
+}
+
+TEST(TcpClient, SendsOfSeveralThreadsArriveWholeThoughInterrupted) {
+    Connected c;
+    EXPECT_EQ(tornOrLost(*c.peer, [&](auto... bytes) { return c.client.sendData(bytes...); }), "");
+    EXPECT_EQ(
+        tornOrLost(*c.peer,
+                   [&](const char* data, unsigned len) {
+                       return c.client.sendMultipleDatas({{data, 1}, {data + 1, static_cast<int>(len) - 1}});
+                   }),
+        "");
 }
 
 TEST(TcpClient, QueuedSendsKeepTheirOrderAndALongQueueIsMentionedPerItem) {
@@ -159,7 +226,7 @@ TEST(TcpClient, ConnectsByItselfAndAgainAfterTheServerRestarts) {
             const lab::Process echo({.command = {"socat", address, "EXEC:cat"}});
             ASSERT_TRUE(comesTrue([&] { return client.isConnected(); }, 20s));
             EXPECT_TRUE(client.sendData("echo ", 5));
-            EXPECT_TRUE(notes.hears(expected += "echo "));
+            EXPECT_TRUE(notes.receives(expected += "echo "));
         }
         EXPECT_TRUE(notes.disconnected.reaches(round));
         EXPECT_EQ(notes.connected.all().size(), round);
@@ -181,6 +248,17 @@ TEST(TcpClient, ReplacingAConnectionAnnouncesItsEndFirst) {
         EXPECT_EQ(c.notes.connected.all().size(), 6U);
     }
     EXPECT_EQ(output.err(), "") << "an end of our own making is no error";
+}
+
+TEST(TcpClient, AListenerBusyWithOldDataDoesNotDelayTheNextConnected) {
+    Connected c;
+    std::atomic<bool> inTime = false;
+    c.notes.onData = [&](int) { inTime = c.notes.connected.reaches(2, 5s); };
+    EXPECT_TRUE(c.peer->send("old"));
+    EXPECT_TRUE(c.notes.receives("old"));
+    EXPECT_TRUE(c.client.connectOnce());
+    EXPECT_TRUE(inTime);
+    EXPECT_EQ(c.notes.disconnected.all().size(), 1U);
 }
 
 TEST(TcpClient, EveryConnectedHasItsDisconnectedWhoeverConnectsAndSends) {
@@ -227,7 +305,7 @@ TEST(TcpClient, ToldToQuitItEndsWithinItsTimeOutAndCanConnectOnceMore) {
     EXPECT_TRUE(comesTrue([&] { return !c.client.isConnected(); }));
     ASSERT_TRUE(c.client.connectOnce());
     EXPECT_TRUE(c.listening.accept().send("again"));
-    EXPECT_TRUE(c.notes.hears("again"));
+    EXPECT_TRUE(c.notes.receives("again"));
 }
 
 TEST(TcpClient, IsGoneAtOnceWhetherIdleConnectedLostOrBlockedInASend) {

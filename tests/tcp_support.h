@@ -1,18 +1,22 @@
 /// @file
-/// What the tests of the TCP classes share: plain sockets as the other end, and a listener that takes notes.
+/// What the tests of the TCP classes share: plain sockets as peers, and a listener that records events.
 #pragma once
 
 #include "recorder.h"
 
-#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/base/socket.h>
 #include <UdpSocket/tcpsocket.h>
 
 #include <gmock/gmock.h>
 
 #include <netinet/in.h>
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -27,7 +31,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr const char* kLocal = "127.0.0.1";
-constexpr auto kQuick = 4s; // for what must not wait, for five seconds or for good
+constexpr auto kQuick = 4s; // limit of what must wait neither for a time-out of 5 s nor forever
 
 inline std::string errorLine(const char* function, int line, unsigned short port, const char* call, int code,
                              const std::string& address = kLocal) {
@@ -76,6 +80,9 @@ public:
         bytes.resize(static_cast<size_t>(std::max<ssize_t>(0, ::recv(fd(), bytes.data(), count, flags))));
         return bytes;
     }
+    void endOwnDirection() const { ::shutdown(fd(), SHUT_WR); }
+    /// Whether it stands and nothing waits to be read.
+    bool isOpen() const { return ::recv(fd(), nullptr, 0, MSG_DONTWAIT | MSG_PEEK) < 0 && errno == EAGAIN; }
     /// Whether the stream ends in time, with FIN or RST; what comes before is dropped.
     bool ends() const {
         errno = 0;
@@ -102,12 +109,62 @@ private:
     Peer m_socket;
 };
 
+/// While it lives, its thread's calls are interrupted every millisecond, by a signal that restarts none.
+class Interrupted {
+public:
+    Interrupted() {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGUSR1, &action, nullptr);
+        m_interrupter = std::jthread([thread = ::pthread_self()](const std::stop_token& stop) {
+            for (; !stop.stop_requested(); std::this_thread::sleep_for(1ms))
+                ::pthread_kill(thread, SIGUSR1);
+        });
+    }
+
+private:
+    std::jthread m_interrupter;
+};
+
+/// Has two threads send frames of letters, interrupted all the time, to a peer that reads slowly.
+/// @param send sends one frame. @return what is wrong with what arrives; empty: nothing
+template <class Send>
+std::string tornOrLost(const Peer& peer, Send send) {
+    constexpr size_t kFrame = 100000;
+    constexpr int kFrames = 60; // of each thread
+    std::atomic<int> refused = 0;
+    std::vector<std::thread> senders;
+    for (const char letter : {'a', 'b'})
+        senders.emplace_back([&, frame = std::string(kFrame, letter)] {
+            const Interrupted interrupted;
+            for (int i = 0; i < kFrames; ++i)
+                refused += !send(frame.data(), static_cast<unsigned>(frame.size()));
+        });
+    std::string received;
+    while (received.size() < 2 * kFrames * kFrame) {
+        const std::string piece = peer.read(50000, 0);
+        if (piece.empty())
+            break;
+        received += piece;
+        std::this_thread::sleep_for(100us);
+    }
+    for (std::thread& sender : senders)
+        sender.join();
+    for (size_t at = 0; at < received.size(); at += kFrame)
+        if (received.compare(at, kFrame, std::string(kFrame, received[at])) != 0)
+            return "frame " + std::to_string(at / kFrame) + " is torn";
+    if (refused != 0 || received.size() != 2 * kFrames * kFrame)
+        return std::to_string(refused) + " frames refused, " + std::to_string(received.size()) +
+               " bytes there";
+    return {};
+}
+
 /// A port that nobody listens on.
 inline unsigned short freePort() {
     return Listening().port();
 }
 
-/// Takes notes. The hooks run on the thread of the callback, after the note; they are set before it can come.
+/// Records events. The hooks run on the thread of the callback, after the record, and are set before it.
 class Notes : public net::iTcpDataListener {
 public:
     virtual ~Notes() = default;
@@ -119,11 +176,11 @@ public:
 
     std::string bytes() const {
         std::string all;
-        for (const std::string& piece : m_pieces.all())
+        for (const std::string& piece : m_received.all())
             all += piece;
         return all;
     }
-    bool hears(const std::string& expected) const {
+    bool receives(const std::string& expected) const {
         return comesTrue([&] { return bytes() == expected; }, 20s);
     }
 
@@ -132,7 +189,7 @@ private:
         return std::to_string(fd) + " " + addr + ":" + std::to_string(port);
     }
     void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
-        m_pieces.add(std::string(data, static_cast<size_t>(len)));
+        m_received.add(std::string(data, static_cast<size_t>(len)));
         if (onData)
             onData(fd);
     }
@@ -147,7 +204,7 @@ private:
             onDisconnected(fd);
     }
 
-    Log<std::string> m_pieces;
+    Log<std::string> m_received;
 };
 
 } // namespace tcp_test

@@ -13,6 +13,7 @@ enum ExitCode {
     kNothingFound = 1, ///< or a check failed
     kUsage = 2,
     kNotAllowed = 3, ///< by the machine
+    kShortage = 4,   ///< of threads, descriptors or memory; may pass
 };
 
 /// Ends a subcommand with a line on standard error.

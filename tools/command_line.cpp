@@ -1,9 +1,11 @@
 #include "command_line.h"
 
 #include "command.h"
+#include "table.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 
@@ -16,6 +18,23 @@ Check checkRange(Number least, Number most, const std::string& words) {
         const bool isNumber = CLI::detail::lexical_cast(text, number);
         return isNumber && number >= least && number <= most ? "" : "'" + text + "' " + words;
     };
+}
+
+/// How many letters were typed wrongly, left out, put in, or swapped with the next one.
+std::size_t slips(const std::string& typed, const std::string& meant) {
+    std::vector<std::vector<std::size_t>> best(typed.size() + 1, std::vector<std::size_t>(meant.size() + 1));
+    for (std::size_t i = 0; i <= typed.size(); ++i)
+        for (std::size_t j = 0; j <= meant.size(); ++j) {
+            if (i == 0 || j == 0) {
+                best[i][j] = i + j;
+                continue;
+            }
+            best[i][j] = std::min({best[i - 1][j] + 1, best[i][j - 1] + 1,
+                                   best[i - 1][j - 1] + (typed[i - 1] == meant[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && typed[i - 1] == meant[j - 2] && typed[i - 2] == meant[j - 1])
+                best[i][j] = std::min(best[i][j], best[i - 2][j - 2] + 1);
+        }
+    return best[typed.size()][meant.size()];
 }
 
 } // namespace
@@ -67,6 +86,10 @@ void Syntax::exclude(const std::string& name, const std::string& other) {
     m_app->get_option(name)->excludes(m_app->get_option(other));
 }
 
+void Syntax::need(const std::string& name, const std::string& other) {
+    m_app->get_option(name)->needs(m_app->get_option(other));
+}
+
 CommandLine::CommandLine(const std::string& program, const std::string& description,
                          const std::string& version)
     : m_app(std::make_unique<CLI::App>(description, program)) {
@@ -99,18 +122,37 @@ std::optional<CommandLine::Run> CommandLine::parse(int argc, const char* const* 
         }
     } catch (const CLI::ParseError& error) {
         const bool named = !m_app->get_subcommands().empty();
-        const bool isOption = argc > 1 && argv[1][0] == '-' && !named;
+        const bool isMissing = !named && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
         std::fprintf(stderr, "%s: %s (see %s --help)\n", m_app->get_name().c_str(),
-                     named || isOption ? error.what() : ("name a command: " + commandNames()).c_str(),
+                     (isMissing ? whatCommand() : printable(error.what())).c_str(),
                      m_app->get_name().c_str());
         exitCode = kUsage;
     }
     return std::nullopt;
 }
 
-std::string CommandLine::commandNames() const {
-    std::string names;
+std::vector<std::string> CommandLine::commandNames() const {
+    std::vector<std::string> names;
     for (const CLI::App* command : m_app->get_subcommands([](const CLI::App*) { return true; }))
-        names += (names.empty() ? "" : ", ") + command->get_name();
+        names.push_back(command->get_name());
     return names;
+}
+
+/// What is said where no command is known by what was typed.
+std::string CommandLine::whatCommand() const {
+    constexpr std::size_t kSlips = 2;
+    const std::vector<std::string> names = commandNames();
+    std::string list;
+    for (const std::string& name : names)
+        list += (list.empty() ? "" : ", ") + name;
+    const std::vector<std::string> typed = m_app->remaining();
+    if (typed.empty())
+        return "name a command: " + list;
+    if (typed.front().starts_with('-'))
+        return "no option '" + printable(typed.front()) + "'";
+    const auto nearest = std::ranges::min_element(
+        names, {}, [&](const std::string& name) { return slips(typed.front(), name); });
+    const bool isNear = slips(typed.front(), *nearest) <= kSlips;
+    return "no command '" + printable(typed.front()) + "'; " +
+           (isNear ? "did you mean " + *nearest + "?" : "there are: " + list);
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -40,6 +41,8 @@ public:
                   const Check& check = {});
     /// Of these two only one may be given.
     void exclude(const std::string& name, const std::string& other);
+    /// The first may only be given with the other.
+    void need(const std::string& name, const std::string& other);
 
 private:
     CLI::App* m_app;
@@ -64,7 +67,8 @@ public:
     std::optional<Run> parse(int argc, const char* const* argv, int& exitCode);
 
 private:
-    std::string commandNames() const;
+    std::vector<std::string> commandNames() const;
+    std::string whatCommand() const;
 
     std::unique_ptr<CLI::App> m_app;
     Run m_chosen;

@@ -42,7 +42,16 @@ void DatagramCounter::OnUdpGroupDataReceived(const char* fromIp, int fromPort, c
     second.bytes += length;
     second.longestGap = std::max<std::chrono::duration<double>>(second.longestGap, now - m_lastDatagram);
     m_lastDatagram = now;
-    ++second.sources[std::string(fromIp) + ":" + std::to_string(fromPort)];
+    count(second, std::string(fromIp) + ":" + std::to_string(fromPort), 1);
+}
+
+void DatagramCounter::count(Second& second, const std::string& source, long datagrams) {
+    if (const auto known = second.sources.find(source); known != second.sources.end())
+        known->second += datagrams;
+    else if (second.sources.size() < kMaxSources)
+        second.sources.emplace(source, datagrams);
+    else
+        second.hasMoreSources = true;
 }
 
 DatagramCounter::Second DatagramCounter::next() {
@@ -57,7 +66,7 @@ DatagramCounter::Second DatagramCounter::next() {
         m_since = now;
     }
     second.dropped.reset();
-    if (droppedSoFar) // a receiver that was set up again counts anew
+    if (droppedSoFar) // a receiver that was set up again counts from zero
         second.dropped = *droppedSoFar - (*droppedSoFar < m_droppedBefore ? 0 : m_droppedBefore);
     m_droppedBefore = droppedSoFar.value_or(0);
 
@@ -70,8 +79,9 @@ DatagramCounter::Second DatagramCounter::next() {
     m_total.bytes += second.bytes;
     m_total.longestGap = std::max(m_total.longestGap, second.longestGap);
     m_total.dropped = second.dropped ? m_total.dropped.value_or(0) + *second.dropped : m_total.dropped;
-    for (const auto& [source, count] : second.sources)
-        m_total.sources[source] += count;
+    for (const auto& [source, datagrams] : second.sources)
+        count(m_total, source, datagrams);
+    m_total.hasMoreSources |= second.hasMoreSources;
     return second;
 }
 

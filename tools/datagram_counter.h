@@ -5,6 +5,7 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <chrono>
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -14,6 +15,8 @@
 /// to one other thread.
 class DatagramCounter : public net::iUdpDataListener {
 public:
+    static constexpr std::size_t kMaxSources = 1000;
+
     /// A span of time, usually a second.
     struct Second {
         std::chrono::duration<double> duration{};
@@ -23,7 +26,8 @@ public:
         int largest = 0;
         std::chrono::duration<double> longestGap{}; ///< without a datagram
         std::optional<long> dropped = 0L;           ///< by the system, for want of room; none: not known
-        std::map<std::string, long> sources;        ///< datagrams by address and port
+        std::map<std::string, long> sources;        ///< datagrams by address and port; kMaxSources of them
+        bool hasMoreSources = false;                ///< than those
     };
 
     /// @param localIp network order
@@ -38,6 +42,7 @@ public:
                                 int length) override;
 
 private:
+    static void count(Second& second, const std::string& source, long datagrams);
     std::optional<long> dropped() const;
 
     const NetAddress m_endpoint;

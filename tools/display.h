@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,10 @@ struct Radar {
     std::string source;                           ///< the address that it came from
     std::optional<std::chrono::milliseconds> age; ///< how long ago that was
 };
+
+/// Host ids that several radars announce, with the radars' names. A radar that is also listed under a suffix
+/// (":TCP") is one.
+std::map<int, std::set<std::string>> sharedIds(const std::vector<Radar>& radars);
 
 /// The process's MultiRadarClient, and beside it a receiver of its own on the announcements: the client tells
 /// neither when a radar was heard last, nor from where, nor the endpoints of a second stream.
@@ -49,7 +54,7 @@ public:
                                 int length) override;
 
 private:
-    struct Announcement {
+    struct LastHeard {
         std::chrono::steady_clock::time_point time;
         std::string source;
         std::optional<RadarAddress> secondStream;
@@ -57,8 +62,8 @@ private:
 
     const unsigned int m_wantedIp;
     std::atomic<unsigned int> m_localIp = 0;
-    unsigned int m_receiverIp = 0;               // what m_receiver listens on
-    mutable std::mutex m_mutex;                  // guards m_heard
-    std::map<std::string, Announcement> m_heard; // by the name announced
+    unsigned int m_receiverIp = 0;                         // what m_receiver listens on
+    mutable std::mutex m_mutex;                            // guards m_heard
+    std::map<std::string, LastHeard, std::less<>> m_heard; // by the name announced
     std::unique_ptr<net::UdpReceiver> m_receiver;
 };

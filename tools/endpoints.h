@@ -2,6 +2,7 @@
 /// The endpoints of a stream by name, on the command line, in tables and in JSON.
 #pragma once
 
+#include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/radaraddress.h>
 
 #include <string>
@@ -22,8 +23,8 @@ inline constexpr EndpointName kEndpointNames[] = {
     {"original", "original", &RadarAddress::imageOriginal},
 };
 
-/// Whether a radar tells of this endpoint at all.
-inline bool isTold(const NetAddress& endpoint) {
+/// Whether a radar announces this endpoint at all.
+inline bool isAnnounced(const NetAddress& endpoint) {
     return endpoint.ip != 0 && endpoint.port != 0;
 }
 
@@ -41,5 +42,6 @@ inline const char* kindText(unsigned char kind) {
     }
 }
 
-/// "236.6.7.8:6678", or "-" for one that is not told.
+/// "236.6.7.8:6678", or "-" for one that is not announced.
 std::string endpointText(const NetAddress& endpoint);
+std::string endpointText(const wire::Group& group);

@@ -25,9 +25,9 @@ std::string reason(const Radar& gone, const std::vector<Radar>& present, unsigne
     if (interface.empty())
         return "this computer has no address " + std::string(net::transAddr(localIp)) + " any more";
     if (!hasCarrier(interface))
-        return interface + " lost its carrier";
+        return printable(interface) + " lost its carrier";
     for (const Radar& radar : present)
-        if (!gone.source.empty() && radar.source == gone.source)
+        if (!gone.source.empty() && radar.source == gone.source && radar.hostId == gone.hostId)
             return gone.source + " now announces " + printable(radar.name);
     return (gone.source.empty() ? "it" : gone.source) + " has not answered for 8 s" +
            (present.empty() ? ", and nobody else does" : ", others do");

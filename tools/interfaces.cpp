@@ -8,6 +8,9 @@
 
 namespace {
 
+constexpr int kNameWidth = 16;
+constexpr int kAddressWidth = 20;
+
 struct Options {
     double seconds = 3;
     bool json = false;
@@ -23,8 +26,7 @@ struct Row {
 
 std::vector<Row> look(double seconds, Loop& loop) {
     const std::vector<doctor::Interface> interfaces = doctor::readInterfaces();
-    const std::string route =
-        doctor::routeTo(net::transAddr(doctor::kGroups[0].address), interfaces).interface;
+    const std::string route = doctor::routeTo(net::transAddr(wire::kDiscovery.address), interfaces).interface;
     const doctor::Listening heard = doctor::listen(interfaces, doctor::Seconds(seconds), true, loop);
     if (heard.stopped)
         throw Failure(kNothingFound, "stopped before the interfaces were listened to");
@@ -33,7 +35,7 @@ std::vector<Row> look(double seconds, Loop& loop) {
         char mac[32] = "";
         std::string name = interface.name;
         Row row{interface, net::getMac(mac, name.data()), interface.name == route, {}};
-        for (const auto& [host, hearing] : heard.hosts)
+        for (const auto& [host, heardHost] : heard.hosts)
             if (host.interface == interface.index)
                 row.hosts.insert(host);
         rows.push_back(row);
@@ -49,20 +51,21 @@ std::string joined(const std::vector<std::string>& words) {
 }
 
 void print(const std::vector<Row>& rows, const Output& output) {
-    output.write(output.styled(Output::Style::Heading, padded("INTERFACE", 16) + padded("ADDRESS", 20) +
-                                                           padded("MAC", 19) +
-                                                           "CARRIER  ROUTE  RADARS HEARD") +
+    output.write(output.styled(Output::Style::Heading,
+                               padded("INTERFACE", kNameWidth) + padded("ADDRESS", kAddressWidth) +
+                                   padded("MAC", 19) + "CARRIER  ROUTE  RADARS HEARD") +
                  "\n");
     for (const Row& row : rows) {
-        std::vector<std::string> addresses;
-        for (const doctor::LocalAddress& address : row.interface.addresses)
-            addresses.push_back(doctor::text(address));
         std::vector<std::string> names;
         for (const doctor::HostKey& host : row.hosts)
             names.push_back(printable(host.name));
-        output.write(padded(printable(row.interface.name), 16) + padded(joined(addresses), 20) +
+        const std::vector<doctor::LocalAddress>& addresses = row.interface.addresses;
+        output.write(padded(printable(row.interface.name), kNameWidth) +
+                     padded(addresses.empty() ? "-" : doctor::text(addresses.front()), kAddressWidth) +
                      padded(row.mac, 19) + padded(row.interface.carrier ? "yes" : "no", 9) +
                      padded(row.hasRoute ? "yes" : "no", 7) + joined(names) + "\n");
+        for (std::size_t i = 1; i < addresses.size(); ++i)
+            output.write(padded("", kNameWidth) + doctor::text(addresses[i]) + "\n");
     }
 }
 

@@ -23,7 +23,7 @@ void addName(ordered_json& object, const std::string& name) {
 }
 
 ordered_json toJson(const NetAddress& endpoint) {
-    if (!isTold(endpoint))
+    if (!isAnnounced(endpoint))
         return nullptr;
     return {{"address", net::transAddr(endpoint.ip)}, {"port", net::NtoHs(endpoint.port)}};
 }
@@ -46,7 +46,7 @@ ordered_json toJson(const Radar& radar) {
         }
         stream["informationDevices"] = ordered_json::array();
         for (std::size_t i = 0; i < InfoDeviceEndpoints::size(); ++i)
-            if (isTold(record.infoDev[i]))
+            if (isAnnounced(record.infoDev[i]))
                 stream["informationDevices"].push_back(toJson(record.infoDev[i]));
         object["streams"].push_back(stream);
     }

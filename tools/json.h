@@ -15,7 +15,7 @@ nlohmann::ordered_json jsonDocument();
 /// A radar's name as text ("name", what is no UTF-8 replaced) and exactly ("nameHex").
 void addName(nlohmann::ordered_json& object, const std::string& name);
 
-/// Null for an endpoint that the radar does not tell.
+/// Null for an endpoint that the radar does not announce.
 nlohmann::ordered_json toJson(const NetAddress& endpoint);
 nlohmann::ordered_json toJson(const Radar& radar);
 

@@ -3,20 +3,32 @@
 #include "search.h"
 #include "table.h"
 
+#include <cstdio>
+
 namespace {
 
 struct Options {
     SearchOptions search;
+    bool endpoints = false;
     bool json = false;
 };
 
-void print(const std::vector<Radar>& radars, const std::string& interface, const Output& output) {
-    output.write(output.styled(Output::Style::Heading, kTableHeading + "LAST HEARD") + "\n");
+void print(const std::vector<Radar>& radars, const std::string& interface, bool endpoints,
+           const Output& output) {
+    const int columns = output.isTerminal() ? output.terminalSize().columns : 0;
+    const TableLayout layout(interface, columns, false);
+    const auto shared = sharedIds(radars);
+    output.write(output.styled(Output::Style::Heading, layout.heading()) + "\n");
     for (const Radar& radar : radars) {
-        output.write(tableLine(radar, interface) + ageText(radar.age) + "\n");
-        for (const std::string& line : endpointLines(radar))
-            output.write(line + "\n");
+        const bool sharesId = shared.contains(radar.hostId);
+        const std::string line = layout.line(radar, sharesId, ageText(radar.age));
+        output.write((sharesId ? output.styled(Output::Style::Bad, line) : line) + "\n");
+        if (endpoints)
+            for (const std::string& text : endpointLines(radar, columns))
+                output.write(text + "\n");
     }
+    for (const std::string& note : sharedIdNotes(shared, columns))
+        std::fprintf(stderr, "%s\n", note.c_str());
 }
 
 void printJson(const std::vector<Radar>& radars, unsigned int localIp, const std::string& interface,
@@ -31,6 +43,13 @@ void printJson(const std::vector<Radar>& radars, unsigned int localIp, const std
     output.write(jsonText(document, false));
 }
 
+/// What was not looked at.
+std::string leftOut(const std::string& only, unsigned int localIp) {
+    if (!only.empty())
+        return "; only " + printable(only) + " was looked at";
+    return localIp == 0 ? "; the search for the interface that leads to the radars was not over" : "";
+}
+
 int list(const Options& options, Output& output) {
     Search search(options.search);
     std::vector<Radar> radars;
@@ -43,16 +62,17 @@ int list(const Options& options, Output& output) {
     if (options.json)
         printJson(radars, localIp, interface, output);
     else if (!radars.empty())
-        print(radars, interface, output);
+        print(radars, interface, options.endpoints, output);
     if (!radars.empty())
         return kFound;
     if (end == Search::End::Stopped)
         throw Failure(kNothingFound, "stopped before a radar was found");
-    std::fprintf(stderr, "radarctl: no radar found within %g s\n", options.search.timeout);
     const unsigned int wanted = localAddress(options.search.local);
     const std::string only = wanted != 0 ? net::localIfaName(wanted) : "";
+    std::fprintf(stderr, "radarctl: no radar found within %g s%s\n", options.search.timeout,
+                 leftOut(only, localIp).c_str());
     if (const auto cause = doctor::likelyCause(only, search.loop()))
-        std::fprintf(stderr, "radarctl: most likely: %s\n", cause->c_str());
+        std::fprintf(stderr, "radarctl: most likely: %s\n", printable(*cause).c_str());
     std::fprintf(stderr, "radarctl: radarctl doctor looks closer\n");
     return kNothingFound;
 }
@@ -64,5 +84,6 @@ void addList(CommandLine& line) {
     Syntax syntax = line.command("list", "Find the radars once and print a table of them",
                                  [options](Output& output) { return list(*options, output); });
     addSearchOptions(syntax, options->search);
+    syntax.flag("--endpoints", options->endpoints, "Print the endpoints of image and ARPA, too");
     syntax.flag("--json", options->json, "Print JSON");
 }

@@ -9,6 +9,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr int kSilentSeconds = 3; // until it is said that nothing arrives
+
 struct Options {
     SearchOptions search;
     std::string name;
@@ -27,7 +29,7 @@ RadarEndpoint chosenEndpoint(const Radar& radar, const Options& options) {
                                               : "streams 0 to " + std::to_string(radar.streams.size() - 1)));
     const auto* const known = std::ranges::find(kEndpointNames, options.endpoint, &EndpointName::name);
     const RadarEndpoint endpoint = radar.streams[static_cast<std::size_t>(options.stream)].*known->endpoint;
-    if (!isTold(endpoint))
+    if (!isAnnounced(endpoint))
         throw Failure(kNothingFound, name + " does not announce its endpoint " + options.endpoint);
     if (endpoint.type != 0)
         throw Failure(kNothingFound, options.endpoint + " of " + name + " is served over TCP (" +
@@ -45,23 +47,48 @@ nlohmann::ordered_json toJson(const DatagramCounter::Second& second, bool total)
     document["largest"] = second.largest;
     document["longestGapSeconds"] = second.longestGap.count();
     document["dropped"] = second.dropped ? nlohmann::ordered_json(*second.dropped) : nlohmann::ordered_json();
+    constexpr std::size_t kListed = 16;
+    document["senders"] = second.sources.size();
+    document["moreSenders"] = second.hasMoreSources;
     document["sources"] = nlohmann::ordered_json::array();
-    for (const auto& [source, count] : second.sources)
+    for (const auto& [source, count] : second.sources) {
+        if (document["sources"].size() == kListed)
+            break;
         document["sources"].push_back({{"endpoint", source}, {"datagrams", count}});
+    }
     return document;
 }
 
+constexpr const char* kHeading = "SEC   DATAGRAMS        BYTES        SIZES       GAP  DROPS SENDER";
+
+std::string senderCount(const DatagramCounter::Second& second) {
+    return (second.hasMoreSources ? "over " : "") + std::to_string(second.sources.size()) + " senders";
+}
+
+/// At most 80 columns.
 std::string line(const DatagramCounter::Second& second, const std::string& label) {
+    const std::string sizes =
+        second.datagrams == 0 ? "-" : std::to_string(second.smallest) + ".." + std::to_string(second.largest);
     char text[160];
-    std::snprintf(text, sizeof text, "%-7s%9.0f/s %9.1f kB/s  %5d..%-5d  %7.1f ms  %7s", label.c_str(),
+    std::snprintf(text, sizeof text, "%-5s%8.0f/s %7.1f kB/s %12s %6.1f ms %6s ", label.c_str(),
                   static_cast<double>(second.datagrams) / second.duration.count(),
-                  static_cast<double>(second.bytes) / second.duration.count() / 1000, second.smallest,
-                  second.largest, second.longestGap.count() * 1000,
+                  static_cast<double>(second.bytes) / second.duration.count() / 1000, sizes.c_str(),
+                  second.longestGap.count() * 1000,
                   second.dropped ? std::to_string(*second.dropped).c_str() : "-");
-    std::string result = text;
-    for (const auto& [source, count] : second.sources)
-        result += "  " + source;
-    return result;
+    if (second.sources.empty())
+        return text + std::string("-");
+    return text + (second.sources.size() == 1 ? second.sources.begin()->first : senderCount(second));
+}
+
+/// Who several senders are, as far as that is short.
+std::string senderLines(const DatagramCounter::Second& total) {
+    constexpr std::size_t kListed = 8;
+    if (total.sources.size() < 2 || total.sources.size() > kListed)
+        return "";
+    std::string text;
+    for (const auto& [source, datagrams] : total.sources)
+        text += "  " + padded(source, 22) + std::to_string(datagrams) + " datagrams\n";
+    return text;
 }
 
 int listen(const Options& options, Output& output) {
@@ -70,13 +97,11 @@ int listen(const Options& options, Output& output) {
     const RadarEndpoint endpoint = chosenEndpoint(radar, options);
     std::fprintf(stderr, "radarctl: listening to %s of %s, stream %d: %s on %s; Ctrl-C ends\n",
                  options.endpoint.c_str(), printable(radar.name).c_str(), options.stream,
-                 endpointText(endpoint).c_str(), net::localIfaName(search.display().localIp()).c_str());
+                 endpointText(endpoint).c_str(),
+                 printable(net::localIfaName(search.display().localIp())).c_str());
     DatagramCounter counter(endpoint, search.display().localIp());
     if (!options.json)
-        output.write(
-            output.styled(Output::Style::Heading,
-                          "SECOND  DATAGRAMS         BYTES       SIZES  LONGEST GAP  DROPPED  SOURCES") +
-            "\n");
+        output.write(output.styled(Output::Style::Heading, kHeading) + "\n");
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     const auto end = options.seconds > 0 ? start + std::chrono::duration_cast<Clock::duration>(
@@ -92,9 +117,14 @@ int listen(const Options& options, Output& output) {
         const DatagramCounter::Second second = counter.next();
         output.write(options.json ? jsonText(toJson(second, false), true)
                                   : line(second, std::to_string(seconds)) + "\n");
+        const bool ends = stopped || Clock::now() >= end;
+        if (counter.total().datagrams == 0 &&
+            (seconds == kSilentSeconds || (ends && seconds < kSilentSeconds)))
+            std::fprintf(stderr, "radarctl: nothing arrives; radarctl doctor looks for the reason\n");
     }
     const DatagramCounter::Second total = counter.total();
-    output.write(options.json ? jsonText(toJson(total, true), true) : line(total, "all") + "\n");
+    output.write(options.json ? jsonText(toJson(total, true), true)
+                              : line(total, "all") + "\n" + senderLines(total));
     return total.datagrams > 0 ? kFound : kNothingFound;
 }
 

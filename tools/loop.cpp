@@ -7,37 +7,53 @@
 
 #include <csignal>
 #include <cstdint>
+#include <iterator>
 #include <system_error>
 
 Loop::Loop() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH})
-        sigaddset(&signals, number);
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    m_signals = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    m_wakes = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_signals == -1 || m_wakes == -1)
+    sigemptyset(&m_taken);
+    take({SIGINT, SIGTERM, SIGHUP, SIGWINCH});
+    m_wakes = net::detail::Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_signals.isOpen() || !m_wakes.isOpen())
         throw std::system_error(errno, std::generic_category(), "radarctl: event descriptors");
 }
 
-Loop::~Loop() {
-    ::close(m_signals);
-    ::close(m_wakes);
+void Loop::take(std::initializer_list<int> signals) {
+    for (const int number : signals)
+        sigaddset(&m_taken, number);
+    ::sigprocmask(SIG_BLOCK, &m_taken, nullptr);
+    m_signals = net::detail::Descriptor(::signalfd(-1, &m_taken, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void Loop::takeTerminal(int descriptor) {
+    m_terminal = descriptor;
+    take({SIGTSTP, SIGCONT});
 }
 
 Loop::Event Loop::wait(std::chrono::milliseconds timeout) {
-    pollfd sources[] = {{m_signals, POLLIN, 0}, {m_wakes, POLLIN, 0}};
-    if (::poll(sources, 2, timeout.count() < 0 ? -1 : static_cast<int>(timeout.count())) <= 0)
+    pollfd sources[] = {{m_signals.get(), POLLIN, 0}, {m_wakes.get(), POLLIN, 0}, {m_terminal, POLLIN, 0}};
+    if (::poll(sources, std::size(sources), timeout.count() < 0 ? -1 : static_cast<int>(timeout.count())) <=
+        0)
         return Event::TimeOut;
     signalfd_siginfo signal;
-    if (::read(m_signals, &signal, sizeof signal) == sizeof signal)
-        return signal.ssi_signo == SIGWINCH ? Event::Resize : Event::Stop;
+    if (::read(m_signals.get(), &signal, sizeof signal) == sizeof signal)
+        switch (signal.ssi_signo) {
+        case SIGWINCH:
+            return Event::Resize;
+        case SIGTSTP:
+            return Event::Suspend;
+        case SIGCONT:
+            return Event::Resume;
+        default:
+            return Event::Stop;
+        }
+    if (sources[2].revents != 0)
+        return Event::Input;
     std::uint64_t count;
-    return ::read(m_wakes, &count, sizeof count) == sizeof count ? Event::Wake : Event::TimeOut;
+    return ::read(m_wakes.get(), &count, sizeof count) == sizeof count ? Event::Wake : Event::TimeOut;
 }
 
 void Loop::wake() {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(m_wakes, &one, sizeof one); // full: awake already
+    [[maybe_unused]] const ssize_t written = ::write(m_wakes.get(), &one, sizeof one); // full: awake already
 }

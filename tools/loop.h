@@ -2,18 +2,26 @@
 /// What a running subcommand waits for.
 #pragma once
 
+#include <UdpSocket/base/descriptor.h>
+
 #include <chrono>
+#include <csignal>
+#include <initializer_list>
 
 /// Takes SIGINT, SIGTERM, SIGHUP and SIGWINCH as events instead of interruptions. Make it before anything
 /// that starts threads.
 class Loop {
 public:
-    enum class Event { Stop, Resize, Wake, TimeOut };
+    enum class Event { Stop, Resize, Suspend, Resume, Input, Wake, TimeOut };
 
     Loop();
-    ~Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
+
+    /// From here on wait() also tells that the terminal has something to read (Input), that the process is to
+    /// be suspended, which it is not by itself any more (Suspend), and that it goes on (Resume).
+    /// @param descriptor the terminal, not owned; -1: there is nothing to read
+    void takeTerminal(int descriptor);
 
     /// Waits for the next event; a negative @p timeout waits for ever.
     Event wait(std::chrono::milliseconds timeout);
@@ -21,6 +29,10 @@ public:
     void wake();
 
 private:
-    int m_signals; // signalfd
-    int m_wakes;   // eventfd
+    void take(std::initializer_list<int> signals);
+
+    int m_terminal = -1;
+    sigset_t m_taken;
+    net::detail::Descriptor m_signals; // signalfd
+    net::detail::Descriptor m_wakes;   // eventfd
 };

@@ -1,10 +1,14 @@
 #include "command.h"
+#include "looping_profile.h"
 #include "privileges.h"
 
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <optional>
+#include <system_error>
 
 namespace {
 
@@ -12,6 +16,7 @@ struct Options {
     bool verbose = false;
     std::string color = "auto";
     std::string profile;
+    bool loop = false;
 };
 
 std::string checkProfile(const std::string& directory) {
@@ -32,6 +37,19 @@ void addOptions(Syntax syntax, Options& options) {
     syntax.option("--color", options.color, "WHEN",
                   "Colour: auto (on a terminal, unless NO_COLOR is set), always or never", checkColor);
     syntax.option("--profile", options.profile, "DIR", "The directory in which profile.ini is", checkProfile);
+    syntax.flag(
+        "--loop", options.loop,
+        "As MulticastLoop = true in profile.ini: for a radar host and a display on one computer, both");
+}
+
+/// Of what others may give back.
+bool isShortage(const std::error_code& code) {
+    for (const std::errc passing :
+         {std::errc::resource_unavailable_try_again, std::errc::too_many_files_open,
+          std::errc::too_many_files_open_in_system, std::errc::not_enough_memory, std::errc::no_buffer_space})
+        if (code == passing)
+            return true;
+    return false;
 }
 
 } // namespace
@@ -53,12 +71,21 @@ int main(int argc, char** argv) {
     try {
         if (!options.profile.empty())
             ::setenv("INIPROFILE_DIR", options.profile.c_str(), 1);
-        askForNoPassword();
+        std::optional<LoopingProfile> looping;
+        if (options.loop)
+            looping.emplace();
+        leaveRoutesAlone();
         Output output(options.verbose, options.color);
         return (*run)(output);
     } catch (const Failure& failure) {
         std::fprintf(stderr, "radarctl: %s\n", failure.what());
         return failure.code;
+    } catch (const std::system_error& error) {
+        std::fprintf(stderr, "radarctl: %s\n", error.what());
+        return isShortage(error.code()) ? kShortage : kNotAllowed;
+    } catch (const std::bad_alloc&) {
+        std::fputs("radarctl: out of memory\n", stderr);
+        return kShortage;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "radarctl: %s\n", error.what());
         return kNotAllowed;

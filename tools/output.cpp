@@ -26,28 +26,25 @@ bool wantsColor(const std::string& color, int descriptor) {
 } // namespace
 
 Output::Output(bool verbose, const std::string& color)
-    : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), m_colored(wantsColor(color, m_descriptor)) {
+    : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)),
+      m_colored(wantsColor(color, m_descriptor.get())) {
     std::signal(SIGPIPE, SIG_IGN); // write tells
-    const int diagnostics = verbose ? ::dup(STDERR_FILENO) : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (m_descriptor == -1 || diagnostics == -1 || ::dup2(diagnostics, STDOUT_FILENO) == -1) {
+    const net::detail::Descriptor diagnostics(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
+                                                      : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (!m_descriptor.isOpen() || !diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1) {
         std::perror("radarctl: standard output");
         std::_Exit(kNothingFound);
     }
-    ::close(diagnostics);
     std::setvbuf(stdout, nullptr, _IOLBF, 0); // diagnostics in step with standard error
 }
 
-Output::~Output() {
-    ::close(m_descriptor);
-}
-
 bool Output::isTerminal() const {
-    return ::isatty(m_descriptor) == 1;
+    return ::isatty(m_descriptor.get()) == 1;
 }
 
 Output::Size Output::terminalSize() const {
     winsize size{};
-    if (::ioctl(m_descriptor, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
+    if (::ioctl(m_descriptor.get(), TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
         return {24, 80};
     return {size.ws_row, size.ws_col};
 }
@@ -61,7 +58,7 @@ std::string Output::styled(Style style, const std::string& text) const {
 
 void Output::write(const std::string& text) const {
     for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = ::write(m_descriptor, text.data() + done, text.size() - done);
+        const ssize_t count = ::write(m_descriptor.get(), text.data() + done, text.size() - done);
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
         } else if (errno == EPIPE) {

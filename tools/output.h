@@ -2,6 +2,8 @@
 /// The tool's own output, apart from what the library prints.
 #pragma once
 
+#include <UdpSocket/base/descriptor.h>
+
 #include <string>
 
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
@@ -11,7 +13,6 @@ public:
     /// @param verbose diagnostics to standard error
     /// @param color   "always", "never", or "auto": on a terminal, unless NO_COLOR is set
     Output(bool verbose, const std::string& color);
-    ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
@@ -32,6 +33,6 @@ public:
     void write(const std::string& text) const;
 
 private:
-    int m_descriptor; // a copy of the real standard output
+    net::detail::Descriptor m_descriptor; // a copy of the real standard output
     bool m_colored;
 };

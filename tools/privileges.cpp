@@ -1,58 +1,39 @@
 #include "privileges.h"
 
+#include <UdpSocket/base/socket.h>
+#include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace {
 
-constexpr const char* kDiscoveryGroup = "236.6.7.5";
+bool canReach(const NetAddress& group) {
+    const net::detail::Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
+    const sockaddr_in address = net::detail::makeAddress(group.ip, net::NtoHs(group.port));
+    return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
 
 } // namespace
 
-void askForNoPassword() {
-    if (::geteuid() == 0)
-        return;
+void leaveRoutesAlone() {
     std::error_code error;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
     const std::filesystem::path commands = program.parent_path().parent_path() / "libexec/udpsocket";
-    if (error || !std::filesystem::exists(commands / "sudo", error))
+    if (error || !std::filesystem::exists(commands / "route", error))
         return;
     const char* path = std::getenv("PATH");
     ::setenv("PATH", (commands.string() + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }
 
-bool hasDiscoveryRoute(const std::string& interface) {
-    std::ifstream routes("/proc/net/route"); // addresses as they stand in memory, in hexadecimal
-    std::string line;
-    while (std::getline(routes, line)) {
-        std::istringstream fields(line);
-        std::string name;
-        unsigned int destination = 0;
-        fields >> name >> std::hex >> destination;
-        if (name == interface && destination == net::transAddr(kDiscoveryGroup))
-            return true;
-    }
-    return false;
-}
-
 bool canReachGroups() {
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socket == -1)
-        return false;
-    sockaddr_in group{};
-    group.sin_family = AF_INET;
-    group.sin_port = htons(6878);
-    group.sin_addr.s_addr = net::transAddr(kDiscoveryGroup);
-    const bool routed = ::connect(socket, reinterpret_cast<const sockaddr*>(&group), sizeof group) == 0;
-    ::close(socket);
-    return routed;
+    for (const wire::Group& group : {wire::kDiscovery, wire::kNegotiation})
+        if (!canReach({net::transAddr(group.address), net::HtoNs(group.port)}))
+            return false;
+    constexpr std::uint8_t kIds[] = {1, 16, 63}; // the first and the last blocks of the plan
+    return std::ranges::all_of(kIds, [](std::uint8_t id) {
+        return canReach(plan::announcedEndpoint(id, &RadarAddress::imageStream, 0));
+    });
 }

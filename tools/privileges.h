@@ -1,18 +1,13 @@
 /// @file
-/// What radarctl leaves out where it runs without privileges.
+/// What radarctl does without: the machine's routes stay as they are.
 #pragma once
 
-#include <string>
-
 /// The library adds a host route for each receiver with the commands "sudo route" and "route". From here on
-/// that sudo, for a person without privileges, is one that never asks for a password.
+/// both do nothing: radarctl's sockets are tied to their interface, and a route that a search leaves behind
+/// would lead the datagrams of a radar host on this computer out of another interface.
 ///
 /// Call it before a thread is started: it changes PATH.
-void askForNoPassword();
+void leaveRoutesAlone();
 
-/// Whether a host route for the discovery group leads through the interface; such a route is what the library
-/// tries to add.
-bool hasDiscoveryRoute(const std::string& interface);
-
-/// Whether any route leads to the radars' groups.
+/// Whether routes lead to the groups of discovery, of the host ids and of the streams.
 bool canReachGroups();

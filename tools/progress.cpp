@@ -1,5 +1,7 @@
 #include "progress.h"
 
+#include "table.h"
+
 #include <UdpSocket/udpsocket.h>
 
 #include <unistd.h>
@@ -34,7 +36,7 @@ std::string interfaceNames() {
     std::string names;
     for (const auto& [address, interface] : net::localNetworkInterfaces())
         if (interface.name != "lo")
-            names += (names.empty() ? "" : ", ") + interface.name;
+            names += (names.empty() ? "" : ", ") + printable(interface.name);
     return names.empty() ? "lo" : names;
 }
 

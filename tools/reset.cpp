@@ -1,3 +1,4 @@
+#include "endpoints.h"
 #include "search.h"
 
 namespace {
@@ -12,7 +13,7 @@ int reset(const SearchOptions& options, Output& output) {
                       "nothing was sent: no local address leads to a radar (name one with --local, "
                       "or see radarctl doctor)");
     MultiRadarClient::getInstance()->resetRadar();
-    output.write("sent the reset command (20 A1) to 236.6.7.4:6768 on " +
+    output.write("sent the reset command (20 A1) to " + endpointText(wire::kNegotiation) + " on " +
                  std::string(net::transAddr(search.display().localIp())) + "; hosts do not answer it\n");
     return kFound;
 }

@@ -3,9 +3,9 @@
 #include "progress.h"
 #include "table.h"
 
+#include <UdpSocket/base/socket.h>
+
 #include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -28,16 +28,14 @@ std::string checkAddress(const std::string& text) {
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words)
-        text += (text.empty() ? "" : ", ") + word;
+        text += (text.empty() ? "" : ", ") + printable(word);
     return text;
 }
 
 void requireSockets() {
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socket == -1)
+    if (!net::detail::openSocket(SOCK_DGRAM).isOpen())
         throw Failure(kNotAllowed,
                       std::string("this computer allows no UDP socket: ") + std::strerror(errno));
-    ::close(socket);
 }
 
 unsigned int checkedLocalAddress(const LocalOptions& options) {
@@ -107,7 +105,7 @@ Radar Search::find(const std::string& name) {
     const End end = until([&](const std::vector<Radar>& radars) {
         names.clear();
         for (const Radar& radar : radars) {
-            names.push_back(printable(radar.name));
+            names.push_back(radar.name);
             if (radar.name == name || printable(radar.name) == name)
                 found = radar;
         }

@@ -28,10 +28,10 @@ void print(const Radar& radar, const std::string& localAddress, const Output& ou
         for (const EndpointName& name : kEndpointNames) {
             const RadarEndpoint& endpoint = record.*name.endpoint;
             output.write("  " + padded(name.name, 18) + padded(endpointText(endpoint), 22) +
-                         (isTold(endpoint) ? kindText(endpoint.type) : "not announced") + "\n");
+                         (isAnnounced(endpoint) ? kindText(endpoint.type) : "not announced") + "\n");
         }
         for (std::size_t device = 0; device < InfoDeviceEndpoints::size(); ++device)
-            if (isTold(record.infoDev[device]))
+            if (isAnnounced(record.infoDev[device]))
                 output.write("  " + padded("information " + std::to_string(device), 18) +
                              padded(endpointText(record.infoDev[device]), 22) + "udp\n");
     }

@@ -1,6 +1,6 @@
 #include "simulator.h"
 
-#include "plan.h"
+#include <UdpSocket/protocol/address_plan.h>
 
 #include <algorithm>
 #include <cmath>
@@ -14,7 +14,7 @@ constexpr std::uint16_t kSpokes = 1024; // a revolution
 constexpr std::size_t kSamples = 512;
 constexpr double kRange = 6; // nautical miles
 constexpr std::size_t kHeader = 12;
-constexpr std::uint64_t kMostAtOnce = 256; // spokes, after the process was held up
+constexpr std::uint64_t kMaxAtOnce = 256; // spokes, after the process was held up
 
 constexpr double kTurn = 2 * std::numbers::pi;
 
@@ -39,11 +39,15 @@ double Simulator::Target::yAfter(double hours) const {
 
 Simulator::Simulator(int hostId, unsigned int streams, double revolutionsPerMinute)
     : m_spokesPerSecond(revolutionsPerMinute / 60 * kSpokes) {
+    const auto sender = [hostId](plan::EndpointField field, unsigned int stream) {
+        const NetAddress group =
+            plan::announcedEndpoint(static_cast<std::uint8_t>(hostId), field, static_cast<int>(stream));
+        return std::make_unique<net::UdpSender>(group, 0, static_cast<std::uint16_t>(0));
+    };
     for (unsigned int i = 0; i < streams; ++i) {
-        const StreamGroups groups = streamGroups(hostId, static_cast<int>(i));
         Stream& stream = m_streams.emplace_back();
-        stream.image = std::make_unique<net::UdpSender>(groups.image, 0, static_cast<std::uint16_t>(0));
-        stream.arpa = std::make_unique<net::UdpSender>(groups.arpa, 0, static_cast<std::uint16_t>(0));
+        stream.image = sender(&RadarAddress::imageStream, i);
+        stream.arpa = sender(&RadarAddress::arpaStream, i);
     }
 }
 
@@ -52,7 +56,7 @@ void Simulator::send() {
     const double hours = elapsed.count() / 3600;
     const auto due = static_cast<std::uint64_t>(elapsed.count() * m_spokesPerSecond);
     std::vector<std::string> spokes;
-    for (m_spokes = std::max(m_spokes, due > kMostAtOnce ? due - kMostAtOnce : 0); m_spokes < due; ++m_spokes)
+    for (m_spokes = std::max(m_spokes, due > kMaxAtOnce ? due - kMaxAtOnce : 0); m_spokes < due; ++m_spokes)
         spokes.push_back(spoke(m_spokes, hours));
     std::vector<std::pair<const void*, int>> datagrams;
     for (const std::string& one : spokes)

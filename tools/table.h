@@ -5,6 +5,8 @@
 #include "display.h"
 #include "endpoints.h"
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,12 +23,47 @@ std::string ageText(const std::optional<std::chrono::milliseconds>& age);
 /// Host id, or "-".
 std::string hostIdText(int hostId);
 
-/// Name, id, streams and interface; continued by what the caller adds. Columns as in kTableHeading.
-std::string tableLine(const Radar& radar, const std::string& interface);
-extern const std::string kTableHeading;
+/// "A", "A and B", "A, B and C", "A, B, C and 5 more"; printable.
+std::string inWords(const std::set<std::string>& names);
 
-/// Two lines for each stream: image and ARPA endpoints. At most 80 columns.
-std::vector<std::string> endpointLines(const Radar& radar);
+/// What a shell reads as that text, whatever is in it.
+std::string shellWord(const std::string& text);
+
+/// A table with one line a radar. Where a terminal is narrow, the time of the first sight is left out, then
+/// the number of streams, and then names are cut; interface and age stay.
+class TableLayout {
+public:
+    /// @param interface bytes of any kind; the same for every radar
+    /// @param columns   of the terminal; 0: as many as it takes
+    /// @param firstSeen whether there is a column for that
+    TableLayout(const std::string& interface, int columns, bool firstSeen);
+
+    std::string heading() const;
+    /// @param sharesId another radar has the same host id, which is marked
+    std::string line(const Radar& radar, bool sharesId, const std::string& lastHeard,
+                     const std::string& firstSeen = "") const;
+
+private:
+    std::string row(const std::string& name, const std::string& id, const std::string& streams,
+                    const std::string& interface, const std::string& firstSeen,
+                    const std::string& lastHeard) const;
+
+    std::string m_interface;
+    int m_interfaceWidth;
+    int m_nameWidth;
+    bool m_cutsNames = false;
+    bool m_hasStreams = true;
+    bool m_hasFirstSeen;
+};
+
+/// What to do about host ids that several radars have; a few lines.
+/// @param columns of the terminal; 0: as many as it takes
+std::vector<std::string> sharedIdNotes(const std::map<int, std::set<std::string>>& shared, int columns);
+
+/// Image and ARPA endpoints of each stream, on two lines of at most 80 columns; on more and shorter ones
+/// where the terminal is narrower.
+/// @param columns of the terminal; 0: as many as it takes
+std::vector<std::string> endpointLines(const Radar& radar, int columns);
 
 /// Id, streams and endpoints on one line.
 std::string summary(const Radar& radar);

@@ -1,6 +1,5 @@
 /// @file
-/// A fault as a row of the table: how it is made, what must hold, and the function that makes it and tells
-/// what was seen.
+/// A fault: how it is made, what the library must do meanwhile, and the function that makes it and measures.
 #pragma once
 
 #include <limits>
@@ -11,36 +10,36 @@
 
 namespace soak {
 
-class Stage;
+class Testbed;
 
-/// One thing that was measured. What must hold is that it does not pass its limit.
+/// One measured value. The requirement is that it does not exceed its limit.
 struct Figure {
     std::string what; ///< with its unit: "s until the display hears"
     double value;
-    double atMost = std::numeric_limits<double>::infinity(); ///< without a limit it is only told
+    double limit = std::numeric_limits<double>::infinity(); ///< without a limit it is only reported
 };
 using Figures = std::vector<Figure>;
 
-/// Something that must hold did not, and there is no figure for it.
-class Broken : public std::runtime_error {
+/// A requirement that has no figure does not hold.
+class RequirementFailed : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-struct Row {
+struct Fault {
     const char* name; ///< on the command line
-    const char* fault;
-    const char* made;
-    const char* must;
-    Figures (*run)(Stage&);
-    bool crowd = false; ///< wants the 48 further hosts
+    const char* title;
+    const char* procedure;
+    const char* requirement;
+    Figures (*run)(Testbed&);
+    bool needsManyHosts = false; ///< the 48 additional ones
 };
 
-// A family each.
-std::span<const Row> interfaceRows();
-std::span<const Row> lossRows();
-std::span<const Row> hostRows();
-std::span<const Row> tcpRows();
-std::span<const Row> clockRows();
-std::span<const Row> floodRows();
+// The faults of each source file.
+std::span<const Fault> interfaceFaults();
+std::span<const Fault> lossFaults();
+std::span<const Fault> hostFaults();
+std::span<const Fault> tcpFaults();
+std::span<const Fault> clockFaults();
+std::span<const Fault> floodFaults();
 
 } // namespace soak

@@ -1,8 +1,8 @@
-// A stranger on the LAN who sends all kinds of forged messages as fast as it can.
+// A stranger on the LAN that sends all kinds of forged messages as fast as it can.
 
-#include "stage.h"
+#include "testbed.h"
 
-#include <UdpSocket/detail/descriptor.h>
+#include <UdpSocket/base/socket.h>
 
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -18,7 +18,7 @@ namespace {
 using net::detail::Descriptor;
 
 constexpr double kRate = 100'000; // datagrams a second
-constexpr size_t kTableBound = 4096;
+constexpr size_t kMaxNames = 4096;
 
 /// Sends forged messages in batches from the stranger, at the rate above where the machine can.
 class Flood {
@@ -41,9 +41,9 @@ private:
     void run(const wire::Group& group, Forge forge, const std::stop_token& stop) {
         constexpr size_t kBatch = 50;
         ::setpriority(PRIO_PROCESS, 0,
-                      -20); // a stranger's machine does not slow down with ours, where allowed
+                      -20); // as a machine of its own, which ours does not slow down; where allowed
         const Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
-        sockaddr_in to{AF_INET, net::HtoNs(group.port), {net::transAddr(group.address)}, {}};
+        sockaddr_in to = net::detail::makeAddress(net::transAddr(group.address), group.port);
         std::array<std::string, kBatch> texts;
         std::array<iovec, kBatch> buffers{};
         std::array<mmsghdr, kBatch> messages{};
@@ -71,21 +71,20 @@ private:
     std::jthread m_thread;
 };
 
-/// An announcement under a name that was never there, with what a shell, a terminal, JSON or printf would
-/// take for more than a name.
+/// An announcement with a new name that contains what a shell, a terminal, JSON or printf would interpret.
 std::string forgedAnnouncement(unsigned long number) {
     constexpr const char* kTricks[] = {"",         "$(id)", "\x1b[2J", "\"},{\"", "%n%s",
                                        "\xff\xfe", "`id`",  "../",     "\r\n"};
     char name[17];
     std::snprintf(name, sizeof name, "%s%08lX", kTricks[number % std::size(kTricks)], number);
     std::string announcement(wire::kShortAnnouncement.length, '\0');
-    announcement.replace(0, 2, wire::text(wire::kAnnouncement));
+    announcement.replace(wire::kCode.offset, wire::kCode.width, wire::text(wire::kAnnouncement));
     return announcement.replace(wire::kName.offset, std::strlen(name), name);
 }
 
 std::string forgedObjection(unsigned long number) { // to one id after the other
-    const auto id = static_cast<char>(16 + number % 48);
-    return std::string(wire::text(wire::kObjection)) + id + '\1';
+    const auto id = static_cast<std::uint8_t>(16 + number % 48);
+    return std::string(wire::text(wire::Negotiation{wire::kObjection, id}));
 }
 
 std::string forgedReset(unsigned long) {
@@ -96,16 +95,16 @@ std::string forgedQuery(unsigned long) {
     return std::string(wire::text(wire::kQuery));
 }
 
-/// The longest that a call has taken, and how often a real radar was missing.
-struct Looks {
+/// The longest times of calls, and how often a real radar was missing.
+struct LookUps {
     double longestNames = 0; // ms
     double longestAddress = 0;
-    size_t most = 0;
+    size_t mostNames = 0;
     int missing = 0;
 
-    void look(const Client& client, const std::vector<std::string>& real) {
+    void sample(const Client& client, const std::vector<std::string>& real) {
         auto start = Clock::now();
-        most = std::max(most, client.client().getRadar().size());
+        mostNames = std::max(mostNames, client.client().getRadar().size());
         longestNames = std::max(longestNames, 1000 * secondsSince(start));
         for (const std::string& name : real) {
             start = Clock::now();
@@ -117,26 +116,26 @@ struct Looks {
 };
 
 /// Whether "radarctl list" prints no byte that a terminal would act on.
-bool listIsPrintable(Stage& stage) {
-    lab::Process list = stage.display().start(
+bool listIsPrintable(Testbed& testbed) {
+    lab::Process list = testbed.display().start(
         {.command = {lab::programBeside("radarctl"), "list", "--local", kDisplayAddress},
          .errorFile = "/run/soak.errors"});
     if (list.wait(60s) != 0)
-        throw Broken("radarctl list fails");
+        throw RequirementFailed("radarctl list fails");
     return std::ranges::none_of(list.output(), [](char c) {
         return (static_cast<unsigned char>(c) < ' ' && c != '\n') || c == '\x7f';
     });
 }
 
-Figures announcements(Stage& stage) {
-    std::vector<std::string> real{kStanding};
+Figures announcements(Testbed& testbed) {
+    std::vector<std::string> real{kPermanentRadar};
     std::vector<std::unique_ptr<HostServer>> servers;
     for (int i = 0; i < 3; ++i) {
-        real.push_back(stage.freshName());
-        servers.push_back(stage.serve(stage.host(), real.back(), 21 + i));
+        real.push_back(testbed.newName());
+        servers.push_back(testbed.serve(testbed.host(), real.back(), 21 + i));
     }
-    const Client client(stage.display(), kDisplayAddress);
-    Watch watch(stage.display(), stage.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"));
+    const Client client(testbed.display(), kDisplayAddress);
+    Watch watch(testbed.display(), testbed.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"));
     const auto allListed = [&] {
         return std::ranges::all_of(real,
                                    [&](const auto& name) { return client.lists(name) && watch.lists(name); });
@@ -144,58 +143,60 @@ Figures announcements(Stage& stage) {
     secondsUntil(allListed, 30s, "the real radars are listed");
     const long before = resourcesOf(watch.process().pid()).memory;
 
-    Looks looks;
-    Flood flood(stage.stranger(), wire::kDiscovery, forgedAnnouncement);
-    for (const auto end = Clock::now() + (stage.full() ? 60s : 15s); Clock::now() < end;) {
+    LookUps lookUps;
+    Flood flood(testbed.stranger(), wire::kDiscovery, forgedAnnouncement);
+    for (const auto end = Clock::now() + (testbed.full() ? 60s : 15s); Clock::now() < end;) {
         std::this_thread::sleep_for(50ms);
-        looks.look(client, real);
+        lookUps.sample(client, real);
         if (!std::ranges::all_of(real, [&](const auto& name) { return watch.lists(name); }))
-            ++looks.missing;
+            ++lookUps.missing;
     }
-    const bool printable = listIsPrintable(stage);
+    const bool printable = listIsPrintable(testbed);
     const double rate = flood.end();
     if (!printable)
-        throw Broken("radarctl list prints what a terminal acts on");
+        throw RequirementFailed("radarctl list prints what a terminal acts on");
     const long after = resourcesOf(watch.process().pid()).memory;
-    return {{"times a real radar was missing", static_cast<double>(looks.missing), 0},
-            {"names at most", static_cast<double>(looks.most), kTableBound},
+    return {{"times a real radar was missing", static_cast<double>(lookUps.missing), 0},
+            {"names at most", static_cast<double>(lookUps.mostNames), kMaxNames},
             {"MB more in radarctl watch", static_cast<double>(after - before) / 1000, 150},
-            {"ms for the longest getRadar", looks.longestNames, 500},
-            {"ms for the longest getAddress", looks.longestAddress, 500},
+            {"ms for the longest getRadar", lookUps.longestNames, 500},
+            {"ms for the longest getAddress", lookUps.longestAddress, 500},
             {"forged a second", rate}};
 }
 
-/// The host is to be heard by a display all the time, and to answer quickly afterwards.
-Figures againstHost(Stage& stage, const wire::Group& group, Flood::Forge forge) {
-    const Client client(stage.display(), kDisplayAddress);
-    secondsUntil([&] { return client.lists(kStanding); }, 30s, "the host is listed");
-    Looks looks;
-    Flood flood(stage.stranger(), group, forge);
-    for (const auto end = Clock::now() + (stage.full() ? 60s : 10s); Clock::now() < end;) {
+/// A display must list the host all the time, and the host must answer quickly afterwards.
+Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge forge) {
+    const Client client(testbed.display(), kDisplayAddress);
+    secondsUntil([&] { return client.lists(kPermanentRadar); }, 30s, "the host is listed");
+    LookUps lookUps;
+    Flood flood(testbed.stranger(), group, forge);
+    for (const auto end = Clock::now() + (testbed.full() ? 60s : 10s); Clock::now() < end;) {
         std::this_thread::sleep_for(50ms);
-        looks.look(client, {kStanding});
+        lookUps.sample(client, {kPermanentRadar});
     }
     const double rate = flood.end();
-    Ears ears(stage.stranger(), "10.20.1.250");
-    const Ticker asking(stage.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)), 200ms);
+    GroupListener listener(testbed.stranger(), "10.20.1.250");
+    const PeriodicSender asking(testbed.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)),
+                                200ms);
     const auto ended = Clock::now();
     const double answers =
-        secondsUntil([&] { return ears.heardSince(ended, kStanding); }, 60s, "the host answers");
-    return {{"times the host was missing", static_cast<double>(looks.missing), 0},
+        secondsUntil([&] { return listener.receivedSince(ended, kPermanentRadar); }, 60s, "the host answers");
+    return {{"times the host was missing", static_cast<double>(lookUps.missing), 0},
             {"s until it answers afterwards", answers, 2},
             {"forged a second", rate}};
 }
 
-Figures objections(Stage& stage) {
-    while (stage.standing().nextLine(0ms)) // what it said earlier
+Figures objections(Testbed& testbed) {
+    while (testbed.permanentHost().nextLine(0ms)) // what it printed earlier
         continue;
-    Figures figures = againstHost(stage, wire::kNegotiation, forgedObjection);
-    const auto serves = [&] { return stage.standing().lineWith("serving", 0ms).has_value(); };
-    figures.push_back({"s more until it has an id anew", secondsUntil(serves, 60s, "the host has an id"), 5});
+    Figures figures = againstHost(testbed, wire::kNegotiation, forgedObjection);
+    const auto serves = [&] { return testbed.permanentHost().lineWith("serving", 0ms).has_value(); };
+    figures.push_back(
+        {"s more until it has an id again", secondsUntil(serves, 60s, "the host has an id"), 5});
     return figures;
 }
 
-constexpr Row kRows[] = {
+constexpr Fault kFaults[] = {
     {"flood-names", "Forged announcements with ever new names",
      "up to 100,000 a second for 15 s (60 s with --full), with shell, terminal and JSON tricks",
      "the real radars stay listed, the table holds 4096 names at most, look-ups stay fast", announcements},
@@ -204,16 +205,16 @@ constexpr Row kRows[] = {
      "the host stays listed, answers within 2 s afterwards, and has an id 5 s later", objections},
     {"flood-resets", "Forged resets", "up to 100,000 a second for 10 s (60 s with --full)",
      "the host stays listed, and answers within 2 s afterwards",
-     [](Stage& stage) { return againstHost(stage, wire::kNegotiation, forgedReset); }},
+     [](Testbed& testbed) { return againstHost(testbed, wire::kNegotiation, forgedReset); }},
     {"flood-queries", "Forged queries", "up to 100,000 a second for 10 s (60 s with --full)",
      "the host stays listed, and answers within 2 s afterwards",
-     [](Stage& stage) { return againstHost(stage, wire::kDiscovery, forgedQuery); }},
+     [](Testbed& testbed) { return againstHost(testbed, wire::kDiscovery, forgedQuery); }},
 };
 
 } // namespace
 
-std::span<const Row> floodRows() {
-    return kRows;
+std::span<const Fault> floodFaults() {
+    return kFaults;
 }
 
 } // namespace soak

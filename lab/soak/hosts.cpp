@@ -1,6 +1,6 @@
-// Hosts that vanish, freeze, come back as somebody else, or claim ids all at once.
+// Hosts that are killed, freeze, come back under another name, or claim ids all at once.
 
-#include "stage.h"
+#include "testbed.h"
 
 #include <UdpSocket/hostnegotiator.h>
 
@@ -10,8 +10,8 @@ namespace soak {
 
 namespace {
 
-constexpr double kLeaves = 10; // 8 s in whole seconds, and the query that finds it
-constexpr double kComes = 2.5; // a query and its answer
+constexpr double kRemovalLimit = 10;  // s: 8 counted in whole seconds, and the next query
+constexpr double kListingLimit = 2.5; // s: a query and its answer
 
 double secondsUntilListed(const Client& client, const std::string& name) {
     return secondsUntil([&] { return client.lists(name); }, 60s, name + " is listed");
@@ -21,86 +21,86 @@ double secondsUntilGone(const Client& client, const std::string& name) {
     return secondsUntil([&] { return !client.lists(name); }, 60s, name + " leaves");
 }
 
-Figures killed(Stage& stage) {
-    const Client client(stage.display(), kDisplayAddress);
-    const std::string name = stage.freshName();
-    lab::Process host = stage.startHost(stage.host(), name, 21);
+Figures killed(Testbed& testbed) {
+    const Client client(testbed.display(), kDisplayAddress);
+    const std::string name = testbed.newName();
+    lab::Process host = testbed.startHost(testbed.host(), name, 21);
     secondsUntilListed(client, name);
     host.signal(SIGKILL);
-    return {{"s until it leaves the table", secondsUntilGone(client, name), kLeaves}};
+    return {{"s until it leaves the table", secondsUntilGone(client, name), kRemovalLimit}};
 }
 
-Figures frozen(Stage& stage) {
-    const Client client(stage.display(), kDisplayAddress);
-    const std::string name = stage.freshName();
-    const lab::Process host = stage.startHost(stage.host(), name, 21);
+Figures frozen(Testbed& testbed) {
+    const Client client(testbed.display(), kDisplayAddress);
+    const std::string name = testbed.newName();
+    const lab::Process host = testbed.startHost(testbed.host(), name, 21);
     secondsUntilListed(client, name);
     const auto stopped = Clock::now();
     host.signal(SIGSTOP);
     const double gone = secondsUntilGone(client, name);
     std::this_thread::sleep_until(stopped + 20s);
     host.signal(SIGCONT);
-    return {{"s until it leaves", gone, kLeaves},
-            {"s until it is back", secondsUntilListed(client, name), kComes}};
+    return {{"s until it leaves", gone, kRemovalLimit},
+            {"s until it is back", secondsUntilListed(client, name), kListingLimit}};
 }
 
-Figures renamed(Stage& stage) {
-    const Client client(stage.display(), kDisplayAddress);
-    const std::string before = stage.freshName();
-    const std::string after = stage.freshName();
+Figures renamed(Testbed& testbed) {
+    const Client client(testbed.display(), kDisplayAddress);
+    const std::string before = testbed.newName();
+    const std::string after = testbed.newName();
     {
-        const lab::Process host = stage.startHost(stage.host(), before, 21);
+        const lab::Process host = testbed.startHost(testbed.host(), before, 21);
         secondsUntilListed(client, before);
     }
     const auto start = Clock::now();
-    const lab::Process host = stage.startHost(stage.host(), after, 21);
+    const lab::Process host = testbed.startHost(testbed.host(), after, 21);
     secondsUntilListed(client, after);
     const double listed = secondsSince(start);
     secondsUntilGone(client, before);
-    return {{"s until the new name is listed", listed, 2 + kComes},
-            {"s until the old one leaves", secondsSince(start), kLeaves}};
+    return {{"s until the new name is listed", listed, 2 + kListingLimit},
+            {"s until the old one leaves", secondsSince(start), kRemovalLimit}};
 }
 
 int idOf(lab::Process& host) {
     const std::string before = "as host id ";
     const auto line = host.lineWith(before, 30s);
     if (!line)
-        throw Broken("a host does not serve");
+        throw RequirementFailed("a host does not serve");
     return std::stoi(line->substr(line->find(before) + before.size()));
 }
 
-Figures oneId(Stage& stage) {
+Figures oneId(Testbed& testbed) {
     constexpr int kId = 33;
     const std::string radarctl = lab::programBeside("radarctl");
     const std::vector<std::string> first{radarctl, "host", "--name", "Twin-1", "--id", std::to_string(kId)};
     const std::vector<std::string> second{radarctl, "host", "--name", "Twin-2", "--id", std::to_string(kId)};
-    lab::Process one = stage.host().start({.command = first});
-    lab::Process other = stage.stranger().start({.command = second});
+    lab::Process one = testbed.host().start({.command = first});
+    lab::Process other = testbed.stranger().start({.command = second});
     const int holders = (idOf(one) == kId ? 1 : 0) + (idOf(other) == kId ? 1 : 0);
-    lab::Process doctor = stage.display().start(
+    lab::Process doctor = testbed.display().start(
         {.command = {radarctl, "doctor", "--json", "--seconds", "3", "--interface", "eth0"}});
     if (!doctor.wait(60s))
-        throw Broken("radarctl doctor does not end");
+        throw RequirementFailed("radarctl doctor does not end");
     const bool named = doctor.output().find("\"same-id\"") != std::string::npos;
     if (holders > 1 && !named)
-        throw Broken("radarctl doctor does not name two holders of one id");
+        throw RequirementFailed("radarctl doctor does not name two holders of one id");
     return {{"hosts hold the id, and doctor says so", static_cast<double>(holders)}};
 }
 
-Figures crowd(Stage& stage) {
+Figures manyHosts(Testbed& testbed) {
     constexpr int kFirstId = 16;
-    for (const lab::Node* node : stage.crowd())
-        stage.lan().restore(*node);
-    std::vector<std::atomic<int>> ids(stage.crowd().size());
+    for (const lab::Node* node : testbed.manyHosts())
+        testbed.lan().restore(*node);
+    std::vector<std::atomic<int>> ids(testbed.manyHosts().size());
     std::vector<std::unique_ptr<HostNegotiator>> negotiators;
     std::unique_ptr<HostNegotiator> holderOfOne;
     {
-        const lab::Inside inside = stage.host().enter();
+        const lab::Inside inside = testbed.host().enter();
         holderOfOne = std::make_unique<HostNegotiator>(nullptr, nullptr);
-        holderOfOne->syncLogin(1); // objects to every claim of theirs
+        holderOfOne->syncLogin(1); // objects to all their claims
     }
     for (size_t i = 0; i < ids.size(); ++i) {
-        const lab::Inside inside = stage.crowd()[i]->enter();
+        const lab::Inside inside = testbed.manyHosts()[i]->enter();
         negotiators.push_back(
             std::make_unique<HostNegotiator>(nullptr, [&id = ids[i]](std::uint8_t held) { id = held; }));
     }
@@ -113,29 +113,29 @@ Figures crowd(Stage& stage) {
     for (size_t i = 0; i < ids.size(); ++i)
         others += ids[i] == kFirstId + static_cast<int>(i) ? 0 : 1;
     negotiators.clear();
-    for (const lab::Node* node : stage.crowd())
-        stage.lan().cut(*node);
+    for (const lab::Node* node : testbed.manyHosts())
+        testbed.lan().cut(*node);
     return {{"s until all hold an id", seconds, 5},
             {"hold another than they claimed", static_cast<double>(others), 0}};
 }
 
-constexpr Row kRows[] = {
+constexpr Fault kFaults[] = {
     {"host-killed", "Host killed", "SIGKILL", "it leaves the table within 10 s", killed},
     {"host-frozen", "Host frozen and woken", "SIGSTOP for 20 s, then SIGCONT",
      "it leaves within 10 s, and is back within 2.5 s", frozen},
-    {"host-renamed", "Host restarted under another name", "killed, and started anew with the same id",
+    {"host-renamed", "Host restarted under another name", "killed, and started again with the same id",
      "the new name comes within 4.5 s, the old one leaves within 10 s", renamed},
     {"host-one-id", "Two hosts claim one id at once", "two processes started together, both with id 33",
      "nothing is promised; radarctl doctor names it (`same-id`)", oneId},
     {"host-crowd", "48 hosts negotiate at once",
      "each claims another id of the plan, while the holder of id 1 objects to all",
-     "each holds the id that it claimed, within 5 s", crowd, true},
+     "each holds the id that it claimed, within 5 s", manyHosts, true},
 };
 
 } // namespace
 
-std::span<const Row> hostRows() {
-    return kRows;
+std::span<const Fault> hostFaults() {
+    return kFaults;
 }
 
 } // namespace soak

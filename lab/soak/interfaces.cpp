@@ -1,7 +1,7 @@
-// Faults of the way to the radars: an address that comes late, an interface that is replaced, a link that is
-// lost, an address that changes.
+// Faults of interfaces and links: an address that comes late, an interface that is replaced, a link that goes
+// down, an address that changes.
 
-#include "stage.h"
+#include "testbed.h"
 
 #include <nlohmann/json.hpp>
 
@@ -11,49 +11,49 @@ namespace {
 
 constexpr wire::Group kGroups[] = {{"236.9.9.9", 7000}, {"236.9.9.10", 7001}}; // of no radar
 constexpr auto kOutage = 3s;
-constexpr double kHearsAgain = 10;
+constexpr double kRecoveryLimit = 10;
 
-using Change = void (*)(Stage&, const lab::Node&);
+using Change = void (*)(Testbed&, const lab::Node&);
 
 std::string addressOf(const lab::Node& node) {
     const std::string& address = node.plan().interfaces[0].address;
     return address.substr(0, address.find('/'));
 }
 
-void takeAddress(Stage& stage, const lab::Node& node) {
-    stage.lan().changeAddress(node, 0, "");
+void takeAddress(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().changeAddress(node, 0, "");
 }
-void giveAddress(Stage& stage, const lab::Node& node) {
-    stage.lan().changeAddress(node, 0, node.plan().interfaces[0].address);
+void giveAddress(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().changeAddress(node, 0, node.plan().interfaces[0].address);
 }
-void giveOtherAddress(Stage& stage, const lab::Node& node) {
+void giveOtherAddress(Testbed& testbed, const lab::Node& node) {
     std::string address = node.plan().interfaces[0].address;
-    stage.lan().changeAddress(node, 0, address.replace(0, 6, "10.20.1")); // 10.20.2.3 becomes 10.20.12.3
+    testbed.lan().changeAddress(node, 0, address.replace(0, 6, "10.20.1")); // 10.20.2.3 becomes 10.20.12.3
 }
-void unplug(Stage& stage, const lab::Node& node) {
-    stage.lan().unplug(node);
+void unplug(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().unplug(node);
 }
-void plugIn(Stage& stage, const lab::Node& node) {
-    stage.lan().plugIn(node);
+void plugIn(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().plugIn(node);
 }
-void cut(Stage& stage, const lab::Node& node) {
-    stage.lan().cut(node);
+void cut(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().cut(node);
 }
-void restore(Stage& stage, const lab::Node& node) {
-    stage.lan().restore(node);
+void restore(Testbed& testbed, const lab::Node& node) {
+    testbed.lan().restore(node);
 }
 
-/// The computers of displays, with the standing one, which has a part in the faults while a mix runs.
+/// The computers of displays, the permanent one among them, so that it is affected, too, while a mix runs.
 class Displays {
 public:
-    explicit Displays(Stage& stage) : m_stage(stage), m_nodes(stage.furtherDisplays()) {
-        m_nodes.push_back(&stage.display());
-        for (const lab::Node* node : stage.furtherDisplays())
-            stage.lan().restore(*node);
+    explicit Displays(Testbed& testbed) : m_testbed(testbed), m_nodes(testbed.additionalDisplays()) {
+        m_nodes.push_back(&testbed.display());
+        for (const lab::Node* node : testbed.additionalDisplays())
+            testbed.lan().restore(*node);
     }
     ~Displays() {
-        for (const lab::Node* node : m_stage.furtherDisplays())
-            m_stage.lan().cut(*node);
+        for (const lab::Node* node : m_testbed.additionalDisplays())
+            m_testbed.lan().cut(*node);
     }
     Displays(const Displays&) = delete;
     Displays& operator=(const Displays&) = delete;
@@ -61,144 +61,145 @@ public:
     const lab::Node& operator[](size_t number) const { return *m_nodes[number]; }
     void apply(Change change) const {
         for (const lab::Node* node : m_nodes)
-            change(m_stage, *node);
+            change(m_testbed, *node);
     }
 
 private:
-    Stage& m_stage;
+    Testbed& m_testbed;
     std::vector<const lab::Node*> m_nodes;
 };
 
 // ----------------------------------------------------------------------------------------------- cold boot
 
-Figures coldBoot(Stage& stage, Change withhold, Change give) {
-    const Displays displays(stage);
+Figures coldBoot(Testbed& testbed, Change withhold, Change give) {
+    const Displays displays(testbed);
     displays.apply(withhold);
     const Client searching(displays[0], "0.0.0.0");
-    const Client told(displays[1], addressOf(displays[1]).c_str());
-    std::this_thread::sleep_for(stage.full() ? 60s : 6s);
+    const Client configured(displays[1], addressOf(displays[1]).c_str());
+    std::this_thread::sleep_for(testbed.full() ? 60s : 6s);
     displays.apply(give);
-    const auto seconds =
-        secondsUntil({[&] { return searching.lists(kStanding); }, [&] { return told.lists(kStanding); }}, 60s,
-                     "the radar is listed");
+    const auto seconds = secondsUntil(
+        {[&] { return searching.lists(kPermanentRadar); }, [&] { return configured.lists(kPermanentRadar); }},
+        60s, "the radar is listed");
     return {{"s until listed, address searched", seconds[0], 13},
-            {"s, address configured", seconds[1], kHearsAgain}};
+            {"s, address configured", seconds[1], kRecoveryLimit}};
 }
 
-Figures addressLate(Stage& stage) {
-    return coldBoot(stage, takeAddress, giveAddress);
+Figures addressLate(Testbed& testbed) {
+    return coldBoot(testbed, takeAddress, giveAddress);
 }
 
-Figures interfaceLate(Stage& stage) {
-    return coldBoot(stage, unplug, plugIn);
+Figures interfaceLate(Testbed& testbed) {
+    return coldBoot(testbed, unplug, plugIn);
 }
 
 // ------------------------------------------------------------------------------------------- on the display
 
-/// The display of a picture, "radarctl listen", which tells each second what it has received.
-class Picture {
+/// The receiver of a picture, "radarctl listen", which reports each second what it has received.
+class ListenProcess {
 public:
-    explicit Picture(const lab::Node& node)
-        : m_process(node.start({.command = {lab::programBeside("radarctl"), "listen", kStanding, "0",
+    explicit ListenProcess(const lab::Node& node)
+        : m_process(node.start({.command = {lab::programBeside("radarctl"), "listen", kPermanentRadar, "0",
                                             "--json", "--local", addressOf(node)},
                                 .errorFile = "/run/soak.errors"})) {}
-    /// Whether datagrams came in the seconds that it has told of since the last call.
-    bool runs() {
-        bool received = false;
+    /// Whether datagrams came in the seconds that it has reported since the last call.
+    bool received() {
+        bool any = false;
         while (const auto line = m_process.nextLine(0ms))
-            received = received || nlohmann::json::parse(*line)["datagrams"] > 0;
-        return received;
+            any = any || nlohmann::json::parse(*line)["datagrams"] > 0;
+        return any;
     }
 
 private:
     lab::Process m_process;
 };
 
-/// Makes a fault of the displays' interfaces, and sees who hears again after it is mended, and when.
+/// Makes a fault of the displays' interfaces, repairs it, and measures when each receiver receives again.
 /// @param keepsAddress false: the displays have other addresses afterwards
-Figures onDisplay(Stage& stage, Change harm, Change mend, bool keepsAddress = true) {
-    const Displays displays(stage);
+Figures withDisplayFault(Testbed& testbed, Change damage, Change repair, bool keepsAddress = true) {
+    const Displays displays(testbed);
     const Client searching(displays[0], "0.0.0.0");
-    const Client told(displays[1], addressOf(displays[1]).c_str());
+    const Client configured(displays[1], addressOf(displays[1]).c_str());
     const lab::Node& third = displays[2];
-    Picture picture(third);
-    const Ears pinned(third, addressOf(third).c_str(), kGroups[0]);
-    const Ears any(third, "0.0.0.0", kGroups[1]);
-    const Ticker ticker(stage.host(), kGroups[0], "tick", 50ms);
-    const Ticker otherTicker(stage.host(), kGroups[1], "tick", 50ms);
+    ListenProcess picture(third);
+    const GroupListener pinned(third, addressOf(third).c_str(), kGroups[0]);
+    const GroupListener any(third, "0.0.0.0", kGroups[1]);
+    const PeriodicSender sender(testbed.host(), kGroups[0], "tick", 50ms);
+    const PeriodicSender otherSender(testbed.host(), kGroups[1], "tick", 50ms);
     const auto begin = Clock::now();
-    secondsUntil({[&] { return searching.lists(kStanding); }, [&] { return told.lists(kStanding); },
-                  [&] { return picture.runs(); }, [&] { return pinned.heardSince(begin); },
-                  [&] { return any.heardSince(begin); }},
-                 30s, "all hear before the fault");
+    secondsUntil({[&] { return searching.lists(kPermanentRadar); },
+                  [&] { return configured.lists(kPermanentRadar); }, [&] { return picture.received(); },
+                  [&] { return pinned.receivedSince(begin); }, [&] { return any.receivedSince(begin); }},
+                 30s, "all receive before the fault");
 
-    displays.apply(harm);
+    displays.apply(damage);
     std::this_thread::sleep_for(kOutage);
-    displays.apply(mend);
-    const auto mended = Clock::now();
-    picture.runs();                             // what it received earlier
-    const std::string name = stage.freshName(); // who lists it has heard something since
-    const auto server = stage.serve(stage.host(), name);
-    const auto seconds =
-        secondsUntil({[&] { return searching.lists(name); }, [&] { return picture.runs(); },
-                      [&] { return pinned.heardSince(mended); }, [&] { return any.heardSince(mended); },
-                      [&] { return !keepsAddress || told.lists(name); }},
-                     60s, "all hear again");
-    Figures figures{{"s until discovery hears, address searched", seconds[0], kHearsAgain},
-                    {"s, a picture", seconds[1], kHearsAgain + 1}, // told once a second
-                    {"s, receiver of the address", seconds[2], kHearsAgain},
-                    {"s, receiver of any address", seconds[3], kHearsAgain}};
+    displays.apply(repair);
+    const auto repaired = Clock::now();
+    picture.received();                         // what it received earlier
+    const std::string name = testbed.newName(); // a display that lists it has received something since
+    const auto server = testbed.serve(testbed.host(), name);
+    const auto seconds = secondsUntil(
+        {[&] { return searching.lists(name); }, [&] { return picture.received(); },
+         [&] { return pinned.receivedSince(repaired); }, [&] { return any.receivedSince(repaired); },
+         [&] { return !keepsAddress || configured.lists(name); }},
+        60s, "all receive again");
+    Figures figures{{"s until discovery hears, address searched", seconds[0], kRecoveryLimit},
+                    {"s, a picture", seconds[1], kRecoveryLimit + 1}, // reported once a second
+                    {"s, receiver of the address", seconds[2], kRecoveryLimit},
+                    {"s, receiver of any address", seconds[3], kRecoveryLimit}};
     if (keepsAddress)
-        figures.push_back({"s, discovery, address configured", seconds[4], kHearsAgain});
+        figures.push_back({"s, discovery, address configured", seconds[4], kRecoveryLimit});
     else
         displays.apply(giveAddress);
     return figures;
 }
 
-Figures displayReplaced(Stage& stage) {
-    return onDisplay(stage, unplug, plugIn);
+Figures displayReplaced(Testbed& testbed) {
+    return withDisplayFault(testbed, unplug, plugIn);
 }
 
-Figures displayCarrier(Stage& stage) {
-    return onDisplay(stage, cut, restore);
+Figures displayCarrier(Testbed& testbed) {
+    return withDisplayFault(testbed, cut, restore);
 }
 
-Figures displayAddress(Stage& stage) {
-    return onDisplay(stage, takeAddress, giveOtherAddress, false);
+Figures displayAddress(Testbed& testbed) {
+    return withDisplayFault(testbed, takeAddress, giveOtherAddress, false);
 }
 
 // ---------------------------------------------------------------------------------------------- on the host
 
-/// The same for the interface of the standing radar, which sends and receives through any address.
-Figures onHost(Stage& stage, Change harm, Change mend) {
-    Ears ears(stage.stranger(), "10.20.1.250");
-    const Ticker asking(stage.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)), 200ms);
+/// The same for the interface of the permanent radar, which sends and receives through any address.
+Figures withHostFault(Testbed& testbed, Change damage, Change repair) {
+    GroupListener listener(testbed.stranger(), "10.20.1.250");
+    const PeriodicSender asking(testbed.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)),
+                                200ms);
     const auto begin = Clock::now();
-    secondsUntil([&] { return ears.heardSince(begin, kStanding); }, 10s, "the host answers");
-    harm(stage, stage.standingHost());
+    secondsUntil([&] { return listener.receivedSince(begin, kPermanentRadar); }, 10s, "the host answers");
+    damage(testbed, testbed.permanentHostNode());
     std::this_thread::sleep_for(kOutage);
-    mend(stage, stage.standingHost());
-    const auto mended = Clock::now();
-    const double seconds =
-        secondsUntil([&] { return ears.heardSince(mended, kStanding); }, 60s, "the host answers again");
-    return {{"s until the host answers", seconds, kHearsAgain}};
+    repair(testbed, testbed.permanentHostNode());
+    const auto repaired = Clock::now();
+    const double seconds = secondsUntil([&] { return listener.receivedSince(repaired, kPermanentRadar); },
+                                        60s, "the host answers again");
+    return {{"s until the host answers", seconds, kRecoveryLimit}};
 }
 
-Figures hostReplaced(Stage& stage) {
-    return onHost(stage, unplug, plugIn);
+Figures hostReplaced(Testbed& testbed) {
+    return withHostFault(testbed, unplug, plugIn);
 }
 
-Figures hostCarrier(Stage& stage) {
-    return onHost(stage, cut, restore);
+Figures hostCarrier(Testbed& testbed) {
+    return withHostFault(testbed, cut, restore);
 }
 
-Figures hostAddress(Stage& stage) {
-    Figures figures = onHost(stage, takeAddress, giveOtherAddress);
-    giveAddress(stage, stage.standingHost());
+Figures hostAddress(Testbed& testbed) {
+    Figures figures = withHostFault(testbed, takeAddress, giveOtherAddress);
+    giveAddress(testbed, testbed.permanentHostNode());
     return figures;
 }
 
-constexpr Row kRows[] = {
+constexpr Fault kFaults[] = {
     {"cold-boot-address", "Cold boot, address late",
      "display started without an address; given 6 s later (60 s with --full)",
      "listed within a search and a query: 13 s searched, 10 s configured", addressLate},
@@ -221,8 +222,8 @@ constexpr Row kRows[] = {
 
 } // namespace
 
-std::span<const Row> interfaceRows() {
-    return kRows;
+std::span<const Fault> interfaceFaults() {
+    return kFaults;
 }
 
 } // namespace soak

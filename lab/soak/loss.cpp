@@ -1,6 +1,6 @@
-// Datagrams that get lost on the way, and answers that come while nobody listens.
+// Datagrams that are lost on the LAN, and answers that come while the display does not run.
 
-#include "stage.h"
+#include "testbed.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,54 +12,55 @@ namespace soak {
 
 namespace {
 
+constexpr const char* kHostAddress = "10.20.1.2"; // of host2
 constexpr int kRadars = 48;
-constexpr int kSilentRounds = 8; // a radar leaves when 8 s have passed, which is so many queries in vain
+constexpr int kSilentRounds = 8; // unanswered queries, one a second, until a radar is removed after 8 s
 
 /// A share of all packets is dropped for a while. How much of that time is a present radar missing?
 ///
 /// A round, a query and its answer, fails with q = 1 - (1 - loss)^2, and with several displays, whose answers
-/// everybody hears, with q to the power of their number. After a round, a radar is missing when that one and
-/// the seven before it have failed: q^8 of the time.
-Figures lose(Stage& stage, int percent, std::chrono::seconds duration, bool never) {
+/// all displays receive, with q to the power of their number. After a round, a radar is missing when that one
+/// and the seven before it have failed: q^8 of the time.
+Figures dropPackets(Testbed& testbed, int percent, std::chrono::seconds duration, bool noneMissing) {
     std::vector<std::string> names;
     std::vector<std::unique_ptr<HostServer>> servers;
     for (int i = 0; i < kRadars; ++i) {
-        names.push_back(stage.freshName());
-        servers.push_back(stage.serve(stage.host(), names.back(), 16 + i));
+        names.push_back(testbed.newName());
+        servers.push_back(testbed.serve(testbed.host(), names.back(), 16 + i));
     }
-    const Client client(stage.display(), kDisplayAddress);
+    const Client client(testbed.display(), kDisplayAddress);
     const auto missing = [&] {
         return std::ranges::count_if(names, [&](const std::string& name) { return !client.lists(name); });
     };
     secondsUntil([&] { return missing() == 0; }, 30s, "all radars are listed");
 
-    stage.lan().dropRate(percent);
-    std::this_thread::sleep_for(std::chrono::seconds(kSilentRounds)); // nobody can be missing yet
+    testbed.lan().dropRate(percent);
+    std::this_thread::sleep_for(std::chrono::seconds(kSilentRounds)); // no radar can be missing yet
     double sum = 0;
-    int looks = 0;
-    for (const auto start = Clock::now(); Clock::now() < start + duration; ++looks) {
+    int samples = 0;
+    for (const auto start = Clock::now(); Clock::now() < start + duration; ++samples) {
         std::this_thread::sleep_for(100ms);
         sum += static_cast<double>(missing());
     }
-    stage.lan().dropRate(0);
+    testbed.lan().dropRate(0);
 
-    const double q = std::pow(1 - std::pow(1 - percent / 100.0, 2), stage.hasWatch() ? 2 : 1);
+    const double q = std::pow(1 - std::pow(1 - percent / 100.0, 2), testbed.hasWatch() ? 2 : 1);
     const double computed = std::pow(q, kSilentRounds);
     const double radarSeconds = kRadars * static_cast<double>(duration.count());
     // Absences last 1/(1-q) rounds in the mean, so their sum scatters more than single seconds would; and a
     // lost query is lost for all radars, since one computer serves them, which more than doubles that.
     const double scatter = std::sqrt(computed / radarSeconds * (1 + q) / (1 - q));
-    const double seen = sum / looks / kRadars;
-    return {{"% of the time missing", 100 * seen, never ? 0 : 100 * (computed + 10 * scatter)},
+    const double measured = sum / samples / kRadars;
+    return {{"% of the time missing", 100 * measured, noneMissing ? 0 : 100 * (computed + 10 * scatter)},
             {"% computed", 100 * computed}};
 }
 
-Figures loseThird(Stage& stage) {
-    return lose(stage, 30, stage.full() ? 600s : 60s, false);
+Figures loseThird(Testbed& testbed) {
+    return dropPackets(testbed, 30, testbed.full() ? 600s : 60s, false);
 }
 
-Figures loseTwentieth(Stage& stage) {
-    return lose(stage, 5, stage.full() ? 600s : 30s, true);
+Figures loseTwentieth(Testbed& testbed) {
+    return dropPackets(testbed, 5, testbed.full() ? 600s : 30s, true);
 }
 
 /// Datagrams that the system has dropped at the process's network's sockets of the discovery port.
@@ -76,27 +77,27 @@ long dropped(pid_t process) {
     return sum;
 }
 
-Figures burst(Stage& stage) {
-    constexpr auto kHeldOff = 20ms;
-    Watch watch(stage.display(), stage.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"));
-    secondsUntil([&] { return watch.lists(kStanding); }, 30s, "the display lists the radar");
-    stage.lan().dropRate(stage.display(), 100); // it does not know them yet
+Figures burst(Testbed& testbed) {
+    constexpr auto kStopped = 20ms;
+    Watch watch(testbed.display(), testbed.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"));
+    secondsUntil([&] { return watch.lists(kPermanentRadar); }, 30s, "the display lists the radar");
+    testbed.lan().dropRate(testbed.display(), 100); // so that the new radars are not listed yet
     std::vector<std::string> names;
     std::vector<std::unique_ptr<HostServer>> servers;
     for (int id = 15; id <= 63; ++id) {
-        names.push_back(stage.freshName());
-        servers.push_back(stage.serve(stage.host(), names.back(), id == 15 ? 1 : id));
+        names.push_back(testbed.newName());
+        servers.push_back(testbed.serve(testbed.host(), names.back(), id == 15 ? 1 : id));
     }
     const pid_t process = watch.process().pid();
     watch.process().signal(SIGSTOP);
-    stage.lan().dropRate(stage.display(), 0);
+    testbed.lan().dropRate(testbed.display(), 0);
     const long before = dropped(process);
     {
-        const lab::Inside inside = stage.stranger().enter();
+        const lab::Inside inside = testbed.stranger().enter();
         const net::UdpSender asking(wire::kDiscovery.address, wire::kDiscovery.port, 0, 0);
         asking.sendData(wire::kQuery.data(), wire::kQuery.size());
     }
-    std::this_thread::sleep_for(kHeldOff);
+    std::this_thread::sleep_for(kStopped);
     watch.process().signal(SIGCONT);
     const auto allListed = [&] {
         return std::ranges::all_of(names, [&](const std::string& name) { return watch.lists(name); });
@@ -106,7 +107,34 @@ Figures burst(Stage& stage) {
             {"s until all 49 listed", seconds, 2.5}};
 }
 
-constexpr Row kRows[] = {
+/// A computer whose transmit queue does not move: what does the library's own traffic hold up there?
+Figures queueStands(Testbed& testbed) {
+    constexpr int kQueries = 3000;
+    const lab::Node& node = testbed.host();
+    const auto shape = [&node](const std::string& command) {
+        lab::Process process = node.start({.command = {"sh", "-c", "tc qdisc " + command}});
+        if (process.wait(10s) != 0)
+            throw RequirementFailed("the link cannot be shaped");
+    };
+    auto client = std::make_unique<Client>(node, kHostAddress);
+    secondsUntil([&] { return client->lists(kPermanentRadar); }, 30s, "the radar is listed");
+    auto server = testbed.serve(node, testbed.newName());
+    shape("add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000");
+    double longest = 0;
+    for (int i = 0; i < kQueries; ++i) {
+        const auto start = Clock::now();
+        client->client().query();
+        longest = std::max(longest, secondsSince(start));
+    }
+    const auto start = Clock::now();
+    server.reset();
+    client.reset();
+    const double destroyed = secondsSince(start);
+    shape("del dev eth0 root");
+    return {{"s for the longest of 3,000 queries", longest, 1}, {"s until all is destroyed", destroyed, 2}};
+}
+
+constexpr Fault kFaults[] = {
     {"loss-30", "Loss of 30 % both ways",
      "packets dropped at random for 60 s (10 min with --full), 48 radars, a query a second",
      "a radar is missing no more often than computed, but for chance: q^8 of the time, q = 1 - 0.7^2",
@@ -116,12 +144,14 @@ constexpr Row kRows[] = {
      "no radar is ever missing", loseTwentieth},
     {"burst", "Burst of answers", "49 hosts answer one query while the display is stopped for 20 ms",
      "all are listed after the next query, 2.5 s at most", burst},
+    {"queue-stands", "Transmit queue that stands", "a computer's link shaped to 8 kbit/s, and asked for more",
+     "no query, no answer and no destructor waits for room", queueStands},
 };
 
 } // namespace
 
-std::span<const Row> lossRows() {
-    return kRows;
+std::span<const Fault> lossFaults() {
+    return kFaults;
 }
 
 } // namespace soak

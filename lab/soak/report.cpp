@@ -1,6 +1,6 @@
 #include "report.h"
 
-#include "stage.h"
+#include "testbed.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -30,35 +30,35 @@ std::string number(double value) {
 }
 
 bool holds(const Figure& figure) {
-    return figure.value <= figure.atMost;
+    return figure.value <= figure.limit;
 }
 
 /// "1.0 / 2.0 / 3.1 s until listed; ...": the least, the median and the most of each figure.
-std::string summary(const Tries& tries) {
+std::string summary(const Trials& trials) {
     std::string text;
-    for (size_t i = 0; !tries.seen.empty() && i < tries.seen.front().size(); ++i) {
+    for (size_t i = 0; !trials.figures.empty() && i < trials.figures.front().size(); ++i) {
         std::vector<double> values;
-        for (const Figures& figures : tries.seen)
-            values.push_back(figures[i].value);
+        for (const Figures& one : trials.figures)
+            values.push_back(one[i].value);
         std::ranges::sort(values);
         text += (i == 0 ? "" : "; ") + number(values.front());
         if (values.size() > 1)
             text += " / " + number(values[values.size() / 2]) + " / " + number(values.back());
-        text += " " + tries.seen.front()[i].what;
+        text += " " + trials.figures.front()[i].what;
     }
-    for (const std::string& failure : tries.failures)
+    for (const std::string& failure : trials.failures)
         text += (text.empty() ? "" : "; ") + ("**failed**: " + failure);
     return text;
 }
 
 } // namespace
 
-Result tryOnce(const Row& row, Stage& stage, Tries& tries) {
+Result runOnce(const Fault& fault, Testbed& testbed, Trials& trials) {
     try {
-        tries.seen.push_back(row.run(stage));
-        return {tries.seen.back(), ""};
+        trials.figures.push_back(fault.run(testbed));
+        return {trials.figures.back(), ""};
     } catch (const std::exception& error) {
-        tries.failures.emplace_back(error.what());
+        trials.failures.emplace_back(error.what());
         return {{}, error.what()};
     }
 }
@@ -76,8 +76,8 @@ void Report::say(const char* format, ...) const {
     std::fflush(m_output);
 }
 
-void Report::begin(const Row& row) const {
-    say("%-22s ", row.name);
+void Report::begin(const Fault& fault) const {
+    say("%-22s ", fault.name);
 }
 
 bool Report::end(const Result& result) const {
@@ -88,7 +88,7 @@ bool Report::end(const Result& result) const {
     std::string text;
     for (const Figure& figure : result.figures)
         text += (text.empty() ? "" : "; ") + number(figure.value) + " " + figure.what +
-                (holds(figure) ? "" : " (at most " + number(figure.atMost) + ")");
+                (holds(figure) ? "" : " (at most " + number(figure.limit) + ")");
     const bool allHold = std::ranges::all_of(result.figures, holds);
     say("%s: %s\n", allHold ? "ok" : "FAILED", text.c_str());
     return allHold;
@@ -101,16 +101,17 @@ std::string machineState() {
            " at the start";
 }
 
-void writeTable(const std::string& page, const std::vector<Tries>& table, const std::string& conditions) {
+void writeTable(const std::string& page, const std::vector<Trials>& table, const std::string& conditions) {
     std::ostringstream text;
     text << std::ifstream(page).rdbuf();
     const std::string before = text.str().substr(0, text.str().find(kMarker));
     std::ofstream output(page);
     output << before << kMarker << "\nMade with " << conditions
            << ".\n\n| fault | how it was made | what must hold | tried | seen |\n|---|---|---|---|---|\n";
-    for (const Tries& tries : table)
-        output << "| " << tries.row.fault << " | " << tries.row.made << " | " << tries.row.must << " | "
-               << tries.seen.size() + tries.failures.size() << " | " << summary(tries) << " |\n";
+    for (const Trials& trials : table)
+        output << "| " << trials.fault.title << " | " << trials.fault.procedure << " | "
+               << trials.fault.requirement << " | " << trials.figures.size() + trials.failures.size() << " | "
+               << summary(trials) << " |\n";
     if (!output.flush())
         throw std::system_error(errno, std::generic_category(), page);
 }

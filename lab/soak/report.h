@@ -1,5 +1,5 @@
 /// @file
-/// What the faults' tries have shown, on standard output and in the page that keeps the table.
+/// What the faults' trials have shown, on standard output and in the page that keeps the table.
 #pragma once
 
 #include "fault.h"
@@ -10,20 +10,20 @@
 
 namespace soak {
 
-/// All tries of one fault.
-struct Tries {
-    Row row;
-    std::vector<Figures> seen;
+/// All trials of one fault.
+struct Trials {
+    Fault fault;
+    std::vector<Figures> figures;
     std::vector<std::string> failures; ///< those that gave no figures
 };
 
-/// How one try went.
+/// The result of one trial.
 struct Result {
     Figures figures;
     std::string failure; ///< empty: it gave figures
 };
 
-Result tryOnce(const Row& row, Stage& stage, Tries& tries);
+Result runOnce(const Fault& fault, Testbed& testbed, Trials& trials);
 
 /// The lines that the program prints. They go where standard output goes when the object is made.
 class Report {
@@ -34,19 +34,19 @@ public:
     Report& operator=(const Report&) = delete;
 
     __attribute__((format(printf, 2, 3))) void say(const char* format, ...) const;
-    void begin(const Row& row) const;
-    /// @return whether all that must hold did
+    void begin(const Fault& fault) const;
+    /// @return whether all requirements hold
     bool end(const Result& result) const;
 
 private:
     FILE* m_output;
 };
 
-/// How busy the machine is, in words: figures of a busy machine are worse than the library.
+/// How busy the machine is, in words: a busy machine makes figures worse.
 std::string machineState();
 
-/// Puts the tries in place of the table with which a page ends.
+/// Puts the trials in place of the table with which a page ends.
 /// @param conditions under which they were made, in words
-void writeTable(const std::string& page, const std::vector<Tries>& table, const std::string& conditions);
+void writeTable(const std::string& page, const std::vector<Trials>& table, const std::string& conditions);
 
 } // namespace soak

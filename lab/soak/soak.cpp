@@ -1,9 +1,10 @@
-/// soak: makes the faults of an installation's life on the virtual LAN, and tells whether the library keeps
-/// working through each.
+/// soak: makes the faults that occur in installations on the virtual LAN, and reports whether the library
+/// keeps working through each.
 #include "report.h"
-#include "stage.h"
 #include "tcp_server_process.h"
+#include "testbed.h"
 
+#include <UdpSocket/base/descriptor.h>
 #include <lab/private_network.h>
 
 #include <CLI/CLI.hpp>
@@ -56,115 +57,117 @@ Options parse(int argc, char** argv) {
     return options;
 }
 
-std::vector<Row> chosenRows(const std::vector<std::string>& patterns) {
-    std::vector<Row> rows;
-    for (const auto& family : {interfaceRows(), lossRows(), hostRows(), tcpRows(), clockRows(), floodRows()})
-        for (const Row& row : family)
+std::vector<Fault> selectFaults(const std::vector<std::string>& patterns) {
+    std::vector<Fault> faults;
+    for (const auto& family :
+         {interfaceFaults(), lossFaults(), hostFaults(), tcpFaults(), clockFaults(), floodFaults()})
+        for (const Fault& fault : family)
             if (std::ranges::any_of(patterns, [&](const std::string& pattern) {
-                    return ::fnmatch(pattern.c_str(), row.name, 0) == 0;
+                    return ::fnmatch(pattern.c_str(), fault.name, 0) == 0;
                 }))
-                rows.push_back(row);
-    return rows;
+                faults.push_back(fault);
+    return faults;
 }
 
-bool runTable(const std::vector<Row>& rows, const Options& options, Report& report) {
-    std::vector<Tries> table;
+bool runTable(const std::vector<Fault>& faults, const Options& options, Report& report) {
+    std::vector<Trials> table;
     const std::string conditions = machineState() + (options.full ? ", --full" : "");
-    bool allHeld = true;
-    for (const Row& row : rows) {
-        Tries tries{row, {}, {}};
+    bool allHold = true;
+    for (const Fault& fault : faults) {
+        Trials trials{fault, {}, {}};
         for (int i = 0; i < options.times; ++i) {
-            Stage stage(options.full, row.crowd);
-            report.begin(row);
-            allHeld = report.end(tryOnce(row, stage, tries)) && allHeld;
+            Testbed testbed(options.full, fault.needsManyHosts);
+            report.begin(fault);
+            allHold = report.end(runOnce(fault, testbed, trials)) && allHold;
         }
-        table.push_back(std::move(tries));
+        table.push_back(std::move(trials));
     }
     if (!options.table.empty())
         writeTable(options.table, table, conditions);
-    return allHeld;
+    return allHold;
 }
 
-/// Growth of the standing display beyond what it held when it had seen every fault it was warmed up with.
+/// Whether the permanent display holds more resources than when each fault had been made once.
 class Growth {
 public:
     explicit Growth(pid_t process) : m_process(process) {}
 
     void warmUp() {
         const Resources now = resourcesOf(m_process);
-        m_most = {std::max(m_most.memory, now.memory), std::max(m_most.descriptors, now.descriptors),
-                  std::max(m_most.threads, now.threads)};
+        m_max = {std::max(m_max.memory, now.memory), std::max(m_max.descriptors, now.descriptors),
+                 std::max(m_max.threads, now.threads)};
     }
-    /// @throws Broken when the process keeps more than it held before
+    /// @throws RequirementFailed when the process keeps more than it held before
     void check() const {
-        constexpr long kSlack = 4096; // kB: a heap does not come to rest at the same size
+        constexpr long kSlack = 4096; // kB: the size of a heap varies
         const auto settled = [&] {
             const Resources now = resourcesOf(m_process);
-            return now.memory <= m_most.memory + m_most.memory / 10 + kSlack &&
-                   now.descriptors <= m_most.descriptors && now.threads <= m_most.threads;
+            return now.memory <= m_max.memory + m_max.memory / 10 + kSlack &&
+                   now.descriptors <= m_max.descriptors && now.threads <= m_max.threads;
         };
         secondsUntil(settled, 30s,
-                     "the display gives back what it took (" + text(m_most) + " before, " +
+                     "the display gives back what it took (" + text(m_max) + " before, " +
                          text(resourcesOf(m_process)) + " now)");
     }
     std::string now() const { return text(resourcesOf(m_process)); }
 
 private:
-    static std::string text(const Resources& held) {
-        return std::to_string(held.memory) + " kB, " + std::to_string(held.descriptors) + " descriptors, " +
-               std::to_string(held.threads) + " threads";
+    static std::string text(const Resources& resources) {
+        return std::to_string(resources.memory) + " kB, " + std::to_string(resources.descriptors) +
+               " descriptors, " + std::to_string(resources.threads) + " threads";
     }
     pid_t m_process;
-    Resources m_most{};
+    Resources m_max{};
 };
 
 /// All faults in an order drawn at random, then again in another.
-class Sequence {
+class FaultSequence {
 public:
-    Sequence(std::vector<Row> rows, unsigned int seed) : m_rows(std::move(rows)), m_random(seed) {}
-    const Row& next() {
-        const size_t place = m_taken++ % m_rows.size();
-        std::swap(m_rows[place], m_rows[place + m_random() % (m_rows.size() - place)]);
-        return m_rows[place];
+    FaultSequence(std::vector<Fault> faults, unsigned int seed)
+        : m_faults(std::move(faults)), m_random(seed) {}
+    const Fault& next() {
+        const size_t place = m_taken++ % m_faults.size();
+        std::swap(m_faults[place], m_faults[place + m_random() % (m_faults.size() - place)]);
+        return m_faults[place];
     }
     std::chrono::milliseconds pause() { return std::chrono::milliseconds(m_random() % 1000); }
-    bool hadAll() const { return m_taken > m_rows.size(); }
+    bool allWereMade() const { return m_taken > m_faults.size(); }
 
 private:
-    std::vector<Row> m_rows;
-    std::mt19937 m_random; // the same everywhere, unlike the library's distributions
+    std::vector<Fault> m_faults;
+    std::mt19937 m_random; // the same everywhere, unlike the distributions of the standard library
     size_t m_taken = 0;
 };
 
-bool runMix(const std::vector<Row>& rows, const Options& options, Report& report) {
+bool runMix(const std::vector<Fault>& faults, const Options& options, Report& report) {
     report.say("seed %u\n", options.seed);
-    Stage stage(options.full, true);
-    Growth growth(stage.watch().process().pid());
-    Sequence sequence(rows, options.seed);
+    Testbed testbed(options.full, true);
+    Growth growth(testbed.watch().process().pid());
+    FaultSequence sequence(faults, options.seed);
     const auto start = Clock::now();
     while (secondsSince(start) < options.minutes * 60) {
-        const Row& row = sequence.next();
+        const Fault& fault = sequence.next();
         std::this_thread::sleep_for(sequence.pause());
-        report.begin(row);
+        report.begin(fault);
         try {
-            Tries once{row, {}, {}};
-            if (!report.end(tryOnce(row, stage, once)))
-                throw Broken("it did not hold");
-            secondsUntil([&] { return stage.watch().lists(kStanding); }, 30s,
-                         "the display lists the standing radar");
-            if (sequence.hadAll())
+            Trials once{fault, {}, {}};
+            if (!report.end(runOnce(fault, testbed, once)))
+                throw RequirementFailed("it did not hold");
+            secondsUntil([&] { return testbed.watch().lists(kPermanentRadar); }, 30s,
+                         "the display lists the permanent radar");
+            if (sequence.allWereMade())
                 growth.check();
             else
-                growth.warmUp(); // each fault has its own need of memory
+                growth.warmUp(); // each fault may need other memory the first time
         } catch (const std::exception& error) {
-            report.say("soak: %s: %s\nsoak: to repeat: --mix --minutes %g --seed %u\n", row.name,
+            report.say("soak: %s: %s\nsoak: to repeat: --mix --minutes %g --seed %u\n", fault.name,
                        error.what(), options.minutes, options.seed);
             return false;
         }
     }
     report.say("the display holds %s; %s; seed %u\n", growth.now().c_str(),
-               sequence.hadAll() ? "nothing has grown since every fault was made once"
-                                 : "too short to tell whether anything grows",
+               sequence.allWereMade() ? "nothing has grown since every fault was made once"
+                                      : "too short to tell whether anything grows",
                options.seed);
     return true;
 }
@@ -175,24 +178,26 @@ int main(int argc, char** argv) {
     if (isServer(argc, argv))
         runServer(argv);
     const Options options = parse(argc, argv);
-    const std::vector<Row> rows = chosenRows(options.rows);
-    if (options.list || rows.empty()) {
-        for (const Row& row : rows)
-            std::printf("%-22s %s\n", row.name, row.fault);
-        return rows.empty() ? kMisuse : EXIT_SUCCESS;
+    const std::vector<Fault> faults = selectFaults(options.rows);
+    if (options.list || faults.empty()) {
+        for (const Fault& fault : faults)
+            std::printf("%-22s %s\n", fault.name, fault.title);
+        return faults.empty() ? kMisuse : EXIT_SUCCESS;
     }
     lab::enterPrivateNetwork();
     Report report; // keeps standard output; the library's own lines go to a file
-    const int diagnostics = ::open("/run/soak.errors", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (diagnostics == -1 || ::dup2(diagnostics, STDOUT_FILENO) == -1 ||
-        ::dup2(diagnostics, STDERR_FILENO) == -1) {
+    const net::detail::Descriptor diagnostics(
+        ::open("/run/soak.errors", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (!diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1 ||
+        ::dup2(diagnostics.get(), STDERR_FILENO) == -1) {
         std::perror("soak");
         return EXIT_FAILURE;
     }
     ::setenv("INIPROFILE_DIR", "/run/no-profile", 1);
     try {
-        const bool held = options.mix ? runMix(rows, options, report) : runTable(rows, options, report);
-        return held ? EXIT_SUCCESS : EXIT_FAILURE;
+        const bool allHold =
+            options.mix ? runMix(faults, options, report) : runTable(faults, options, report);
+        return allHold ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& error) {
         report.say("soak: %s\n", error.what());
         return EXIT_FAILURE;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kServe = "--serve";
 
-class Teller : public net::iTcpDataListener {
+class ByteReporter : public net::iTcpDataListener {
     void OnTcpDataReceived(int, const char*, unsigned short, const char*, int length) override {
         const std::lock_guard lock(m_mutex);
         m_bytes += length;
@@ -26,7 +26,7 @@ class Teller : public net::iTcpDataListener {
     void OnTcpClientConnected(int, const char*, unsigned short) override {}
     void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
 
-    const int m_output = STDERR_FILENO; // the library's own lines go to the other
+    const int m_output = STDERR_FILENO; // standard output has the library's own lines
     std::mutex m_mutex;                 // guards m_bytes
     long m_bytes = 0;
 };
@@ -44,8 +44,8 @@ bool isServer(int argc, char** argv) {
 void runServer(char** argv) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr)
         std::exit(EXIT_FAILURE);
-    Teller teller;
-    net::TcpServer server(&teller);
+    ByteReporter reporter;
+    net::TcpServer server(&reporter);
     if (!server.connect(static_cast<unsigned short>(std::strtoul(argv[2], nullptr, 10)), 10))
         std::exit(EXIT_FAILURE);
     ::dprintf(STDERR_FILENO, "listening\n");

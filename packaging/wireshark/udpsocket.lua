@@ -1,7 +1,7 @@
 -- Dissector of the radar protocols: discovery, host-id negotiation and presence beacons over UDP, and the
 -- discovery messages on the TCP connection to a fixed radar. docs/protocol.md describes them.
 --
--- Display filter "udpsocket"; "_ws.expert && udpsocket" finds what the protocol forbids or a person should look at.
+-- Display filter "udpsocket"; "_ws.expert && udpsocket" finds violations of the protocol, and notes on what may be a mistake.
 
 -- ------------------------------------------------------------------------------------------ the wire, as tables
 

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <system_error>
@@ -33,8 +32,12 @@ struct Options {
 
 Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop) {
     Observation seen;
-    seen.interfaces = readInterfaces();
+    const std::vector<Interface> all = readInterfaces();
+    seen.interfaces = all;
+    for (const Interface& interface : all)
+        seen.ownHardware.insert(interface.hardware);
     if (!only.empty()) {
+        seen.only = only;
         const std::string name = only.substr(0, only.find(':')); // without an alias's number
         std::erase_if(seen.interfaces, [&](const Interface& interface) { return interface.name != name; });
         if (seen.interfaces.empty())
@@ -42,7 +45,9 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
     }
     seen.profile = readProfile(quick ? 400ms : 2s);
     seen.socketsBefore = readUdpSockets();
-    seen.discoveryRoute = routeTo(net::transAddr(kGroups[0].address), seen.interfaces);
+    seen.discoveryRoute = routeTo(net::transAddr(wire::kDiscovery.address), all);
+    seen.groupsRoute = routeTo(net::transAddr("236.6.255.255"), all); // which nobody uses
+    seen.groupRoutes = readGroupRoutes();
     const unsigned long drops = reversePathDrops();
     seen.listening = listen(seen.interfaces, duration, quick, loop);
     seen.reversePathDrops = reversePathDrops() - drops;
@@ -54,26 +59,8 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
         seen.rules = readRuleset();
     for (const auto& [index, sources] : seen.listening.onWire)
         for (const unsigned int source : sources)
-            seen.routesToRadars[source] = routeTo(source, seen.interfaces);
+            seen.routesToRadars[source] = routeTo(source, all);
     return seen;
-}
-
-Report judge(const Observation& seen) {
-    Report all;
-    const auto add = [&all](Report part) {
-        std::ranges::move(part.findings, std::back_inserter(all.findings));
-        std::ranges::move(part.checks, std::back_inserter(all.checks));
-    };
-    add(judgeInterfaces(seen));
-    add(judgeFirewall(seen));
-    add(judgePorts(seen));
-    add(judgeMachine(seen));
-    add(judgeHosts(seen));
-    if (std::ranges::none_of(all.findings, &Finding::isComplaint))
-        add(judgeSilence(seen));
-    std::ranges::stable_sort(all.findings, {},
-                             [](const Finding& finding) { return std::pair(finding.severity, finding.id); });
-    return all;
 }
 
 std::string line(const Finding& finding) {
@@ -118,7 +105,7 @@ std::string paragraph(const std::string& text, std::size_t indent, const Output&
     return result + "\n";
 }
 
-std::string asText(const Report& report, const Output& output) {
+std::string asText(const Report& report, const std::string& only, const Output& output) {
     std::string result;
     for (const Finding& finding : report.findings) {
         result += output.styled(finding.isComplaint() ? Output::Style::Bad : Output::Style::Heading,
@@ -131,7 +118,8 @@ std::string asText(const Report& report, const Output& output) {
     for (const Check& check : report.checks)
         result += paragraph(check.subject + ": " + check.seen, 4, output);
     if (std::ranges::none_of(report.findings, &Finding::isComplaint))
-        result += output.styled(Output::Style::Good, "nothing to complain about") + "\n";
+        result += output.styled(Output::Style::Good, "nothing to complain about") +
+                  (only.empty() ? "" : " on " + printable(only) + ", which alone was looked at") + "\n";
     return result;
 }
 
@@ -179,7 +167,7 @@ int examine(const Options& options, Output& output) {
         return kNothingFound;
     }
     const Report report = judge(seen);
-    output.write(options.json ? asJson(report, seen) : asText(report, output));
+    output.write(options.json ? asJson(report, seen) : asText(report, seen.only, output));
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
 

@@ -12,15 +12,18 @@ namespace doctor {
 
 /// Every finding that there is, in the order in which they are listed.
 enum class Id {
+    HostHere,
     NoAddress,
     InterfaceDown,
     NoCarrier,
     NoMulticast,
+    SmallMtu,
     WrongSubnet,
     WrongInterface,
     TwoPaths,
     RpFilter,
     NoMulticastRoute,
+    LeftOverRoute,
     Firewall,
     FirewallUnread,
     QueryNotSent,
@@ -34,14 +37,15 @@ enum class Id {
     ProfileUnreadable,
     ProfileAddress,
     ProfileInterface,
+    ProfileKey,
     FixedRadar,
+    SameAddress,
     SameId,
     SameName,
     LateAnswers,
     LostAnswers,
     IdContest,
     OtherDisplay,
-    HostHere,
     NoRadar,
     Count
 };
@@ -53,15 +57,18 @@ struct Kind {
 };
 
 inline constexpr std::array<Kind, static_cast<std::size_t>(Id::Count)> kKinds{{
+    {"host-here", "a radar host runs on this machine"},
     {"no-address", "an interface has no IPv4 address"},
     {"interface-down", "an interface with an address is switched off"},
     {"no-carrier", "an interface has no link"},
     {"no-multicast", "an interface has its multicast flag off"},
+    {"small-mtu", "an interface takes tiny packets only"},
     {"wrong-subnet", "a radar announces from outside the interface's network"},
     {"wrong-interface", "the configured interface hears no radar, another one does"},
     {"two-paths", "the same radar is heard through two interfaces"},
     {"rp-filter", "the kernel drops announcements by their source"},
     {"no-multicast-route", "a radar host on this machine has no route for its groups"},
+    {"left-over-route", "a route to one group leads a radar host's datagrams out of the wrong interface"},
     {"firewall", "this machine's packet filter drops the radar groups"},
     {"firewall-unread", "the packet filter's rules could not be read"},
     {"query-not-sent", "the system refuses to send a query"},
@@ -75,14 +82,15 @@ inline constexpr std::array<Kind, static_cast<std::size_t>(Id::Count)> kKinds{{
     {"profile-unreadable", "profile.ini is there and cannot be read"},
     {"profile-address", "profile.ini names an address that this machine lacks"},
     {"profile-interface", "profile.ini names an interface that this machine lacks"},
+    {"profile-key", "profile.ini has a section or key that the library does not read"},
     {"fixed-radar", "profile.ini names a radar that is reached over TCP"},
+    {"same-address", "two computers have one address"},
     {"same-id", "two hosts hold one host id"},
     {"same-name", "two hosts have one name"},
     {"late-answers", "a host answers later than displays wait"},
     {"lost-answers", "a host answers only some of the queries"},
     {"id-contest", "host ids are being objected to again and again"},
     {"other-display", "another display asks the radars, too"},
-    {"host-here", "a radar host runs on this machine"},
     {"no-radar", "nobody answers, and nothing on this machine explains it"},
 }};
 

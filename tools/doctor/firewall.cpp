@@ -20,35 +20,35 @@ namespace {
 
 constexpr int kDeepestJump = 16; // as deep as the kernel lets chains call each other
 
-struct Fate {
+struct Outcome {
     Verdict verdict; ///< Accept, Drop, or Continue behind the last rule
     bool certain;
     std::string rule;
 };
 
-Fate walk(const Chains& chains, const Chain& chain, int depth) {
+Outcome walk(const Chains& chains, const Chain& chain, int depth) {
     bool certain = true; // no rule that might have decided otherwise was passed
     for (const Rule& rule : chain.rules) {
         if (rule.matches == Tri::No || rule.verdict == Verdict::Continue)
             continue;
-        Fate fate{rule.verdict, true, rule.name};
+        Outcome outcome{rule.verdict, true, rule.name};
         if (rule.verdict == Verdict::Jump || rule.verdict == Verdict::Goto) {
             const auto target = chains.find(rule.target);
             if (target == chains.end() || depth == kDeepestJump)
                 continue;
-            fate = walk(chains, target->second, depth + 1);
-            if (fate.verdict == Verdict::Continue && rule.verdict == Verdict::Goto)
-                fate.verdict = Verdict::Return;
+            outcome = walk(chains, target->second, depth + 1);
+            if (outcome.verdict == Verdict::Continue && rule.verdict == Verdict::Goto)
+                outcome.verdict = Verdict::Return;
         }
-        if (fate.verdict == Verdict::Continue) {
-            certain = certain && fate.certain;
+        if (outcome.verdict == Verdict::Continue) {
+            certain = certain && outcome.certain;
             continue;
         }
         if (rule.matches == Tri::Yes)
-            return {fate.verdict == Verdict::Return ? Verdict::Continue : fate.verdict,
-                    certain && fate.certain, fate.rule};
-        if (fate.verdict == Verdict::Drop)
-            return {Verdict::Drop, false, fate.rule};
+            return {outcome.verdict == Verdict::Return ? Verdict::Continue : outcome.verdict,
+                    certain && outcome.certain, outcome.rule};
+        if (outcome.verdict == Verdict::Drop)
+            return {Verdict::Drop, false, outcome.rule};
         certain = false;
     }
     return {Verdict::Continue, certain, chain.name};
@@ -74,38 +74,43 @@ std::vector<Packet> packetsOf(const Observation& seen, const Interface& interfac
                               unsigned short port) {
         packets.push_back({use, false, false, interface.name, net::NtoHl(source), net::NtoHl(group), port});
     };
-    for (const Group& group : kGroups)
+    for (const wire::Group& group : kGroups)
         incoming(group.use, 0, net::transAddr(group.address), group.port);
     for (const unsigned int source : undelivered(seen, interface.index))
-        incoming("announcements of " + text(source), source, net::transAddr(kGroups[0].address),
-                 kGroups[0].port);
-    for (const auto& [host, hearing] : seen.listening.hosts)
-        if (host.interface == interface.index && hearing.imagePort != 0)
-            incoming("the image of \"" + printable(host.name) + "\"", host.source, hearing.imageGroup,
-                     hearing.imagePort);
+        incoming("announcements of " + text(source), source, net::transAddr(wire::kDiscovery.address),
+                 wire::kDiscovery.port);
+    for (const auto& [host, heard] : seen.listening.hosts)
+        if (host.interface == interface.index && heard.image.port != 0)
+            incoming("the image of \"" + printable(host.name) + "\"", host.source, heard.image.ip,
+                     net::NtoHs(heard.image.port));
     const unsigned int own = net::NtoHl(interface.addresses.front().ip);
     packets.push_back({"queries", false, true, interface.name, own,
-                       net::NtoHl(net::transAddr(kGroups[0].address)), kGroups[0].port});
+                       net::NtoHl(net::transAddr(wire::kDiscovery.address)), wire::kDiscovery.port});
     packets.push_back(
         {"IGMP reports", true, true, interface.name, own, net::NtoHl(net::transAddr("224.0.0.22")), 0});
+    packets.push_back(
+        {"IGMP queries", true, false, interface.name, 0, net::NtoHl(net::transAddr("224.0.0.1")), 0});
     return packets;
 }
 
 /// A rule that is certain counts before one that may have been passed by.
 std::optional<Loss> lossOf(const Ruleset& rules, const Packet& packet) {
     std::optional<Loss> found;
-    if (!rules.iptables.empty())
-        found = loss(parseIptables(rules.iptables, packet));
-    if ((!found || !found->certain) && !rules.nft.empty())
-        if (const auto other = loss(parseNft(rules.nft, packet)); other && (!found || other->certain))
-            found = other;
+    const auto add = [&found](const std::optional<Loss>& loss) {
+        if (loss && (!found || (loss->certain && !found->certain)))
+            found = loss;
+    };
+    add(loss(parseIptables(rules.iptables, "iptables", packet)));
+    add(loss(parseIptables(rules.iptablesLegacy, "iptables-legacy", packet)));
+    if (!rules.nft.empty())
+        add(loss(parseNft(rules.nft, rules.nftText, packet)));
     return found;
 }
 
 /// "a, b": each text once, in the order in which they came.
-void append(std::string& list, const std::string& text) {
-    if ((", " + list + ", ").find(", " + text + ", ") == std::string::npos)
-        list += (list.empty() ? "" : ", ") + text;
+void append(std::string& list, const std::string& text, const std::string& separator = ", ") {
+    if ((separator + list + separator).find(separator + text + separator) == std::string::npos)
+        list += (list.empty() ? "" : separator) + text;
 }
 
 /// What a rule costs.
@@ -114,34 +119,42 @@ struct Cost {
     std::string uses;
     std::string interfaces;
     bool seenByEffect;
+    std::string remedy;
+    bool radars; ///< more than IGMP queries, which only switches need
 };
 using Costs = std::map<std::string, Cost>; // by rule
 
 /// @param lost own queries show that something is dropped there
-/// @return whether a rule was found
+/// @return whether a rule was found that explains that
 bool judgeRules(const Observation& seen, const Interface& interface, bool lost, Costs& costs) {
     bool found = false;
     std::set<std::pair<std::string, std::string>> named; // rules, and groups that they drop
     for (const Packet& packet : packetsOf(seen, interface)) {
         const std::optional<Loss> loss = lossOf(seen.rules, packet);
         const std::string group = text(net::HtoNl(packet.destination)) + ":" + std::to_string(packet.port);
-        if (!loss || (!loss->certain && !lost) || !named.insert({loss->rule, group}).second)
+        const bool isQuery = packet.igmp && !packet.outgoing; // of which own queries show nothing
+        if (!loss || (!loss->certain && (!lost || isQuery)) || !named.insert({loss->rule, group}).second)
             continue;
-        Cost& cost = costs.try_emplace(loss->rule, Cost{*loss, "", "", lost}).first->second;
+        Cost& cost = costs.try_emplace(loss->rule, Cost{*loss, "", "", lost, "", false}).first->second;
         append(cost.uses, packet.use + (packet.igmp ? "" : " (" + group + ")"));
         append(cost.interfaces, interface.name);
-        found = true;
+        append(cost.remedy, loss->remedy, " && ");
+        cost.radars = cost.radars || !isQuery;
+        found = found || !isQuery;
     }
     return found;
 }
 
-void reportCosts(const Costs& costs, Report& report) {
+/// @param queried an IGMP querier was heard, so a switch may snoop
+void reportCosts(const Costs& costs, bool queried, Report& report) {
     for (const auto& [rule, cost] : costs)
-        report.find(Id::Firewall, Severity::Fault,
+        report.find(Id::Firewall, cost.radars || queried ? Severity::Fault : Severity::Warning,
                     printable(rule) + (cost.loss.certain ? " drops " : " probably drops ") + cost.uses +
-                        " on " + cost.interfaces,
-                    cost.loss.remedy,
-                    cost.seenByEffect ? "own queries did not come back, either" : "read from the rules");
+                        " on " + cost.interfaces +
+                        (cost.radars ? "" : ", so a switch that snoops takes the radars away after minutes"),
+                    cost.remedy,
+                    cost.seenByEffect && cost.radars ? "own queries did not come back, either"
+                                                     : "read from the rules");
 }
 
 } // namespace
@@ -149,14 +162,14 @@ void reportCosts(const Costs& costs, Report& report) {
 std::optional<Loss> loss(const Chains& chains) {
     std::optional<Loss> doubtful;
     for (const auto& [key, chain] : chains) {
-        if (!chain.onTheWay)
+        if (!chain.hooked)
             continue;
-        Fate fate = walk(chains, chain, 0);
-        if (fate.verdict == Verdict::Continue && chain.dropsByPolicy)
-            fate.verdict = Verdict::Drop;
-        if (fate.verdict != Verdict::Drop)
+        Outcome outcome = walk(chains, chain, 0);
+        if (outcome.verdict == Verdict::Continue && chain.dropsByPolicy)
+            outcome.verdict = Verdict::Drop;
+        if (outcome.verdict != Verdict::Drop)
             continue;
-        const Loss found{fate.rule, chain.remedy, fate.certain};
+        const Loss found{outcome.rule, chain.remedy, outcome.certain};
         if (found.certain)
             return found;
         doubtful = found;
@@ -167,13 +180,15 @@ std::optional<Loss> loss(const Chains& chains) {
 Ruleset readRuleset() {
     Ruleset rules;
     const auto [nft, nftRead] = run("nft --json list ruleset 2>/dev/null");
-    const auto [iptables, iptablesRead] =
-        run("iptables-save 2>/dev/null && { ! [ -s /proc/net/ip_tables_names ] "
-            "|| iptables-legacy-save 2>/dev/null; }");
-    if (nftRead)
+    const auto [iptables, iptablesRead] = run("iptables-save 2>/dev/null");
+    if (nftRead) {
         rules.nft = nft;
+        rules.nftText = run("nft list ruleset 2>/dev/null").first;
+    }
     if (iptablesRead)
         rules.iptables = iptables;
+    if (run("grep -q . /proc/net/ip_tables_names 2>/dev/null").second) // or looking would make the tables
+        rules.iptablesLegacy = run("iptables-legacy-save 2>/dev/null").first;
     if (!nftRead && !iptablesRead)
         rules.error =
             run("command -v nft || command -v iptables-save").second
@@ -187,17 +202,20 @@ Report judgeFirewall(const Observation& seen) {
     const bool readable = seen.rules.error.empty();
     std::string effect;
     std::string unexplained; // interfaces on which something is dropped, by no rule that was found
+    bool queried = false;
     Costs costs;
-    for (const auto& [index, ear] : seen.listening.ears) {
+    for (const auto& [index, result] : seen.listening.results) {
+        queried = queried || result.igmpQueries > 0;
         const Interface* interface = seen.interface(index);
         if (interface == nullptr || !interface->usable())
             continue;
         // Rules against forged sources may drop own queries alone: where radars are heard, that is no fault.
-        const bool lost = ear.sendError == EPERM || (ear.sent > 0 && ear.looped == 0 &&
-                                                     ear.joinErrors[0] == 0 && !seen.radarHeardOn(index));
-        append(effect, std::to_string(ear.looped) + " of " + std::to_string(ear.sent) +
+        const bool lost =
+            result.sendError == EPERM ||
+            (result.sent > 0 && result.looped == 0 && result.joinErrors[0] == 0 && !seen.radarHeardOn(index));
+        append(effect, std::to_string(result.looped) + " of " + std::to_string(result.sent) +
                            " own queries came back through " + interface->name +
-                           (ear.sendError == EPERM ? " (not permitted)" : ""));
+                           (result.sendError == EPERM ? " (not permitted)" : ""));
         try {
             if (!judgeRules(seen, *interface, lost, costs) && lost)
                 append(unexplained, interface->name);
@@ -207,7 +225,7 @@ Report judgeFirewall(const Observation& seen) {
                         printable(error.what()));
         }
     }
-    reportCosts(costs, report);
+    reportCosts(costs, queried, report);
     if (!unexplained.empty())
         report.find(Id::Firewall, Severity::Fault,
                     "the packet filter of this machine drops queries, or what comes for the discovery group, "

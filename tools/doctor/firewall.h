@@ -22,6 +22,9 @@ struct Packet {
 
 enum class Tri { No, Maybe, Yes };
 
+inline Tri triOf(bool holds) {
+    return holds ? Tri::Yes : Tri::No;
+}
 inline Tri both(Tri a, Tri b) {
     return a < b ? a : b;
 }
@@ -39,7 +42,7 @@ struct Rule {
 };
 
 struct Chain {
-    bool onTheWay = false; ///< the packet comes by here by itself
+    bool hooked = false; ///< packets come to it without a jump
     bool dropsByPolicy = false;
     std::string name;
     std::string remedy; ///< a command that lets the packet pass
@@ -49,9 +52,11 @@ struct Chain {
 /// Chains by a key that jumps name.
 using Chains = std::map<std::string, Chain>;
 
+/// @param text the same rules as nft prints them for people: its JSON leaves the devices of a chain out
 /// @throws nlohmann::json::exception for text that nft does not print
-Chains parseNft(const std::string& json, const Packet& packet);
-Chains parseIptables(const std::string& saved, const Packet& packet);
+Chains parseNft(const std::string& json, const std::string& text, const Packet& packet);
+/// @param tool the command whose rules they are
+Chains parseIptables(const std::string& saved, const std::string& tool, const Packet& packet);
 
 struct Loss {
     std::string rule;

@@ -2,6 +2,8 @@
 
 #include "../table.h"
 
+#include <UdpSocket/protocol/radar_table.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -11,9 +13,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr Seconds kSearchWaits = 2s; // of the search for the radars' interface, behind its query
-constexpr Seconds kAgeing = 8s;      // after which a radar that was not heard leaves the table
-constexpr double kEnough = 0.8;      // share of answered queries that is taken for all, on a small sample
-constexpr std::size_t kSample = 3;   // fewer queries say nothing about a share
+constexpr Seconds kAgeing = std::chrono::seconds(protocol::RadarTable::kSilence);
+constexpr double kEnough = 0.8;    // share of answered queries that is taken for all, on a small sample
+constexpr std::size_t kSample = 3; // fewer queries say nothing about a share
 
 std::string called(const HostKey& host) {
     return "\"" + printable(host.name) + "\" (" + text(host.source) + ")";
@@ -39,34 +41,40 @@ struct Answering {
     bool unasked = false; ///< announced itself before we asked
 };
 
-Answering answering(const Listening& listening, const HostKey& host, const Hearing& hearing) {
+Answering answering(const Listening& listening, const HostKey& host, const HeardHost& heard) {
     Answering result;
     if (listening.queries.empty())
         return result;
     const Seconds first = listening.queries.front();
-    result.unasked = hearing.times.front() < first;
+    result.unasked = heard.times.front() < first;
     std::vector<Seconds> queries = listening.queries;
     for (const ForeignQuery& query : listening.foreignQueries)
         if (query.interface == host.interface && query.time > first)
             queries.push_back(query.time);
+    std::ranges::sort(queries);
     const bool alone = queries.size() == listening.queries.size();
-    const auto answer = std::ranges::lower_bound(hearing.times, first);
-    if (alone && answer != hearing.times.end()) {
+    const auto answer = std::ranges::lower_bound(heard.times, first);
+    if (alone && answer != heard.times.end()) {
         // Behind the last query nothing hides lateness; a lost first answer, too, would look like it before.
         Seconds latest{0};
-        for (auto time = answer; time != hearing.times.end(); ++time)
+        for (auto time = answer; time != heard.times.end(); ++time)
             latest = std::max(latest, *time - *std::prev(std::ranges::upper_bound(queries, *time)));
         result.delay = latest < kSearchWaits ? latest : *answer - first;
     }
+    // A host that came meanwhile could not hear what was asked before: its queries count from the one that it
+    // answered first.
+    Seconds earliest = first;
+    if (!result.unasked && answer != heard.times.end() && result.delay.value_or(0s) < kSearchWaits)
+        earliest = *std::prev(std::ranges::upper_bound(queries, *answer));
     const Seconds latest = listening.duration - result.delay.value_or(0s) - 0.5s;
     result.asked = static_cast<std::size_t>(
-        std::ranges::count_if(queries, [latest](Seconds query) { return query <= latest; }));
-    result.answered = static_cast<std::size_t>(hearing.times.end() - answer);
+        std::ranges::count_if(queries, [=](Seconds query) { return earliest <= query && query <= latest; }));
+    result.answered = static_cast<std::size_t>(heard.times.end() - answer);
     return result;
 }
 
-void judgeAnswers(const Observation& seen, const HostKey& host, const Hearing& hearing, Report& report) {
-    const Answering answers = answering(seen.listening, host, hearing);
+void judgeAnswers(const Observation& seen, const HostKey& host, const HeardHost& heard, Report& report) {
+    const Answering answers = answering(seen.listening, host, heard);
     const std::string share = std::to_string(std::min(answers.answered, answers.asked)) + " of " +
                               std::to_string(answers.asked) + " queries answered";
     const Interface* interface = seen.interface(host.interface);
@@ -95,7 +103,7 @@ void judgeAnswers(const Observation& seen, const HostKey& host, const Hearing& h
 std::vector<HostKey> distinctHosts(const Listening& listening) {
     std::set<std::tuple<unsigned int, std::string, int>> known;
     std::vector<HostKey> hosts;
-    for (const auto& [host, hearing] : listening.hosts)
+    for (const auto& [host, heard] : listening.hosts)
         if (known.insert({host.source, host.name, host.id}).second)
             hosts.push_back(host);
     return hosts;
@@ -110,12 +118,26 @@ std::string together(const std::vector<HostKey>& hosts) {
     return hosts.size() <= kNamed ? list : list + " and " + std::to_string(hosts.size() - kNamed) + " more";
 }
 
-/// What a shell reads as that text, whatever is in it.
-std::string shellWord(const std::string& text) {
-    std::string word = "'";
-    for (const char character : text)
-        word += character == '\'' ? "'\\''" : std::string(1, character);
-    return word + "'";
+/// Two computers that take each other's traffic.
+void judgeAddresses(const Observation& seen, Report& report) {
+    for (const auto& [where, addresses] : seen.listening.hardware) {
+        const auto& [index, source] = where;
+        const Interface* interface = seen.interface(index);
+        const bool own = seen.isOwn(source);
+        std::set<std::string> others = addresses;
+        if (own)
+            std::erase_if(others,
+                          [&](const std::string& hardware) { return seen.ownHardware.contains(hardware); });
+        if (interface == nullptr || others.size() < (own ? 1U : 2U))
+            continue;
+        std::string list;
+        for (const std::string& hardware : others)
+            list += (list.empty() ? "" : ", ") + hardware;
+        report.find(Id::SameAddress, Severity::Fault,
+                    own ? "another computer at " + interface->name + " has this one's address " + text(source)
+                        : "radar hosts at " + interface->name + " share the address " + text(source),
+                    "give each an address of its own", text(source) + " belongs to " + list);
+    }
 }
 
 void judgeDoubles(const Listening& listening, Report& report) {
@@ -163,16 +185,38 @@ void judgeNegotiation(const Listening& listening, Report& report) {
     if (!contested.empty() && !restless.empty())
         report.find(Id::IdContest, Severity::Warning,
                     "host ids are objected to again and again, so hosts cannot settle",
-                    "find who objects (tcpdump -n host 236.6.7.4) and stop it, or give the host another id",
+                    "find who objects (tcpdump -n host " + std::string(wire::kNegotiation.address) +
+                        ") and stop it, or give the host another id",
                     "objections " + contested + "; " + restless);
+}
+
+/// A display hears a host on its own computer only where both let their multicast loop back.
+void judgeHostHere(const Observation& seen, Report& report) {
+    bool heardIt = false;
+    bool heardOthers = false;
+    for (const auto& [host, heard] : seen.listening.hosts)
+        (seen.isOwn(host.source) ? heardIt : heardOthers) = true;
+    const bool asks = seen.profile.multicastLoop;
+    if (!seen.hostHere() || (asks && heardIt))
+        return;
+    const std::string where = heardIt ? "of displays here"
+                              : asks  ? "of that host"
+                                      : "of both, the host and the displays here";
+    report.find(Id::HostHere,
+                heardOthers || seen.discoveryRoute.interface.empty() ? Severity::Note : Severity::Fault,
+                "a radar host runs on this machine, and displays here do not hear it",
+                "set [Local] MulticastLoop = true in the profile.ini " + where,
+                std::string("a socket of host-id negotiation, MulticastLoop = ") + (asks ? "true" : "false") +
+                    " here, " + (heardIt ? "its answers come back" : "no answer of it comes back"));
 }
 
 } // namespace
 
 Report judgeHosts(const Observation& seen) {
     Report report;
-    for (const auto& [host, hearing] : seen.listening.hosts)
-        judgeAnswers(seen, host, hearing, report);
+    for (const auto& [host, heard] : seen.listening.hosts)
+        judgeAnswers(seen, host, heard, report);
+    judgeAddresses(seen, report);
     judgeDoubles(seen.listening, report);
     judgeNegotiation(seen.listening, report);
 
@@ -185,11 +229,7 @@ Report judgeHosts(const Observation& seen) {
     if (!displays.empty())
         report.find(Id::OtherDisplay, Severity::Note, "another display asks the radars, too", "",
                     std::to_string(seen.listening.foreignQueries.size()) + " queries from " + names);
-    if (seen.hostHere() && !seen.profile.multicastLoop)
-        report.find(Id::HostHere, Severity::Note,
-                    "a radar host runs on this machine, and displays here do not hear it",
-                    "set [Local] MulticastLoop = true in profile.ini if they shall",
-                    "a socket of host-id negotiation, MulticastLoop = false");
+    judgeHostHere(seen, report);
     return report;
 }
 
@@ -213,13 +253,16 @@ Report judgeSilence(const Observation& seen) {
             "say) and checksum errors (/proc/net/snmp)",
             "on the wire: " + dropped);
     else if (!seen.hostHere())
-        report.find(Id::NoRadar, Severity::Fault, "nobody answers, and nothing on this machine explains it",
+        report.find(Id::NoRadar, Severity::Fault,
+                    seen.only.empty()
+                        ? "nobody answers, and nothing on this machine explains it"
+                        : "nobody answers on " + printable(seen.only) + ", which alone was looked at",
                     "look whether a radar host runs, and whether its switch passes multicast", measured);
     int igmpQueries = 0;
-    bool wire = !listening.ears.empty();
-    for (const auto& [index, ear] : listening.ears) {
-        igmpQueries += ear.igmpQueries;
-        wire = wire && ear.wire;
+    bool wire = !listening.results.empty();
+    for (const auto& [index, result] : listening.results) {
+        igmpQueries += result.igmpQueries;
+        wire = wire && result.wire;
     }
     if (wire && igmpQueries == 0)
         report.find(Id::NoQuerier, Severity::Note,

@@ -1,10 +1,13 @@
 #include "observation.h"
 
+#include "../table.h"
+
+#include <UdpSocket/base/socket.h>
+
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -13,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <system_error>
 
 namespace doctor {
@@ -30,6 +34,7 @@ std::string text(const LocalAddress& address) {
 
 namespace {
 
+constexpr int kSmallMtu = 576;             // bytes, which every IPv4 host has to take
 constexpr unsigned int kLowerUp = 1 << 16; // IFF_LOWER_UP, whose header does not go with <net/if.h>
 
 unsigned int ipOf(const sockaddr* address) {
@@ -76,6 +81,11 @@ std::vector<Interface> readInterfaces() {
         interface.carrier = (entry->ifa_flags & kLowerUp) != 0;
         interface.pointToPoint = (entry->ifa_flags & IFF_POINTOPOINT) != 0;
         interface.multicast = (entry->ifa_flags & IFF_MULTICAST) != 0;
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET) {
+            sockaddr_storage address{};
+            std::memcpy(&address, entry->ifa_addr, sizeof(sockaddr_ll));
+            interface.hardware = hardwareText(address);
+        }
         if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
             interface.addresses.push_back({ipOf(entry->ifa_addr), ipOf(entry->ifa_netmask)});
     }
@@ -85,6 +95,7 @@ std::vector<Interface> readInterfaces() {
         const std::filesystem::path device = "/sys/class/net/" + interface.name;
         interface.partOfAnother = std::filesystem::exists(device / "master", error);
         interface.emptyBridge = std::filesystem::is_empty(device / "brif", error) && !error;
+        interface.mtu = setting(device / "mtu");
         const std::string settings = "/proc/sys/net/ipv4/conf/";
         interface.rpFilter =
             std::max(setting(settings + "all/rp_filter"), setting(settings + interface.name + "/rp_filter"));
@@ -95,27 +106,44 @@ std::vector<Interface> readInterfaces() {
 
 Route routeTo(unsigned int ip, const std::vector<Interface>& interfaces) {
     // The kernel picks the source address with the route; nothing is sent by connecting a UDP socket.
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socket == -1)
+    const net::detail::Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
+    if (!socket.isOpen())
         return {"", errno};
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kGroups[0].port);
-    address.sin_addr.s_addr = ip;
+    sockaddr_in address = net::detail::makeAddress(ip, wire::kDiscovery.port);
     socklen_t length = sizeof address;
-    Route route;
-    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        route.error = errno;
-    ::close(socket);
-    if (route.error != 0)
-        return route;
-    route.interface = "lo";
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return {"", errno};
+    Route route{"lo", 0};
     for (const Interface& interface : interfaces)
         for (const LocalAddress& own : interface.addresses)
             if (own.ip == address.sin_addr.s_addr)
                 route.interface = interface.name;
     return route;
+}
+
+std::vector<GroupRoute> readGroupRoutes() {
+    constexpr unsigned int kPlans[] = {236U << 8 | 6, 234U << 8 | 5}; // of host ids, of dedicated radars
+    std::vector<GroupRoute> routes;
+    std::ifstream table("/proc/net/route");
+    std::string line;
+    std::getline(table, line); // heading
+    while (std::getline(table, line)) {
+        std::istringstream words(line); // the numbers in hexadecimal digits, addresses in network order
+        std::string interface, references, use, metric;
+        unsigned int destination = 0, gateway = 0, flags = 0, mask = 0;
+        if (words >> interface >> std::hex >> destination >> gateway >> flags >> references >> use >>
+                metric >> mask &&
+            mask == ~0U && std::ranges::count(kPlans, ntohl(destination) >> 16) != 0)
+            routes.push_back({destination, interface});
+    }
+    return routes;
+}
+
+bool Observation::isOwn(unsigned int ip) const {
+    return std::ranges::any_of(interfaces, [ip](const Interface& interface) {
+        return std::ranges::count(interface.addresses, ip, &LocalAddress::ip) != 0;
+    });
 }
 
 bool Observation::radarHeardOn(int index) const {
@@ -132,7 +160,7 @@ std::set<unsigned int> undelivered(const Observation& seen, int index) {
     std::set<unsigned int> sources;
     if (const auto found = seen.listening.onWire.find(index); found != seen.listening.onWire.end())
         sources = found->second;
-    for (const auto& [host, hearing] : seen.listening.hosts)
+    for (const auto& [host, heard] : seen.listening.hosts)
         if (host.interface == index)
             sources.erase(host.source);
     return sources;
@@ -154,11 +182,16 @@ void judgeLink(const Observation& seen, const Interface& interface, Report& repo
         report.find(Id::NoMulticast, seen.radarHeard() ? Severity::Warning : Severity::Fault,
                     interface.name + " has its multicast flag off",
                     "ip link set " + interface.name + " multicast on", measured);
+    if (interface.usable() && interface.mtu != 0 && interface.mtu < kSmallMtu)
+        report.find(Id::SmallMtu, seen.radarHeard() ? Severity::Warning : Severity::Fault,
+                    interface.name + " takes packets of up to " + std::to_string(interface.mtu) +
+                        " bytes, so announcements and streams may not come through",
+                    "ip link set " + interface.name + " mtu 1500", "MTU " + std::to_string(interface.mtu));
 }
 
 void judgeSubnet(const Observation& seen, const Interface& interface, Report& report) {
     std::set<unsigned int> sources = undelivered(seen, interface.index);
-    for (const auto& [host, hearing] : seen.listening.hosts)
+    for (const auto& [host, heard] : seen.listening.hosts)
         if (host.interface == interface.index)
             sources.insert(host.source);
     std::erase_if(sources, [&](unsigned int source) { return interface.contains(source); });
@@ -185,19 +218,19 @@ void judgeReversePath(const Observation& seen, const Interface& interface, Repor
                                ".rp_filter=0, or correct the route to the radars";
     for (const unsigned int source : undelivered(seen, interface.index)) {
         const auto route = seen.routesToRadars.find(source);
-        const std::string way = route == seen.routesToRadars.end() || route->second.interface.empty()
-                                    ? "nowhere"
-                                    : route->second.interface;
-        const bool failsCheck = interface.rpFilter == 1 ? way != interface.name : way == "nowhere";
+        const std::string path = route == seen.routesToRadars.end() || route->second.interface.empty()
+                                     ? "nowhere"
+                                     : route->second.interface;
+        const bool failsCheck = interface.rpFilter == 1 ? path != interface.name : path == "nowhere";
         if (failsCheck)
             return report.find(Id::RpFilter, Severity::Fault,
                                "the kernel drops what " + text(source) + " sends through " + interface.name +
                                    ", since its way back leads " +
-                                   (way == "nowhere" ? way : "through " + way),
+                                   (path == "nowhere" ? path : "through " + path),
                                remedy, measured);
     }
     const bool blind =
-        !seen.listening.ears.contains(interface.index) || !seen.listening.ears.at(interface.index).wire;
+        !seen.listening.results.contains(interface.index) || !seen.listening.results.at(interface.index).wire;
     if (blind && seen.reversePathDrops > 0 && !seen.radarHeardOn(interface.index) && interface.usable())
         report.find(Id::RpFilter, seen.radarHeard() ? Severity::Note : Severity::Fault,
                     "the kernel drops datagrams whose way back does not lead through the interface that they "
@@ -206,11 +239,57 @@ void judgeReversePath(const Observation& seen, const Interface& interface, Repor
                     remedy, measured);
 }
 
+/// The interfaces that other radars or displays are heard on, or else the one that leads to the groups.
+std::set<std::string> rightInterfaces(const Observation& seen) {
+    std::set<std::string> names;
+    const auto add = [&](int index, unsigned int source) {
+        if (const Interface* interface = seen.interface(index); interface != nullptr && !seen.isOwn(source))
+            names.insert(interface->name);
+    };
+    for (const auto& [host, heard] : seen.listening.hosts)
+        add(host.interface, host.source);
+    for (const ForeignQuery& query : seen.listening.foreignQueries)
+        add(query.interface, query.source);
+    if (names.empty() && !seen.groupsRoute.interface.empty())
+        names.insert(seen.groupsRoute.interface);
+    return names;
+}
+
+/// @return whether such a route was found
+bool judgeLeftOverRoutes(const Observation& seen, Report& report) {
+    const std::set<std::string> right = rightInterfaces(seen);
+    std::set<unsigned int>
+        settled; // groups whose datagrams leave by a right interface, once the rest is gone
+    std::string routes;
+    std::string commands;
+    for (const GroupRoute& route : seen.groupRoutes) {
+        if (right.empty() || settled.contains(route.group))
+            continue;
+        if (right.contains(route.interface)) {
+            settled.insert(route.group);
+            continue;
+        }
+        const std::string device = " dev " + route.interface;
+        routes += (routes.empty() ? "" : ", ") + text(route.group) + "/32" + device;
+        commands += (commands.empty() ? "" : " && ") + ("ip route del " + text(route.group)) + device;
+    }
+    if (routes.empty())
+        return false;
+    std::string names;
+    for (const std::string& name : right)
+        names += (names.empty() ? "" : " or ") + name;
+    report.find(Id::LeftOverRoute, Severity::Fault,
+                "a radar host runs here, and what it sends leaves by a route to one group alone instead of " +
+                    names,
+                commands + ", since no route to 236.6.0.0/16 beats it", routes);
+    return true;
+}
+
 void judgeRoute(const Observation& seen, Report& report) {
     const Route& route = seen.discoveryRoute;
-    const std::string way = route.interface.empty() ? "none" : "through " + route.interface;
-    const std::string group = kGroups[0].address;
-    report.check("multicast route", group + ": " + way + " (displays need none, radar hosts do)");
+    const std::string path = route.interface.empty() ? "none" : "through " + route.interface;
+    const std::string group = wire::kDiscovery.address;
+    report.check("multicast route", group + ": " + path + " (displays need none, radar hosts do)");
     if (!seen.hostHere())
         return;
     if (route.interface.empty())
@@ -218,14 +297,16 @@ void judgeRoute(const Observation& seen, Report& report) {
                     "a radar host runs here, and there is no route that its answers could take",
                     "ip route add 236.6.0.0/16 dev INTERFACE, or a default route",
                     group + ": " + std::generic_category().message(route.error));
-    for (const auto& [host, hearing] : seen.listening.hosts)
-        if (const Interface* heard = seen.interface(host.interface);
-            heard != nullptr && !route.interface.empty() && heard->name != route.interface)
+    if (judgeLeftOverRoutes(seen, report))
+        return;
+    for (const auto& [host, heard] : seen.listening.hosts)
+        if (const Interface* on = seen.interface(host.interface);
+            on != nullptr && !route.interface.empty() && on->name != route.interface)
             return report.find(Id::NoMulticastRoute, Severity::Fault,
                                "a radar host runs here, and its answers leave through " + route.interface +
-                                   " while the radars are on " + heard->name,
-                               "ip route add 236.6.0.0/16 dev " + heard->name,
-                               group + ": " + way + ", radar heard through " + heard->name);
+                                   " while the radars are on " + on->name,
+                               "ip route add 236.6.0.0/16 dev " + on->name,
+                               group + ": " + path + ", radar heard through " + on->name);
 }
 
 /// Without an address the library cannot listen, whatever its cable brings.
@@ -248,7 +329,7 @@ std::string verdict(const Observation& seen, const Interface& interface) {
     if (!interface.carrier)
         return "not taken: no carrier";
     int radars = 0;
-    for (const auto& [host, hearing] : seen.listening.hosts)
+    for (const auto& [host, heard] : seen.listening.hosts)
         radars += host.interface == interface.index ? 1 : 0;
     if (radars == 0)
         return "not taken: no radar heard there";
@@ -261,6 +342,8 @@ Report judgeInterfaces(const Observation& seen) {
     Report report;
     int heardOn = 0;
     std::string where;
+    if (!seen.only.empty())
+        report.check("interfaces", printable(seen.only) + " alone was looked at");
     for (const Interface& interface : seen.interfaces) {
         report.check("interface " + interface.name,
                      addressesOf(interface) + ", " + stateOf(interface) + "; " + verdict(seen, interface));

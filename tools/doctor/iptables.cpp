@@ -14,10 +14,6 @@ int number(const std::string& text) {
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
-Tri yes(bool holds) {
-    return holds ? Tri::Yes : Tri::No;
-}
-
 std::vector<std::string> parts(const std::string& text, char separator) {
     std::istringstream stream(text);
     std::vector<std::string> result;
@@ -40,7 +36,7 @@ Tri inNetwork(unsigned int address, const std::string& network) {
         const int bits = number(length);
         mask.s_addr = bits <= 0 || bits > 32 ? 0 : htonl(~0U << (32 - bits));
     }
-    return yes((htonl(address) & mask.s_addr) == (parsed.s_addr & mask.s_addr));
+    return triOf((htonl(address) & mask.s_addr) == (parsed.s_addr & mask.s_addr));
 }
 
 Tri hasPort(const Packet& packet, const std::string& list) {
@@ -57,8 +53,8 @@ Tri hasPort(const Packet& packet, const std::string& list) {
 Tri isInterface(const Packet& packet, bool in, const std::string& pattern) {
     if (in == packet.outgoing)
         return Tri::No;
-    return yes(pattern.ends_with("+") ? packet.interface.starts_with(pattern.substr(0, pattern.size() - 1))
-                                      : packet.interface == pattern);
+    return triOf(pattern.ends_with("+") ? packet.interface.starts_with(pattern.substr(0, pattern.size() - 1))
+                                        : packet.interface == pattern);
 }
 
 /// Whether the packet meets one option of a rule; nothing for an option that is no condition.
@@ -68,18 +64,18 @@ std::optional<Tri> condition(const std::string& option, const std::string& value
     if (option == "-d")
         return inNetwork(packet.destination, value);
     if (option == "-p")
-        return yes(value == "all" || value == (packet.igmp ? "igmp" : "udp") ||
-                   value == (packet.igmp ? "2" : "17"));
+        return triOf(value == "all" || value == (packet.igmp ? "igmp" : "udp") ||
+                     value == (packet.igmp ? "2" : "17"));
     if (option == "-i" || option == "-o")
         return isInterface(packet, option == "-i", value);
     if (option == "--dport" || option == "--dports")
         return hasPort(packet, value);
     if (option == "--ctstate" || option == "--state")
-        return yes(("," + value + ",").find(",NEW,") != std::string::npos);
+        return triOf(("," + value + ",").find(",NEW,") != std::string::npos);
     if (option == "--pkt-type")
-        return yes(value == "multicast");
+        return triOf(value == "multicast");
     if (option == "--dst-type")
-        return yes(value == "MULTICAST");
+        return triOf(value == "MULTICAST");
     if (option == "-m" || option == "--comment" || option == "--reject-with" || option == "--log-prefix")
         return std::nullopt;
     return Tri::Maybe;
@@ -95,9 +91,9 @@ Verdict verdictOf(const std::string& target, bool isGoto, bool isChain) {
     return !isChain ? Verdict::Continue : isGoto ? Verdict::Goto : Verdict::Jump;
 }
 
-Rule parseRule(const std::string& line, const std::string& table, const Chains& chains,
-               const Packet& packet) {
-    Rule rule{Tri::Yes, Verdict::Continue, "", "iptables rule \"" + line + "\""};
+Rule parseRule(const std::string& line, const std::string& tool, const std::string& table,
+               const Chains& chains, const Packet& packet) {
+    Rule rule{Tri::Yes, Verdict::Continue, "", tool + " rule \"" + line + "\""};
     std::istringstream words(line);
     std::string option;
     words >> option >> option; // -A CHAIN
@@ -122,14 +118,14 @@ Rule parseRule(const std::string& line, const std::string& table, const Chains& 
     return rule;
 }
 
-bool onTheWay(const std::string& chain, const Packet& packet) {
+bool hooked(const std::string& chain, const Packet& packet) {
     return packet.outgoing ? chain == "OUTPUT" || chain == "POSTROUTING"
                            : chain == "PREROUTING" || chain == "INPUT";
 }
 
 } // namespace
 
-Chains parseIptables(const std::string& saved, const Packet& packet) {
+Chains parseIptables(const std::string& saved, const std::string& tool, const Packet& packet) {
     Chains chains;
     std::string table;
     const std::string match = packet.igmp ? " -p igmp" : " -d 236.6.0.0/16";
@@ -140,14 +136,14 @@ Chains parseIptables(const std::string& saved, const Packet& packet) {
         if (line.starts_with("*")) {
             table = line.substr(1);
         } else if (line.starts_with(":") && words.ignore() >> name >> policy) {
-            chains[table + " " + name] = {onTheWay(name, packet),
+            chains[table + " " + name] = {hooked(name, packet),
                                           policy == "DROP",
-                                          "policy of iptables chain " + name + " (table " + table + ")",
-                                          "iptables -t " + table + " -I " + name + match + " -j ACCEPT",
+                                          "policy of " + tool + " chain " + name + " (table " + table + ")",
+                                          tool + " -t " + table + " -I " + name + match + " -j ACCEPT",
                                           {}};
         } else if (line.starts_with("-A ") && words >> policy >> name) {
             if (const auto chain = chains.find(table + " " + name); chain != chains.end())
-                chain->second.rules.push_back(parseRule(line, table, chains, packet));
+                chain->second.rules.push_back(parseRule(line, tool, table, chains, packet));
         }
     }
     return chains;

@@ -3,12 +3,12 @@
 #include "../table.h"
 
 #include <IniProfile/iniprofile.h>
+#include <UdpSocket/base/socket.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,43 +21,35 @@
 namespace doctor {
 namespace {
 
+using net::detail::Descriptor;
+
 constexpr const char* kProfile = "profile.ini";
 constexpr int kTooSmallBuffer = 128 * 1024; // holds what 49 hosts answer at once, with little to spare
 constexpr int kEndpoints = 14;              // of a radar with two streams
 
 /// @return errno of reading the file, 0 when it can be read
 int readError(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file == -1)
-        return errno;
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     char first;
-    const int error = ::read(file, &first, 1) == -1 ? errno : 0;
-    ::close(file);
-    return error;
+    return file.isOpen() && ::read(file.get(), &first, 1) != -1 ? 0 : errno;
 }
 
 /// @return errno of a TCP connection, 0 when it came about within the time
 int connectError(unsigned int ip, unsigned short port, std::chrono::milliseconds patience) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (socket == -1)
+    const Descriptor socket = net::detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK);
+    const sockaddr_in address = net::detail::makeAddress(ip, port);
+    if (!socket.isOpen())
         return errno;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = ip;
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return 0;
+    if (errno != EINPROGRESS)
+        return errno;
+    pollfd connected{socket.get(), POLLOUT, 0};
+    if (::poll(&connected, 1, static_cast<int>(patience.count())) != 1)
+        return ETIMEDOUT;
     int error = 0;
-    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        error = errno;
-    if (error == EINPROGRESS) {
-        pollfd connected{socket, POLLOUT, 0};
-        socklen_t length = sizeof error;
-        if (::poll(&connected, 1, static_cast<int>(patience.count())) != 1)
-            error = ETIMEDOUT;
-        else if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
-            error = errno;
-    }
-    ::close(socket);
-    return error;
+    socklen_t length = sizeof error;
+    return ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
 }
 
 /// 0 for text that is no address, as the library takes it.
@@ -74,6 +66,9 @@ Profile readProfile(std::chrono::milliseconds patience) {
     profile.path =
         (directory != nullptr && *directory != '\0' ? std::string(directory) + "/" : "") + kProfile;
     profile.error = readError(profile.path);
+    std::ostringstream contents;
+    contents << std::ifstream(profile.path).rdbuf();
+    profile.entries = profileEntries(contents.str());
     profile.localText = GetProfileInfo("Local", "IP", "0.0.0.0", 16, kProfile);
     profile.netName = GetProfileInfo("Local", "NetName", "", 64, kProfile);
     profile.radarText = GetProfileInfo("Radar", "IP", "", 16, kProfile);
@@ -92,7 +87,7 @@ Profile readProfile(std::chrono::milliseconds patience) {
     profile.localIsOurs = table.contains(profile.localIp);
     profile.radarIp = addressOf(profile.radarText);
     if (profile.radarIp != 0)
-        profile.radarError = connectError(profile.radarIp, kGroups[0].port, patience);
+        profile.radarError = connectError(profile.radarIp, wire::kDiscovery.port, patience);
     return profile;
 }
 
@@ -166,28 +161,27 @@ void judgeProfile(const Observation& seen, Report& report) {
                     "set [Local] NetName to one that it has, or remove it", measured);
 
     // Where the library listens, and where the radars are.
-    const Interface* heard = nullptr;
+    const Interface* heardOn = nullptr;
     bool heardThere = false;
-    for (const auto& [host, hearing] : seen.listening.hosts) {
-        heard = seen.interface(host.interface);
+    for (const auto& [host, heard] : seen.listening.hosts) {
+        heardOn = seen.interface(host.interface);
         heardThere =
-            heardThere || (heard != nullptr && std::ranges::any_of(heard->addresses, [&](const auto& own) {
-                               return own.ip == profile.localIp;
-                           }));
+            heardThere || (heardOn != nullptr &&
+                           std::ranges::count(heardOn->addresses, profile.localIp, &LocalAddress::ip) != 0);
     }
-    if (heard != nullptr && !heardThere && profile.localIsOurs)
+    if (heardOn != nullptr && !heardThere && profile.localIsOurs)
         report.find(Id::WrongInterface, Severity::Fault,
                     path + " sets the local address to " + text(profile.localIp) +
                         ", and the radars are on another interface",
-                    "set [Local] IP to " + text(heard->addresses.front().ip) + ", or remove it to search",
-                    "radars heard through " + heard->name + ", none at " + text(profile.localIp));
+                    "set [Local] IP to " + text(heardOn->addresses.front().ip) + ", or remove it to search",
+                    "radars heard through " + heardOn->name + ", none at " + text(profile.localIp));
 }
 
 void judgeFixedRadar(const Observation& seen, Report& report) {
     const Profile& profile = seen.profile;
     if (profile.radarText.empty() || profile.error != 0)
         return;
-    const std::string port = " TCP port " + std::to_string(kGroups[0].port);
+    const std::string port = " TCP port " + std::to_string(wire::kDiscovery.port);
     const std::string measured =
         "[Radar] IP = " + printable(profile.radarText) + "," + port + ": " +
         (profile.radarIp == 0      ? "no IPv4 address"
@@ -214,12 +208,12 @@ void judgeFixedRadar(const Observation& seen, Report& report) {
 
 void judgeIgmp(const Observation& seen, Report& report) {
     bool refused = false;
-    bool wire = !seen.listening.ears.empty();
+    bool wire = !seen.listening.results.empty();
     int queries = 0;
-    for (const auto& [index, ear] : seen.listening.ears) {
-        refused = refused || std::ranges::count(ear.joinErrors, ENOBUFS) != 0;
-        wire = wire && ear.wire;
-        queries += ear.igmpQueries;
+    for (const auto& [index, result] : seen.listening.results) {
+        refused = refused || std::ranges::count(result.joinErrors, ENOBUFS) != 0;
+        wire = wire && result.wire;
+        queries += result.igmpQueries;
     }
     std::string versions;
     for (const Interface& interface : seen.interfaces)
@@ -235,7 +229,7 @@ void judgeIgmp(const Observation& seen, Report& report) {
         }
     report.check("IGMP", versions + (wire ? std::to_string(queries) + " queries heard from a querier"
                                           : "queriers could not be listened for"));
-    if (!wire && !seen.listening.ears.empty())
+    if (!wire && !seen.listening.results.empty())
         report.find(Id::WireUnread, Severity::Unchecked,
                     "could not check: needs root (CAP_NET_RAW) to hear IGMP queriers, and to tell what never "
                     "came from what the kernel dropped",

@@ -4,6 +4,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <sstream>
+
 namespace doctor {
 namespace {
 
@@ -33,6 +38,8 @@ Value payload(const json& payload, const Packet& packet) {
         return {packet.source, ""};
     if (protocol == "ip" && field == "protocol")
         return {packet.igmp ? 2U : 17U, packet.igmp ? "igmp" : "udp"};
+    if (protocol == "igmp" && field == "type" && packet.igmp)
+        return {{}, packet.outgoing ? "membership-report-v3" : "membership-query"};
     if (transport && packet.igmp)
         return {{}, "", true};
     if (transport && field == "dport")
@@ -74,7 +81,6 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
         return Tri::No;
     if (!value.number && value.text.empty())
         return Tri::Maybe;
-    const auto yes = [](bool holds) { return holds ? Tri::Yes : Tri::No; };
     if (right.is_array()) {
         Tri best = Tri::No;
         for (const json& element : right)
@@ -82,7 +88,7 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
         return best;
     }
     if (right.is_number())
-        return value.number ? yes(*value.number == right.get<unsigned int>()) : Tri::Maybe;
+        return value.number ? triOf(*value.number == right.get<unsigned int>()) : Tri::Maybe;
     if (right.is_string()) {
         const auto name = right.get<std::string>();
         if (name.starts_with("@")) {
@@ -90,10 +96,10 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
             return set == sets.end() ? Tri::Maybe : isIn(value, set->second, sets);
         }
         if (!value.text.empty())
-            return yes(name.ends_with("*") ? value.text.starts_with(name.substr(0, name.size() - 1))
-                                           : value.text == name);
+            return triOf(name.ends_with("*") ? value.text.starts_with(name.substr(0, name.size() - 1))
+                                             : value.text == name);
         const auto address = hostOrder(name);
-        return address ? yes(*value.number == *address) : Tri::Maybe;
+        return address ? triOf(*value.number == *address) : Tri::Maybe;
     }
     if (right.contains("set"))
         return isIn(value, right["set"], sets);
@@ -103,7 +109,7 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
         const auto base = hostOrder(right["prefix"].value("addr", ""));
         const int length = right["prefix"].value("len", 32);
         const unsigned int mask = length <= 0 || length > 32 ? 0 : ~0U << (32 - length);
-        return base ? yes((*value.number & mask) == (*base & mask)) : Tri::Maybe;
+        return base ? triOf((*value.number & mask) == (*base & mask)) : Tri::Maybe;
     }
     if (right.contains("range") && value.number) {
         const auto bound = [](const json& end) {
@@ -112,7 +118,7 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
         };
         const auto first = bound(right["range"].at(0));
         const auto last = bound(right["range"].at(1));
-        return first && last ? yes(*first <= *value.number && *value.number <= *last) : Tri::Maybe;
+        return first && last ? triOf(*first <= *value.number && *value.number <= *last) : Tri::Maybe;
     }
     return Tri::Maybe;
 }
@@ -172,12 +178,38 @@ bool passes(const std::string& hook, const Packet& packet) {
                            : hook == "ingress" || hook == "prerouting" || hook == "input";
 }
 
+/// The devices that each chain of the family netdev stands at, by table and name.
+std::map<std::string, std::set<std::string>> devicesOf(const std::string& ruleset) {
+    std::map<std::string, std::set<std::string>> devices;
+    std::istringstream lines(ruleset);
+    std::string table;
+    std::string chain;
+    for (std::string line; std::getline(lines, line);) {
+        std::ranges::replace_if(
+            line, [](char character) { return std::strchr("\"{},=", character) != nullptr; }, ' ');
+        std::istringstream words(line);
+        std::string word;
+        words >> word;
+        if (word == "table" && words >> table >> word)
+            table += " " + word;
+        else if (word == "chain" && words >> word)
+            chain = table + " " + word;
+        else if (word == "type" && table.starts_with("netdev "))
+            for (bool listed = false; words >> word && word != "priority";
+                 listed = listed || word.starts_with("device"))
+                if (listed)
+                    devices[chain].insert(word);
+    }
+    return devices;
+}
+
 } // namespace
 
-Chains parseNft(const std::string& text, const Packet& packet) {
+Chains parseNft(const std::string& text, const std::string& forPeople, const Packet& packet) {
     Chains chains;
     std::map<std::string, std::map<std::string, json>> sets; // by table and name
     const json ruleset = json::parse(text);
+    const auto devices = devicesOf(forPeople);
     for (const json& item : ruleset.at("nftables")) {
         if (!item.is_object() || item.empty())
             continue;
@@ -190,8 +222,9 @@ Chains parseNft(const std::string& text, const Packet& packet) {
             sets[table][content.value("name", "")] = content.value("elem", json::array());
         } else if (item.contains("chain")) {
             const std::string name = table + " " + content.value("name", "");
+            const auto standsAt = devices.find(name);
             const bool hooked = content.contains("hook") && passes(content["hook"], packet) &&
-                                content.value("dev", packet.interface) == packet.interface;
+                                (standsAt == devices.end() || standsAt->second.contains(packet.interface));
             chains[name] = {hooked,
                             content.value("policy", "") == "drop",
                             "nft chain " + name,

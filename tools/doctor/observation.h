@@ -5,6 +5,10 @@
 #include "../loop.h"
 #include "findings.h"
 
+#include <UdpSocket/protocol/wire.h>
+
+#include <sys/socket.h>
+
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -18,14 +22,7 @@ namespace doctor {
 
 using Seconds = std::chrono::duration<double>;
 
-struct Group {
-    const char* address;
-    unsigned short port;
-    const char* use;
-};
-inline constexpr std::array<Group, 3> kGroups{{{"236.6.7.5", 6878, "queries and announcements"},
-                                               {"236.6.7.4", 6768, "host ids"},
-                                               {"236.6.7.20", 6720, "presence beacons"}}};
+inline constexpr std::array kGroups{wire::kDiscovery, wire::kNegotiation, wire::kBeacon};
 
 // ------------------------------------------------------------------------------------------------ interfaces
 
@@ -43,6 +40,8 @@ struct Interface {
     bool pointToPoint = false;
     bool partOfAnother = false; ///< of a bridge, say
     bool emptyBridge = false;   ///< waits for containers, say
+    int mtu = 0;                ///< bytes; 0: not readable
+    std::string hardware{};     ///< its address as text, "02:00:..."
     std::vector<LocalAddress> addresses;
     int rpFilter =
         0; ///< the stricter of the machine's and the interface's own setting, as the kernel takes it
@@ -66,12 +65,19 @@ struct Route {
 };
 Route routeTo(unsigned int ip, const std::vector<Interface>& interfaces);
 
-// ----------------------------------------------------------------------------------------------- the
-// listening
+/// A route of the kernel to one group of the radars alone; no route to a network beats it.
+struct GroupRoute {
+    unsigned int group;
+    std::string interface;
+};
+/// Of the routes to one group, the first is the one that the kernel takes.
+std::vector<GroupRoute> readGroupRoutes();
 
-/// How sockets fared on one interface.
-struct Ear {
-    std::array<int, kGroups.size()> joinErrors{}; ///< errno of bind or join, 0: listens
+// ------------------------------------------------------------------------------------------------- listening
+
+/// What became of the sockets on one interface.
+struct InterfaceResult {
+    std::array<int, kGroups.size()> joinErrors{}; ///< errno of bind or join by group, 0: listens
     std::array<bool, kGroups.size()> bound{};
     int sendError = 0;
     int sent = 0;      ///< queries
@@ -88,10 +94,9 @@ struct HostKey {
     int id;                                           ///< 0: none of the plan
     auto operator<=>(const HostKey&) const = default; // NOLINT(modernize-use-nullptr): there is none
 };
-struct Hearing {
-    std::vector<Seconds> times;
-    unsigned int imageGroup = 0;
-    unsigned short imagePort = 0; ///< host order
+struct HeardHost {
+    std::vector<Seconds> times; ///< of its announcements
+    NetAddress image{};         ///< where it sends the image of its first stream
 };
 struct ForeignQuery {
     int interface;
@@ -102,13 +107,16 @@ struct ForeignQuery {
 /// Times count from the start of the listening.
 struct Listening {
     Seconds duration{0};
-    std::vector<Seconds> queries; ///< own ones, on every interface
-    std::map<int, Ear> ears;      ///< by interface index
-    std::map<HostKey, Hearing> hosts;
+    std::vector<Seconds> queries;           ///< own ones, on every interface
+    std::map<int, InterfaceResult> results; ///< by interface index
+    std::map<HostKey, HeardHost> hosts;
     std::vector<ForeignQuery> foreignQueries;
     std::map<int, std::set<unsigned int>>
-        onWire;                             ///< announcements' sources by interface, whatever became of them
-    std::map<std::uint8_t, int> objections; ///< by host id
+        onWire; ///< announcements' sources by interface, whatever became of them
+    /// Hardware addresses by interface and address, of announcements' sources and of whoever has an address
+    /// of this computer: from the wire, or, where that is closed, from the kernel's neighbour table.
+    std::map<std::pair<int, unsigned int>, std::set<std::string>> hardware;
+    std::map<std::uint8_t, int> objections;       ///< by host id
     std::map<unsigned int, std::set<int>> claims; ///< host ids that each address probed for
     int beacons = 0;
     int grantedBuffer = 0; ///< of the 256 KiB that the library asks for
@@ -118,8 +126,7 @@ struct Listening {
 /// Listens, asks, and listens on. @throws std::system_error when the machine allows no socket at all
 Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop);
 
-// -----------------------------------------------------------------------------------------------------
-// machine
+// --------------------------------------------------------------------------------------------------- machine
 
 struct UdpSocketEntry {
     unsigned int ip;
@@ -130,9 +137,18 @@ struct UdpSocketEntry {
 };
 std::vector<UdpSocketEntry> readUdpSockets();
 
+struct ProfileEntry {
+    std::string section;
+    std::string key;
+    int line;
+};
+/// Every key of a profile's text.
+std::vector<ProfileEntry> profileEntries(const std::string& text);
+
 struct Profile {
     std::string path;
     int error = 0; ///< errno of reading it, ENOENT included
+    std::vector<ProfileEntry> entries;
     std::string localText;
     std::string netName;
     std::string radarText;
@@ -159,14 +175,18 @@ unsigned long reversePathDrops();
 
 /// The packet filter's rules, as its own tools print them.
 struct Ruleset {
-    std::string nft;      ///< JSON; empty: not readable
-    std::string iptables; ///< empty: not readable, or not installed
-    std::string error;    ///< why nothing is readable
+    std::string nft;            ///< JSON; empty: not readable
+    std::string nftText;        ///< the same as people read it: devices stand in it alone
+    std::string iptables;       ///< empty: not readable, or not installed
+    std::string iptablesLegacy; ///< of the older tables, which the kernel has beside them
+    std::string error;          ///< why nothing is readable
 };
 Ruleset readRuleset();
 
 struct Observation {
+    std::string only; ///< the one interface that was looked at; empty: all
     std::vector<Interface> interfaces;
+    std::set<std::string> ownHardware; ///< addresses of all interfaces, looked at or not
     Listening listening;
     std::vector<UdpSocketEntry> socketsBefore; ///< before doctor made its own
     std::vector<UdpSocketEntry> socketsAfter;  ///< after doctor closed its own
@@ -175,16 +195,23 @@ struct Observation {
     Ruleset rules;
     unsigned long reversePathDrops = 0; ///< during the listening
     Route discoveryRoute;
+    Route groupsRoute; ///< of the groups that have none of their own
+    std::vector<GroupRoute> groupRoutes;
     std::map<unsigned int, Route> routesToRadars;
 
     bool radarHeard() const { return !listening.hosts.empty(); }
     bool radarHeardOn(int interface) const;
     const Interface* interface(int index) const;
+    bool isOwn(unsigned int ip) const;
     /// Whether a program on this machine takes part in the negotiation of host ids.
     bool hostHere() const;
 };
 
+/// Everything there is to say, the gravest first.
+Report judge(const Observation& seen);
+
 Report judgeInterfaces(const Observation& seen);
+Report judgeProfileKeys(const Observation& seen);
 Report judgeMachine(const Observation& seen);
 Report judgePorts(const Observation& seen);
 Report judgeFirewall(const Observation& seen);
@@ -194,6 +221,9 @@ Report judgeSilence(const Observation& seen);
 
 /// Sources that announce on the wire of an interface and reach no socket there.
 std::set<unsigned int> undelivered(const Observation& seen, int index);
+
+/// A hardware address as text; empty for one that is not Ethernet's.
+std::string hardwareText(const sockaddr_storage& packetAddress);
 
 /// Dotted text of a network-order address, and of an address with its prefix length.
 std::string text(unsigned int ip);

@@ -32,7 +32,7 @@ std::vector<UdpSocketEntry> readUdpSockets() {
             continue;
         entry.ip = static_cast<unsigned int>(std::stoul(local.substr(0, 8), nullptr, 16));
         entry.port = static_cast<unsigned short>(std::stoul(local.substr(9), nullptr, 16));
-        if (std::ranges::count(kGroups, entry.port, &Group::port) != 0)
+        if (std::ranges::count(kGroups, entry.port, &wire::Group::port) != 0)
             sockets.push_back(entry);
     }
     return sockets;
@@ -40,7 +40,8 @@ std::vector<UdpSocketEntry> readUdpSockets() {
 
 bool Observation::hostHere() const {
     return std::ranges::any_of(socketsBefore, [](const UdpSocketEntry& socket) {
-        return socket.port == kGroups[1].port && socket.ip == net::transAddr(kGroups[1].address);
+        return socket.port == wire::kNegotiation.port &&
+               socket.ip == net::transAddr(wire::kNegotiation.address);
     });
 }
 
@@ -70,11 +71,11 @@ std::string holder(const UdpSocketEntry& socket) {
 void judgeHolders(const Observation& seen, Report& report) {
     std::string ports;
     for (std::size_t i = 0; i < kGroups.size(); ++i) {
-        const Group& group = kGroups[i];
+        const wire::Group& group = kGroups[i];
         const std::string port = std::to_string(group.port);
         ports += (ports.empty() ? "" : ", ") + port;
-        const bool taken = std::ranges::any_of(seen.listening.ears, [i](const auto& ear) {
-            return !ear.second.bound[i] && ear.second.joinErrors[i] == EADDRINUSE;
+        const bool taken = std::ranges::any_of(seen.listening.results, [i](const auto& result) {
+            return !result.second.bound[i] && result.second.joinErrors[i] == EADDRINUSE;
         });
         if (!taken)
             continue;
@@ -113,17 +114,17 @@ void judgeDrops(const Observation& seen, Report& report) {
 }
 
 void judgeErrors(const Observation& seen, Report& report) {
-    for (const auto& [index, ear] : seen.listening.ears) {
+    for (const auto& [index, result] : seen.listening.results) {
         const Interface* interface = seen.interface(index);
         if (interface == nullptr || !interface->usable())
             continue;
-        if (ear.sendError != 0 && ear.sendError != EPERM) // which is the packet filter's
+        if (result.sendError != 0 && result.sendError != EPERM) // which is the packet filter's
             report.find(Id::QueryNotSent, Severity::Fault,
                         "the system refuses to send a query through " + interface->name,
                         "look at the address and the routes of " + interface->name,
-                        std::generic_category().message(ear.sendError));
+                        std::generic_category().message(result.sendError));
         for (std::size_t i = 0; i < kGroups.size(); ++i)
-            if (const int error = ear.joinErrors[i]; error != 0 && error != EADDRINUSE && error != ENOBUFS)
+            if (const int error = result.joinErrors[i]; error != 0 && error != EADDRINUSE && error != ENOBUFS)
                 report.find(Id::QueryNotSent, Severity::Fault,
                             "the system refuses to listen to " + std::string(kGroups[i].address) + " on " +
                                 interface->name,

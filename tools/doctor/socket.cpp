@@ -1,23 +1,17 @@
 #include "socket.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <netinet/in.h>
 #include <sys/time.h>
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
 namespace doctor {
-
-bool Socket::bind(unsigned int ip, unsigned short port) const {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = ip;
-    address.sin_port = htons(port);
-    return ::bind(m_number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
 
 Seconds wallClock() {
     timespec now{};
@@ -25,7 +19,18 @@ Seconds wallClock() {
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-bool receive(const Socket& socket, Datagram& datagram) {
+std::string hardwareText(const sockaddr_storage& packetAddress) {
+    sockaddr_ll address;
+    std::memcpy(&address, &packetAddress, sizeof address);
+    char text[sizeof "00:00:00:00:00:00"] = "";
+    if (address.sll_halen == ETH_ALEN)
+        std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", address.sll_addr[0],
+                      address.sll_addr[1], address.sll_addr[2], address.sll_addr[3], address.sll_addr[4],
+                      address.sll_addr[5]);
+    return text;
+}
+
+bool receive(const Descriptor& socket, Datagram& datagram) {
     char buffer[2048];
     alignas(cmsghdr) char control[256];
     iovec part{buffer, sizeof buffer};
@@ -50,18 +55,20 @@ bool receive(const Socket& socket, Datagram& datagram) {
     return true;
 }
 
-Socket openWire(int index) {
-    Socket socket(AF_PACKET, SOCK_DGRAM, 0);
+Descriptor openWire(int index) {
+    Descriptor socket =
+        net::detail::ownSocket(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket.isOpen())
         return socket;
+    const auto group = [](const wire::Group& of) { return net::NtoHl(net::transAddr(of.address)); };
     sock_filter code[] = {
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9), // protocol
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_IGMP, 5, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 5),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 16), // destination
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xEC060705, 2, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xEC060704, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xEC060714, 0, 1),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, group(wire::kDiscovery), 2, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, group(wire::kNegotiation), 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, group(wire::kBeacon), 0, 1),
         BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
         BPF_STMT(BPF_RET | BPF_K, 0),
     };
@@ -70,7 +77,7 @@ Socket openWire(int index) {
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = index;
-    if (!socket.set(SOL_SOCKET, SO_ATTACH_FILTER, filter) ||
+    if (!net::detail::setOption(socket, SOL_SOCKET, SO_ATTACH_FILTER, filter) ||
         ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         socket.reset();
     return socket;

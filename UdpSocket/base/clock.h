@@ -1,0 +1,25 @@
+/// @file
+/// The time by which radars age, replaceable by tests.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace net::detail {
+
+/// Seconds since the epoch by the wall clock as it stood when the process began: they tick when that one's
+/// do, suspension included, and setting it does not touch them.
+std::int64_t now();
+
+/// Of the steady clock, as it stood at the last tick of a few milliseconds: for where each datagram asks.
+std::chrono::steady_clock::time_point coarseNow();
+
+/// What the wall clock would have shown at @p moment of now(), going by its present setting: seconds since
+/// the epoch.
+std::int64_t wallClockAt(std::int64_t moment);
+
+/// Makes now() answer what @p clock answers, in seconds since the epoch; null brings the system's clock back.
+/// Any thread.
+void setClock(std::int64_t (*clock)());
+
+} // namespace net::detail

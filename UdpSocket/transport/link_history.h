@@ -1,0 +1,42 @@
+/// @file
+/// Interfaces that were removed, also those that came back as if they had never been away.
+#pragma once
+
+#include <UdpSocket/base/descriptor.h>
+#include <UdpSocket/base/mutex.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string_view>
+
+namespace net::detail {
+
+/// Counts the removals of each interface. One that is removed and made again with the same name, index and
+/// address has lost its group memberships, and no look at it or at the socket tells that: joining again says
+/// that the group is joined. The kernel's messages about links do.
+///
+/// Shared by all who ask in one network namespace; no thread of its own: whoever asks reads what has come.
+/// Any thread.
+class LinkHistory {
+public:
+    /// The history of the calling thread's network. Null where the system has no socket for it.
+    static std::shared_ptr<LinkHistory> ofThisNetwork();
+
+    explicit LinkHistory(Descriptor messages) : m_messages(std::move(messages)) {}
+
+    /// How often the interface of this index may have been removed, a number to be compared with an earlier
+    /// one. When messages were lost, it counts as removed.
+    std::uint64_t removals(unsigned int index);
+
+private:
+    void read() REQUIRES(m_mutex);
+    void take(std::string_view messages) REQUIRES(m_mutex);
+
+    Mutex m_mutex;
+    const Descriptor m_messages;
+    std::map<unsigned int, std::uint64_t> m_removals GUARDED_BY(m_mutex); // by index
+    std::uint64_t m_lost GUARDED_BY(m_mutex) = 0;                         // times when messages were lost
+};
+
+} // namespace net::detail

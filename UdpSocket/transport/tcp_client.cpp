@@ -1,0 +1,515 @@
+#include <UdpSocket/tcpsocket.h>
+
+#include <UdpSocket/base/error_line.h>
+#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
+#include <UdpSocket/base/scope_exit.h>
+#include <UdpSocket/base/socket.h>
+#include <UdpSocket/base/thread.h>
+#include <UdpSocket/base/timing.h>
+#include <UdpSocket/transport/interfaces.h>
+#include <UdpSocket/transport/tcp_sites.h>
+#include <UdpSocket/transport/tcp_stream.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace net {
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace tcp_site = detail::tcp_site;
+
+constexpr int kTicksBetweenAttempts = 10;      // an attempt or a probe every eleventh idle tick
+constexpr auto kPauseAfterTimeOut = 10ms;      // of the receive thread
+constexpr std::size_t kReceiveBuffer = 204800; // longest piece given to the listener
+constexpr std::size_t kLongQueue = 100;        // a longer one is worth a warning
+constexpr char kProbe[] = "check";             // sent with its zero byte
+
+} // namespace
+
+/// Each socket with its flags is one Connection, which every thread that works on it holds: a thread that is
+/// late cannot touch, or mark as lost, the connection that has replaced its own.
+///
+/// Threads: see TcpClient. The auto-connect thread and the queue thread live from constructor to destructor;
+/// a receive thread is joined before the next one starts, after the next Connected. Life cycle: the
+/// destructor stops every pause, shuts the socket (which wakes what blocks on it, connecting included) and
+/// joins. Errors: as TcpClient says.
+class TcpClientPrivate : public detail::ProcessBound {
+public:
+    TcpClientPrivate(iTcpDataListener* listener, in_addr_t ip, unsigned short port, unsigned int localIp);
+    ~TcpClientPrivate();
+
+    bool connectOnce();
+    void setAutoConnectEnable(bool enable) { m_autoConnectEnabled = enable; }
+    bool sendData(const char* data, unsigned int len);
+    bool sendMultipleDatas(const detail::Parts& parts);
+    bool asyncSendData(const char* data, unsigned int len);
+    const sockaddr_in& server() const { return m_server; }
+    bool isConnected() const { return current()->stands(); }
+    void notifyForQuit() { m_running = false; }
+
+private:
+    enum class State {
+        kFresh,     // not connected yet
+        kStanding,  // all that counts as connected
+        kPeerEnded, // nothing comes any more, while what was to be sent by then still goes out
+        kLost,      // lost; the socket is left as it is
+        kEnded,     // by ourselves: what its threads meet from now on is no error
+    };
+    struct Connection {
+        explicit Connection(detail::Descriptor descriptor) : socket(std::move(descriptor)) {}
+        bool stands() const { return state == State::kStanding; }
+        bool takesBytes() const { return stands() || state == State::kPeerEnded; }
+        void end() {
+            state = State::kEnded;
+            detail::endStream(socket);
+        }
+        /// The loss of a connection that stood. @param next kPeerEnded or kLost
+        void lose(State next) {
+            State before = state;
+            while ((before == State::kStanding || before == State::kPeerEnded) &&
+                   !state.compare_exchange_weak(before, next)) {
+            }
+        }
+
+        const detail::Descriptor socket;
+        std::atomic<State> state = State::kFresh;
+        detail::Turns sends;
+    };
+    using ConnectionPtr = std::shared_ptr<Connection>;
+
+    ConnectionPtr current() const;
+    bool running() const { return m_running && !m_ending.stopped(); }
+
+    ConnectionPtr reset() REQUIRES(m_connectMutex);
+    void bindToInterface(const detail::Descriptor& socket) const;
+    bool connectSocket(const detail::Descriptor& socket) const;
+    bool connectUnlessConnected();
+    ConnectionPtr announced() const;
+    void announceLoss(const ConnectionPtr& lost);
+    void probeOrConnect();
+    bool send(Connection& connection, const detail::Message& message, const char* call,
+              const detail::ReportSite& site);
+
+    void autoConnectThread();
+    void pass();
+    void receiveThread(const ConnectionPtr& connection, char* buffer);
+    void queueThread();
+    void setQueueHeld(bool held);
+
+    iTcpDataListener* const m_listener;
+    const sockaddr_in m_server;
+    const detail::ErrorReporter m_errors; // m_server's address as text, and its port
+    const unsigned int m_localIp;         // network order
+    std::atomic<bool> m_running = true;
+    std::atomic<bool> m_autoConnectEnabled = true;
+    std::atomic<int> m_idleTicks = 0; // half seconds since the last traffic
+    detail::Pause m_ending;
+
+    mutable detail::Mutex m_stateMutex;
+    ConnectionPtr m_current GUARDED_BY(m_stateMutex);   // never null
+    ConnectionPtr m_announced GUARDED_BY(m_stateMutex); // Connected was called for it, Disconnected was not
+
+    detail::Mutex m_queueMutex ACQUIRED_BEFORE(m_stateMutex);
+    detail::Condition m_queued;
+    std::deque<std::string> m_queue GUARDED_BY(m_queueMutex);
+    bool m_queueHeld GUARDED_BY(m_queueMutex) = false;
+
+    detail::Mutex m_connectMutex ACQUIRED_BEFORE(m_queueMutex); // one socket is made and connected at a time
+    std::thread m_receiver GUARDED_BY(m_connectMutex);
+    std::thread m_autoConnect;
+    std::thread m_sender;
+};
+
+TcpClientPrivate::TcpClientPrivate(iTcpDataListener* listener, in_addr_t ip, unsigned short port,
+                                   unsigned int localIp)
+    : m_listener(listener), m_server(detail::makeAddress(ip, port)), m_errors(transAddr(ip), port),
+      m_localIp(localIp), m_current(std::make_shared<Connection>(detail::Descriptor())) {
+    std::signal(SIGPIPE, SIG_IGN);
+    m_sender = detail::startThread("radar-tcp-queue", [this] { queueThread(); });
+    try {
+        m_autoConnect = detail::startThread("radar-tcp-conn", [this] { autoConnectThread(); });
+    } catch (...) {
+        m_ending.stop();
+        m_queued.notify_all();
+        m_sender.join();
+        throw;
+    }
+}
+
+TcpClientPrivate::~TcpClientPrivate() {
+    m_running = false;
+    m_ending.stop();
+    current()->end();
+    { detail::Lock lock(m_queueMutex); } // the queue thread waits, or will see the end
+    m_queued.notify_all();
+    { detail::Lock lock(m_connectMutex); } // an attempt in progress ends now, a later one does not begin
+    m_autoConnect.join();
+    current()->end(); // when that attempt has just succeeded
+    if (m_receiver.joinable())
+        m_receiver.join();
+    m_sender.join();
+}
+
+TcpClientPrivate::ConnectionPtr TcpClientPrivate::current() const {
+    detail::Lock lock(m_stateMutex);
+    return m_current;
+}
+
+// ------------------------------------------------------------------------------------------- connecting
+
+/// Ends the current connection and makes a new socket with its options. Needs the connection lock.
+TcpClientPrivate::ConnectionPtr TcpClientPrivate::reset() {
+    current()->end();
+    auto connection = std::make_shared<Connection>(detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK));
+    const detail::Descriptor& socket = connection->socket;
+    if (!socket.isOpen()) {
+        m_errors.report(tcp_site::kClientSocket);
+    } else {
+        detail::setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+        detail::enableKeepAlive(socket);
+        bindToInterface(socket);
+        if (!detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, detail::toTimeval(detail::kTcpTimeOut)))
+            m_errors.report(tcp_site::kClientReceiveTimeOut);
+    }
+    detail::Lock lock(m_stateMutex);
+    m_current = connection;
+    return connection;
+}
+
+void TcpClientPrivate::bindToInterface(const detail::Descriptor& socket) const {
+    if (m_localIp == 0)
+        return;
+    const std::string name = localIfaName(m_localIp);
+    if (name.empty())
+        return;
+    if (!detail::bindToDevice(socket, detail::deviceName(name)))
+        m_errors.report(tcp_site::kClientBindToDevice);
+}
+
+/// A blocking connect that the destructor cuts short: it stops m_ending first and shuts the socket second, so
+/// that one of the two is noticed here.
+bool TcpClientPrivate::connectSocket(const detail::Descriptor& socket) const {
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&m_server), sizeof m_server) != 0) {
+        if (errno != EINPROGRESS)
+            return false;
+        pollfd writable{socket.get(), POLLOUT, 0};
+        int ready;
+        do {
+            if (m_ending.stopped())
+                return false;
+            ready = ::poll(&writable, 1, -1);
+        } while (ready == -1 && errno == EINTR);
+        if (ready == -1)
+            return false;
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0 ||
+            m_ending.stopped())
+            return false;
+    }
+    return ::fcntl(socket.get(), F_SETFL, 0) == 0; // blocking from here on
+}
+
+bool TcpClientPrivate::connectOnce() {
+    if (const ConnectionPtr standing = announced()) {
+        standing->end();
+        announceLoss(standing);
+    }
+    return connectUnlessConnected();
+}
+
+/// Another thread's connection that came to stand meanwhile is kept.
+bool TcpClientPrivate::connectUnlessConnected() {
+    detail::Lock lock(m_connectMutex);
+    ConnectionPtr found;
+    while (!m_ending.stopped() && (found = announced()) != nullptr) {
+        if (found->stands())
+            return true;
+        lock.unlock();
+        announceLoss(found); // before the next Connected
+        lock.lock();
+    }
+    if (m_ending.stopped())
+        return false;
+    std::unique_ptr<char[]> buffer(new char[kReceiveBuffer]); // or no attempt is made
+    const ConnectionPtr connection = reset();
+    std::printf("tcp client try to connect (addr = %s,port = %u)\r\n", m_errors.address().c_str(),
+                m_errors.port());
+    if (!connectSocket(connection->socket)) {
+        std::printf("tcp client connected failed ...\r\n");
+        return false;
+    }
+    std::printf("tcp client successfully connected (addr = %s,port = %u)\r\n", m_errors.address().c_str(),
+                m_errors.port());
+    {
+        const detail::ScopeExit owed([&] { // a Disconnected, also when the listener has thrown
+            if (connection->state == State::kFresh)
+                connection->end();
+            {
+                detail::Lock stateLock(m_stateMutex);
+                m_announced = connection;
+            }
+            setQueueHeld(false);
+        });
+        setQueueHeld(true);
+        if (m_listener != nullptr)
+            m_listener->OnTcpClientConnected(0, m_errors.address().c_str(), m_errors.port());
+        if (m_receiver.joinable())
+            m_receiver.join(); // a listener that is still busy with old data delays what follows only
+        State fresh = State::kFresh;
+        connection->state.compare_exchange_strong(fresh, State::kStanding);
+    }
+    m_running = true;
+    if (!detail::launchThread(m_receiver, "radar-tcp-recv", [this, connection, kept = std::move(buffer)] {
+            receiveThread(connection, kept.get());
+        })) {
+        m_errors.report(tcp_site::kClientThread);
+        connection->lose(State::kLost); // at once, and tried again like any other
+        return false;
+    }
+    return true;
+}
+
+/// The connection that is owed a Disconnected, standing or lost, or null.
+TcpClientPrivate::ConnectionPtr TcpClientPrivate::announced() const {
+    detail::Lock lock(m_stateMutex);
+    return m_announced;
+}
+
+/// Calls Disconnected for @p lost, unless another thread does so already. Needs the connection lock not to be
+/// held: the listener may connect.
+void TcpClientPrivate::announceLoss(const ConnectionPtr& lost) {
+    {
+        detail::Lock lock(m_stateMutex);
+        if (m_announced != lost || m_ending.stopped())
+            return;
+        m_announced.reset();
+    }
+    if (m_listener != nullptr)
+        m_listener->OnTcpClientDisconnected(0, m_errors.address().c_str(), m_errors.port());
+}
+
+void TcpClientPrivate::autoConnectThread() {
+    detail::runStep("TcpClient: a pass", [this] {
+        detail::Lock lock(m_connectMutex);
+        if (!current()->socket.isOpen() && !m_ending.stopped())
+            reset();
+    });
+    while (running()) {
+        detail::runStep("TcpClient: a pass", [this] { pass(); });
+        m_ending.sleep(detail::timing().clientTick);
+    }
+}
+
+void TcpClientPrivate::pass() {
+    if (const ConnectionPtr connection = announced(); connection != nullptr && !connection->stands())
+        announceLoss(connection);
+    if (m_idleTicks++ < kTicksBetweenAttempts)
+        return;
+    m_idleTicks = 0;
+    if (m_autoConnectEnabled)
+        probeOrConnect();
+}
+
+void TcpClientPrivate::probeOrConnect() {
+    const ConnectionPtr connection = current();
+    if (!connection->stands()) {
+        connectUnlessConnected();
+        return;
+    }
+    ssize_t sent = 0;
+    int code = 0;
+    {
+        const detail::Turns::Place place(connection->sends);
+        if (!place.isFirst())
+            return; // a send waits: not idle
+        sent = detail::Message(kProbe, sizeof kProbe).send(connection->socket, 0, MSG_DONTWAIT);
+        code = errno;
+    }
+    if (sent >= 0 || code == EAGAIN || m_ending.stopped()) // without room there is enough on its way
+        return;
+    std::printf("tcp client check error %d %d %d\r\n", static_cast<int>(sent), code, EPIPE);
+    if (code == EPIPE) {
+        connection->lose(State::kLost);
+        announceLoss(connection);
+        connectUnlessConnected();
+    }
+}
+
+// -------------------------------------------------------------------------------------------- receiving
+
+void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buffer) {
+    const int fd = connection->socket.get();
+    bool peerEnded = false;
+    bool failed = false;
+    while (m_running && connection->stands() && !peerEnded && !failed) {
+        errno = 0; // a closed connection is reported with code 0
+        const ssize_t count = ::recv(fd, buffer, kReceiveBuffer, 0);
+        const bool timedOut = count < 0 && (errno == EAGAIN || errno == EINTR);
+        if (announced() != connection || connection->state == State::kEnded)
+            break; // nothing comes behind its Disconnected
+        if (count > 0) {
+            m_idleTicks = 0;
+            if (m_listener != nullptr)
+                detail::runStep("TcpClient: received data", [&] {
+                    m_listener->OnTcpDataReceived(fd, m_errors.address().c_str(), m_errors.port(), buffer,
+                                                  static_cast<int>(count));
+                });
+        } else if (count == 0) {
+            m_errors.report(tcp_site::kClientPeerClosed);
+            peerEnded = true;
+        } else if (timedOut && !detail::isPeerGone(connection->socket)) {
+            m_ending.sleep(kPauseAfterTimeOut);
+        } else {
+            if (timedOut)
+                errno = ETIMEDOUT;
+            m_errors.report(tcp_site::kClientReceive);
+            failed = true;
+        }
+    }
+    std::printf("tcp client (addr = %s,port = %u) receive thread out ....\r\n", m_errors.address().c_str(),
+                m_errors.port());
+    if (failed)
+        connection->end();           // a thread that still waits to send would not see it otherwise
+    detail::Lock lock(m_queueMutex); // between what is queued before and after
+    connection->lose(peerEnded ? State::kPeerEnded : State::kLost);
+}
+
+// ---------------------------------------------------------------------------------------------- sending
+
+bool TcpClientPrivate::sendData(const char* data, unsigned int len) {
+    const ConnectionPtr connection = current();
+    return connection->stands() && send(*connection, {data, len}, "send", tcp_site::kClientSend);
+}
+
+bool TcpClientPrivate::sendMultipleDatas(const detail::Parts& parts) {
+    const ConnectionPtr connection = current();
+    return connection->stands() &&
+           send(*connection, detail::Message(parts), "writev", tcp_site::kClientSendParts);
+}
+
+/// Sends when those who came before have done so. Counts what is sent as traffic; reports what is not, and
+/// marks that connection lost.
+bool TcpClientPrivate::send(Connection& connection, const detail::Message& message, const char* call,
+                            const detail::ReportSite& site) {
+    ssize_t result = 0;
+    int code = 0;
+    bool endedHere = false;
+    {
+        detail::Turns::Place place(connection.sends);
+        place.waitUntilFirst();
+        if (!connection.takesBytes())
+            return false; // lost meanwhile
+        result = detail::sendAll(connection.socket, message);
+        code = errno;
+        endedHere = connection.state == State::kEnded || m_ending.stopped();
+        if (result <= 0)
+            connection.lose(State::kLost);
+    }
+    if (result > 0) {
+        if (connection.stands()) // else the next attempt is not to be put off
+            m_idleTicks = 0;
+        return true;
+    }
+    if (endedHere)
+        return false; // which is not to be reported
+    std::printf("tcp client %s error %d\r\n", call, static_cast<int>(result));
+    errno = code;
+    m_errors.report(site);
+    return false;
+}
+
+bool TcpClientPrivate::asyncSendData(const char* data, unsigned int len) {
+    {
+        detail::Lock lock(m_queueMutex);
+        if (current()->state == State::kPeerEnded)
+            return true; // only what stood in the queue before still goes out
+        m_queue.emplace_back(data, len);
+    }
+    m_queued.notify_one();
+    return true;
+}
+
+void TcpClientPrivate::queueThread() {
+    while (running()) {
+        std::string item;
+        std::size_t left = 0;
+        {
+            detail::Lock lock(m_queueMutex);
+            const auto ready = [this]() REQUIRES(m_queueMutex) { return !m_queue.empty() && !m_queueHeld; };
+            m_queued.wait_for(lock, detail::timing().clientTick,
+                              [&]() REQUIRES(m_queueMutex) { return ready() || m_ending.stopped(); });
+            if (!ready() || m_ending.stopped())
+                continue;
+            item = std::move(m_queue.front());
+            m_queue.pop_front();
+            left = m_queue.size();
+        }
+        if (left > kLongQueue)
+            std::printf("Tcp %s list size %d !!!\r\n", "asyncSend", static_cast<int>(left));
+        if (const ConnectionPtr connection = current(); connection->takesBytes())
+            send(*connection, {item.data(), item.size()}, "send", tcp_site::kClientSend);
+    }
+}
+
+/// While a connection is being announced, what is queued waits for it.
+void TcpClientPrivate::setQueueHeld(bool held) {
+    {
+        detail::Lock lock(m_queueMutex);
+        m_queueHeld = held;
+    }
+    m_queued.notify_one();
+}
+
+TcpClient::TcpClient(iTcpDataListener* listener, const char* ip, unsigned short port, unsigned int localIp)
+    : d(new TcpClientPrivate(listener, ::inet_addr(ip), port, localIp)) {}
+TcpClient::TcpClient(iTcpDataListener* listener, const NetAddress& server, unsigned int localIp)
+    : TcpClient(listener, transAddr(server.ip), NtoHs(server.port), localIp) {}
+TcpClient::~TcpClient() {
+    detail::destroy(d);
+}
+bool TcpClient::connectOnce() {
+    return d->connectOnce();
+}
+void TcpClient::setAutoConnectEnable(bool enable) {
+    d->setAutoConnectEnable(enable);
+}
+bool TcpClient::sendData(const char* data, unsigned int len) {
+    return d->sendData(data, len);
+}
+bool TcpClient::sendMultipleDatas(const std::vector<std::pair<const void*, int>>& parts) {
+    return d->sendMultipleDatas(parts);
+}
+bool TcpClient::asyncSendData(const char* data, unsigned int len) {
+    return d->asyncSendData(data, len);
+}
+const char* TcpClient::addr() const {
+    return ::inet_ntoa(d->server().sin_addr);
+}
+unsigned short TcpClient::port() const {
+    return ntohs(d->server().sin_port);
+}
+bool TcpClient::isConnected() const {
+    return d->isConnected();
+}
+void TcpClient::notifyForQuit() {
+    d->notifyForQuit();
+}
+
+} // namespace net

@@ -1,0 +1,196 @@
+// What radarctl doctor makes of what it saw: pure, on a healthy network with one thing changed. doctor_test
+// looks at networks that are really broken.
+#include <tools/doctor/observation.h>
+
+#include <UdpSocket/udpsocket.h>
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <ostream>
+
+namespace {
+
+using namespace doctor;
+using namespace std::chrono_literals;
+using net::transAddr;
+
+constexpr int kEth0 = 2;
+constexpr int kEth1 = 3;
+constexpr unsigned int kMask16 = 0x0000FFFF; // network byte order
+constexpr unsigned int kMask24 = 0x00FFFFFF;
+
+/// A host that answers every n-th query after a delay.
+void hear(Observation& seen, const char* name, const char* source, int id, int interface = kEth0,
+          Seconds delay = 5ms, std::size_t every = 1) {
+    HeardHost& heard = seen.listening.hosts[{interface, transAddr(source), name, id}];
+    for (std::size_t i = 0; i < seen.listening.queries.size(); i += every)
+        heard.times.push_back(seen.listening.queries[i] + delay);
+    seen.listening.onWire[interface].insert(transAddr(source));
+    seen.routesToRadars[transAddr(source)] = {"eth0", 0};
+}
+
+/// A display's ten seconds on two interfaces, with two radars on the first.
+Observation healthy() {
+    Observation seen;
+    Interface eth0;
+    eth0.name = "eth0";
+    eth0.index = kEth0;
+    eth0.up = eth0.carrier = eth0.multicast = true;
+    Interface eth1 = eth0;
+    eth0.addresses = {{transAddr("10.20.2.1"), kMask16}};
+    eth1.name = "eth1";
+    eth1.index = kEth1;
+    eth1.addresses = {{transAddr("192.168.1.1"), kMask24}};
+    seen.interfaces = {eth0, eth1};
+    seen.listening.duration = 10s;
+    seen.listening.queries = {1s, 2s, 3s, 4s, 5s};
+    for (const int index : {kEth0, kEth1})
+        seen.listening.results[index] = {
+            .bound = {true, true, true}, .sent = 5, .looped = 5, .wire = true, .igmpQueries = 1};
+    seen.listening.grantedBuffer = 256 * 1024;
+    seen.profile.path = "profile.ini";
+    seen.profile.error = ENOENT;
+    seen.profile.localText = "0.0.0.0";
+    seen.igmp = {{{"eth0", "V3"}, {"eth1", "V3"}}, 8, 20};
+    seen.rules.nft = R"({"nftables": []})";
+    seen.discoveryRoute = {"eth0", 0};
+    hear(seen, "North", "10.20.1.1", 20);
+    hear(seen, "South", "10.20.1.2", 21);
+    return seen;
+}
+
+void loseHosts(Observation& seen) {
+    seen.listening.hosts.clear();
+    seen.listening.onWire.clear();
+}
+
+void loseQueries(Observation& seen) {
+    loseHosts(seen);
+    for (auto& [index, result] : seen.listening.results)
+        result.looped = 0;
+}
+
+/// A ruleset as nft prints it: a chain "c" of a hook, and its rules, to which {"chain": "lan"} may add
+/// another chain.
+std::string nft(const std::string& hook, const std::string& policy, const std::string& rules) {
+    return R"({"nftables": [{"metainfo": {"version": "1.0.6", "json_schema_version": 1}},
+        {"table": {"family": "ip", "name": "t", "handle": 1}}, {"chain": {"family": "ip", "table": "t", "name": "c",
+        "handle": 1, "type": "filter", "hook": ")" +
+           hook + R"(", "prio": 0, "policy": ")" + policy + "\"}}, " + rules + "]}";
+}
+std::string rule(const std::string& expressions, const std::string& chain = "c") {
+    return R"({"rule": {"family": "ip", "table": "t", "chain": ")" + chain + R"(", "handle": 2, "expr": [)" +
+           expressions + "]}}";
+}
+std::string match(const char* field, const char* operation, const std::string& right) {
+    return R"({"match": {"op": ")" + std::string(operation) +
+           R"(", "left": {"payload": {"protocol": "ip", "field": ")" + field + R"("}}, "right": )" + right +
+           "}}, ";
+}
+const std::string kRadarGroups = R"({"prefix": {"addr": "236.6.0.0", "len": 16}})";
+const std::string kDrop = R"({"drop": null})";
+
+struct Case {
+    const char* name;
+    void (*change)(Observation&);
+    std::vector<std::pair<Id, const char*>> expected; ///< findings, and a part of each one's texts
+};
+void PrintTo(const Case& row, std::ostream* stream) {
+    *stream << row.name;
+}
+
+// clang-format off
+const Case kCases[] = {
+    {"Healthy", [](Observation&) {}, {}},
+    {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
+     {{Id::NoAddress, "no network interface"}}},
+    {"CutCable", [](Observation& s) { loseQueries(s); s.interfaces[0].carrier = false; s.listening.results[kEth1].looped = 5; },
+     {{Id::NoCarrier, "eth0 has no carrier; plug in"}}},
+    {"NoAddress", [](Observation& s) { loseHosts(s); s.interfaces[0].addresses.clear(); s.listening.results.erase(kEth0); },
+     {{Id::NoAddress, "eth0 has no IPv4 address"}}},
+    {"WrongNetwork", [](Observation& s) { s.interfaces[0].addresses = {{transAddr("192.168.77.1"), kMask24}}; },
+     {{Id::WrongSubnet, "announcements from 10.20.1.1, eth0 has 192.168.77.1/24"}}},
+    {"TwoPaths", [](Observation& s) { s.interfaces[1].addresses = {{transAddr("10.20.2.2"), kMask16}}; hear(s, "North", "10.20.1.1", 20, kEth1); },
+     {{Id::TwoPaths, "heard through eth0, eth1"}}},
+    {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
+         for (auto& [source, route] : s.routesToRadars) route = {"", ENETUNREACH}; },
+     {{Id::RpFilter, "since its way back leads nowhere"}}},
+    {"LooseReversePathIsNoCause", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
+         for (auto& [source, route] : s.routesToRadars) route = {"eth1", 0}; },
+     {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
+    {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0};
+         s.socketsBefore = {{transAddr(wire::kNegotiation.address), wire::kNegotiation.port, 0, 1, 0}}; },
+     {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "MulticastLoop = true"}}},
+
+    {"FirewallByEffect", [](Observation& s) { loseQueries(s); s.rules.error = "needs root"; },
+     {{Id::Firewall, "as root"}, {Id::FirewallUnread, "needs root"}}},
+    {"NftablesPolicy", [](Observation& s) { loseQueries(s);
+         s.rules.nft = nft("input", "drop", R"({"chain": {"family": "ip", "table": "t", "name": "lan", "handle": 2}}, )" +
+             rule(R"({"vmap": {"key": {"ct": {"key": "state"}}, "data": {"set": [["established", {"accept": null}], ["new", {"jump": {"target": "lan"}}]]}}})") + ", " +
+             rule(R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "dport"}}, "right": 22}}, {"accept": null})", "lan")); },
+     {{Id::Firewall, "nft insert rule ip t c ip daddr 236.6.0.0/16 accept"}}},
+    {"NftablesReports", [](Observation& s) { s.rules.nft = nft("output", "accept", rule(match("protocol", "==", "\"igmp\"") + kDrop)); },
+     {{Id::Firewall, "drops IGMP reports on eth0"}}},
+    {"NftablesQueries", [](Observation& s) { loseHosts(s); s.rules.nft = nft("output", "accept", rule(match("daddr", "==", kRadarGroups) + kDrop));
+         for (auto& [index, result] : s.listening.results) result = {.sendError = EPERM, .wire = true}; },
+     {{Id::Firewall, "drops queries (236.6.7.5:6878) on eth0"}}},
+    {"Redirected", [](Observation& s) { s.listening.hosts.clear();
+         s.rules.nft = nft("prerouting", "accept", rule(match("saddr", "==", R"({"prefix": {"addr": "10.20.1.0", "len": 24}})") +
+             R"({"mangle": {"key": {"payload": {"protocol": "udp", "field": "dport"}}, "value": 7777}})")); },
+     {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
+    {"RulesForForeignGroups", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -d 239.0.0.0/8 -j DROP\nCOMMIT\n";
+         s.rules.nft = nft("input", "accept", rule(match("daddr", "!=", kRadarGroups) + match("saddr", "!=", R"({"prefix": {"addr": "10.0.0.0", "len": 8}})") + kDrop)); }, {}},
+    {"RulesThatCannotBeRead", [](Observation& s) { s.rules.nft = "{"; },
+     {{Id::FirewallUnread, "needs an nft whose JSON output can be read"}}},
+
+    {"FewMemberships", [](Observation& s) { s.igmp.limit = 13; }, {{Id::MembershipLimit, "limit 13 a socket"}}},
+    {"EnoughMemberships", [](Observation& s) { s.igmp.limit = 14; }, {}},
+    {"ProfileAddress", [](Observation& s) { s.profile.error = 0; s.profile.localText = "10.9.9.9"; s.profile.localIp = transAddr("10.9.9.9"); },
+     {{Id::ProfileAddress, "IP = 10.9.9.9"}}},
+    {"ProfileNoAddress", [](Observation& s) { s.profile.error = 0; s.profile.localText = "eth0"; }, {{Id::ProfileAddress, "no IPv4 address"}}},
+    {"ProfileInterface", [](Observation& s) { s.profile.error = 0; s.profile.netName = "eth7"; }, {{Id::ProfileInterface, "NetName = eth7"}}},
+    {"FixedRadarIsNoAddress", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "radar"; },
+     {{Id::FixedRadar, "it counts for nothing"}}},
+    {"FixedRadarWithoutTcp", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "10.20.1.1"; s.profile.radarIp = transAddr("10.20.1.1"); },
+     {{Id::FixedRadar, "set [Radar] TCPService = true"}}},
+
+    {"SameId", [](Observation& s) { hear(s, "No'rth", "10.20.1.0", 21); },
+     {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},
+    {"SameName", [](Observation& s) { hear(s, "North", "10.20.1.2", 22); }, {{Id::SameName, "\"North\" (10.20.1.1) and \"North\" (10.20.1.2)"}}},
+    {"LateAnswers", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 3500ms); },
+     {{Id::LateAnswers, "\"Slow\" (10.20.1.3) answers so late that a display's search"}}},
+    {"AnswersInTime", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 1900ms); }, {}},
+    {"ForgottenByThen", [](Observation& s) { s.listening.duration = 20s; hear(s, "Slow", "10.20.1.3", 0, kEth0, 8s); },
+     {{Id::LateAnswers, "displays have forgotten it by then"}}},
+    {"LostAnswers", [](Observation& s) { hear(s, "East", "10.20.1.3", 23, kEth0, 5ms, 2); }, {{Id::LostAnswers, "\"East\" (10.20.1.3) answers only some of the queries"}}},
+    {"QueriesBeforeTheFirstAnswerDoNotCount", [](Observation& s) { auto& north = s.listening.hosts.begin()->second.times; north.erase(north.begin(), north.begin() + 2); },
+     {}},
+    {"IdContest", [](Observation& s) { s.listening.objections[20] = 3; s.listening.claims[transAddr("10.20.1.1")] = {20, 21}; },
+     {{Id::IdContest, "objections 3 for id 20; 10.20.1.1 claimed 2 ids"}}},
+    {"ObjectionThatSettlesIt", [](Observation& s) { s.listening.objections[20] = 1; s.listening.claims[transAddr("10.20.1.1")] = {20}; }, {}},
+    {"Nobody", [](Observation& s) { loseHosts(s); for (auto& [index, result] : s.listening.results) result.igmpQueries = 0; },
+     {{Id::NoRadar, "nobody answers"}, {Id::NoQuerier, "no IGMP query in 10.0 s"}}},
+};
+// clang-format on
+
+class DoctorJudgement : public testing::TestWithParam<Case> {};
+
+TEST_P(DoctorJudgement, NamesTheCauseAndNoOther) {
+    Observation seen = healthy();
+    GetParam().change(seen);
+    std::map<Id, std::string> found;
+    for (const Finding& finding : judge(seen).findings)
+        found[finding.id] += finding.what + "; " + finding.remedy + "; " + finding.measured + "\n";
+    std::set<Id> expected;
+    for (const auto& [id, part] : GetParam().expected) {
+        expected.insert(id);
+        EXPECT_THAT(found[id], testing::HasSubstr(part));
+    }
+    for (const auto& [id, texts] : found)
+        EXPECT_TRUE(expected.contains(id)) << texts;
+}
+INSTANTIATE_TEST_SUITE_P(On, DoctorJudgement, testing::ValuesIn(kCases),
+                         [](const auto& row) { return row.param.name; });
+
+} // namespace

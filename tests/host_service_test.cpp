@@ -1,0 +1,142 @@
+// radarctl host as a service manager runs it: from a cold boot on, watched, and started again when that can
+// help.
+#include "wait.h"
+
+#include <UdpSocket/base/descriptor.h>
+
+#include <lab/lan.h>
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <filesystem>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+class HostService : public testing::Test {
+protected:
+    using Words = std::vector<std::string>;
+    /// @param prefix a program that runs radarctl
+    lab::Process start(lab::Node& node, Words prefix, const Words& options = {}) {
+        prefix.insert(prefix.end(), {RADARCTL, "host"});
+        prefix.insert(prefix.end(), options.begin(), options.end());
+        return node.start({.command = prefix});
+    }
+    static void run(const lab::Node& node, const Words& command) {
+        EXPECT_EQ(node.start({.command = command}).wait(10s), 0) << command[0];
+    }
+
+    lab::Lan m_lan{{lab::radarHost(1), lab::display(1)}};
+    lab::Node& m_computer = m_lan.node("host1");
+};
+
+TEST_F(HostService, WaitsForAnAddressAndARouteAndSaysSoOnce) {
+    lab::Node& computer = m_lan.node("display"); // without a default route
+    lab::Process host = start(computer, {}, {"--name", "North"});
+    EXPECT_TRUE(host.lineWith("waiting for an address and a route", 10s));
+    m_lan.changeAddress(computer, 0, "");
+    run(computer, {"ip", "route", "add", "236.6.0.0/16", "dev", "eth0"});
+    lab::Process second = start(computer, {}, {"--name", "South"});
+    EXPECT_TRUE(second.lineWith("waiting", 10s)) << "there is a route, and no address";
+    m_lan.changeAddress(computer, 0, "10.20.2.1/16");
+    EXPECT_TRUE(second.lineWith("serving South", 30s));
+    EXPECT_TRUE(host.lineWith("serving North", 30s));
+    EXPECT_EQ(host.stop(), 0);
+    const std::string output = host.output();
+    EXPECT_EQ(output.find("waiting"), output.rfind("waiting")) << output;
+}
+
+/// The other end of NOTIFY_SOCKET, in a computer's network.
+class Manager {
+public:
+    Manager(const lab::Node& node, std::string name) : m_name(std::move(name)) {
+        const lab::Inside inside = node.enter(); // to which abstract names belong
+        m_socket = net::detail::Descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{AF_UNIX, {}};
+        m_name.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (m_name[0] == '@')
+            address.sun_path[0] = '\0';
+        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + m_name.size());
+        EXPECT_EQ(::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+    }
+    ~Manager() { std::filesystem::remove(m_name); }
+
+    const std::string& name() const { return m_name; }
+    /// What it is told next; empty: nothing for a while.
+    std::string next() const {
+        const timeval patience{30, 0};
+        ::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        char text[512];
+        const ssize_t length = ::recv(m_socket.get(), text, sizeof text, 0);
+        return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    }
+
+private:
+    std::string m_name;
+    net::detail::Descriptor m_socket;
+};
+
+TEST_F(HostService, TellsItsManagerWhenItAnswersAndThatItIsAlive) {
+    const std::string directory = std::filesystem::temp_directory_path();
+    for (const std::string& name :
+         {directory + "/notify" + std::to_string(::getpid()), std::string("@notify")}) {
+        const Manager manager(m_computer, name);
+        const auto began = std::chrono::steady_clock::now();
+        lab::Process host = start(m_computer, {"env", "NOTIFY_SOCKET=" + name, "WATCHDOG_USEC=400000"},
+                                  {"--name", "North", "--id", "20"});
+        EXPECT_EQ(manager.next(), "STATUS=negotiating a host id");
+        std::string told;
+        do
+            told = manager.next();
+        while (told == "WATCHDOG=1");
+        EXPECT_EQ(told, "READY=1\nSTATUS=serving North as host id 20, 1 stream");
+        EXPECT_GE(std::chrono::steady_clock::now() - began, 2s) << "before the id was held";
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(manager.next(), "WATCHDOG=1");
+        EXPECT_GE(std::chrono::steady_clock::now() - began, 2800ms) << "told more often than needed";
+        EXPECT_EQ(host.stop(), 0);
+    }
+}
+
+TEST_F(HostService, EndsWithACodeThatSaysWhetherAnotherStartCanHelp) {
+    const Words traced{"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "--output=/dev/null"};
+    const auto refusing = [&](const char* injection) {
+        Words words = traced;
+        words.push_back(injection);
+        return words;
+    };
+    const struct {
+        Words prefix;
+        Words options;
+        int status;
+        const char* line;
+    } cases[] = {
+        {{"sh", "-c", "ulimit -n 9; exec \"$@\"", "sh"}, {}, 4, "sockets: Too many open files"},
+        {refusing("--inject=clone3,clone:error=EAGAIN"), {}, 4, "threads: Resource temporarily unavailable"},
+        {refusing("--inject=eventfd2:error=EPERM"), {}, 3, "Operation not permitted"},
+        {{"env", "RADAR_NAME=seventeen letters"}, {}, 2, "RADAR_NAME: 'seventeen letters' is no radar name"},
+        {{}, {"--id", "15"}, 2, "is no host id"},
+    };
+    for (const auto& [prefix, options, status, line] : cases) {
+        lab::Process host = start(m_computer, prefix, options);
+        EXPECT_EQ(host.wait(30s), status) << line;
+        EXPECT_THAT(host.output(), HasSubstr(line));
+    }
+}
+
+TEST_F(HostService, IsNamedAfterItsComputerInWholeCharacters) {
+    lab::Process host =
+        start(m_computer,
+              {"unshare", "--uts", "sh", "-c",
+               "printf 'fifteen-letters\xc3\xb6st.example' >/proc/sys/kernel/hostname && exec \"$@\"", "sh"});
+    EXPECT_EQ(host.lineWith("serving", 30s).value_or("").substr(0, 27), "serving fifteen-letters as ");
+    lab::Process other = start(m_computer, {"env", "RADAR_NAME=North"});
+    EXPECT_TRUE(other.lineWith("serving North as", 30s));
+}
+
+} // namespace

@@ -1,0 +1,458 @@
+// The library in the process it lives in: one that forks, takes signals, stops its output, stands in
+// debuggers.
+
+#include "one_interface.h"
+#include "profile_directory.h"
+#include "recorder.h"
+#include "wait.h"
+
+#include <UdpSocket/base/clock.h>
+#include <UdpSocket/base/escape.h>
+#include <UdpSocket/base/line_limit.h>
+#include <UdpSocket/base/timing.h>
+#include <UdpSocket/discovery/multi_radar_client.h>
+#include <UdpSocket/hostnegotiator.h>
+#include <UdpSocket/hostserver.h>
+#include <UdpSocket/netiphelper.h>
+#include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/tcpsocket.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <map>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+constexpr const char* kGroup = "239.9.8.7";
+
+bool s_isForkedChild = false; // which leaves its parent's objects as they are, so that they look lost
+
+std::vector<std::string> linesOf(const std::string& path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+std::chrono::milliseconds processorTime() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto of = [](const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    };
+    return std::chrono::duration_cast<std::chrono::milliseconds>(of(usage.ru_utime) + of(usage.ru_stime));
+}
+
+/// The ids of all threads but the calling one.
+std::vector<pid_t> otherThreads() {
+    std::vector<pid_t> threads;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        if (const pid_t id = std::stoi(entry.path().filename()); id != ::gettid())
+            threads.push_back(id);
+    return threads;
+}
+
+class Program : public OneInterface {
+protected:
+    const unsigned int m_local = net::transAddr("10.1.0.1");
+    Recorder m_recorder;
+    net::UdpSender m_sender{kGroup, 5000, m_local, 0};
+
+    void sendLooped() {
+        m_sender.setMulticastLoop(true);
+        m_sender.sendData("x", 1);
+    }
+};
+
+/// Everything at once, as an application has it.
+struct Everything {
+    explicit Everything(unsigned int local, net::iUdpDataListener& listener)
+        : receiver(&listener, local, kGroup, 5000, 64), socket(&listener, 64) {
+        socket.SetGroupRecvSockAddr(local, kGroup, 5001);
+        server.connect("127.0.0.1", 5002, 4);
+        tcp.connectOnce();
+    }
+    net::UdpReceiver receiver;
+    net::UdpSocket socket;
+    net::UdpChecker checker{kGroup, 5003, "text"};
+    net::TcpServer server{nullptr};
+    net::TcpClient tcp{nullptr, "127.0.0.1", 5002, 0};
+    MultiRadarClient client;
+    HostServer host{"R", 16, 1};
+    HostNegotiator negotiator{nullptr, nullptr};
+    net::tNetIPHelper watch{false, "no-such-if", "10.1.0.9", "255.255.255.0"};
+};
+
+TEST_F(Program, ForkedChildThatExitsEndsAtOnceAndItsParentNoticesNothing) {
+    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
+    auto everything = std::make_unique<Everything>(m_local, m_recorder);
+    ASSERT_TRUE(comesTrue([&] { return everything->server.isConnected() && everything->tcp.isConnected(); }));
+    everything->negotiator.asyncLogin(20);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        s_isForkedChild = true;
+        ::alarm(60);
+        everything.reset();
+        std::exit(7); // with the static objects' destructors
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+
+    const Output output;
+    const auto before = processorTime();
+    std::this_thread::sleep_for(500ms);
+    EXPECT_LT(processorTime() - before, 250ms) << "no thread spins";
+    EXPECT_EQ(output.err(), "");
+    sendLooped();
+    EXPECT_EQ(m_recorder.nextBytes(), "x");
+    EXPECT_TRUE(everything->tcp.isConnected() && everything->tcp.sendData("y", 1));
+    EXPECT_EQ(everything->server.numOfClients(), 1);
+}
+
+TEST_F(Program, ShutSocketCostsNeitherAProcessorNorALine) {
+    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+    net::UdpSocket socket(&m_recorder, 64);
+    socket.SetGroupRecvSockAddr(m_local, kGroup, 5001);
+    const Output output;
+    for (int fd = 3; fd < 64; ++fd)
+        ::shutdown(fd, SHUT_RD);
+    const auto before = processorTime();
+    std::this_thread::sleep_for(500ms);
+    EXPECT_LT(processorTime() - before, 250ms);
+    EXPECT_LT(output.err().size(), 2000U);
+}
+
+/// Runs in a callback.
+class InCallback : public net::iUdpDataListener {
+public:
+    explicit InCallback(std::function<void()> action) : m_action(std::move(action)) {}
+    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
+        m_action();
+        m_done = true;
+    }
+    std::atomic<bool> m_done = false;
+
+private:
+    const std::function<void()> m_action;
+};
+
+TEST_F(Program, SignalsOfFaultsAndProfilersReachCallbacksAndNoOthersDo) {
+    sigset_t blocked;
+    std::string name(16, '\0');
+    InCallback listener([&] {
+        ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+    });
+    const net::UdpReceiver receiver(&listener, m_local, kGroup, 5000, 64);
+    sendLooped();
+    ASSERT_TRUE(comesTrue([&] { return listener.m_done.load(); }));
+    for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGPROF})
+        EXPECT_FALSE(sigismember(&blocked, open)) << open;
+    for (const int shut : {SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGHUP})
+        EXPECT_TRUE(sigismember(&blocked, shut)) << shut;
+    EXPECT_STREQ(name.c_str(), "radar-recv");
+}
+
+std::atomic<int> s_interruptions;
+
+TEST_F(Program, InterruptedCallsAreTimeOuts) {
+    struct sigaction count {};
+    count.sa_handler = [](int) { ++s_interruptions; }; // a receive with a time-out fails with EINTR
+    ASSERT_EQ(::sigaction(SIGPROF, &count, nullptr), 0);
+    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
+    Everything everything(m_local, m_recorder);
+    Addresses found;
+    net::UdpChecker checker(kGroup, 5000, "text");
+    checker.addListener(&found);
+    ASSERT_TRUE(comesTrue([&] { return everything.server.isConnected() && everything.tcp.isConnected(); }));
+    const Output output;
+    for (int i = 0; i < 100; ++i) {
+        for (const pid_t thread : otherThreads())
+            ::syscall(SYS_tgkill, ::getpid(), thread, SIGPROF);
+        std::this_thread::sleep_for(2ms);
+    }
+    EXPECT_GT(s_interruptions, 500);
+    EXPECT_EQ(output.err(), "");
+    EXPECT_TRUE(everything.tcp.isConnected());
+    EXPECT_EQ(everything.server.numOfClients(), 1);
+    m_sender.setMulticastLoop(true);
+    EXPECT_TRUE(comesTrue([&] { return m_sender.sendData("text", 4) == 4 && found.reaches(1, 100ms); }))
+        << "no probe was ended";
+}
+
+TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
+    static std::atomic<std::int64_t> time = 1000;
+    net::detail::setClock([] { return time.load(); });
+    const ProfileDirectory profile;
+    MultiRadarClientPrivate client;
+    const auto hear = [&](const char* name) {
+        const std::string bytes = protocol::composeAnnouncement(name, 20, 1);
+        client.OnUdpGroupDataReceived("10.1.0.2", 6878, "", 0, bytes.data(), static_cast<int>(bytes.size()));
+    };
+    hear("leaves");
+    time += 8;
+    hear("stays");
+
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string much(4096, 'x');
+    while (::write(ends[1], much.data(), much.size()) > 0) {
+    }
+    ::fcntl(ends[1], F_SETFL, 0);
+    std::fflush(stdout);
+    const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    ::dup2(ends[1], STDOUT_FILENO);
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+
+    std::thread prints([&] { client.query(); });
+    const auto looksUp = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 100; ++i) {
+            client.getRadar();
+            client.getAddress("stays", 0);
+            hear("stays");
+            std::this_thread::sleep_for(1ms);
+        }
+    });
+    EXPECT_EQ(looksUp.wait_for(10s), std::future_status::ready);
+
+    ::fcntl(ends[0], F_SETFL, 0);
+    std::thread reads([&] {
+        for (char byte[4096]; ::read(ends[0], byte, sizeof byte) > 0;) {
+        }
+    });
+    prints.join();
+    ::dup2(saved, STDOUT_FILENO);
+    ::close(ends[1]);
+    reads.join();
+    ::close(ends[0]);
+    ::close(saved);
+    net::detail::setClock(nullptr);
+}
+
+TEST_F(Program, StandingTransmitQueueHoldsUpNeitherQueriesNorDestruction) {
+    ASSERT_EQ(std::system("tc qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000"), 0);
+    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
+    const Output output;
+    EXPECT_LT(timeOf([&] {
+                  MultiRadarClientPrivate client;
+                  EXPECT_TRUE(comesTrue([&] {
+                      client.query();
+                      return output.err().find("function[sendto],code[11,") != std::string::npos;
+                  }));
+                  for (int i = 0; i < 3000; ++i)
+                      client.query();
+              }),
+              10s);
+    std::system("tc qdisc del dev eth0 root");
+    EXPECT_LT(output.err().size(), 2000U * 300) << "the lines are bounded";
+}
+
+TEST_F(Program, SecondsOfTheTableTickWithTheWallClock) {
+    for (int i = 0; i < 1000; ++i) {
+        const auto wallClock = [] {
+            return std::chrono::floor<std::chrono::seconds>(
+                std::chrono::system_clock::now().time_since_epoch());
+        };
+        const auto before = wallClock();
+        const std::chrono::seconds now(net::detail::now());
+        if (before == wallClock()) {
+            ASSERT_EQ(now.count(), before.count());
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+}
+
+TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"North mast", "North mast"},
+        {"a\r\nb\x1b[2J\x7f", "a\\x0D\\x0Ab\\x1B[2J\\x7F"},
+        {"\xC2\x9B"
+         "2J",
+         "\\xC2\\x9B"
+         "2J"}, // U+009B
+        {"\xC3\xA9\xC2\xA0\xFF\xC2", "\xC3\xA9\xC2\xA0\xFF\xC2"},
+    };
+    for (const auto& [text, shown] : cases)
+        EXPECT_EQ(net::detail::escaped(text), shown);
+}
+
+TEST(Lines, AThousandASecondOfAKindAppearAndTheOthersAreCounted) {
+    net::detail::LineLimit limit;
+    const auto print = [&](int lines) {
+        return outOf([&] {
+            for (int i = 0; i < lines; ++i)
+                limit.print(stdout, "line\n");
+        });
+    };
+    EXPECT_EQ(print(5000).size(), 1000 * std::string("line\n").size());
+    std::this_thread::sleep_for(1100ms);
+    EXPECT_THAT(print(1), testing::MatchesRegex("\\(4000 lines like the next one were left out\\)\nline\n"));
+    EXPECT_EQ(print(1), "line\n");
+}
+
+class SetsAddress : public iMultiRadarCheckerListener {
+public:
+    explicit SetsAddress(MultiRadarClient& client) : m_client(client) {}
+    void OnLocalIpChanged(unsigned int localIp) override {
+        m_called = true;
+        std::this_thread::sleep_for(20ms); // the destructor begins
+        m_client.setLocalIP(localIp + 1);
+    }
+    std::atomic<bool> m_called = false;
+
+private:
+    MultiRadarClient& m_client;
+};
+
+TEST_F(Program, ListenerMaySetTheAddressWhileTheClientIsDestroyed) {
+    const ProfileDirectory profile;
+    for (int i = 0; i < 3; ++i) {
+        auto client = std::make_unique<MultiRadarClient>();
+        SetsAddress listener(*client);
+        client->addListener(&listener);
+        client->setLocalIP(net::transAddr("127.0.0.1"));
+        EXPECT_TRUE(comesTrue([&] { return listener.m_called.load(); }, 60s));
+        client.reset();
+    }
+}
+
+// -------------------------------------------------------------------------------------------- negotiators
+
+TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread) {
+    net::detail::Timing timing;
+    timing.objection = 50ms;
+    net::detail::setTiming(timing);
+    const auto threads = otherThreads();
+    const auto held = std::make_shared<int>(0); // by the callback object
+    std::atomic<bool> destroyed = false;
+    std::unique_ptr<HostNegotiator> negotiator;
+    negotiator = std::make_unique<HostNegotiator>(nullptr, [&, held](std::uint8_t) {
+        negotiator.reset();
+        destroyed = true;
+    });
+    ASSERT_TRUE(negotiator->asyncLogin(20));
+    EXPECT_TRUE(comesTrue([&] { return destroyed && held.use_count() == 1 && otherThreads() == threads; }));
+
+    negotiator =
+        std::make_unique<HostNegotiator>(nullptr, [](std::uint8_t) { throw std::runtime_error("x"); });
+    EXPECT_THROW(negotiator->syncLogin(20), std::runtime_error) << "it reaches the application";
+    EXPECT_EQ(negotiator->syncLogin(21), 0) << "the id is held all the same";
+    negotiator.reset();
+    EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
+    net::detail::setTiming({});
+}
+
+// ----------------------------------------------------------------------------------------------- receivers
+
+class ReceiverOnAnInterface : public Program {
+protected:
+    ReceiverOnAnInterface() {
+        net::detail::Timing timing;
+        timing.receiverRepair = 100ms;
+        net::detail::setTiming(timing);
+    }
+    ~ReceiverOnAnInterface() override { net::detail::setTiming({}); }
+
+    bool receivesAgain() {
+        net::UdpSender sender(kGroup, 5000, m_local, 0);
+        sender.setMulticastLoop(true);
+        while (m_recorder.next(0ms)) {
+        }
+        return comesTrue([&] {
+            sender.sendData("x", 1);
+            return m_recorder.next(50ms).has_value();
+        });
+    }
+};
+
+TEST_F(ReceiverOnAnInterface, HearsAgainWhenTheInterfaceComesBackWithTheSameIndex) {
+    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+    EXPECT_TRUE(receivesAgain());
+    ASSERT_EQ(std::system(R"(set -e
+        index=$(cat /sys/class/net/eth0/ifindex 2>/dev/null || ip -o link show eth0 | cut -d: -f1)
+        ip link del eth0
+        ip link add eth0 index $index type veth peer name far
+        ip link set far up; ip addr add 10.1.0.1/24 brd + dev eth0; ip link set eth0 up
+        ip route add 224.0.0.0/4 dev eth0)"),
+              0);
+    Recorder
+        other; // a member of the group on the new interface: the membership's absence cannot be seen by that
+    const net::UdpReceiver masks(&other, m_local, kGroup, 5000, 64);
+    EXPECT_TRUE(receivesAgain());
+}
+
+TEST_F(ReceiverOnAnInterface, TakesUpALateAddressWhileDatagramsArriveFromElsewhere) {
+    const net::UdpReceiver receiver(&m_recorder, net::transAddr("10.7.0.1"), kGroup, 5000, 64);
+    std::atomic<bool> ends = false;
+    m_sender.setMulticastLoop(true);
+    const net::UdpReceiver other(nullptr, m_local, kGroup, 5001, 64); // joins the group on eth0
+    std::thread sends([&] {
+        while (!ends) {
+            m_sender.sendData("x", 1);
+            std::this_thread::sleep_for(20ms);
+        }
+    });
+    EXPECT_TRUE(m_recorder.next().has_value())
+        << "one whose join was refused hears what arrives all the same";
+    ASSERT_EQ(std::system("ip link add late type veth peer name farlate && ip link set farlate up && "
+                          "ip addr add 10.7.0.1/24 dev late && ip link set late up"),
+              0);
+    EXPECT_TRUE(comesTrue([&] {
+        while (m_recorder.next(0ms)) {
+        }
+        return !m_recorder.next(200ms); // tied to its own interface, it hears eth0 no more
+    }));
+    ends = true;
+    sends.join();
+    std::system("ip link del late");
+}
+
+TEST_F(ReceiverOnAnInterface, RouteCommandHasNoTerminalAndEndsByItself) {
+    const ProfileDirectory directory;
+    const std::string seen = directory.path() / "seen";
+    directory.write("#!/bin/sh\n[ $0 = " + std::string(directory.path() / "sudo") +
+                        " ] && { grep -E 'SigBlk|SigIgn' /proc/$$/status; readlink /proc/$$/fd/0; } > " +
+                        seen + "\nexec sleep 60\n",
+                    "sudo");
+    std::filesystem::permissions(directory.path() / "sudo", std::filesystem::perms::owner_all);
+    const std::string path = std::getenv("PATH");
+    ::setenv("PATH", (directory.path().string() + ":" + path).c_str(), 1);
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto took = timeOf([&] { const net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 64); });
+    ::setenv("PATH", path.c_str(), 1);
+    EXPECT_GE(took, 3s);
+    EXPECT_LT(took, 40s) << "the command sleeps for a minute";
+    const auto lines = linesOf(seen);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_THAT(lines[0], HasSubstr("0000000000000000")) << "no signal is blocked";
+    EXPECT_EQ(std::stoul(lines[1].substr(lines[1].find('\t')), nullptr, 16) >> (SIGPIPE - 1) & 1, 0U);
+    EXPECT_EQ(lines[2], "/dev/null");
+}
+
+} // namespace
+
+// Asked by LeakSanitizer at the end of a process.
+extern "C" __attribute__((visibility("default"))) int
+__lsan_is_turned_off();      // NOLINT(bugprone-reserved-identifier): it is the sanitizer's name
+int __lsan_is_turned_off() { // NOLINT(bugprone-reserved-identifier)
+    return s_isForkedChild ? 1 : 0;
+}

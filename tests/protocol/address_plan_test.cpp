@@ -1,0 +1,83 @@
+#include "../records.h"
+
+#include <UdpSocket/protocol/address_plan.h>
+
+#include <gmock/gmock.h>
+
+#include <set>
+
+namespace {
+
+constexpr plan::EndpointField kAnnounced[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
+                                              &RadarAddress::imageState,  &RadarAddress::arpaStream,
+                                              &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
+
+// What the tables of docs/protocol.md do not show; protocol_test.cpp compares the plan with them.
+
+TEST(AddressPlan, RecordLayoutIsWhatApplicationsRead) {
+    const RadarAddress& record = plan::defaultRecord();
+    EXPECT_EQ(text(record.imageStream), "236.6.7.8:6678") << "6878 when host 1 announces it";
+    EXPECT_EQ(text(record.arpaState), "236.6.7.19:6689") << "6889";
+    for (unsigned i = 0; i < record.infoDev.size(); ++i) {
+        EXPECT_EQ(text(record.infoDev[i]),
+                  "236.6.11." + std::to_string(10 + i) + ":" + std::to_string(7600 + i));
+    }
+    EXPECT_EQ(bytes(record)[67], 0) << "the byte between the second and the third information device";
+    EXPECT_EQ(bytes(record)[114], static_cast<char>(7609 >> 8));
+    const RadarAddress dedicated = plan::dedicatedRecord(2);
+    EXPECT_EQ(dedicated.isMulti, 1);
+    EXPECT_EQ(dedicated.multiNum, 2);
+    EXPECT_EQ(text(dedicated.imageState), "234.5.6.75:34635");
+    EXPECT_EQ(text(dedicated.infoDev[9]), "234.5.6.96:34656");
+}
+
+TEST(AddressPlan, HostsFromSixteenUpwardsShareNoEndpoint) {
+    std::set<std::string> used;
+    for (std::uint8_t id = 16; id <= 63; ++id)
+        for (const int stream : {0, 1}) {
+            for (const plan::EndpointField field : kAnnounced)
+                used.insert(text(plan::announcedEndpoint(id, field, stream)));
+            used.insert(text(plan::getOriginalImageEp(id, static_cast<std::uint8_t>(stream))));
+        }
+    EXPECT_EQ(used.size(), 48U * 14U) << "two hosts or two streams share an endpoint";
+}
+
+TEST(AddressPlan, HostIdsOutsideThePlanHaveTheEndpointsOfHostOne) {
+    EXPECT_EQ(text(plan::getOriginalImageEp(64, 1)), "236.6.7.16:6656");
+    for (const std::uint8_t id : std::initializer_list<std::uint8_t>{0, 1, 15, 64, 255})
+        EXPECT_EQ(text(plan::getInfoDevBaseEp(id)), "236.6.11.10:7600");
+}
+
+TEST(AddressPlan, ArpaPortsDetermineHostIds) {
+    struct {
+        std::uint16_t port;
+        int id;
+        bool matches;
+        int computed;
+    } const cases[] = {
+        {6688, 1, true, 1},    {6009, 16, true, 16},  {6041, 17, true, 17},  {7513, 63, true, 63},
+        {7545, 0, true, 0x40}, {6010, 16, false, 16}, {6008, 0, false, 0xF}, {0, 0, false, 0x54},
+    };
+    for (const auto& [port, id, matches, computed] : cases) {
+        const plan::HostNumber number = plan::hostNumber(port);
+        EXPECT_EQ(number.id, id) << port;
+        EXPECT_EQ(number.portMatches, matches) << port;
+        EXPECT_EQ(number.computed, computed) << port;
+    }
+    for (std::uint8_t id = 16; id <= 63; ++id)
+        EXPECT_EQ(
+            plan::hostNumber(plan::hostOrderPort(plan::announcedEndpoint(id, &RadarAddress::arpaStream, 0)))
+                .id,
+            id);
+}
+
+TEST(AddressPlan, RecordBelongsToAHostIdWhereItsArpaPortIsExactlyThatHosts) {
+    RadarAddress record{};
+    for (const auto& [port, id] :
+         {std::pair{6688, 1}, {6009, 16}, {7513, 63}, {6010, 0}, {7545, 0}, {0, 0}}) {
+        record.arpaStream.port = net::HtoNs(static_cast<std::uint16_t>(port));
+        EXPECT_EQ(plan::hostIdOf(record), id) << port;
+    }
+}
+
+} // namespace

@@ -1,0 +1,277 @@
+#include "../announcement_bytes.h"
+
+#include <UdpSocket/protocol/announcement.h>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using protocol::Announcement;
+using protocol::DisplayOptions;
+using testing::ElementsAre;
+
+constexpr DisplayOptions kTcpService{false, true};
+
+std::vector<std::string> names(const Announcement& announcement) {
+    std::vector<std::string> result;
+    for (std::size_t i = 0; i < announcement.listingCount; ++i)
+        result.emplace_back(announcement.listings[i].name);
+    return result;
+}
+
+Announcement read(std::string_view datagram, const DisplayOptions& options = {}) {
+    const auto announcement = protocol::readAnnouncement(datagram, options);
+    EXPECT_TRUE(announcement);
+    return announcement.value_or(Announcement{});
+}
+
+/// The first entry listed.
+RadarAddress record(std::string_view datagram) {
+    const Announcement announcement = read(datagram);
+    EXPECT_EQ(announcement.listingCount, 1U);
+    return announcement.listings[0].record;
+}
+
+RadarEndpoint udp(const NetAddress& endpoint) {
+    return {endpoint.ip, endpoint.port, 0};
+}
+
+/// The address plan and the two datagrams, written down a second time.
+const struct {
+    std::size_t inShort; // position in the datagram, 0 = absent
+    std::size_t inLong;
+    plan::EndpointField field;
+    int stream;
+    int offset; // in the block of a host, but for host 1
+    const char* groupOfHostOne;
+    unsigned short portOfHostOne;
+} kEndpoints[] = {
+    {88, 88, &RadarAddress::imageStream, 0, 0, "236.6.7.8", 6878},
+    {98, 98, &RadarAddress::imageCtrl, 0, 1, "236.6.7.10", 6680},
+    {108, 108, &RadarAddress::imageState, 0, 2, "236.6.7.9", 6679},
+    {0, 124, &RadarAddress::imageStream, 1, 3, "236.6.7.13", 6657},
+    {0, 134, &RadarAddress::imageCtrl, 1, 4, "236.6.7.14", 6658},
+    {0, 144, &RadarAddress::imageState, 1, 5, "236.6.7.15", 6659},
+    {124, 160, &RadarAddress::arpaStream, 0, 6, "236.6.7.18", 6688},
+    {134, 170, &RadarAddress::arpaCtrl, 0, 7, "236.6.7.20", 6690},
+    {144, 180, &RadarAddress::arpaState, 0, 8, "236.6.7.19", 6889},
+    {0, 196, &RadarAddress::arpaStream, 1, 9, "236.6.7.12", 6660},
+    {0, 206, &RadarAddress::arpaCtrl, 1, 10, "236.6.7.13", 6661},
+    {0, 216, &RadarAddress::arpaState, 1, 11, "236.6.7.14", 6862},
+};
+
+NetAddress expectedEndpoint(int id, int offset, const char* groupOfHostOne, unsigned short portOfHostOne) {
+    if (id == 1)
+        return endpoint(groupOfHostOne, portOfHostOne);
+    const int address = 35 + 16 * (id - 16) + offset;
+    const std::string group =
+        "236.6." + std::to_string(7 + address / 256) + "." + std::to_string(address % 256);
+    return endpoint(group.c_str(), static_cast<unsigned short>(6003 + 32 * (id - 16) + offset));
+}
+
+RadarAddress expectedRecord(int id, int stream, bool completed) {
+    RadarAddress record{};
+    for (const auto& row : kEndpoints)
+        if (row.stream == stream)
+            record.*row.field = udp(expectedEndpoint(id, row.offset, row.groupOfHostOne, row.portOfHostOne));
+    if (!completed)
+        return record;
+    record.imageOriginal = udp(stream == 0 ? expectedEndpoint(id, 12, "236.6.7.7", 6677)
+                                           : expectedEndpoint(id, 13, "236.6.7.16", 6656));
+    const int device = id == 1 ? 0 : 32 * (id - 9);
+    for (int i = 0; i < 10; ++i) {
+        const std::string group = "236.6." + std::to_string(11 + (10 + device + i) / 256) + "." +
+                                  std::to_string((10 + device + i) % 256);
+        record.infoDev[static_cast<std::size_t>(i)] =
+            endpoint(group.c_str(), static_cast<unsigned short>(7600 + device + i));
+    }
+    return record;
+}
+
+TEST(Announcement, WhatEveryHostComposesIsThePlanByteForByteAndWhatDisplaysRead) {
+    for (int id = 1; id <= 63; id = id == 1 ? 16 : id + 1)
+        for (const unsigned streams : {1U, 2U}) {
+            const std::string name = "R" + std::to_string(id) + "/" + std::to_string(streams);
+            SCOPED_TRACE(name);
+            std::string expected(streams == 1 ? 150 : 222, '\0');
+            expected.replace(0, 2, "\x01\xB2").replace(2, name.size(), name);
+            for (const auto& row : kEndpoints) {
+                const NetAddress place =
+                    expectedEndpoint(id, row.offset, row.groupOfHostOne, row.portOfHostOne);
+                if (const auto position = streams == 1 ? row.inShort : row.inLong)
+                    expected.replace(position, 6, reinterpret_cast<const char*>(&place), 6);
+            }
+            ASSERT_EQ(protocol::composeAnnouncement(name, static_cast<std::uint8_t>(id), streams), expected);
+            const Announcement announcement = read(expected, kTcpService);
+            EXPECT_THAT(names(announcement), ElementsAre(name));
+            EXPECT_EQ(bytes(announcement.listings[0].record), bytes(expectedRecord(id, 0, streams == 2)));
+            EXPECT_FALSE(announcement.answer);
+            ASSERT_EQ(announcement.secondStream.has_value(), streams == 2);
+            ASSERT_EQ(announcement.number.has_value(), streams == 2) << "the short form computes no number";
+            if (streams == 2) {
+                EXPECT_EQ(bytes(*announcement.secondStream), bytes(expectedRecord(id, 1, true)));
+                EXPECT_EQ(announcement.number->id, id);
+            }
+        }
+}
+
+TEST(Announcement, HostWithEndpointsOfItsOwnComposesItsImageEndpoints) {
+    RadarAddress own{};
+    own.imageStream = {net::transAddr("239.1.1.1"), net::HtoNs(111), 2}; // kinds are not announced
+    own.imageState = udp(endpoint("239.1.1.3", 113));
+    own.arpaStream = udp(endpoint("239.1.1.4", 114)); // the plan's is announced
+    RadarAddress expected = expectedRecord(17, 0, false);
+    expected.imageStream = udp(own.imageStream);
+    expected.imageCtrl = {};
+    expected.imageState = own.imageState;
+    const std::string datagram = protocol::composeAnnouncement("Own", 17, own);
+    EXPECT_EQ(datagram.size(), 150U);
+    EXPECT_EQ(bytes(record(datagram)), bytes(expected));
+}
+
+TEST(Announcement, NamesAreCutAtSixteenBytes) {
+    const std::string letters = "abcdefghijklmnopqrstuvwxyz";
+    for (const unsigned streams : {1U, 2U})
+        for (const std::size_t length : {0U, 1U, 15U, 16U, 17U, 20U}) {
+            const std::string datagram =
+                protocol::composeAnnouncement(letters.substr(0, length), 16, streams);
+            EXPECT_EQ(names(read(datagram)),
+                      std::vector{letters.substr(0, std::min<std::size_t>(length, 16))});
+        }
+    for (const unsigned streams : {1U, 2U}) {
+        const std::string longest(protocol::maxComposedName(streams), 'x');
+        const std::string datagram = protocol::composeAnnouncement(longest, 16, streams);
+        EXPECT_EQ(datagram.size(), streams == 1 ? 150U : 222U);
+        EXPECT_EQ(datagram.substr(17, 6), std::string("x\0\0\0\0x", 6)) << "cut, and what follows is left";
+        EXPECT_EQ(datagram.substr(94, 4), std::string(4, '\0')) << "but behind endpoints";
+    }
+
+    // no zero byte in the field, and the next one begins at once
+    const auto full =
+        AnnouncementBytes(222, letters.substr(0, 16)).at(18, {0x01010101, 0}).at(22, 1).at(30, 1);
+    EXPECT_THAT(names(read(full, kTcpService)), ElementsAre("abcdefghijklmnop", "abcdefghijklmnop:TCP"));
+    EXPECT_THAT(names(read(AnnouncementBytes(full).at(73, 1))), ElementsAre("abcdefghijklmnop:User"));
+    for (const char* listed : {"North", "North:User", "North:TCP"})
+        EXPECT_EQ(protocol::announcedName(listed), "North");
+    EXPECT_EQ(protocol::announcedName("North:Tcp"), "North:Tcp");
+}
+
+TEST(Announcement, LongFormIsCompletedFromThePlanByItsArpaPort) {
+    const auto original = [](unsigned short port) {
+        return AnnouncementBytes(222, "R").at(160, endpoint("236.6.7.41", port));
+    };
+    EXPECT_EQ(text(record(original(6010)).imageOriginal), "236.6.7.47:6015");
+    EXPECT_FALSE(read(original(6010)).number->portMatches);
+    const Announcement odd = read(original(6009 + 32 * 48));
+    EXPECT_EQ(odd.arpaPort, 6009 + 32 * 48);
+    EXPECT_EQ(odd.number->id, 0);
+    EXPECT_EQ(text(odd.listings[0].record.imageOriginal), "236.6.7.7:6677");
+    EXPECT_EQ(text(odd.listings[0].record.infoDev[9]), "236.6.11.19:7609");
+    EXPECT_EQ(net::transAddr(odd.listings[0].record.head), std::string("10.1.2.3"));
+    EXPECT_EQ(net::transAddr(odd.secondStream->head), std::string("10.1.2.3"));
+}
+
+TEST(Announcement, UserEndpointsReplaceStandardOnesUnderAnotherName) {
+    const AnnouncementBytes plain(222, "R1");
+    const RadarAddress standard = record(plain);
+    const auto notExtended = AnnouncementBytes(plain).at(73, 1).at(74, endpoint("239.0.0.1", 101));
+    EXPECT_EQ(bytes(record(notExtended)), bytes(standard));
+    const auto notValid = AnnouncementBytes(notExtended).at(22, 1).at(73, '\0');
+    EXPECT_EQ(bytes(record(notValid)), bytes(standard));
+    const std::pair<std::size_t, plan::EndpointField> places[] = {{74, &RadarAddress::imageStream},
+                                                                  {80, &RadarAddress::imageState},
+                                                                  {114, &RadarAddress::imageCtrl},
+                                                                  {150, &RadarAddress::arpaStream}};
+    for (const auto& [position, field] : places) {
+        AnnouncementBytes datagram = plain;
+        datagram.at(22, 1).at(73, 1).at(position, endpoint("239.0.0.1", 0));
+        EXPECT_THAT(names(read(datagram)), ElementsAre("R1:User"));
+        EXPECT_EQ(bytes(record(datagram)), bytes(standard)) << "port 0 keeps the standard endpoint";
+        datagram.at(position, endpoint("239.0.0.1", 101));
+        RadarAddress expected = standard;
+        expected.*field = udp(endpoint("239.0.0.1", 101));
+        EXPECT_EQ(bytes(record(datagram)), bytes(expected)) << position;
+    }
+}
+
+TEST(Announcement, TcpServiceIsAnEntryOfItsOwn) {
+    const auto offer = AnnouncementBytes(222, "R1").at(22, 1).at(23, 2).at(30, 1);
+    const auto service = [](std::string_view datagram) {
+        const Announcement announcement = read(datagram, kTcpService);
+        EXPECT_THAT(names(announcement), ElementsAre("R1", "R1:TCP"));
+        return announcement.listings[1].record;
+    };
+    RadarAddress expected = plan::dedicatedRecord(2);
+    expected.head = net::transAddr("10.1.2.3");
+    EXPECT_EQ(bytes(service(offer)), bytes(expected)) << "no TCP endpoint: the dedicated one stays";
+    constexpr plan::EndpointField fields[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
+                                              &RadarAddress::imageState,  &RadarAddress::arpaStream,
+                                              &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
+    for (std::size_t i = 0; i < std::size(fields); ++i)
+        for (const auto& [theirs, ours] : {std::pair{0, 0}, {1, 2}, {2, 1}, {4, 255}}) {
+            AnnouncementBytes datagram = offer;
+            datagram.at(31 + 6 * i, endpoint("10.1.2.4", 7001)).at(67 + i, static_cast<char>(theirs));
+            RadarAddress one = expected;
+            one.*fields[i] = {net::transAddr("10.1.2.4"), net::HtoNs(7001), static_cast<std::uint8_t>(ours)};
+            EXPECT_EQ(bytes(service(datagram)), bytes(one)) << "endpoint " << i << ", kind " << theirs;
+        }
+    const auto own = AnnouncementBytes(offer)
+                         .at(37, endpoint("255.255.255.255", 7002))
+                         .at(55, endpoint("255.255.255.255", 0))
+                         .at(43, endpoint("255.255.255.255", 7003));
+    EXPECT_EQ(text(service(own).imageCtrl), "10.1.2.3:7002");
+    EXPECT_EQ(text(service(own).arpaCtrl), "10.1.2.3:0");
+    EXPECT_EQ(text(service(own).imageState), "255.255.255.255:7003") << "of control endpoints only";
+}
+
+TEST(Announcement, TcpServiceIsAnsweredWhereTheDisplayUsesIt) {
+    struct {
+        AnnouncementBytes datagram;
+        DisplayOptions options;
+        std::vector<std::string> listed;
+        std::optional<wire::Code> answer;
+    } const cases[] = {
+        {AnnouncementBytes(222, "R").at(22, 1).at(30, 1), {}, {"R"}, {}},
+        {AnnouncementBytes(222, "R").at(22, 1).at(30, 1), kTcpService, {"R", "R:TCP"}, wire::kTcpWanted},
+        {AnnouncementBytes(222, "R").at(22, 1), kTcpService, {"R"}, wire::kTcpUnwanted},
+        {AnnouncementBytes(222, "R").at(22, 1).at(30, 2), kTcpService, {"R"}, {}},
+        {AnnouncementBytes(222, "R").at(30, 1), kTcpService, {"R"}, {}},
+        {AnnouncementBytes(222, "R").at(22, 2).at(30, 1), kTcpService, {"R"}, {}},
+        {AnnouncementBytes(150, "R").at(22, 1).at(30, 1), kTcpService, {"R"}, {}},
+        // of a fixed radar only names with TCP are listed
+        {AnnouncementBytes(222, "R").at(22, 1).at(30, 1), {true, true}, {"R:TCP"}, wire::kTcpWanted},
+        {AnnouncementBytes(222, "R").at(22, 1).at(30, 1), {true, false}, {}, {}},
+        {AnnouncementBytes(222, "R").at(22, 1).at(73, 1), {true, true}, {}, wire::kTcpUnwanted},
+        {AnnouncementBytes(150, "R"), {true, true}, {}, {}},
+        {AnnouncementBytes(150, "TCP mast"), {true, false}, {"TCP mast"}, {}},
+    };
+    for (const auto& [datagram, options, listed, answer] : cases) {
+        SCOPED_TRACE(&datagram - &cases[0].datagram);
+        EXPECT_EQ(names(read(datagram, options)), listed);
+        EXPECT_EQ(read(datagram, options).answer, answer);
+    }
+}
+
+TEST(Announcement, OtherCodesAndLengthsAreNoAnnouncement) {
+    for (std::size_t length = 0; length < 1024; ++length) {
+        const std::string datagram = ("\x01\xB2" + std::string(length, 'x')).substr(0, length);
+        const bool right = length == 150 || length == 222;
+        EXPECT_EQ(protocol::readAnnouncement(datagram, {}).has_value(), right) << length;
+        EXPECT_EQ(protocol::isAnnouncement(datagram), right) << length;
+        EXPECT_EQ(protocol::isLongAnnouncement(datagram), length == 222) << length;
+    }
+    for (const char* code : {"\x01\xB1", "\x02\xB2", "\x01\xC2", "\xB2\x01"})
+        for (const std::size_t length : {148U, 220U})
+            EXPECT_FALSE(protocol::readAnnouncement(code + std::string(length, 'x'), kTcpService));
+}
+
+TEST(Announcement, SignOfARadarIsAnAnnouncementsLengthOrTheMarkerOfABeacon) {
+    for (const std::size_t length : {150U, 222U})
+        EXPECT_TRUE(protocol::isSignOfRadar(std::string(length, 'x'))) << "of any content";
+    EXPECT_TRUE(protocol::isSignOfRadar("aabbccdd"));
+    for (const std::string& other : {std::string(), std::string("aabbccde"), std::string("aabbccdd\0", 9),
+                                     std::string(149, 'x'), std::string(151, 'x'), std::string("\x01\xB1")})
+        EXPECT_FALSE(protocol::isSignOfRadar(other)) << other.size();
+}
+
+} // namespace

@@ -1,0 +1,281 @@
+// What people meet at the terminal: tables, keys, hints, and what a search leaves behind.
+#include "profile_directory.h"
+#include "wait.h"
+
+#include <UdpSocket/hostserver.h>
+#include <UdpSocket/protocol/wire.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <lab/lan.h>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+struct Result {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+std::vector<std::string> lines(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> result;
+    for (std::string line; std::getline(stream, line);)
+        result.push_back(line);
+    return result;
+}
+
+/// A computer with two interfaces on the LAN, another one, and a display whose local address is configured.
+class Listing : public testing::Test {
+protected:
+    using Words = std::vector<std::string>;
+    static Words radarctl(Words arguments) {
+        arguments.insert(arguments.begin(), RADARCTL);
+        return arguments;
+    }
+    lab::Process start(const char* node, const Words& command) {
+        return m_lan.node(node).start({.command = command});
+    }
+    /// Returns when the host serves.
+    lab::Process startHost(const char* node, Words arguments) {
+        arguments.insert(arguments.begin(), "host");
+        lab::Process host = start(node, radarctl(arguments));
+        EXPECT_TRUE(host.lineWith("serving", 30s));
+        return host;
+    }
+    Result run(const char* node, const Words& command) {
+        const std::string errors = m_profile.path() / "errors";
+        lab::Process process = m_lan.node(node).start({.command = command, .errorFile = errors});
+        const int status = process.wait(40s).value_or(-1);
+        std::ifstream file(errors);
+        const std::string written{std::istreambuf_iterator<char>(file), {}};
+        std::filesystem::remove(errors); // it is appended to
+        return {status, process.output(), written};
+    }
+    Result run(Words arguments) { return run("display", radarctl(std::move(arguments))); }
+    std::string routes(const char* node) { return run(node, {"ip", "route", "show", "table", "all"}).output; }
+
+    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
+    lab::Lan m_lan{
+        {{"host1", {{"10.20.1.1/16"}, {"10.20.3.1/16"}}, true}, lab::radarHost(2), lab::display(1)}};
+};
+
+/// A radar that, told to give its id up, takes the next of a list.
+class ObedientRadar final : public net::iUdpDataListener {
+public:
+    ObedientRadar(std::string name, std::vector<std::uint8_t> ids)
+        : m_name(std::move(name)), m_ids(std::move(ids)) {}
+    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) override {
+        const std::string_view message(data, static_cast<std::size_t>(length));
+        if (message != wire::text(wire::Negotiation{wire::kObjection, m_ids.front()}) || m_ids.size() == 1)
+            return;
+        m_ids.erase(m_ids.begin());
+        m_server.reset();
+        m_server = serve();
+    }
+
+private:
+    std::unique_ptr<HostServer> serve() const {
+        return std::make_unique<HostServer>(m_name.c_str(), m_ids.front(), 1U);
+    }
+
+    const std::string m_name;
+    std::vector<std::uint8_t> m_ids;                // the receiver's, once it is there
+    std::unique_ptr<HostServer> m_server = serve(); // this, too
+    net::UdpReceiver m_receiver{this, 0, wire::kNegotiation.address, wire::kNegotiation.port, 1024};
+};
+
+TEST_F(Listing, RenumberObjectsUntilNoOtherRadarHasTheId) {
+    const auto radarIn = [&](const char* node, const char* name, const std::vector<std::uint8_t>& ids) {
+        const lab::Inside inside = m_lan.node(node).enter();
+        return std::make_unique<ObedientRadar>(name, ids);
+    };
+    const auto a = radarIn("host1", "A", {20, 43, 60});
+    const auto b = radarIn("host2", "B", {20, 43, 41});
+    EXPECT_TRUE(comesTrue([&] { return run({"list"}).output.find("\nB ") != std::string::npos; }, 30s));
+    const Result result = run({"renumber", "A"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("waiting for A and B to negotiate another\n"));
+    EXPECT_THAT(result.output, HasSubstr("\nA and B both drew 43; objected again: A 60, B 41\n"));
+}
+
+TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWanted) {
+    const lab::Inside inside = m_lan.node("host2").enter();
+    std::vector<std::unique_ptr<HostServer>> servers;
+    for (std::uint8_t id = 16; id <= 63; ++id)
+        if (id != 37)
+            servers.push_back(std::make_unique<HostServer>(("R" + std::to_string(id)).c_str(), id, 1U));
+    lab::Process host = start("host1", radarctl({"host", "--name", "North"}));
+    EXPECT_THAT(host.lineWith("serving", 30s).value_or(""), HasSubstr("as host id 37,"));
+    lab::Process twin = start("host1", radarctl({"host", "--name", "Twin", "--id", "20"}));
+    EXPECT_THAT(twin.nextLine(30s).value_or(""), HasSubstr("host id 20 is announced by R20 (10.20.1.2)"));
+}
+
+/// radarctl on a terminal of a few lines, 40 columns wide.
+class Terminal {
+public:
+    Terminal(const lab::Node& node, const std::filesystem::path& directory, int rows,
+             const std::string& arguments)
+        : m_keys(openFifo(directory / "keys")),
+          m_script(node.start({.command = {"sh", "-c",
+                                           "exec script -qec 'stty cols 40 rows " + std::to_string(rows) +
+                                               "; exec " RADARCTL " --color never " + arguments +
+                                               "' /dev/null <" + (directory / "keys").string()}})) {}
+    void type(std::string_view keys) const {
+        EXPECT_EQ(::write(m_keys.get(), keys.data(), keys.size()), std::ssize(keys));
+    }
+    /// Waits until something is drawn.
+    bool shows(const std::string& text, std::chrono::seconds patience = 30s) const {
+        return comesTrue([&] { return lastPicture().find(text) != std::string::npos; }, patience);
+    }
+    std::string lastPicture() const {
+        const std::string drawn = m_script.output();
+        return drawn.substr(std::min(drawn.rfind("\x1b[H\x1b[?7l"), drawn.size()));
+    }
+    lab::Process& process() { return m_script; }
+
+private:
+    static net::detail::Descriptor openFifo(const std::string& path) {
+        std::filesystem::remove(path);
+        EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+        return net::detail::Descriptor(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    }
+
+    net::detail::Descriptor m_keys;
+    lab::Process m_script;
+};
+
+TEST_F(Listing, WatchScrollsKeepsTheAgesInSightAndMarksASharedId) {
+    const lab::Inside inside = m_lan.node("host1").enter();
+    const HostServer a("A radar of 16 by", 20, 1U);
+    const HostServer b("B", 20, 1U);
+    const HostServer c("C", 30, 1U);
+    Terminal terminal(m_lan.node("display"), m_profile.path(), 6, "watch");
+    EXPECT_TRUE(terminal.shows("lines 1 to 1 of 3"));
+    EXPECT_TRUE(terminal.shows("INTERFACE  LAST HEARD\r"));
+    EXPECT_TRUE(terminal.shows("A radar of\u2026  20! eth0       0."));
+    EXPECT_TRUE(terminal.shows(
+        "! A radar of 16 by and B share host id 20\r\r\n\x1b[K  radarctl renumber 'A radar of 16 by'"));
+    terminal.type("\x1b[B");
+    EXPECT_TRUE(terminal.shows("lines 2 to 2 of 3"));
+    terminal.type("\x1b[6~\x1b[6~");
+    EXPECT_TRUE(terminal.shows("C            30  eth0"));
+    terminal.type("q");
+    EXPECT_EQ(terminal.process().wait(30s), 0);
+    EXPECT_TRUE(terminal.process().output().ends_with("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeard) {
+    Terminal terminal(m_lan.node("display"), m_profile.path(), 6, "watch");
+    lab::Process piped = start("display", radarctl({"watch"}));
+    EXPECT_TRUE(piped.lineWith("radarctl: no radar for 10 s; see radarctl doctor", 30s));
+    EXPECT_TRUE(terminal.shows("no radar for 10 s; see radarctl doctor"));
+}
+
+TEST_F(Listing, ARadarIsNotSaidToAnnounceWhatAnotherHostOfItsComputerDoes) {
+    const lab::Inside inside = m_lan.node("host1").enter();
+    auto gone = std::make_unique<HostServer>("Gone", 20, 1U);
+    const HostServer other("Other", 30, 1U);
+    lab::Process watch = start("display", radarctl({"watch"}));
+    EXPECT_TRUE(watch.lineWith("+ Gone", 30s));
+    gone = std::make_unique<HostServer>("Renamed", 20, 1U);
+    EXPECT_EQ(watch.lineWith("- Gone", 30s), "- Gone: 10.20.1.1 now announces Renamed");
+    gone.reset();
+    EXPECT_EQ(watch.lineWith("- Renamed", 30s), "- Renamed: 10.20.1.1 has not answered for 8 s, others do");
+}
+
+TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
+    m_profile.write("");
+    const lab::Process north = startHost("host1", {"--name", "North"});
+    const lab::Process south = startHost("host2", {"--name", "South"});
+    const std::string before = routes("host1");
+    EXPECT_EQ(run("host1", radarctl({"list", "--timeout", "30"})).status, 0);
+    EXPECT_EQ(routes("host1"), before);
+    EXPECT_EQ(run({"show", "North", "--local", "10.20.2.1"}).status, 0) << "the radar is still on the air";
+
+    for (const char* name : {"sudo", "route"}) { // a person without privileges is not asked for a password
+        m_profile.write("#!/bin/sh\ntouch " + (m_profile.path() / "ran").string() + "\n", name);
+        std::filesystem::permissions(m_profile.path() / name, std::filesystem::perms(0755));
+    }
+    std::filesystem::permissions(m_profile.path(), std::filesystem::perms(0777));
+    const std::string path = "PATH=" + m_profile.path().string() + ":/usr/bin:/bin";
+    const Result user =
+        run("display", {"env", path, "unshare", "--user", RADARCTL, "list", "--local", "10.20.2.1"});
+    EXPECT_EQ(user.status, 0) << user.errors;
+    EXPECT_EQ(user.errors, "");
+    EXPECT_FALSE(std::filesystem::exists(m_profile.path() / "ran"));
+}
+
+TEST_F(Listing, WhatOthersChoseIsEscapedAndAligned) {
+    const std::string rename =
+        "name=$(printf 'e\\377\\0330'); ip link set eth0 down && ip link set eth0 name \"$name\" && "
+        "ip link set \"$name\" up && ip address add 10.20.9.9/16 dev \"$name\"";
+    ASSERT_EQ(run("display", {"sh", "-c", rename}).status, 0);
+    const lab::Inside inside = m_lan.node("host1").enter();
+    const HostServer north("North", 20, 1U);
+    const Result list = run({"list", "--timeout", "30"});
+    EXPECT_EQ(list.status, 0) << list.errors;
+    EXPECT_THAT(list.output, HasSubstr(" e\\xFF\\x1B0  "));
+    EXPECT_THAT(run({"list", "--interface", "eth7"}).errors, HasSubstr("there are: lo, e\\xFF\\x1B0"));
+    EXPECT_THAT(lines(run({"interfaces"}).output),
+                ElementsAre(StartsWith("INTERFACE"),
+                            MatchesRegex(R"(e\\xFF\\x1B0 {6}10\.20\.2\.1/16 .* North)"),
+                            MatchesRegex(R"( {16}10\.20\.9\.9/16)")));
+    const nlohmann::json event = nlohmann::json::parse(run({"watch", "--json", "--count", "1"}).output);
+    for (const char* time : {"time", "firstSeen", "lastSeen"})
+        EXPECT_THAT(event[time].get<std::string>(),
+                    MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}[+-][0-9]{2}:[0-9]{2}"));
+}
+
+TEST_F(Listing, ListenFitsTheTerminalAndNamesDoctorWhereNothingArrives) {
+    const lab::Inside inside = m_lan.node("host1").enter();
+    const HostServer north("North", 20, 1U);
+    EXPECT_THAT(run({"listen", "North", "0", "--seconds", "0.2"}).errors,
+                HasSubstr("nothing arrives; radarctl doctor"));
+    std::vector<std::unique_ptr<net::UdpSender>> senders;
+    for (int i = 0; i < 20; ++i)
+        senders.push_back(std::make_unique<net::UdpSender>("236.6.7.99", 6131, 0, 0));
+    lab::Process listen = start("display", radarctl({"listen", "North", "0", "--seconds", "2.5"}));
+    const std::string longest(1400, 'x');
+    while (!listen.wait(10ms))
+        for (const auto& sender : senders)
+            sender->sendData(longest.data(), static_cast<int>(longest.size()));
+    EXPECT_THAT(listen.output(), HasSubstr(" 1400..1400 "));
+    EXPECT_THAT(lines(listen.output()), Contains(testing::EndsWith(" 20 senders")));
+    std::vector<std::string> table = lines(listen.output());
+    table.erase(table.begin()); // what it listens to
+    for (const std::string& line : table)
+        EXPECT_LE(line.size(), 80) << line;
+}
+
+TEST_F(Listing, AWordTypedWronglyIsNamed) {
+    const std::pair<Words, const char*> cases[] = {
+        {{"lsit"}, "radarctl: no command 'lsit'; did you mean list?"},
+        {{"--color", "never", "frobnicate"}, "radarctl: no command 'frobnicate'; there are: list, watch"},
+        {{"--verbos"}, "radarctl: no option '--verbos'"},
+        {{"host", "--rate", "30"}, "radarctl: --rate requires --simulate"},
+    };
+    for (const auto& [words, expected] : cases) {
+        const Result result = run(words);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.errors, StartsWith(expected));
+    }
+    EXPECT_THAT(run({"list", "--interface", "eth0", "--timeout", "0.5"}).errors,
+                StartsWith("radarctl: no radar found within 0.5 s; only eth0 was looked at"));
+}
+
+} // namespace
