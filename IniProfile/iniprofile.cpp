@@ -31,6 +31,8 @@ using net::detail::Lock;
 using net::detail::Mutex;
 
 std::optional<bool> booleanOf(std::string_view text) {
+    if (text.empty())
+        return std::nullopt;
     for (const char* word : {"true", "yes", "on", "1"})
         if (equalIgnoringCase(text, word))
             return true;
@@ -41,12 +43,17 @@ std::optional<bool> booleanOf(std::string_view text) {
 }
 
 /// Writes the path of @p file to @p path. @return false when it does not fit
-bool writePath(char (&path)[PATH_MAX], const char* file) {
-    const char* directory = std::getenv("INIPROFILE_DIR");
-    const bool asGiven = file[0] == '/' || directory == nullptr || directory[0] == '\0';
-    const int length =
-        std::snprintf(path, sizeof path, "%s%s%s", asGiven ? "" : directory, asGiven ? "" : "/", file);
-    return length >= 0 && static_cast<size_t>(length) < sizeof path;
+bool writePath(char (&path)[PATH_MAX], std::string_view file) {
+    const char* set = std::getenv("INIPROFILE_DIR");
+    const std::string_view directory = set != nullptr && !file.starts_with('/') ? set : "";
+    const std::string_view separator = directory.empty() ? "" : "/";
+    if (directory.size() + separator.size() + file.size() >= sizeof path)
+        return false;
+    char* end = path;
+    for (const std::string_view piece : {directory, separator, file})
+        end += piece.copy(end, piece.size());
+    *end = '\0';
+    return true;
 }
 
 /// The text of the file; nothing when it cannot be had. Never waits for somebody to write it.
