@@ -343,10 +343,12 @@ TEST_F(Program, LoginThatIsUnderWayEndsWithItsNegotiator) {
     net::detail::Timing timing;
     timing.objection = 1h;
     net::detail::setTiming(timing);
+    const auto threads = otherThreads();
     std::atomic<int> logins = 0;
     auto negotiator = std::make_unique<HostNegotiator>(nullptr, [&](std::uint8_t) { ++logins; });
     ASSERT_TRUE(negotiator->asyncLogin(20));
     negotiator.reset();
+    EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
     EXPECT_EQ(logins, 0);
 }
 
