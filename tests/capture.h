@@ -1,14 +1,16 @@
 /// @file
-/// Captures what a node of the lab receives, and has the dissector read it.
+/// Datagrams and segments as a capture has them, read by the dissector.
 #pragma once
 
-#include "wait.h"
+#include <UdpSocket/protocol/wire.h>
+#include <UdpSocket/udpsocket.h>
 
-#include <lab/lan.h>
+#include <lab/process.h>
 
 #include <gtest/gtest.h>
 
-#include <csignal>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -18,30 +20,44 @@
 /// joined by '|'.
 using Frame = std::map<std::string, std::string>;
 
-/// Captures on a node's eth0 from the constructor to read(), 60 seconds and 500 frames at most.
+/// A capture file. Frames are a millisecond apart.
 class Capture {
 public:
     /// @param directory an existing one, for its files
-    Capture(const lab::Node& node, std::filesystem::path directory)
-        : m_directory(std::move(directory)),
-          m_dumpcap(node.start({.command = {"dumpcap", "-q", "-i", "eth0", "-f", "udp or tcp", "-c", "500",
-                                            "-a", "duration:60", "-w", path("capture")}})) {
-        EXPECT_TRUE(m_dumpcap.lineWith("File:", std::chrono::seconds(30))) << "dumpcap listens";
+    explicit Capture(std::filesystem::path directory) : m_directory(std::move(directory)) {
+        const std::uint32_t header[] = {0xA1B2C3D4, 4U << 16 | 2, 0,
+                                        0,          65535,        228}; // packets begin with IPv4
+        m_file.open(path("capture"), std::ios::binary);
+        m_file.write(reinterpret_cast<const char*>(header), sizeof header);
     }
 
-    /// Ends the capture when @p last has been captured, and dissects it twice, as Wireshark does.
-    std::vector<Frame> read(const std::string& last, const std::vector<std::string>& fields) {
-        EXPECT_TRUE(comesTrue([&] { return contents("capture").find(last) != std::string::npos; }));
-        m_dumpcap.signal(SIGINT);
-        EXPECT_EQ(m_dumpcap.wait(std::chrono::seconds(30)), 0);
+    void pause(std::chrono::milliseconds time) { m_time += time; }
+    void datagram(const std::string& from, const wire::Group& group, const std::string& bytes,
+                  std::uint16_t sourcePort = 40000) {
+        packet(17, from, group.address,
+               word(sourcePort) + word(group.port) + word(8 + bytes.size()) + word(0) + bytes);
+    }
+    /// The next bytes of one direction of a connection.
+    void segment(const std::string& from, std::uint16_t fromPort, const std::string& to, std::uint16_t toPort,
+                 const std::string& bytes) {
+        std::size_t& sent = m_sent[from];
+        const std::size_t acknowledged = m_sent[to];
+        packet(6, from, to,
+               word(fromPort) + word(toPort) + word(0) + word(sent) + word(0) + word(acknowledged) +
+                   word(0x5018) + word(65535) + word(0) + word(0) + bytes);
+        sent += bytes.size();
+    }
 
+    /// Dissects it twice, as Wireshark does.
+    std::vector<Frame> read(const std::vector<std::string>& fields) {
+        m_file.close();
         std::vector<std::string> command = {
             "tshark", "-2", "-n",           "-r", path("capture"), "-X", "lua_script:" DISSECTOR, "-T",
             "fields", "-E", "occurrence=a", "-E", "aggregator=|"};
         for (const std::string& field : fields)
             command.insert(command.end(), {"-e", field});
         lab::Process tshark({.command = command, .outputFile = path("fields"), .errorFile = path("errors")});
-        EXPECT_EQ(tshark.wait(std::chrono::seconds(30)), 0) << contents("errors");
+        EXPECT_EQ(tshark.wait(std::chrono::seconds(60)), 0) << contents("errors");
         EXPECT_EQ(contents("errors").find("Lua"), std::string::npos) << contents("errors");
 
         std::vector<Frame> frames;
@@ -56,6 +72,26 @@ public:
     }
 
 private:
+    /// Two bytes in network order.
+    static std::string word(std::size_t value) {
+        return {static_cast<char>(value >> 8), static_cast<char>(value)};
+    }
+    static std::string address(const std::string& text) {
+        const unsigned int ip = net::transAddr(text.c_str());
+        return {reinterpret_cast<const char*>(&ip), sizeof ip};
+    }
+    void packet(std::uint8_t protocol, const std::string& from, const std::string& to,
+                const std::string& payload) {
+        const std::string bytes = word(0x4500) + word(20 + payload.size()) + word(0) + word(0) +
+                                  word(64U << 8 | protocol) + word(0) + address(from) + address(to) + payload;
+        m_time += std::chrono::milliseconds(1);
+        const auto length = static_cast<std::uint32_t>(bytes.size());
+        const std::uint32_t header[] = {static_cast<std::uint32_t>(m_time.count() / 1000),
+                                        static_cast<std::uint32_t>(m_time.count() % 1000 * 1000), length,
+                                        length};
+        m_file.write(reinterpret_cast<const char*>(header), sizeof header);
+        m_file << bytes;
+    }
     std::string path(const char* name) const { return m_directory / name; }
     std::string contents(const char* name) const {
         std::ifstream file(path(name), std::ios::binary);
@@ -63,5 +99,7 @@ private:
     }
 
     const std::filesystem::path m_directory;
-    lab::Process m_dumpcap;
+    std::ofstream m_file;
+    std::chrono::milliseconds m_time{1'000'000'000'000};
+    std::map<std::string, std::size_t> m_sent; // bytes, by sender
 };

@@ -1,26 +1,16 @@
-// The Wireshark dissector, on what the real programs send: its fields must be what the library reads.
+// The Wireshark dissector: its fields must be what the library reads.
 
 #include "capture.h"
 #include "profile_directory.h"
-#include "records.h"
-#include "tcp_support.h"
 
-#include <UdpSocket/base/timing.h>
-#include <UdpSocket/hostnegotiator.h>
-#include <UdpSocket/hostserver.h>
-#include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/protocol/address_plan.h>
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
 #include <gmock/gmock.h>
 
-#include <atomic>
-
 namespace {
 
-using namespace std::chrono_literals;
-using testing::Contains;
 using testing::HasSubstr;
 
 const std::string kPrefix = "udpsocket.announcement.";
@@ -159,63 +149,30 @@ std::string ownWarnings(const Frame& frame) {
     return start == std::string::npos ? all : all.substr(std::min(start + 1, all.size()));
 }
 
-/// A display and two hosts. A datagram to a group of no protocol ends the capture.
+constexpr const char* kDisplay = "10.20.2.1";
+constexpr const char* kHost1 = "10.20.1.1";
+constexpr const char* kHost2 = "10.20.1.2";
+
 class Dissector : public testing::Test {
 protected:
-    explicit Dissector(const std::string& profile = "[Local]\nIP = 10.20.2.1\n") : m_profile(profile) {}
-
     std::vector<Frame> read() {
-        const std::string last = "the last datagram";
-        sendDatagram("host1", {"236.6.7.9", 6878}, last);
         std::vector<std::string> fields = messageFields();
-        fields.insert(fields.end(),
-                      {"frame.number", "ip.src", "udp.payload", "tcp.payload", "_ws.col.Info",
-                       "_ws.expert.message", "udpsocket.query_in", "udpsocket.answer_in",
-                       "udpsocket.response_time", "udpsocket.claim_in", "udpsocket.objection_in"});
+        fields.insert(fields.end(), {"frame.number", "udp.payload", "_ws.col.Info", "_ws.expert.message",
+                                     "udpsocket.query_in", "udpsocket.answer_in", "udpsocket.response_time",
+                                     "udpsocket.claim_in", "udpsocket.objection_in"});
         fields.insert(fields.end(), kWarningFields.begin(), kWarningFields.end());
-        std::vector<Frame> frames = m_capture.read(last, fields);
-        // An answer to a repeated query may come even later.
-        const auto end = std::find_if(frames.begin(), frames.end(), [&](const Frame& frame) {
-            return unhex(frame.at("udp.payload")) == last;
-        });
-        if (end == frames.end()) {
-            ADD_FAILURE() << "the last datagram is not in the capture";
-            return frames;
-        }
-        EXPECT_EQ(end->at("udpsocket.code"), "") << "other groups have these ports, too";
-        frames.erase(end, frames.end());
-        return frames;
+        return m_capture.read(fields);
     }
-    void sendDatagram(const char* node, const wire::Group& group, const std::string& datagram,
-                      unsigned short sourcePort = 0) {
-        const lab::Inside inside = m_lan.node(node).enter();
-        net::UdpSender(group.address, group.port, 0, sourcePort)
-            .sendData(datagram.data(), static_cast<int>(datagram.size()));
+    void query() { m_capture.datagram(kDisplay, wire::kDiscovery, std::string(wire::text(wire::kQuery))); }
+    void negotiate(const char* from, const wire::Code& code, std::uint8_t id) {
+        m_capture.datagram(from, wire::kNegotiation, std::string(wire::text(wire::Negotiation{code, id})));
     }
-    std::unique_ptr<HostServer> serve(const char* node, const char* name, std::uint8_t id,
-                                      std::uint32_t streams) {
-        const lab::Inside inside = m_lan.node(node).enter();
-        return std::make_unique<HostServer>(name, id, streams);
-    }
-    std::unique_ptr<HostNegotiator> makeNegotiator(const char* node,
-                                                   std::function<void(std::uint8_t)> onLogin) {
-        const lab::Inside inside = m_lan.node(node).enter();
-        return std::make_unique<HostNegotiator>(nullptr, std::move(onLogin));
-    }
-    std::unique_ptr<MultiRadarClient> makeClient() {
-        const lab::Inside inside = m_lan.node("display").enter();
-        return std::make_unique<MultiRadarClient>();
-    }
-    static bool lists(MultiRadarClient& client, const std::vector<std::string>& names) {
-        return comesTrue([&] {
-            client.query();
-            return comesTrue([&] { return client.getRadar() == names; }, 500ms);
-        });
+    void announce(const char* from, const std::string& name, std::uint8_t id, unsigned streams) {
+        m_capture.datagram(from, wire::kDiscovery, protocol::composeAnnouncement(name, id, streams));
     }
 
-    const ProfileDirectory m_profile;
-    lab::Lan m_lan{{lab::radarHost(1), lab::radarHost(2), lab::display(1)}};
-    Capture m_capture{m_lan.node("display"), m_profile.path()};
+    const ProfileDirectory m_directory;
+    Capture m_capture{m_directory.path()};
 };
 
 void expectSameFields(const std::vector<Frame>& frames) {
@@ -228,60 +185,49 @@ void expectSameFields(const std::vector<Frame>& frames) {
 }
 
 TEST_F(Dissector, DecodesEveryMessageAsTheLibraryDoes) {
-    net::detail::Timing timing;
-    timing.objection = 300ms;
-    net::detail::setTiming(timing);
-    const auto holder = makeNegotiator("host1", [](std::uint8_t) {});
-    ASSERT_EQ(holder->syncLogin(1), 1);
-    const auto north = serve("host1", "North", 1, 1);
-    std::atomic<int> logins = 0;
-    const auto contested = makeNegotiator("host2", [&](std::uint8_t) { ++logins; });
-    const auto south = serve("host2", "South mast", static_cast<std::uint8_t>(contested->syncLogin(1)), 2);
-    const auto client = makeClient();
-    ASSERT_TRUE(lists(*client, {"North", "South mast"}));
-    const std::string id = std::to_string(plan::hostIdOf(*client->getAddress("South mast", 0)));
-    std::this_thread::sleep_for(1s); // an objection within that time would answer the claim
-    client->queryForAdjust("South mast");
-    ASSERT_TRUE(comesTrue([&] { return logins == 2; }));
-    net::detail::setTiming({});
-    client->resetRadar();
-    sendDatagram("host1", wire::kBeacon, std::string(wire::kBeaconMarker));
-    sendDatagram("host2", wire::kDiscovery, fullAnnouncement());
+    negotiate(kHost2, wire::kProbe, 1);
+    negotiate(kHost1, wire::kObjection, 1);
+    negotiate(kHost2, wire::kProbe, 40);
+    negotiate(kHost2, wire::kConfirm, 40);
+    query();
+    announce(kHost1, "North", 1, 1);
+    announce(kHost2, "South mast", 40, 2);
+    m_capture.pause(std::chrono::milliseconds(1100)); // an objection within a second would answer the claim
+    negotiate(kDisplay, wire::kObjection, 40);
+    m_capture.datagram(kDisplay, wire::kNegotiation, std::string(wire::text(wire::kReset)));
+    m_capture.datagram(kHost1, wire::kBeacon, std::string(wire::kBeaconMarker));
+    m_capture.datagram(kHost2, wire::kDiscovery, fullAnnouncement());
+    m_capture.datagram(kHost1, {"236.6.7.9", 6878}, std::string(wire::text(wire::kQuery)));
 
-    const std::vector<Frame> frames = read();
+    std::vector<Frame> frames = read();
+    ASSERT_EQ(frames.size(), 12U);
+    EXPECT_EQ(frames.back()["udpsocket.code"], "") << "other groups have these ports, too";
+    frames.pop_back();
     expectSameFields(frames);
-    std::map<std::string, Frame> last; // by text
-    std::vector<std::string> texts;
-    for (const Frame& frame : frames) {
-        last[frame.at("_ws.col.Info")] = frame;
-        texts.push_back(frame.at("_ws.col.Info"));
-    }
-    for (const std::string text :
-         {"Probe of host id 1", "Confirm of host id 1", "Objection to host id 1", "Reset", "Presence beacon"})
-        EXPECT_THAT(texts, Contains(text));
-    EXPECT_THAT(texts, Contains("Announcement: North, host id 1, 1 stream"));
-    EXPECT_EQ(ownWarnings(last["Announcement: South mast, host id " + id + ", 2 streams"]), "");
-    EXPECT_EQ(ownWarnings(last["Objection to host id " + id]),
-              "The host that holds id " + id + " is to take another");
-
-    const auto peer = [&](const Frame& frame, const char* field) -> Frame {
-        return frame.at(field).empty() ? Frame() : frames.at(std::stoul(frame.at(field)) - 1);
+    const char* const texts[] = {
+        "Probe of host id 1",
+        "Objection to host id 1",
+        "Probe of host id 40",
+        "Confirm of host id 40",
+        "Query",
+        "Announcement: North, host id 1, 1 stream",
+        "Announcement: South mast, host id 40, 2 streams",
+        "Objection to host id 40",
+        "Reset",
+        "Presence beacon",
     };
-    int objections = 0;
-    for (const Frame& frame : frames) {
-        const std::string& text = frame.at("_ws.col.Info");
-        if (text.starts_with("Announcement: ") && ownWarnings(frame).empty()) {
-            Frame query = peer(frame, "udpsocket.query_in");
-            EXPECT_EQ(query["_ws.col.Info"], "Query") << "of frame " << frame.at("frame.number");
-            EXPECT_THAT(query["udpsocket.answer_in"], HasSubstr(frame.at("frame.number")));
-            EXPECT_LT(std::stod(frame.at("udpsocket.response_time")), 8) << "seconds";
-        } else if (text == "Objection to host id 1" && !frame.at("udpsocket.claim_in").empty()) {
-            const Frame claim = peer(frame, "udpsocket.claim_in");
-            EXPECT_GE(std::stoul(claim.at("udpsocket.objection_in")), std::stoul(frame.at("frame.number")));
-            ++objections;
-        }
+    for (std::size_t i = 0; i < std::size(texts); ++i)
+        EXPECT_EQ(frames[i]["_ws.col.Info"], texts[i]);
+    EXPECT_EQ(frames[0]["udpsocket.objection_in"], "2");
+    EXPECT_EQ(frames[1]["udpsocket.claim_in"], "1");
+    EXPECT_EQ(frames[4]["udpsocket.answer_in"], "6|7|11");
+    for (const std::size_t answer : {5U, 6U}) {
+        EXPECT_EQ(frames[answer]["udpsocket.query_in"], "5");
+        EXPECT_NEAR(std::stod(frames[answer]["udpsocket.response_time"]),
+                    (static_cast<double>(answer) - 4) / 1000, 1e-6);
+        EXPECT_EQ(ownWarnings(frames[answer]), "");
     }
-    EXPECT_GT(objections, 0) << "to a claim";
+    EXPECT_EQ(ownWarnings(frames[7]), "The host that holds id 40 is to take another");
 }
 
 /// An announcement as a host composes it, with changed bytes.
@@ -351,7 +297,7 @@ TEST_F(Dissector, WarnsOfWhatTheProtocolForbids) {
     };
     constexpr unsigned short kTraceroutePort = 33435; // of which UDP's own dissector warns
     for (const Case& each : cases)
-        sendDatagram("host1", each.group, each.datagram, kTraceroutePort);
+        m_capture.datagram(kHost1, each.group, each.datagram, kTraceroutePort);
     std::map<std::string, std::string> warnings; // by datagram
     for (const Frame& frame : read())
         warnings[unhex(frame.at("udp.payload"))] = ownWarnings(frame);
@@ -360,73 +306,49 @@ TEST_F(Dissector, WarnsOfWhatTheProtocolForbids) {
 }
 
 TEST_F(Dissector, WarnsOfTwoRadarsWithOneIdOrName) {
-    const auto first = serve("host1", "A\x1b[2J", 40, 1);
-    const auto second = serve("host2", "B", 40, 2);
+    query();
+    announce(kHost1, "A\x1b[2J", 40, 1);
+    announce(kHost2, "B", 40, 2);
+    announce(kHost2, "A\x1b[2J", 41, 2);
     // A probe, and the objection of a foreign host that defends its id.
-    sendDatagram("host1", wire::kNegotiation, "\x01\xA1\x1E\x01");
-    sendDatagram("host2", wire::kNegotiation, "\x03\xA1\x1E\x01");
-    const auto client = makeClient();
-    ASSERT_TRUE(lists(*client, {"A\x1b[2J", "B"}));
-    sendDatagram("host2", wire::kDiscovery, announcement("A\x1b[2J", 41, wire::kLongAnnouncement));
+    negotiate(kHost1, wire::kProbe, 30);
+    negotiate(kHost2, wire::kObjection, 30);
     std::string all;
     for (const Frame& frame : read())
         all += frame.at("_ws.col.Info") + ": " + ownWarnings(frame) + "\n";
-    EXPECT_THAT(all,
-                testing::ContainsRegex("Host id 40 is also that of .+ at 10.20.1.[12] \\(frame [0-9]+\\)"));
-    EXPECT_THAT(all, testing::ContainsRegex("Host id 4[01] at 10.20.1.[12] has this name, too"));
+    EXPECT_THAT(all, testing::ContainsRegex("Host id 40 is also that of .+ at 10.20.1.1 \\(frame 2\\)"));
+    EXPECT_THAT(all, HasSubstr("Host id 40 at 10.20.1.1 has this name, too"));
     EXPECT_THAT(all, HasSubstr("Announcement: A\\x1B[2J, host id 40"));
     EXPECT_EQ(all.find('\x1b'), std::string::npos) << "names cannot draw on the terminal";
     EXPECT_THAT(all, HasSubstr("Objection to host id 30: \n"))
         << "an answer to the probe, not an order to renumber";
 }
 
-class TcpDissector : public Dissector {
-protected:
-    TcpDissector() : Dissector("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = true\n") {}
-};
-
-TEST_F(TcpDissector, FindsMessagesInATcpStream) {
-    net::detail::Timing timing;
-    timing.clientTick = 50ms;
-    net::detail::setTiming(timing);
-    tcp_test::Notes radar;
-    std::unique_ptr<net::TcpServer> server;
-    {
-        const lab::Inside inside = m_lan.node("host1").enter();
-        server = std::make_unique<net::TcpServer>(&radar);
-        ASSERT_TRUE(server->connect(wire::kDiscovery.port, 1));
-    }
-    const auto send = [&](const std::string& bytes) {
-        server->sendData(bytes.data(), static_cast<unsigned int>(bytes.size()));
+TEST_F(Dissector, FindsMessagesInATcpStream) {
+    const auto fromRadar = [this](const std::string& bytes) {
+        m_capture.segment(kHost1, wire::kDiscovery.port, kDisplay, 50000, bytes);
     };
-    const auto received = [&](const wire::Code& code) {
-        return comesTrue([&] { return radar.bytes().find(wire::text(code)) != std::string::npos; }, 500ms);
+    const auto fromDisplay = [this](const wire::Code& code) {
+        m_capture.segment(kDisplay, 50000, kHost1, wire::kDiscovery.port, std::string(wire::text(code)));
     };
     const std::string datagram =
         announcement("ZQ-7", 20, wire::kLongAnnouncement,
                      {{wire::kExtended.offset, "\x01"}, {wire::kTcpOffered.offset, "\x01"}});
-    const auto client = makeClient();
-    ASSERT_TRUE(comesTrue([&] {
-        client->query();
-        return received(wire::kQuery);
-    }));
-    net::detail::setTiming({});
-    send(datagram.substr(0, 100));
-    send(datagram.substr(100));
-    ASSERT_TRUE(comesTrue([&] { return received(wire::kTcpWanted); }));
-    EXPECT_EQ(client->getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
-    send(std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x') +
-         announcement("R", 21, wire::kLongAnnouncement));
+    fromDisplay(wire::kQuery);
+    fromRadar(datagram.substr(0, 100));
+    fromRadar(datagram.substr(100));
+    fromDisplay(wire::kTcpWanted);
+    fromRadar(std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x') +
+              announcement("R", 21, wire::kLongAnnouncement));
 
-    std::map<std::string, Frame> overTcp; // by text
+    std::map<std::string, Frame> frames; // by text
     for (const Frame& frame : read())
-        if (frame.at("udp.payload").empty())
-            overTcp[frame.at("_ws.col.Info")] = frame;
-    Frame frame = overTcp["Announcement: ZQ-7, host id 20, 2 streams"];
+        frames[frame.at("_ws.col.Info")] = frame;
+    Frame frame = frames["Announcement: ZQ-7, host id 20, 2 streams"];
     for (const auto& [name, value] : expected(datagram))
         EXPECT_EQ(frame[name], value) << name;
-    EXPECT_TRUE(overTcp.contains("TCP service wanted"));
-    EXPECT_EQ(ownWarnings(overTcp["TCP reply; Announcement: R, host id 21, 2 streams"]),
+    EXPECT_TRUE(frames.contains("TCP service wanted"));
+    EXPECT_EQ(ownWarnings(frames["TCP reply; Announcement: R, host id 21, 2 streams"]),
               "Over TCP, displays drop a name that does not begin with ZQ");
 }
 

@@ -65,6 +65,16 @@ void loseHosts(Observation& seen) {
     seen.listening.onWire.clear();
 }
 
+void runHostHere(Observation& seen) {
+    seen.socketsBefore = {{transAddr(wire::kNegotiation.address), wire::kNegotiation.port, 0, 1, 0}};
+    seen.groupsRoute = {"eth0", 0};
+}
+
+void routeDiscovery(Observation& seen, const char* first, const char* second) {
+    seen.groupRoutes = {{transAddr(wire::kDiscovery.address), first},
+                        {transAddr(wire::kDiscovery.address), second}};
+}
+
 void loseQueries(Observation& seen) {
     loseHosts(seen);
     for (auto& [index, result] : seen.listening.results)
@@ -119,9 +129,17 @@ const Case kCases[] = {
     {"LooseReversePathIsNoCause", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
          for (auto& [source, route] : s.routesToRadars) route = {"eth1", 0}; },
      {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
-    {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0};
-         s.socketsBefore = {{transAddr(wire::kNegotiation.address), wire::kNegotiation.port, 0, 1, 0}}; },
-     {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "MulticastLoop = true"}}},
+    {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
+     {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "of both, the host and the displays here"}}},
+    {"RouteToOneGroupOfADisplay", [](Observation& s) { routeDiscovery(s, "eth1", "eth0"); }, {}},
+    {"RouteToOneGroupOfAHost", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth1", "eth0"); },
+     {{Id::LeftOverRoute, "ip route del 236.6.7.5 dev eth1"}, {Id::HostHere, ""}}},
+    {"FirstRouteToAGroupIsTaken", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth0", "eth1"); }, {{Id::HostHere, ""}}},
+    {"HostHereDoesNotLoop", [](Observation& s) { runHostHere(s); s.profile.multicastLoop = true; },
+     {{Id::HostHere, "profile.ini of that host"}}},
+    {"DisplaysHereDoNotLoop", [](Observation& s) { runHostHere(s); hear(s, "Own", "10.20.2.1", 22); },
+     {{Id::HostHere, "profile.ini of displays here"}}},
+    {"HostHereIsHeard", [](Observation& s) { runHostHere(s); hear(s, "Own", "10.20.2.1", 22); s.profile.multicastLoop = true; }, {}},
 
     {"FirewallByEffect", [](Observation& s) { loseQueries(s); s.rules.error = "needs root"; },
      {{Id::Firewall, "as root"}, {Id::FirewallUnread, "needs root"}}},
@@ -157,6 +175,10 @@ const Case kCases[] = {
 
     {"SameId", [](Observation& s) { hear(s, "No'rth", "10.20.1.0", 21); },
      {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},
+    {"OwnAddressSeenOnTheWire", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::1"};
+         s.listening.hardware[{kEth0, transAddr("10.20.1.1")}] = {"02::2"}; }, {}},
+    {"OwnAddressElsewhere", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::3"}; },
+     {{Id::SameAddress, "02::3"}}},
     {"SameName", [](Observation& s) { hear(s, "North", "10.20.1.2", 22); }, {{Id::SameName, "\"North\" (10.20.1.1) and \"North\" (10.20.1.2)"}}},
     {"LateAnswers", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 3500ms); },
      {{Id::LateAnswers, "\"Slow\" (10.20.1.3) answers so late that a display's search"}}},
@@ -192,5 +214,32 @@ TEST_P(DoctorJudgement, NamesTheCauseAndNoOther) {
 }
 INSTANTIATE_TEST_SUITE_P(On, DoctorJudgement, testing::ValuesIn(kCases),
                          [](const auto& row) { return row.param.name; });
+
+TEST(Judgement, HostHereComesFirstWhereNothingElseIsHeard) {
+    Observation seen = healthy();
+    runHostHere(seen);
+    seen.interfaces[1].carrier = false;
+    EXPECT_FALSE(judge(seen).findings[0].isComplaint()) << "others are heard";
+    loseHosts(seen);
+    EXPECT_EQ(judge(seen).findings[0].id, Id::HostHere);
+    EXPECT_TRUE(judge(seen).findings[0].isComplaint());
+}
+
+TEST(Judgement, MisspeltProfileKeysAreNamedAndThoseOfOthersLeft) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"[Local]\nNetNam = eth0", "NetName?"},
+        {"[Locale] ; ours\n NetName : eth0", "[Local]?"},
+        {"[Radar]\nMulticastLoop = true", "[Local]?"},
+        {"[radar]\nTCP_Service = true\n", "TCPService?"},
+        {"\xEF\xBB\xBF[LOCAL]\r\nip = 1.2.3.4\r\nnetname=\r\n[Radar]\nIP=\nTcpService=0\n", ""},
+        {"[Window]\nIP = 10.1.1.1\nwidth = 5\n[Locale]\nlanguage = de\n# NetNam = x\n", ""},
+    };
+    for (const auto& [text, expected] : rows) {
+        Observation seen;
+        seen.profile.entries = profileEntries(text);
+        const Findings findings = judgeProfileKeys(seen).findings;
+        EXPECT_EQ(findings.empty() ? "" : findings[0].remedy, expected) << text;
+    }
+}
 
 } // namespace

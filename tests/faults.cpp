@@ -40,36 +40,25 @@ int failure() {
 }
 
 std::string optionName(int level, int option) {
-    if (level == SOL_SOCKET)
-        switch (option) {
-        case SO_REUSEADDR:
-            return "SO_REUSEADDR";
-        case SO_BROADCAST:
-            return "SO_BROADCAST";
-        case SO_RCVBUF:
-            return "SO_RCVBUF";
-        case SO_RCVTIMEO:
-            return "SO_RCVTIMEO";
-        case SO_SNDTIMEO:
-            return "SO_SNDTIMEO";
-        case SO_BINDTODEVICE:
-            return "SO_BINDTODEVICE";
-        default:
-            break;
-        }
-    if (level == IPPROTO_IP)
-        switch (option) {
-        case IP_ADD_MEMBERSHIP:
-            return "IP_ADD_MEMBERSHIP";
-        case IP_MULTICAST_IF:
-            return "IP_MULTICAST_IF";
-        case IP_MULTICAST_LOOP:
-            return "IP_MULTICAST_LOOP";
-        case IP_MULTICAST_ALL:
-            return "IP_MULTICAST_ALL";
-        default:
-            break;
-        }
+    static constexpr struct {
+        int level;
+        int option;
+        const char* name;
+    } kOptions[] = {
+        {SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR"},
+        {SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST"},
+        {SOL_SOCKET, SO_RCVBUF, "SO_RCVBUF"},
+        {SOL_SOCKET, SO_RCVTIMEO, "SO_RCVTIMEO"},
+        {SOL_SOCKET, SO_SNDTIMEO, "SO_SNDTIMEO"},
+        {SOL_SOCKET, SO_BINDTODEVICE, "SO_BINDTODEVICE"},
+        {IPPROTO_IP, IP_ADD_MEMBERSHIP, "IP_ADD_MEMBERSHIP"},
+        {IPPROTO_IP, IP_MULTICAST_IF, "IP_MULTICAST_IF"},
+        {IPPROTO_IP, IP_MULTICAST_LOOP, "IP_MULTICAST_LOOP"},
+        {IPPROTO_IP, IP_MULTICAST_ALL, "IP_MULTICAST_ALL"},
+    };
+    for (const auto& [known, number, name] : kOptions)
+        if (known == level && number == option)
+            return name;
     return "another option";
 }
 

@@ -1,7 +1,7 @@
-#include "recorder.h"
+#include "wait.h"
 
-#include <lab/lan.h>
 #include <lab/private_network.h>
+#include <lab/process.h>
 
 #include <gmock/gmock.h>
 
@@ -11,85 +11,14 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <set>
 
 namespace {
 
 using namespace std::chrono_literals;
-using lab::Lan;
-using lab::Node;
 using lab::Process;
 using testing::AllOf;
 using testing::HasSubstr;
-
-constexpr const char* kGroup = "236.6.7.8";
-constexpr unsigned short kPort = 6678;
-
-/// Receives the group in a node, through one of its addresses.
-class GroupReceiver {
-public:
-    GroupReceiver(const Node& node, const char* localIp)
-        : m_receiver(
-              makeIn<net::UdpReceiver>(node, &m_recorder, net::transAddr(localIp), kGroup, kPort, 1024)) {}
-    /// Where the next datagram came from; "" when none came.
-    std::string next(std::chrono::milliseconds patience = 30s) {
-        const auto datagram = m_recorder.next(patience);
-        return datagram ? datagram->from.substr(0, datagram->from.find(':')) : "";
-    }
-    bool receivesNothing() { return next(200ms).empty(); }
-
-private:
-    Recorder m_recorder;
-    std::unique_ptr<net::UdpReceiver> m_receiver;
-};
-
-void send(const Node& node) {
-    makeIn<net::UdpSender>(node, kGroup, kPort, 0, 0)->sendData("ping", 4);
-}
-
-TEST(Lan, DatagramsReachConnectedInterfacesAndNothingIsLeftAfterwards) {
-    for (int round = 0; round < 2; ++round) {
-        {
-            Lan lan({lab::display(3, 1), lab::radarHost(1), lab::radarHost(2)});
-            GroupReceiver leading(lan.node("display"), "10.20.2.1");
-            GroupReceiver unconnected(lan.node("display"), "192.168.2.1");
-            GroupReceiver neighbour(lan.node("host2"), "10.20.1.2");
-            send(lan.node("host1"));
-            EXPECT_EQ(leading.next(), "10.20.1.1");
-            EXPECT_EQ(neighbour.next(), "10.20.1.1");
-            EXPECT_TRUE(unconnected.receivesNothing());
-            lan.changeAddress(lan.node("host1"), 0, "10.20.9.9/16");
-            send(lan.node("host1"));
-            EXPECT_EQ(leading.next(), "10.20.9.9");
-        }
-        EXPECT_TRUE(std::filesystem::is_empty("/run/netns"));
-        EXPECT_EQ(net::localNetworkInterfaces().size(), 1U) << "only the loopback interface";
-    }
-}
-
-TEST(Lan, CutLinkHasNoCarrierAndNoDatagramsUntilItIsRestored) {
-    Lan lan({lab::display(1), lab::radarHost(1)});
-    const Node& host = lan.node("host1");
-    GroupReceiver display(lan.node("display"), "10.20.2.1");
-    const auto carrier = [&] { // as a process in the node sees it
-        return host.start({.command = {"cat", "/sys/class/net/eth0/carrier"}}).nextLine(30s);
-    };
-    EXPECT_EQ(carrier(), "1");
-    lan.cut(host);
-    EXPECT_EQ(carrier(), "0");
-    host.run([] {
-        std::string line;
-        EXPECT_TRUE(std::getline(std::ifstream("/sys/class/net/eth0/carrier"), line) && line == "0");
-    });
-    send(host);
-    EXPECT_TRUE(display.receivesNothing());
-
-    lan.restore(host);
-    EXPECT_EQ(carrier(), "1");
-    send(host);
-    EXPECT_EQ(display.next(), "10.20.1.1") << "a cut keeps the host's routes";
-}
 
 TEST(Process, IsStoppedWithAllThatItStarted) {
     Process stubborn({.command = {"sh", "-c", "trap '' TERM; sleep 1000 & echo $!; wait; sleep 1000"}});

@@ -7,20 +7,17 @@
 
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/hostnegotiator.h>
-#include <UdpSocket/hostserver.h>
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/protocol/address_plan.h>
+#include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
 #include <lab/lan.h>
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <map>
-#include <set>
 
 namespace {
 
@@ -111,104 +108,70 @@ TEST(ProtocolPage, NumbersMatchTheCode) {
         EXPECT_THAT(page, HasSubstr(expected));
 }
 
-/// A display, and computers for hosts.
-class ForeignHost : public testing::Test {
-protected:
-    ForeignHost() {
-        const lab::Inside inside = m_lan.node("display").enter();
-        m_client = std::make_unique<MultiRadarClient>();
-        m_tap = std::make_unique<net::UdpReceiver>(&m_received, net::transAddr("10.20.2.1"), "236.6.7.5",
-                                                   6878, 1024);
-    }
-    lab::Process start(const lab::Node& node, const std::string& name, int id, int streams,
-                       const std::string& local = "0.0.0.0") {
-        return node.start({.command = {"python3", HOST_PY, "--name", name, "--id", std::to_string(id),
-                                       "--streams", std::to_string(streams), "--local", local}});
-    }
-    static int servedId(lab::Process& host) {
-        const std::string words = "serving as host id ";
-        const std::string line = host.lineWith(words, 30s).value_or(words + "0");
-        return std::stoi(line.substr(words.size()));
-    }
-    bool lists(const std::vector<std::string>& names) {
-        return comesTrue([&] {
-            m_client->query();
-            return comesTrue([&] { return m_client->getRadar() == names; }, 500ms);
-        });
-    }
-    int listedId(const char* name) {
-        m_client->query();
-        return plan::hostIdOf(*m_client->getAddress(name, 0));
-    }
-    std::unique_ptr<HostNegotiator> makeNegotiator(const lab::Node& node) {
-        const lab::Inside inside = node.enter();
-        return std::make_unique<HostNegotiator>(nullptr, nullptr);
-    }
-
-    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
-    lab::Lan m_lan{{lab::radarHost(1), lab::radarHost(2), lab::radarHost(3), lab::display(1)}};
-    Recorder m_received;
-    std::unique_ptr<net::UdpReceiver> m_tap;
-    std::unique_ptr<MultiRadarClient> m_client;
-};
-
-TEST_F(ForeignHost, AnnouncesByteForByteWhatTheLibraryAnnounces) {
-    const std::vector<std::pair<std::string, int>> radars = {{"A", 1}, {"sixteen letters.", 63}};
-    for (const int streams : {1, 2}) {
-        std::vector<lab::Process> foreign;
-        for (const auto& [name, id] : radars)
-            foreign.push_back(start(m_lan.nodes()[foreign.size()], name, id, streams));
-        for (std::size_t i = 0; i < radars.size(); ++i)
-            EXPECT_EQ(servedId(foreign[i]), radars[i].second);
-        EXPECT_TRUE(lists({"A", "sixteen letters."}));
-
-        std::vector<std::unique_ptr<HostServer>> own;
-        for (const auto& [name, id] : radars) {
-            const lab::Inside inside = m_lan.nodes()[own.size()].enter();
-            own.push_back(std::make_unique<HostServer>(name.c_str(), static_cast<std::uint8_t>(id),
-                                                       static_cast<std::uint32_t>(streams)));
-        }
-        m_client->query();
-        std::map<std::string, std::set<std::string>> announcements; // and where each came from
-        const std::size_t length = (streams == 1 ? wire::kShortAnnouncement : wire::kLongAnnouncement).length;
-        const auto allHaveCome = [&] {
-            while (const auto datagram = m_received.next(0ms))
-                if (datagram->bytes.size() == length)
-                    announcements[datagram->bytes].insert(datagram->from);
-            return std::ranges::count_if(announcements, [](const auto& entry) {
-                       return entry.second.size() == 2;
-                   }) == static_cast<std::ptrdiff_t>(radars.size());
-        };
-        EXPECT_TRUE(comesTrue(allHaveCome)) << streams << " streams";
-        EXPECT_EQ(announcements.size(), radars.size()) << streams << " streams";
-
-        for (std::size_t i = 0; i < foreign.size(); ++i) {
-            foreign[i].signal(i % 2 == 0 ? SIGINT : SIGTERM);
-            EXPECT_EQ(foreign[i].wait(30s), 0);
-        }
-    }
+TEST(ExampleHost, AnnouncesByteForByteWhatTheLibraryAnnounces) {
+    lab::Process python(
+        {.command = {"python3", "-c",
+                     "import runpy\n"
+                     "host = runpy.run_path('" HOST_PY "')\n"
+                     "for name in b'A', b'sixteen letters.':\n"
+                     "    for host_id in 1, *host['DRAWN_IDS']:\n"
+                     "        for streams in 1, 2:\n"
+                     "            print(host['announcement'](name, host_id, streams).hex())"}});
+    for (const std::string announced : {"A", "sixteen letters."})
+        for (std::uint8_t id = 1; id <= 63; id = id == 1 ? 16 : id + 1)
+            for (const unsigned streams : {1U, 2U}) {
+                std::string hex;
+                for (const char byte : protocol::composeAnnouncement(announced, id, streams))
+                    hex += {"0123456789abcdef"[byte >> 4 & 0xF], "0123456789abcdef"[byte & 0xF]};
+                ASSERT_EQ(python.nextLine(30s), hex) << int{id} << " with " << streams << " streams";
+            }
 }
 
-TEST_F(ForeignHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
-    const auto drawn = AllOf(Ge(16), Le(63));
-    lab::Process first = start(m_lan.node("host1"), "R", 1, 2, "10.20.1.1");
-    EXPECT_EQ(servedId(first), 1);
-    EXPECT_THAT(makeNegotiator(m_lan.node("host2"))->syncLogin(1), drawn) << "the holder of id 1 objects";
+int servedId(lab::Process& host) {
+    const std::string words = "serving as host id ";
+    return std::stoi(host.lineWith(words, 30s).value_or(words + "0").substr(words.size()));
+}
 
-    ASSERT_TRUE(lists({"R"}));
-    m_client->queryForAdjust("R");
+TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
+    const auto drawn = AllOf(Ge(16), Le(63));
+    const ProfileDirectory profile("[Local]\nIP = 10.20.2.1\n");
+    lab::Lan lan({lab::radarHost(1), lab::radarHost(2), lab::display(1)});
+    lab::Process first = lan.node("host1").start({.command = {"python3", HOST_PY, "--name", "R", "--id", "1",
+                                                              "--streams", "2", "--local", "10.20.1.1"}});
+    EXPECT_EQ(servedId(first), 1);
+    const auto rival = makeIn<HostNegotiator>(lan.node("host2"), nullptr, nullptr);
+    EXPECT_THAT(rival->syncLogin(1), drawn) << "the holder of id 1 objects";
+
+    const auto client = makeIn<MultiRadarClient>(lan.node("display"));
+    const auto listedWith = [&](int id) {
+        return comesTrue([&] {
+            client->query();
+            return comesTrue(
+                [&] {
+                    const RadarAddress* const record = client->getAddress("R", 0);
+                    return record != nullptr && plan::hostIdOf(*record) == id;
+                },
+                500ms);
+        });
+    };
+    ASSERT_TRUE(listedWith(1));
+    client->queryForAdjust("R");
     const int id = servedId(first);
     EXPECT_THAT(id, drawn);
-    EXPECT_TRUE(comesTrue([&] { return listedId("R") == id; }));
+    EXPECT_TRUE(listedWith(id));
+    first.signal(SIGINT);
+    EXPECT_EQ(first.wait(30s), 0);
 
     net::detail::Timing timing;
     timing.objection = 100ms; // nobody objects
     net::detail::setTiming(timing);
-    const auto holder = makeNegotiator(m_lan.node("host2"));
+    const auto holder = makeIn<HostNegotiator>(lan.node("host2"), nullptr, nullptr);
     EXPECT_EQ(holder->syncLogin(1), 1);
     net::detail::setTiming({});
-    lab::Process second = start(m_lan.node("host3"), "S", 1, 1);
+    lab::Process second =
+        lan.node("host1").start({.command = {"python3", HOST_PY, "--name", "S", "--id", "1"}});
     EXPECT_THAT(servedId(second), drawn) << "gives way to an objection";
+    EXPECT_EQ(second.stop(), 0);
 }
 
 } // namespace

@@ -18,24 +18,13 @@ using testing::HasSubstr;
 /// A client in a network without addresses: it has no sockets and hears what the test hands it.
 class RadarClient : public testing::Test {
 protected:
-    explicit RadarClient(const std::string& profile = "") : m_profile(profile) {}
-    ~RadarClient() override { net::detail::setClock(nullptr); }
-
     void receive(const std::string& datagram, const char* from = "10.1.2.3") {
         m_client.OnUdpGroupDataReceived(from, 6878, "236.6.7.5", 6878, datagram.data(),
                                         static_cast<int>(datagram.size()));
     }
-    void receiveTcp(const std::string& chunk) {
-        m_client.OnTcpDataReceived(3, "10.1.2.3", 6878, chunk.data(), static_cast<int>(chunk.size()));
-    }
 
     const ProfileDirectory m_profile;
     MultiRadarClientPrivate m_client;
-};
-
-class FixedRadarClient : public RadarClient {
-protected:
-    FixedRadarClient() : RadarClient("[Radar]\nIP = 127.0.0.9\nTCPService = yes\n") {}
 };
 
 TEST_F(RadarClient, NamesAreCopiedInOrderUpToTheMaximum) {
@@ -73,21 +62,6 @@ TEST_F(RadarClient, TcpServiceSettingIsReadWithEveryLongAnnouncement) {
     m_profile.write("[Radar]\nTCPService = yes\n");
     receive(offer);
     EXPECT_THAT(m_client.getRadar(), ElementsAre("R1", "R1:TCP"));
-}
-
-TEST_F(RadarClient, MessagesOfTheTcpStreamAreListed) {
-    const std::string message = AnnouncementBytes(222, "ZQ-7");
-    receiveTcp(message.substr(0, 100));
-    EXPECT_THAT(m_client.getRadar(), ElementsAre());
-    receiveTcp(message.substr(100));
-    EXPECT_THAT(m_client.getRadar(), ElementsAre("ZQ-7"));
-}
-
-TEST_F(FixedRadarClient, OnlyTcpEntriesAreKept) {
-    receive(AnnouncementBytes(150, "Plain"));
-    receive(AnnouncementBytes(222, "R1").at(22, 1).at(30, 1));
-    receive(AnnouncementBytes(150, "TCP mast"));
-    EXPECT_THAT(m_client.getRadar(), ElementsAre("R1:TCP", "TCP mast"));
 }
 
 std::int64_t s_time;

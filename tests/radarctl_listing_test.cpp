@@ -1,77 +1,22 @@
 // What people meet at the terminal: tables, keys, hints, and what a search leaves behind.
-#include "profile_directory.h"
-#include "wait.h"
+#include "radarctl_fixture.h"
 
-#include <UdpSocket/hostserver.h>
 #include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <lab/lan.h>
-
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
-
 namespace {
 
-using namespace std::chrono_literals;
 using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::StartsWith;
 
-struct Result {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
-std::vector<std::string> lines(const std::string& text) {
-    std::istringstream stream(text);
-    std::vector<std::string> result;
-    for (std::string line; std::getline(stream, line);)
-        result.push_back(line);
-    return result;
-}
-
-/// A computer with two interfaces on the LAN, another one, and a display whose local address is configured.
-class Listing : public testing::Test {
+class Listing : public Radarctl {
 protected:
-    using Words = std::vector<std::string>;
-    static Words radarctl(Words arguments) {
-        arguments.insert(arguments.begin(), RADARCTL);
-        return arguments;
+    std::string routes(const char* node) {
+        return runOn(node, {"ip", "route", "show", "table", "all"}).output;
     }
-    lab::Process start(const char* node, const Words& command) {
-        return m_lan.node(node).start({.command = command});
-    }
-    /// Returns when the host serves.
-    lab::Process startHost(const char* node, Words arguments) {
-        arguments.insert(arguments.begin(), "host");
-        lab::Process host = start(node, radarctl(arguments));
-        EXPECT_TRUE(host.lineWith("serving", 30s));
-        return host;
-    }
-    Result run(const char* node, const Words& command) {
-        const std::string errors = m_profile.path() / "errors";
-        lab::Process process = m_lan.node(node).start({.command = command, .errorFile = errors});
-        const int status = process.wait(40s).value_or(-1);
-        std::ifstream file(errors);
-        const std::string written{std::istreambuf_iterator<char>(file), {}};
-        std::filesystem::remove(errors); // it is appended to
-        return {status, process.output(), written};
-    }
-    Result run(Words arguments) { return run("display", radarctl(std::move(arguments))); }
-    std::string routes(const char* node) { return run(node, {"ip", "route", "show", "table", "all"}).output; }
-
-    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
-    lab::Lan m_lan{
-        {{"host1", {{"10.20.1.1/16"}, {"10.20.3.1/16"}}, true}, lab::radarHost(2), lab::display(1)}};
 };
 
 /// A radar that, told to give its id up, takes the next of a list.
@@ -119,9 +64,9 @@ TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWan
     for (std::uint8_t id = 16; id <= 63; ++id)
         if (id != 37)
             servers.push_back(std::make_unique<HostServer>(("R" + std::to_string(id)).c_str(), id, 1U));
-    lab::Process host = start("host1", radarctl({"host", "--name", "North"}));
+    lab::Process host = start("host1", {"host", "--name", "North"});
     EXPECT_THAT(host.lineWith("serving", 30s).value_or(""), HasSubstr("as host id 37,"));
-    lab::Process twin = start("host1", radarctl({"host", "--name", "Twin", "--id", "20"}));
+    lab::Process twin = start("host1", {"host", "--name", "Twin", "--id", "20"});
     EXPECT_THAT(twin.nextLine(30s).value_or(""), HasSubstr("host id 20 is announced by R20 (10.20.1.2)"));
 }
 
@@ -160,10 +105,9 @@ private:
 };
 
 TEST_F(Listing, WatchScrollsKeepsTheAgesInSightAndMarksASharedId) {
-    const lab::Inside inside = m_lan.node("host1").enter();
-    const HostServer a("A radar of 16 by", 20, 1U);
-    const HostServer b("B", 20, 1U);
-    const HostServer c("C", 30, 1U);
+    const auto a = serve("host1", "A radar of 16 by", 20);
+    const auto b = serve("host1", "B", 20);
+    const auto c = serve("host1", "C", 30);
     Terminal terminal(m_lan.node("display"), m_profile.path(), 6, "watch");
     EXPECT_TRUE(terminal.shows("lines 1 to 1 of 3"));
     EXPECT_TRUE(terminal.shows("INTERFACE  LAST HEARD\r"));
@@ -176,23 +120,25 @@ TEST_F(Listing, WatchScrollsKeepsTheAgesInSightAndMarksASharedId) {
     EXPECT_TRUE(terminal.shows("C            30  eth0"));
     terminal.type("q");
     EXPECT_EQ(terminal.process().wait(30s), 0);
-    EXPECT_TRUE(terminal.process().output().ends_with("\x1b[?25h\x1b[?1049l"));
+    const std::string drawn = terminal.process().output();
+    EXPECT_THAT(drawn,
+                testing::AllOf(StartsWith("\x1b[?1049h\x1b[?25l"), HasSubstr("3 radars, on 10.20.2.1")));
+    EXPECT_TRUE(drawn.ends_with("\x1b[?25h\x1b[?1049l")) << testing::PrintToString(drawn);
 }
 
 TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeard) {
     Terminal terminal(m_lan.node("display"), m_profile.path(), 6, "watch");
-    lab::Process piped = start("display", radarctl({"watch"}));
+    lab::Process piped = start("display", {"watch"});
     EXPECT_TRUE(piped.lineWith("radarctl: no radar for 10 s; see radarctl doctor", 30s));
     EXPECT_TRUE(terminal.shows("no radar for 10 s; see radarctl doctor"));
 }
 
 TEST_F(Listing, ARadarIsNotSaidToAnnounceWhatAnotherHostOfItsComputerDoes) {
-    const lab::Inside inside = m_lan.node("host1").enter();
-    auto gone = std::make_unique<HostServer>("Gone", 20, 1U);
-    const HostServer other("Other", 30, 1U);
-    lab::Process watch = start("display", radarctl({"watch"}));
+    auto gone = serve("host1", "Gone", 20);
+    const auto other = serve("host1", "Other", 30);
+    lab::Process watch = start("display", {"watch"});
     EXPECT_TRUE(watch.lineWith("+ Gone", 30s));
-    gone = std::make_unique<HostServer>("Renamed", 20, 1U);
+    gone = serve("host1", "Renamed", 20);
     EXPECT_EQ(watch.lineWith("- Gone", 30s), "- Gone: 10.20.1.1 now announces Renamed");
     gone.reset();
     EXPECT_EQ(watch.lineWith("- Renamed", 30s), "- Renamed: 10.20.1.1 has not answered for 8 s, others do");
@@ -203,7 +149,7 @@ TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     const lab::Process north = startHost("host1", {"--name", "North"});
     const lab::Process south = startHost("host2", {"--name", "South"});
     const std::string before = routes("host1");
-    EXPECT_EQ(run("host1", radarctl({"list", "--timeout", "30"})).status, 0);
+    EXPECT_EQ(runOn("host1", radarctl({"list", "--timeout", "30"})).status, 0);
     EXPECT_EQ(routes("host1"), before);
     EXPECT_EQ(run({"show", "North", "--local", "10.20.2.1"}).status, 0) << "the radar is still on the air";
 
@@ -214,7 +160,7 @@ TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     std::filesystem::permissions(m_profile.path(), std::filesystem::perms(0777));
     const std::string path = "PATH=" + m_profile.path().string() + ":/usr/bin:/bin";
     const Result user =
-        run("display", {"env", path, "unshare", "--user", RADARCTL, "list", "--local", "10.20.2.1"});
+        runOn("display", {"env", path, "unshare", "--user", RADARCTL, "list", "--local", "10.20.2.1"});
     EXPECT_EQ(user.status, 0) << user.errors;
     EXPECT_EQ(user.errors, "");
     EXPECT_FALSE(std::filesystem::exists(m_profile.path() / "ran"));
@@ -224,9 +170,8 @@ TEST_F(Listing, WhatOthersChoseIsEscapedAndAligned) {
     const std::string rename =
         "name=$(printf 'e\\377\\0330'); ip link set eth0 down && ip link set eth0 name \"$name\" && "
         "ip link set \"$name\" up && ip address add 10.20.9.9/16 dev \"$name\"";
-    ASSERT_EQ(run("display", {"sh", "-c", rename}).status, 0);
-    const lab::Inside inside = m_lan.node("host1").enter();
-    const HostServer north("North", 20, 1U);
+    ASSERT_EQ(runOn("display", {"sh", "-c", rename}).status, 0);
+    const auto north = serve("host1", "North", 20);
     const Result list = run({"list", "--timeout", "30"});
     EXPECT_EQ(list.status, 0) << list.errors;
     EXPECT_THAT(list.output, HasSubstr(" e\\xFF\\x1B0  "));
@@ -249,7 +194,7 @@ TEST_F(Listing, ListenFitsTheTerminalAndNamesDoctorWhereNothingArrives) {
     std::vector<std::unique_ptr<net::UdpSender>> senders;
     for (int i = 0; i < 20; ++i)
         senders.push_back(std::make_unique<net::UdpSender>("236.6.7.99", 6131, 0, 0));
-    lab::Process listen = start("display", radarctl({"listen", "North", "0", "--seconds", "2.5"}));
+    lab::Process listen = start("display", {"listen", "North", "0", "--seconds", "2.5"});
     const std::string longest(1400, 'x');
     while (!listen.wait(10ms))
         for (const auto& sender : senders)
@@ -260,22 +205,6 @@ TEST_F(Listing, ListenFitsTheTerminalAndNamesDoctorWhereNothingArrives) {
     table.erase(table.begin()); // what it listens to
     for (const std::string& line : table)
         EXPECT_LE(line.size(), 80) << line;
-}
-
-TEST_F(Listing, AWordTypedWronglyIsNamed) {
-    const std::pair<Words, const char*> cases[] = {
-        {{"lsit"}, "radarctl: no command 'lsit'; did you mean list?"},
-        {{"--color", "never", "frobnicate"}, "radarctl: no command 'frobnicate'; there are: list, watch"},
-        {{"--verbos"}, "radarctl: no option '--verbos'"},
-        {{"host", "--rate", "30"}, "radarctl: --rate requires --simulate"},
-    };
-    for (const auto& [words, expected] : cases) {
-        const Result result = run(words);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_THAT(result.errors, StartsWith(expected));
-    }
-    EXPECT_THAT(run({"list", "--interface", "eth0", "--timeout", "0.5"}).errors,
-                StartsWith("radarctl: no radar found within 0.5 s; only eth0 was looked at"));
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 // Descriptors and threads run out and come back: the library reports it in a line, and works again.
+#include "everything.h"
 #include "faults.h"
 #include "one_interface.h"
 #include "profile_directory.h"
@@ -7,10 +8,6 @@
 #include "wait.h"
 
 #include <UdpSocket/base/timing.h>
-#include <UdpSocket/hostnegotiator.h>
-#include <UdpSocket/hostserver.h>
-#include <UdpSocket/multiradarclient.h>
-#include <UdpSocket/netiphelper.h>
 
 #include <gmock/gmock.h>
 
@@ -27,8 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-
-constexpr const char* kGroup = "236.1.2.3";
 
 /// Displays are set to the one interface, and receive hosts of this machine.
 class Resources : public OneInterface {
@@ -51,35 +46,10 @@ protected:
         timing.clientTick = 50ms;
         net::detail::setTiming(timing);
     }
-    ~Resources() override { net::detail::setTiming({}); }
 
     const ProfileDirectory m_profile{"[Local]\nIP = 10.1.0.1\nMulticastLoop = true\n"};
     const unsigned int m_local = net::transAddr("10.1.0.1");
     Recorder m_recorder;
-};
-
-/// Everything that the library makes, as long as the object lives.
-struct Everything {
-    explicit Everything(net::iUdpDataListener* listener, unsigned int local, unsigned short port)
-        : server(nullptr), client(nullptr, "127.0.0.1", port, 0), receiver(listener, local, kGroup, 5000, 64),
-          sender(kGroup, 5000, local, 0), socket(listener, 64), checker(kGroup, 5001, "radar"),
-          negotiator(nullptr, nullptr), host("North", 16, 2),
-          watcher(false, "eth9", "10.5.0.9", "255.255.255.0") {
-        server.connect("127.0.0.1", port, 5);
-        client.connectOnce();
-        socket.SetGroupRecvSockAddr(local, kGroup, 5002);
-        negotiator.asyncLogin(16);
-    }
-    net::TcpServer server;
-    net::TcpClient client;
-    net::UdpReceiver receiver;
-    net::UdpSender sender;
-    net::UdpSocket socket;
-    net::UdpChecker checker;
-    HostNegotiator negotiator;
-    HostServer host;
-    net::tNetIPHelper watcher;
-    MultiRadarClient display;
 };
 
 TEST_F(Resources, ObjectsMadeWithoutDescriptorsWorkOnceSomeAreFree) {
@@ -111,7 +81,7 @@ TEST_F(Resources, ObjectsMadeWithoutDescriptorsWorkOnceSomeAreFree) {
     EXPECT_TRUE(comesTrue(
         [&] { return all->sender.sendData("heard", 5) == 5 && m_recorder.nextBytes(500ms) == "heard"; }));
     EXPECT_TRUE(all->server.connect("127.0.0.1", port, 5));
-    EXPECT_TRUE(comesTrue([&] { return all->client.isConnected(); }));
+    EXPECT_TRUE(comesTrue([&] { return all->tcp.isConnected(); }));
 }
 
 TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
@@ -119,7 +89,7 @@ TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
     ::close(STDOUT_FILENO);
     {
         Everything all(&m_recorder, m_local, tcp_test::freePort());
-        EXPECT_TRUE(comesTrue([&] { return all.client.isConnected() && all.server.isConnected(); }));
+        EXPECT_TRUE(comesTrue([&] { return all.tcp.isConnected() && all.server.isConnected(); }));
         EXPECT_TRUE(comesTrue([] { return ::fcntl(STDOUT_FILENO, F_GETFD) == -1; }))
             << "a file read meanwhile";
     }

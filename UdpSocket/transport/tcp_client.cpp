@@ -7,22 +7,19 @@
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/base/thread.h>
 #include <UdpSocket/base/timing.h>
-#include <UdpSocket/transport/interfaces.h>
+#include <UdpSocket/transport/tcp_connection.h>
+#include <UdpSocket/transport/tcp_send_queue.h>
 #include <UdpSocket/transport/tcp_sites.h>
 #include <UdpSocket/transport/tcp_stream.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
@@ -33,18 +30,17 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace tcp_site = detail::tcp_site;
+using detail::Connection;
+using detail::ConnectionPtr;
+using State = Connection::State;
 
 constexpr int kTicksBetweenAttempts = 10;      // an attempt or a probe every eleventh idle tick
 constexpr auto kPauseAfterTimeOut = 10ms;      // of the receive thread
 constexpr std::size_t kReceiveBuffer = 204800; // longest piece given to the listener
-constexpr std::size_t kLongQueue = 100;        // a longer one is worth a warning
 constexpr char kProbe[] = "check";             // sent with its zero byte
 
 } // namespace
 
-/// Each socket with its flags is one Connection, which every thread that works on it holds: a thread that is
-/// late cannot touch, or mark as lost, the connection that has replaced its own.
-///
 /// Threads: see TcpClient. The auto-connect thread and the queue thread live from constructor to destructor;
 /// a receive thread is joined before the next one starts, after the next Connected. Life cycle: the
 /// destructor stops every pause, shuts the socket (which wakes what blocks on it, connecting included) and
@@ -64,41 +60,10 @@ public:
     void notifyForQuit() { m_running = false; }
 
 private:
-    enum class State {
-        kFresh,     // not connected yet
-        kStanding,  // all that counts as connected
-        kPeerEnded, // nothing comes any more, while what was to be sent by then still goes out
-        kLost,      // lost; the socket is left as it is
-        kEnded,     // by ourselves: what its threads meet from now on is no error
-    };
-    struct Connection {
-        explicit Connection(detail::Descriptor descriptor) : socket(std::move(descriptor)) {}
-        bool stands() const { return state == State::kStanding; }
-        bool takesBytes() const { return stands() || state == State::kPeerEnded; }
-        void end() {
-            state = State::kEnded;
-            detail::endStream(socket);
-        }
-        /// The loss of a connection that stood. @param next kPeerEnded or kLost
-        void lose(State next) {
-            State before = state;
-            while ((before == State::kStanding || before == State::kPeerEnded) &&
-                   !state.compare_exchange_weak(before, next)) {
-            }
-        }
-
-        const detail::Descriptor socket;
-        std::atomic<State> state = State::kFresh;
-        detail::Turns sends;
-    };
-    using ConnectionPtr = std::shared_ptr<Connection>;
-
     ConnectionPtr current() const;
     bool running() const { return m_running && !m_ending.stopped(); }
 
     ConnectionPtr reset() REQUIRES(m_connectMutex);
-    void bindToInterface(const detail::Descriptor& socket) const;
-    bool connectSocket(const detail::Descriptor& socket) const;
     bool connectUnlessConnected();
     ConnectionPtr announced() const;
     void announceLoss(const ConnectionPtr& lost);
@@ -110,7 +75,6 @@ private:
     void pass();
     void receiveThread(const ConnectionPtr& connection, char* buffer);
     void queueThread();
-    void setQueueHeld(bool held);
 
     iTcpDataListener* const m_listener;
     const sockaddr_in m_server;
@@ -125,12 +89,9 @@ private:
     ConnectionPtr m_current GUARDED_BY(m_stateMutex);   // never null
     ConnectionPtr m_announced GUARDED_BY(m_stateMutex); // Connected was called for it, Disconnected was not
 
-    detail::Mutex m_queueMutex ACQUIRED_BEFORE(m_stateMutex);
-    detail::Condition m_queued;
-    std::deque<std::string> m_queue GUARDED_BY(m_queueMutex);
-    bool m_queueHeld GUARDED_BY(m_queueMutex) = false;
+    detail::SendQueue m_queue; // its mutex is taken after m_connectMutex and before m_stateMutex
 
-    detail::Mutex m_connectMutex ACQUIRED_BEFORE(m_queueMutex); // one socket is made and connected at a time
+    detail::Mutex m_connectMutex ACQUIRED_BEFORE(m_stateMutex); // one socket is made and connected at a time
     std::thread m_receiver GUARDED_BY(m_connectMutex);
     std::thread m_autoConnect;
     std::thread m_sender;
@@ -146,7 +107,7 @@ TcpClientPrivate::TcpClientPrivate(iTcpDataListener* listener, in_addr_t ip, uns
         m_autoConnect = detail::startThread("radar-tcp-conn", [this] { autoConnectThread(); });
     } catch (...) {
         m_ending.stop();
-        m_queued.notify_all();
+        m_queue.wake();
         m_sender.join();
         throw;
     }
@@ -156,8 +117,7 @@ TcpClientPrivate::~TcpClientPrivate() {
     m_running = false;
     m_ending.stop();
     current()->end();
-    { detail::Lock lock(m_queueMutex); } // the queue thread waits, or will see the end
-    m_queued.notify_all();
+    m_queue.wake();
     { detail::Lock lock(m_connectMutex); } // an attempt in progress ends now, a later one does not begin
     m_autoConnect.join();
     current()->end(); // when that attempt has just succeeded
@@ -166,7 +126,7 @@ TcpClientPrivate::~TcpClientPrivate() {
     m_sender.join();
 }
 
-TcpClientPrivate::ConnectionPtr TcpClientPrivate::current() const {
+ConnectionPtr TcpClientPrivate::current() const {
     detail::Lock lock(m_stateMutex);
     return m_current;
 }
@@ -174,56 +134,16 @@ TcpClientPrivate::ConnectionPtr TcpClientPrivate::current() const {
 // ------------------------------------------------------------------------------------------- connecting
 
 /// Ends the current connection and makes a new socket with its options. Needs the connection lock.
-TcpClientPrivate::ConnectionPtr TcpClientPrivate::reset() {
+ConnectionPtr TcpClientPrivate::reset() {
     current()->end();
     auto connection = std::make_shared<Connection>(detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK));
-    const detail::Descriptor& socket = connection->socket;
-    if (!socket.isOpen()) {
+    if (connection->socket.isOpen())
+        connection->setOptions(m_localIp, m_errors);
+    else
         m_errors.report(tcp_site::kClientSocket);
-    } else {
-        detail::setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
-        detail::enableKeepAlive(socket);
-        bindToInterface(socket);
-        if (!detail::setOption(socket, SOL_SOCKET, SO_RCVTIMEO, detail::toTimeval(detail::kTcpTimeOut)))
-            m_errors.report(tcp_site::kClientReceiveTimeOut);
-    }
     detail::Lock lock(m_stateMutex);
     m_current = connection;
     return connection;
-}
-
-void TcpClientPrivate::bindToInterface(const detail::Descriptor& socket) const {
-    if (m_localIp == 0)
-        return;
-    const std::string name = localIfaName(m_localIp);
-    if (name.empty())
-        return;
-    if (!detail::bindToDevice(socket, detail::deviceName(name)))
-        m_errors.report(tcp_site::kClientBindToDevice);
-}
-
-/// A blocking connect that the destructor cuts short: it stops m_ending first and shuts the socket second, so
-/// that one of the two is noticed here.
-bool TcpClientPrivate::connectSocket(const detail::Descriptor& socket) const {
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&m_server), sizeof m_server) != 0) {
-        if (errno != EINPROGRESS)
-            return false;
-        pollfd writable{socket.get(), POLLOUT, 0};
-        int ready;
-        do {
-            if (m_ending.stopped())
-                return false;
-            ready = ::poll(&writable, 1, -1);
-        } while (ready == -1 && errno == EINTR);
-        if (ready == -1)
-            return false;
-        int error = 0;
-        socklen_t length = sizeof error;
-        if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0 ||
-            m_ending.stopped())
-            return false;
-    }
-    return ::fcntl(socket.get(), F_SETFL, 0) == 0; // blocking from here on
 }
 
 bool TcpClientPrivate::connectOnce() {
@@ -251,7 +171,7 @@ bool TcpClientPrivate::connectUnlessConnected() {
     const ConnectionPtr connection = reset();
     std::printf("tcp client try to connect (addr = %s,port = %u)\r\n", m_errors.address().c_str(),
                 m_errors.port());
-    if (!connectSocket(connection->socket)) {
+    if (!connection->connect(m_server, m_ending)) {
         std::printf("tcp client connected failed ...\r\n");
         return false;
     }
@@ -259,21 +179,20 @@ bool TcpClientPrivate::connectUnlessConnected() {
                 m_errors.port());
     {
         const detail::ScopeExit owed([&] { // a Disconnected, also when the listener has thrown
-            if (connection->state == State::kFresh)
+            if (connection->state() == State::kFresh)
                 connection->end();
             {
                 detail::Lock stateLock(m_stateMutex);
                 m_announced = connection;
             }
-            setQueueHeld(false);
+            m_queue.setHeld(false);
         });
-        setQueueHeld(true);
+        m_queue.setHeld(true);
         if (m_listener != nullptr)
             m_listener->OnTcpClientConnected(0, m_errors.address().c_str(), m_errors.port());
         if (m_receiver.joinable())
             m_receiver.join(); // a listener that is still busy with old data delays what follows only
-        State fresh = State::kFresh;
-        connection->state.compare_exchange_strong(fresh, State::kStanding);
+        connection->stand();
     }
     m_running = true;
     if (!detail::launchThread(m_receiver, "radar-tcp-recv", [this, connection, kept = std::move(buffer)] {
@@ -287,7 +206,7 @@ bool TcpClientPrivate::connectUnlessConnected() {
 }
 
 /// The connection that is owed a Disconnected, standing or lost, or null.
-TcpClientPrivate::ConnectionPtr TcpClientPrivate::announced() const {
+ConnectionPtr TcpClientPrivate::announced() const {
     detail::Lock lock(m_stateMutex);
     return m_announced;
 }
@@ -362,7 +281,7 @@ void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buff
         errno = 0; // a closed connection is reported with code 0
         const ssize_t count = ::recv(fd, buffer, kReceiveBuffer, 0);
         const bool timedOut = count < 0 && (errno == EAGAIN || errno == EINTR);
-        if (announced() != connection || connection->state == State::kEnded)
+        if (announced() != connection || connection->state() == State::kEnded)
             break; // nothing comes behind its Disconnected
         if (count > 0) {
             m_idleTicks = 0;
@@ -386,9 +305,8 @@ void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buff
     std::printf("tcp client (addr = %s,port = %u) receive thread out ....\r\n", m_errors.address().c_str(),
                 m_errors.port());
     if (failed)
-        connection->end();           // a thread that still waits to send would not see it otherwise
-    detail::Lock lock(m_queueMutex); // between what is queued before and after
-    connection->lose(peerEnded ? State::kPeerEnded : State::kLost);
+        connection->end(); // a thread that still waits to send would not see it otherwise
+    m_queue.between([&] { connection->lose(peerEnded ? State::kPeerEnded : State::kLost); });
 }
 
 // ---------------------------------------------------------------------------------------------- sending
@@ -418,7 +336,7 @@ bool TcpClientPrivate::send(Connection& connection, const detail::Message& messa
             return false; // lost meanwhile
         result = detail::sendAll(connection.socket, message);
         code = errno;
-        endedHere = connection.state == State::kEnded || m_ending.stopped();
+        endedHere = connection.state() == State::kEnded || m_ending.stopped();
         if (result <= 0)
             connection.lose(State::kLost);
     }
@@ -436,45 +354,16 @@ bool TcpClientPrivate::send(Connection& connection, const detail::Message& messa
 }
 
 bool TcpClientPrivate::asyncSendData(const char* data, unsigned int len) {
-    {
-        detail::Lock lock(m_queueMutex);
-        if (current()->state == State::kPeerEnded)
-            return true; // only what stood in the queue before still goes out
-        m_queue.emplace_back(data, len);
-    }
-    m_queued.notify_one();
+    // Once the peer has ended its direction, only what stood in the queue before still goes out.
+    m_queue.add(data, len, [this] { return current()->state() == State::kPeerEnded; });
     return true;
 }
 
 void TcpClientPrivate::queueThread() {
-    while (running()) {
-        std::string item;
-        std::size_t left = 0;
-        {
-            detail::Lock lock(m_queueMutex);
-            const auto ready = [this]() REQUIRES(m_queueMutex) { return !m_queue.empty() && !m_queueHeld; };
-            m_queued.wait_for(lock, detail::timing().clientTick,
-                              [&]() REQUIRES(m_queueMutex) { return ready() || m_ending.stopped(); });
-            if (!ready() || m_ending.stopped())
-                continue;
-            item = std::move(m_queue.front());
-            m_queue.pop_front();
-            left = m_queue.size();
-        }
-        if (left > kLongQueue)
-            std::printf("Tcp %s list size %d !!!\r\n", "asyncSend", static_cast<int>(left));
-        if (const ConnectionPtr connection = current(); connection->takesBytes())
-            send(*connection, {item.data(), item.size()}, "send", tcp_site::kClientSend);
-    }
-}
-
-/// While a connection is being announced, what is queued waits for it.
-void TcpClientPrivate::setQueueHeld(bool held) {
-    {
-        detail::Lock lock(m_queueMutex);
-        m_queueHeld = held;
-    }
-    m_queued.notify_one();
+    while (running())
+        if (const auto item = m_queue.next(m_ending))
+            if (const ConnectionPtr connection = current(); connection->takesBytes())
+                send(*connection, {item->data(), item->size()}, "send", tcp_site::kClientSend);
 }
 
 TcpClient::TcpClient(iTcpDataListener* listener, const char* ip, unsigned short port, unsigned int localIp)

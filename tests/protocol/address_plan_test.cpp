@@ -4,15 +4,10 @@
 
 #include <gmock/gmock.h>
 
-#include <set>
-
 namespace {
 
-constexpr plan::EndpointField kAnnounced[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
-                                              &RadarAddress::imageState,  &RadarAddress::arpaStream,
-                                              &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
-
-// What the tables of docs/protocol.md do not show; protocol_test.cpp compares the plan with them.
+// What the tables of docs/protocol.md and examples/host.py do not show; protocol_test.cpp compares the plan
+// with both.
 
 TEST(AddressPlan, RecordLayoutIsWhatApplicationsRead) {
     const RadarAddress& record = plan::defaultRecord();
@@ -29,17 +24,6 @@ TEST(AddressPlan, RecordLayoutIsWhatApplicationsRead) {
     EXPECT_EQ(dedicated.multiNum, 2);
     EXPECT_EQ(text(dedicated.imageState), "234.5.6.75:34635");
     EXPECT_EQ(text(dedicated.infoDev[9]), "234.5.6.96:34656");
-}
-
-TEST(AddressPlan, HostsFromSixteenUpwardsShareNoEndpoint) {
-    std::set<std::string> used;
-    for (std::uint8_t id = 16; id <= 63; ++id)
-        for (const int stream : {0, 1}) {
-            for (const plan::EndpointField field : kAnnounced)
-                used.insert(text(plan::announcedEndpoint(id, field, stream)));
-            used.insert(text(plan::getOriginalImageEp(id, static_cast<std::uint8_t>(stream))));
-        }
-    EXPECT_EQ(used.size(), 48U * 14U) << "two hosts or two streams share an endpoint";
 }
 
 TEST(AddressPlan, HostIdsOutsideThePlanHaveTheEndpointsOfHostOne) {
@@ -64,11 +48,6 @@ TEST(AddressPlan, ArpaPortsDetermineHostIds) {
         EXPECT_EQ(number.portMatches, matches) << port;
         EXPECT_EQ(number.computed, computed) << port;
     }
-    for (std::uint8_t id = 16; id <= 63; ++id)
-        EXPECT_EQ(
-            plan::hostNumber(plan::hostOrderPort(plan::announcedEndpoint(id, &RadarAddress::arpaStream, 0)))
-                .id,
-            id);
 }
 
 TEST(AddressPlan, RecordBelongsToAHostIdWhereItsArpaPortIsExactlyThatHosts) {

@@ -25,6 +25,10 @@ Announcement read(std::string_view datagram, const DisplayOptions& options = {})
     return announcement.value_or(Announcement{});
 }
 
+constexpr plan::EndpointField kFields[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
+                                           &RadarAddress::imageState,  &RadarAddress::arpaStream,
+                                           &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
+
 /// The first entry listed.
 RadarAddress record(std::string_view datagram) {
     const Announcement announcement = read(datagram);
@@ -36,80 +40,32 @@ RadarEndpoint udp(const NetAddress& endpoint) {
     return {endpoint.ip, endpoint.port, 0};
 }
 
-/// The address plan and the two datagrams, written down a second time.
-const struct {
-    std::size_t inShort; // position in the datagram, 0 = absent
-    std::size_t inLong;
-    plan::EndpointField field;
-    int stream;
-    int offset; // in the block of a host, but for host 1
-    const char* groupOfHostOne;
-    unsigned short portOfHostOne;
-} kEndpoints[] = {
-    {88, 88, &RadarAddress::imageStream, 0, 0, "236.6.7.8", 6878},
-    {98, 98, &RadarAddress::imageCtrl, 0, 1, "236.6.7.10", 6680},
-    {108, 108, &RadarAddress::imageState, 0, 2, "236.6.7.9", 6679},
-    {0, 124, &RadarAddress::imageStream, 1, 3, "236.6.7.13", 6657},
-    {0, 134, &RadarAddress::imageCtrl, 1, 4, "236.6.7.14", 6658},
-    {0, 144, &RadarAddress::imageState, 1, 5, "236.6.7.15", 6659},
-    {124, 160, &RadarAddress::arpaStream, 0, 6, "236.6.7.18", 6688},
-    {134, 170, &RadarAddress::arpaCtrl, 0, 7, "236.6.7.20", 6690},
-    {144, 180, &RadarAddress::arpaState, 0, 8, "236.6.7.19", 6889},
-    {0, 196, &RadarAddress::arpaStream, 1, 9, "236.6.7.12", 6660},
-    {0, 206, &RadarAddress::arpaCtrl, 1, 10, "236.6.7.13", 6661},
-    {0, 216, &RadarAddress::arpaState, 1, 11, "236.6.7.14", 6862},
-};
-
-NetAddress expectedEndpoint(int id, int offset, const char* groupOfHostOne, unsigned short portOfHostOne) {
-    if (id == 1)
-        return endpoint(groupOfHostOne, portOfHostOne);
-    const int address = 35 + 16 * (id - 16) + offset;
-    const std::string group =
-        "236.6." + std::to_string(7 + address / 256) + "." + std::to_string(address % 256);
-    return endpoint(group.c_str(), static_cast<unsigned short>(6003 + 32 * (id - 16) + offset));
-}
-
-RadarAddress expectedRecord(int id, int stream, bool completed) {
+/// What the plan makes of a host's stream.
+RadarAddress planned(std::uint8_t id, int stream, bool completed) {
     RadarAddress record{};
-    for (const auto& row : kEndpoints)
-        if (row.stream == stream)
-            record.*row.field = udp(expectedEndpoint(id, row.offset, row.groupOfHostOne, row.portOfHostOne));
-    if (!completed)
-        return record;
-    record.imageOriginal = udp(stream == 0 ? expectedEndpoint(id, 12, "236.6.7.7", 6677)
-                                           : expectedEndpoint(id, 13, "236.6.7.16", 6656));
-    const int device = id == 1 ? 0 : 32 * (id - 9);
-    for (int i = 0; i < 10; ++i) {
-        const std::string group = "236.6." + std::to_string(11 + (10 + device + i) / 256) + "." +
-                                  std::to_string((10 + device + i) % 256);
-        record.infoDev[static_cast<std::size_t>(i)] =
-            endpoint(group.c_str(), static_cast<unsigned short>(7600 + device + i));
+    for (const plan::EndpointField field : kFields)
+        record.*field = udp(plan::announcedEndpoint(id, field, stream));
+    if (completed) {
+        record.imageOriginal = udp(plan::getOriginalImageEp(id, static_cast<std::uint8_t>(stream)));
+        plan::fillInfoDevices(record.infoDev, plan::getInfoDevBaseEp(id));
     }
     return record;
 }
 
-TEST(Announcement, WhatEveryHostComposesIsThePlanByteForByteAndWhatDisplaysRead) {
-    for (int id = 1; id <= 63; id = id == 1 ? 16 : id + 1)
+// protocol_test.cpp compares what is composed with what examples/host.py does.
+TEST(Announcement, WhatEveryHostComposesIsReadAsThePlanHasIt) {
+    for (std::uint8_t id = 1; id <= 63; id = id == 1 ? 16 : id + 1)
         for (const unsigned streams : {1U, 2U}) {
-            const std::string name = "R" + std::to_string(id) + "/" + std::to_string(streams);
-            SCOPED_TRACE(name);
-            std::string expected(streams == 1 ? 150 : 222, '\0');
-            expected.replace(0, 2, "\x01\xB2").replace(2, name.size(), name);
-            for (const auto& row : kEndpoints) {
-                const NetAddress place =
-                    expectedEndpoint(id, row.offset, row.groupOfHostOne, row.portOfHostOne);
-                if (const auto position = streams == 1 ? row.inShort : row.inLong)
-                    expected.replace(position, 6, reinterpret_cast<const char*>(&place), 6);
-            }
-            ASSERT_EQ(protocol::composeAnnouncement(name, static_cast<std::uint8_t>(id), streams), expected);
-            const Announcement announcement = read(expected, kTcpService);
-            EXPECT_THAT(names(announcement), ElementsAre(name));
-            EXPECT_EQ(bytes(announcement.listings[0].record), bytes(expectedRecord(id, 0, streams == 2)));
+            SCOPED_TRACE(testing::Message() << int{id} << " with " << streams << " streams");
+            const Announcement announcement =
+                read(protocol::composeAnnouncement("R", id, streams), kTcpService);
+            EXPECT_THAT(names(announcement), ElementsAre("R"));
+            EXPECT_EQ(bytes(announcement.listings[0].record), bytes(planned(id, 0, streams == 2)));
             EXPECT_FALSE(announcement.answer);
             ASSERT_EQ(announcement.secondStream.has_value(), streams == 2);
             ASSERT_EQ(announcement.number.has_value(), streams == 2) << "the short form computes no number";
             if (streams == 2) {
-                EXPECT_EQ(bytes(*announcement.secondStream), bytes(expectedRecord(id, 1, true)));
+                EXPECT_EQ(bytes(*announcement.secondStream), bytes(planned(id, 1, true)));
                 EXPECT_EQ(announcement.number->id, id);
             }
         }
@@ -120,7 +76,7 @@ TEST(Announcement, HostWithEndpointsOfItsOwnComposesItsImageEndpoints) {
     own.imageStream = {net::transAddr("239.1.1.1"), net::HtoNs(111), 2}; // kinds are not announced
     own.imageState = udp(endpoint("239.1.1.3", 113));
     own.arpaStream = udp(endpoint("239.1.1.4", 114)); // the plan's is announced
-    RadarAddress expected = expectedRecord(17, 0, false);
+    RadarAddress expected = planned(17, 0, false);
     expected.imageStream = udp(own.imageStream);
     expected.imageCtrl = {};
     expected.imageState = own.imageState;
@@ -204,15 +160,12 @@ TEST(Announcement, TcpServiceIsAnEntryOfItsOwn) {
     RadarAddress expected = plan::dedicatedRecord(2);
     expected.head = net::transAddr("10.1.2.3");
     EXPECT_EQ(bytes(service(offer)), bytes(expected)) << "no TCP endpoint: the dedicated one stays";
-    constexpr plan::EndpointField fields[] = {&RadarAddress::imageStream, &RadarAddress::imageCtrl,
-                                              &RadarAddress::imageState,  &RadarAddress::arpaStream,
-                                              &RadarAddress::arpaCtrl,    &RadarAddress::arpaState};
-    for (std::size_t i = 0; i < std::size(fields); ++i)
+    for (std::size_t i = 0; i < std::size(kFields); ++i)
         for (const auto& [theirs, ours] : {std::pair{0, 0}, {1, 2}, {2, 1}, {4, 255}}) {
             AnnouncementBytes datagram = offer;
             datagram.at(31 + 6 * i, endpoint("10.1.2.4", 7001)).at(67 + i, static_cast<char>(theirs));
             RadarAddress one = expected;
-            one.*fields[i] = {net::transAddr("10.1.2.4"), net::HtoNs(7001), static_cast<std::uint8_t>(ours)};
+            one.*kFields[i] = {net::transAddr("10.1.2.4"), net::HtoNs(7001), static_cast<std::uint8_t>(ours)};
             EXPECT_EQ(bytes(service(datagram)), bytes(one)) << "endpoint " << i << ", kind " << theirs;
         }
     const auto own = AnnouncementBytes(offer)

@@ -56,6 +56,8 @@ protected:
     InterfaceSearch m_search{net::detail::SearchTiming{}};
 };
 
+// Addresses that come, go or are configured: simulation/search_oracle.h.
+
 TEST_F(InterfaceSearchTest, BeaconsHeardInTwoPeriodsInARowSettleItWithoutAQuery) {
     follow({{0, {1, 2}, {}, FirstBeacons, ""},
             {2999, {1, 2}, {2}, FirstBeacons, ""},
@@ -92,43 +94,12 @@ TEST_F(InterfaceSearchTest, AddressIsLeftWhereOnlyAnotherOneHearsARadar) {
             {17000, {1, 2}, {1}, Pause, "beacon 2: 1"}});
 }
 
-TEST_F(InterfaceSearchTest, AddressThatIsGoneAtTheEndDoesNotCount) {
-    follow({{0, {1, 2}, {}, FirstBeacons, ""},
-            {3000, {1, 2}, {1, 2}, SecondBeacons, ""},
-            {6000, {1}, {1, 2}, Pause, "beacon 0: 1"}});
-    follow({{7000, {1, 2}, {}, Pause, ""},
-            {11000, {1, 2}, {}, FirstBeacons, ""},
-            {14000, {1, 2}, {1}, SecondBeacons, ""},
-            {17000, {2}, {1}, Joining, ""}, // as if no beacon had been heard
-            {18000, {2}, {}, Answers, ""},
-            {20000, {2}, {1}, Pause, ""},
-            {20001, {1}, {}, FirstBeacons, ""}});
-    follow({{23001, {1}, {1}, SecondBeacons, ""}, {26001, {1}, {1}, Pause, "beacon 1: 1"}});
-}
-
-TEST_F(InterfaceSearchTest, NothingIsSearchedWithoutAnAddress) {
-    searchUntilAnswers(0, {1});
-    follow({{6000, {1}, {1}, Pause, "answer 0: 1"}, {7000, {}, {}, Pause, ""}, {12000, {}, {}, Pause, ""}});
-    searchUntilAnswers(12001, {1});
-    follow({{18001, {1}, {1}, Pause, "answer 1: 1"}});
-}
-
 TEST_F(InterfaceSearchTest, PeriodLastsFromTheOpeningOfItsSockets) {
     follow({{0, {1}, {}, FirstBeacons, ""}});
     m_search.listeningSince(moment(700));
     follow({{3699, {1}, {}, FirstBeacons, ""}, {3700, {1}, {}, Joining, ""}});
     m_search.listeningSince(moment(4000));
     follow({{4999, {1}, {}, Joining, ""}, {5000, {1}, {}, Answers, ""}, {7000, {1}, {}, Pause, ""}});
-}
-
-TEST_F(InterfaceSearchTest, ConfiguredAddressEndsASearchAndTheNextOneBeginsAtOnce) {
-    follow({{0, {1}, {}, FirstBeacons, ""}, {3000, {1}, {1}, SecondBeacons, ""}});
-    m_search.heard(1);
-    m_search.configure(9);
-    EXPECT_EQ(m_search.phase(), Pause);
-    EXPECT_EQ(m_search.current(), 9U);
-    searchUntilAnswers(3001, {1});
-    follow({{9001, {1}, {1}, Pause, "answer 9: 1"}});
 }
 
 } // namespace

@@ -55,6 +55,8 @@ struct Table : RadarTable {
     }
 };
 
+// Which names stay and leave, the simulation shows (simulation/table_oracle.h).
+
 TEST(RadarTable, NamesStandInByteOrderAndLeaveInIt) {
     Table table;
     for (const char* name : {"b", "\xC3\x84", "", "B", "b:TCP"})
@@ -65,49 +67,6 @@ TEST(RadarTable, NamesStandInByteOrderAndLeaveInIt) {
     EXPECT_THAT(names, ElementsAre("", "B", "b", "b:TCP", "\xC3\x84"));
     EXPECT_THAT(table.removed(1008), ElementsAre(" 1000", "B 1000", "b 1000", "b:TCP 1000", "\xC3\x84 1000"));
     EXPECT_THAT(table.entries(), IsEmpty());
-}
-
-TEST(RadarTable, FullTableMakesRoomAtTheCostOfTheSourceWithTheMostNames) {
-    Table table;
-    table.put("Real", 2);
-    table.fill("flood", 1, kMax - 1);
-    EXPECT_EQ(table.put("flood more", 1), "refused");
-    EXPECT_EQ(table.put("flood more", 1), "refused") << "also when tried again";
-    EXPECT_EQ(table.find("flood more"), nullptr);
-    EXPECT_EQ(table.put("flood 4094", 1), "updated") << "and what is listed goes on";
-    EXPECT_EQ(table.put("flood 4093", 1), "updated");
-    EXPECT_EQ(table.put("Real", 2), "updated");
-    EXPECT_EQ(table.put("Real:TCP", 2), "added for flood 4094") << "the one that entered last";
-    EXPECT_EQ(table.put("Other", 3), "added for flood 4093");
-    EXPECT_EQ(table.entries().size(), kMax);
-}
-
-TEST(RadarTable, SourcesWithAsManyNamesGiveUpOneInTurn) {
-    Table table;
-    table.fill("a", 1, kMax / 2);
-    table.fill("b", 2, kMax / 2);
-    std::vector<std::string> displaced;
-    for (const char* name : {"c", "d", "e", "f"})
-        displaced.push_back(table.put(name, 3));
-    EXPECT_THAT(displaced, testing::UnorderedElementsAre("added for a 2047", "added for b 2047",
-                                                         "added for a 2046", "added for b 2046"));
-}
-
-TEST(RadarTable, NameCountsForTheSourceOfItsLastAnnouncement) {
-    Table table;
-    table.fill("a", 1, 2100);
-    table.fill("b", 2, kMax - 2100); // 1996
-    for (int i = 0; i < 200; ++i)
-        EXPECT_EQ(table.put("a " + std::to_string(i), 3), "updated"); // a has 1900 now
-    EXPECT_EQ(table.put("new", 4), "added for b 1995");
-    for (int i = 200; i < 2100; ++i)
-        table.put("a " + std::to_string(i), 3);
-    EXPECT_EQ(table.put("a new", 1), "added for a 2099") << "the source that took them over pays";
-    EXPECT_EQ(table.put("b 1995", 2), "added for a 2098");
-    EXPECT_EQ(table.put("a 5", 1), "updated") << "taken back";
-    EXPECT_EQ(table.removed(8).size(), kMax);
-    table.fill("a", 1, kMax);
-    EXPECT_EQ(table.put("c", 3), "added for a 4095") << "who has left counts no more";
 }
 
 TEST(RadarTable, UpdateByTheSameSourceNeedsNoMemory) {

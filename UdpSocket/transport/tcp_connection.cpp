@@ -1,0 +1,65 @@
+#include <UdpSocket/transport/tcp_connection.h>
+
+#include <UdpSocket/transport/interfaces.h>
+#include <UdpSocket/transport/tcp_sites.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <string>
+
+namespace net::detail {
+
+void Connection::setOptions(unsigned int localIp, const ErrorReporter& errors) const {
+    setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+    enableKeepAlive(socket);
+    if (const std::string name = localIp == 0 ? "" : localIfaName(localIp);
+        !name.empty() && !bindToDevice(socket, deviceName(name)))
+        errors.report(tcp_site::kClientBindToDevice);
+    if (!setOption(socket, SOL_SOCKET, SO_RCVTIMEO, toTimeval(kTcpTimeOut)))
+        errors.report(tcp_site::kClientReceiveTimeOut);
+}
+
+bool Connection::connect(const sockaddr_in& server, const Pause& ending) const {
+    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0) {
+        if (errno != EINPROGRESS)
+            return false;
+        pollfd writable{socket.get(), POLLOUT, 0};
+        int ready;
+        do {
+            if (ending.stopped())
+                return false;
+            ready = ::poll(&writable, 1, -1);
+        } while (ready == -1 && errno == EINTR);
+        if (ready == -1)
+            return false;
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0 ||
+            ending.stopped())
+            return false;
+    }
+    return ::fcntl(socket.get(), F_SETFL, 0) == 0; // blocking from here on
+}
+
+void Connection::stand() {
+    State fresh = State::kFresh;
+    m_state.compare_exchange_strong(fresh, State::kStanding);
+}
+
+void Connection::end() {
+    m_state = State::kEnded;
+    endStream(socket);
+}
+
+void Connection::lose(State next) {
+    State before = m_state;
+    while ((before == State::kStanding || before == State::kPeerEnded) &&
+           !m_state.compare_exchange_weak(before, next)) {
+    }
+}
+
+} // namespace net::detail

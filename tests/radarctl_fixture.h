@@ -1,0 +1,79 @@
+/// @file
+/// radarctl, run on the computers of a LAN.
+#pragma once
+
+#include "profile_directory.h"
+#include "wait.h"
+
+#include <UdpSocket/hostserver.h>
+
+#include <lab/lan.h>
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+inline std::vector<std::string> lines(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> result;
+    for (std::string line; std::getline(stream, line);)
+        result.push_back(line);
+    return result;
+}
+
+/// A computer with two interfaces on the LAN, another one, and a display whose local address is configured.
+class Radarctl : public testing::Test {
+protected:
+    using Words = std::vector<std::string>;
+    struct Result {
+        int status;
+        std::string output;
+        std::string errors;
+    };
+
+    static Words radarctl(Words arguments) {
+        arguments.insert(arguments.begin(), RADARCTL);
+        return arguments;
+    }
+    lab::Process start(const char* node, Words arguments) {
+        return m_lan.node(node).start({.command = radarctl(std::move(arguments))});
+    }
+    /// Returns when the host serves.
+    lab::Process startHost(const char* node, Words arguments) {
+        arguments.insert(arguments.begin(), "host");
+        lab::Process host = start(node, arguments);
+        EXPECT_TRUE(host.lineWith("serving", 30s));
+        return host;
+    }
+    Result runOn(const char* node, const Words& command) {
+        const std::string errors = m_profile.path() / "errors";
+        lab::Process process = m_lan.node(node).start({.command = command, .errorFile = errors});
+        const int status = process.wait(40s).value_or(-1);
+        std::ifstream file(errors);
+        const std::string written{std::istreambuf_iterator<char>(file), {}};
+        std::filesystem::remove(errors); // it is appended to
+        return {status, process.output(), written};
+    }
+    /// radarctl on the display.
+    Result run(Words arguments) { return runOn("display", radarctl(std::move(arguments))); }
+
+    /// A host of this program, which need not negotiate its id.
+    std::unique_ptr<HostServer> serve(const char* node, const char* name, std::uint8_t id,
+                                      std::uint32_t streams = 1) {
+        const lab::Inside inside = m_lan.node(node).enter();
+        return std::make_unique<HostServer>(name, id, streams);
+    }
+
+    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
+    lab::Lan m_lan{
+        {{"host1", {{"10.20.1.1/16"}, {"10.20.3.1/16"}}, true}, lab::radarHost(2), lab::display(1)}};
+};
