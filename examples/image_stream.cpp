@@ -8,7 +8,9 @@
 #include <memory>
 #include <thread>
 
-// The local address that leads to the radars: receivers join their groups through it.
+// The local address that leads to the radars: receivers join their groups through it. With address 0, which
+// stands here until one is found, a receiver joins on the one interface to which the routes lead: on another,
+// it hears nothing.
 class LocalAddress : public iMultiRadarCheckerListener {
 public:
     void OnLocalIpChanged(unsigned int localIp) override { m_ip = localIp; }

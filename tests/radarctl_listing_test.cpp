@@ -10,7 +10,9 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
+using testing::Not;
 
 class Listing : public Radarctl {
 protected:
@@ -180,6 +182,9 @@ TEST_F(Listing, WhatOthersChoseIsEscapedAndAligned) {
                 ElementsAre(StartsWith("INTERFACE"),
                             MatchesRegex(R"(e\\xFF\\x1B0 {6}10\.20\.2\.1/16 .* North)"),
                             MatchesRegex(R"( {16}10\.20\.9\.9/16)")));
+    EXPECT_THAT(run({"doctor", "--seconds", "1"}).output,
+                AllOf(HasSubstr("interface e\\xFF\\x1B0: "), HasSubstr("through e\\xFF\\x1B0, "),
+                      Not(HasSubstr("\xFF")), Not(HasSubstr("\x1B"))));
     const nlohmann::json event = nlohmann::json::parse(run({"watch", "--json", "--count", "1"}).output);
     for (const char* time : {"time", "firstSeen", "lastSeen"})
         EXPECT_THAT(event[time].get<std::string>(),

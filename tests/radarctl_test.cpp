@@ -1,7 +1,12 @@
 #include "radarctl_fixture.h"
+#include "recorder.h"
 
 #include <csignal>
+#include <cstdio>
 #include <deque>
+#include <fstream>
+#include <map>
+#include <set>
 
 namespace {
 
@@ -131,6 +136,47 @@ TEST_F(Radarctl, SimulatedDataArriveAtTheAnnouncedEndpoints) {
     }
 }
 
+TEST_F(Radarctl, SimulatedImageHasTheFieldsOfItsPage) {
+    std::ifstream file(SIMULATOR_PAGE);
+    const std::string page{std::istreambuf_iterator<char>(file), {}};
+    std::map<std::string, std::pair<std::size_t, std::size_t>> fields; // offset and bytes
+    std::size_t length = 0;
+    for (const std::string& line : lines(page)) {
+        std::size_t offset = 0, bytes = 0;
+        char name[20];
+        if (std::sscanf(line.c_str(), "| %zu | %zu | %19s |", &offset, &bytes, name) == 3) {
+            EXPECT_EQ(offset, length) << line;
+            fields[name] = {offset, bytes};
+            length = offset + bytes;
+        }
+    }
+    const auto number = [&fields](const std::string& datagram, const char* field) { // network byte order
+        std::uint32_t value = 0;
+        for (const char byte : datagram.substr(fields.at(field).first, fields.at(field).second))
+            value = value << 8 | static_cast<unsigned char>(byte);
+        return value;
+    };
+
+    Recorder received;
+    const auto receiver =
+        makeIn<net::UdpReceiver>(m_lan.node("display"), &received, net::transAddr("10.20.2.1"), "236.6.7.8",
+                                 static_cast<unsigned short>(6878), 65536);
+    const lab::Process host =
+        startHost("host1", {"--name", "North", "--id", "1", "--simulate", "--rate", "120"});
+    std::set<char> samples;
+    for (int i = 0; i < 1100; ++i) { // more than a revolution
+        const std::string datagram = received.nextBytes();
+        ASSERT_EQ(datagram.size(), length);
+        EXPECT_EQ(datagram.substr(fields["mark"].first, fields["mark"].second), "SIMI");
+        EXPECT_TRUE(i != 0 || number(datagram, "sequence") == 0);
+        EXPECT_EQ(number(datagram, "spoke"), number(datagram, "sequence") % 1024);
+        EXPECT_EQ(number(datagram, "spokes"), 1024U);
+        for (const char sample : datagram.substr(fields["samples"].first, fields["samples"].second))
+            samples.insert(sample);
+    }
+    EXPECT_THAT(samples, testing::UnorderedElementsAre(static_cast<char>(8), static_cast<char>(240)));
+}
+
 TEST_F(Radarctl, ADisplayFollowsTheImageOfAHostThatIsRenumberedAndReset) {
     lab::Process host = startHost("host1", {"--name", "North", "--id", "1", "--simulate"});
     lab::Process display = m_lan.node("display").start({.command = {IMAGE_STREAM, "North"}});
@@ -148,6 +194,21 @@ TEST_F(Radarctl, ADisplayFollowsTheImageOfAHostThatIsRenumberedAndReset) {
                 testing::Optional(MatchesRegex("[1-9][0-9]* datagrams, [0-9]+ bytes")));
     EXPECT_EQ(run({"reset"}).status, 0);
     EXPECT_TRUE(host.lineWith("reset asked for", 30s));
+}
+
+TEST_F(Radarctl, TheExamplesOfAHostAndADisplayFollowARenumbering) {
+    lab::Process host = m_lan.node("host2").start({.command = {HOST_STREAM, "South", "20"}});
+    lab::Process display = m_lan.node("display").start({.command = {IMAGE_STREAM, "South"}});
+    for (const char* words : {"236.6.7.99 port 6131", ""}) { // the second time, what the host says
+        const std::string sent = host.lineWith("image to", 30s).value_or("image to nobody");
+        const std::string endpoint = sent.substr(sent.find("image to") + 9);
+        EXPECT_THAT(endpoint, StartsWith(words));
+        EXPECT_TRUE(display.lineWith("image from " + endpoint, 30s)) << sent;
+        EXPECT_TRUE(display.lineWith("datagrams, ", 30s).value_or("0 ").front() != '0');
+        if (*words != '\0') {
+            EXPECT_EQ(run({"renumber", "South"}).status, 0);
+        }
+    }
 }
 
 TEST_F(Radarctl, WatchReportsRadarsThatAppearChangeAndLeave) {

@@ -21,7 +21,11 @@ LoopingProfile::LoopingProfile() : m_directory(std::filesystem::temp_directory_p
     const std::filesystem::path original =
         given != nullptr && *given != '\0' ? std::filesystem::path(given) / kFile : kFile;
     std::ofstream copy(std::filesystem::path(m_directory) / kFile, std::ios::binary);
-    if (std::ifstream file(original, std::ios::binary); file.peek() != std::ifstream::traits_type::eof())
+    std::ifstream file;
+    std::error_code ignored;
+    if (!std::filesystem::is_fifo(original, ignored)) // whose writer would be waited for
+        file.open(original, std::ios::binary);
+    if (file.peek() != std::ifstream::traits_type::eof())
         copy << file.rdbuf();
     copy << "\n[Local]\nMulticastLoop = true\n"; // of a key that stands twice the last one counts
     copy.close();

@@ -2,10 +2,11 @@
 /// What doctor can find, and how a finding reads.
 #pragma once
 
+#include "../table.h"
+
 #include <array>
 #include <cstddef>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace doctor {
@@ -121,16 +122,17 @@ struct Check {
     std::string seen;
 };
 
-/// What one family of checks has to say.
+/// What one family of checks has to say. Every text is escaped here, whoever chose a part of it.
 struct Report {
     Findings findings;
     std::vector<Check> checks;
 
-    void find(Id id, Severity severity, std::string what, std::string remedy, std::string measured) {
-        findings.push_back({id, severity, std::move(what), std::move(remedy), std::move(measured)});
+    void find(Id id, Severity severity, const std::string& what, const std::string& remedy,
+              const std::string& measured) {
+        findings.push_back({id, severity, printable(what), printable(remedy), printable(measured)});
     }
-    void check(std::string subject, std::string seen) {
-        checks.push_back({std::move(subject), std::move(seen)});
+    void check(const std::string& subject, const std::string& seen) {
+        checks.push_back({printable(subject), printable(seen)});
     }
 };
 

@@ -2,8 +2,6 @@
 
 #include "observation.h"
 
-#include "../table.h"
-
 #include <UdpSocket/udpsocket.h>
 
 #include <nlohmann/json.hpp>
@@ -81,7 +79,7 @@ std::vector<Packet> packetsOf(const Observation& seen, const Interface& interfac
                  wire::kDiscovery.port);
     for (const auto& [host, heard] : seen.listening.hosts)
         if (host.interface == interface.index && heard.image.port != 0)
-            incoming("the image of \"" + printable(host.name) + "\"", host.source, heard.image.ip,
+            incoming("the image of \"" + host.name + "\"", host.source, heard.image.ip,
                      net::NtoHs(heard.image.port));
     const unsigned int own = net::NtoHl(interface.addresses.front().ip);
     packets.push_back({"queries", false, true, interface.name, own,
@@ -149,8 +147,8 @@ bool judgeRules(const Observation& seen, const Interface& interface, bool lost, 
 void reportCosts(const Costs& costs, bool queried, Report& report) {
     for (const auto& [rule, cost] : costs)
         report.find(Id::Firewall, cost.radars || queried ? Severity::Fault : Severity::Warning,
-                    printable(rule) + (cost.loss.certain ? " drops " : " probably drops ") + cost.uses +
-                        " on " + cost.interfaces +
+                    rule + (cost.loss.certain ? " drops " : " probably drops ") + cost.uses + " on " +
+                        cost.interfaces +
                         (cost.radars ? "" : ", so a switch that snoops takes the radars away after minutes"),
                     cost.remedy,
                     cost.seenByEffect && cost.radars ? "own queries did not come back, either"
@@ -222,7 +220,7 @@ Report judgeFirewall(const Observation& seen) {
         } catch (const nlohmann::json::exception& error) {
             report.find(Id::FirewallUnread, Severity::Unchecked,
                         "could not check: needs an nft whose JSON output can be read", "nft list ruleset",
-                        printable(error.what()));
+                        error.what());
         }
     }
     reportCosts(costs, queried, report);

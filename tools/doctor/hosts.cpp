@@ -18,7 +18,7 @@ constexpr double kEnough = 0.8;    // share of answered queries that is taken fo
 constexpr std::size_t kSample = 3; // fewer queries say nothing about a share
 
 std::string called(const HostKey& host) {
-    return "\"" + printable(host.name) + "\" (" + text(host.source) + ")";
+    return "\"" + host.name + "\" (" + text(host.source) + ")";
 }
 
 std::string milliseconds(Seconds time) {
@@ -152,7 +152,7 @@ void judgeDoubles(const Listening& listening, Report& report) {
         if (hosts.size() > 1)
             report.find(Id::SameId, Severity::Fault,
                         together(hosts) + " hold one host id, so their streams share groups and ports",
-                        "radarctl renumber " + shellWord(printable(hosts.front().name)) +
+                        "radarctl renumber " + shellWord(hosts.front().name) +
                             ": everyone who holds that id draws a new one",
                         "all announce the endpoints of host id " + std::to_string(id));
     for (const auto& [name, hosts] : byName) {
@@ -254,9 +254,8 @@ Report judgeSilence(const Observation& seen) {
             "on the wire: " + dropped);
     else if (!seen.hostHere())
         report.find(Id::NoRadar, Severity::Fault,
-                    seen.only.empty()
-                        ? "nobody answers, and nothing on this machine explains it"
-                        : "nobody answers on " + printable(seen.only) + ", which alone was looked at",
+                    seen.only.empty() ? "nobody answers, and nothing on this machine explains it"
+                                      : "nobody answers on " + seen.only + ", which alone was looked at",
                     "look whether a radar host runs, and whether its switch passes multicast", measured);
     int igmpQueries = 0;
     bool wire = !listening.results.empty();

@@ -1,7 +1,5 @@
 #include "observation.h"
 
-#include "../table.h"
-
 #include <UdpSocket/base/socket.h>
 
 #include <arpa/inet.h>
@@ -343,7 +341,7 @@ Report judgeInterfaces(const Observation& seen) {
     int heardOn = 0;
     std::string where;
     if (!seen.only.empty())
-        report.check("interfaces", printable(seen.only) + " alone was looked at");
+        report.check("interfaces", seen.only + " alone was looked at");
     for (const Interface& interface : seen.interfaces) {
         report.check("interface " + interface.name,
                      addressesOf(interface) + ", " + stateOf(interface) + "; " + verdict(seen, interface));
@@ -361,7 +359,7 @@ Report judgeInterfaces(const Observation& seen) {
     if (seen.interfaces.empty())
         report.find(Id::NoAddress, Severity::Fault, "this computer has no network interface",
                     "look whether its driver is loaded: ip link", "the loopback interface alone");
-    if (heardOn > 1)
+    if (heardOn > 1 && !seen.profile.localIsOurs) // with a configured address, displays stay there
         report.find(Id::TwoPaths, Severity::Warning,
                     "radars are heard through more than one interface, and displays change between them",
                     "set [Local] IP in profile.ini to the address that displays shall use",

@@ -1,7 +1,5 @@
 #include "observation.h"
 
-#include "../table.h"
-
 #include <IniProfile/iniprofile.h>
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/udpsocket.h>
@@ -9,6 +7,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,9 +26,12 @@ constexpr const char* kProfile = "profile.ini";
 constexpr int kTooSmallBuffer = 128 * 1024; // holds what 49 hosts answer at once, with little to spare
 constexpr int kEndpoints = 14;              // of a radar with two streams
 
-/// @return errno of reading the file, 0 when it can be read
+/// @return errno of reading the file, ESPIPE for a FIFO, which is not waited for; 0 when it can be read
 int readError(const std::string& path) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (file.isOpen() && ::fstat(file.get(), &status) == 0 && S_ISFIFO(status.st_mode))
+        return ESPIPE;
     char first;
     return file.isOpen() && ::read(file.get(), &first, 1) != -1 ? 0 : errno;
 }
@@ -66,9 +68,11 @@ Profile readProfile(std::chrono::milliseconds patience) {
     profile.path =
         (directory != nullptr && *directory != '\0' ? std::string(directory) + "/" : "") + kProfile;
     profile.error = readError(profile.path);
-    std::ostringstream contents;
-    contents << std::ifstream(profile.path).rdbuf();
-    profile.entries = profileEntries(contents.str());
+    if (profile.error == 0) {
+        std::ostringstream contents;
+        contents << std::ifstream(profile.path).rdbuf();
+        profile.entries = profileEntries(contents.str());
+    }
     profile.localText = GetProfileInfo("Local", "IP", "0.0.0.0", 16, kProfile);
     profile.netName = GetProfileInfo("Local", "NetName", "", 64, kProfile);
     profile.radarText = GetProfileInfo("Radar", "IP", "", 16, kProfile);
@@ -132,21 +136,21 @@ namespace {
 
 void judgeProfile(const Observation& seen, Report& report) {
     const Profile& profile = seen.profile;
-    const std::string path = printable(profile.path);
+    const std::string path = profile.path;
     if (profile.error == ENOENT) {
         report.check("profile.ini", path + ": none, so the library searches by itself");
         return;
     }
     if (profile.error != 0)
-        return report.find(Id::ProfileUnreadable, Severity::Warning,
-                           path + " cannot be read, so the library takes its defaults",
-                           "let every user of the radar programs read it: chmod a+r " + path,
-                           std::generic_category().message(profile.error));
-    report.check("profile.ini", path + ": [Local] IP " + printable(profile.localText) + ", NetName '" +
-                                    printable(profile.netName) + "'; [Radar] IP '" +
-                                    printable(profile.radarText) + "'");
-    const std::string measured =
-        "[Local] IP = " + printable(profile.localText) + ", NetName = " + printable(profile.netName);
+        return report.find(
+            Id::ProfileUnreadable, Severity::Warning,
+            path + " cannot be read, so the library takes its defaults",
+            profile.error == EACCES ? "let every user of the radar programs read it: chmod a+r " + path
+                                    : "put a file in its place",
+            profile.error == ESPIPE ? "it is a FIFO" : std::generic_category().message(profile.error));
+    report.check("profile.ini", path + ": [Local] IP " + profile.localText + ", NetName '" + profile.netName +
+                                    "'; [Radar] IP '" + profile.radarText + "'");
+    const std::string measured = "[Local] IP = " + profile.localText + ", NetName = " + profile.netName;
     if (addressOf(profile.localText) == 0 && profile.localText != "0.0.0.0" && !profile.localText.empty())
         report.find(Id::ProfileAddress, Severity::Warning,
                     path + " has an [Local] IP that is no IPv4 address, so the library searches",
@@ -183,7 +187,7 @@ void judgeFixedRadar(const Observation& seen, Report& report) {
         return;
     const std::string port = " TCP port " + std::to_string(wire::kDiscovery.port);
     const std::string measured =
-        "[Radar] IP = " + printable(profile.radarText) + "," + port + ": " +
+        "[Radar] IP = " + profile.radarText + "," + port + ": " +
         (profile.radarIp == 0      ? "no IPv4 address"
          : profile.radarError == 0 ? "connected"
                                    : std::generic_category().message(profile.radarError));

@@ -1,7 +1,5 @@
 #include "observation.h"
 
-#include "../table.h"
-
 #include <UdpSocket/udpsocket.h>
 
 #include <unistd.h>
@@ -61,7 +59,7 @@ std::string holder(const UdpSocketEntry& socket) {
                 continue;
             std::string name;
             std::getline(std::ifstream(process.path() / "comm") >> std::ws, name);
-            return printable(name) + " (process " + id + ")";
+            return name + " (process " + id + ")";
         }
     }
     return "a program of user " + std::to_string(socket.uid) +

@@ -1,7 +1,5 @@
 #include "observation.h"
 
-#include "../table.h"
-
 #include <strings.h>
 
 #include <algorithm>
@@ -105,8 +103,8 @@ Report judgeProfileKeys(const Observation& seen) {
         if (isRead(entry) || (!isInOurSection(entry) && instead.empty())) // or another program's
             continue;
         report.find(Id::ProfileKey, instead.empty() ? Severity::Note : Severity::Warning,
-                    printable(seen.profile.path) + " has [" + printable(entry.section) + "] " +
-                        printable(entry.key) + ", which the library does not read",
+                    seen.profile.path + " has [" + entry.section + "] " + entry.key +
+                        ", which the library does not read",
                     instead.empty() ? "" : instead + "?", "line " + std::to_string(entry.line));
     }
     return report;
