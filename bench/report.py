@@ -36,7 +36,7 @@ LIMITS = [  # of the library's own figure
 ]
 WITHOUT_GOAL = ["getAddress, 1 entry", "getAddress, 147 entries", "getRadar as array, 147 entries",
          "getRadar as texts, 147 entries"]
-MORE_IS_BETTER = ("thousand/s", "MB/s")
+MORE_IS_BETTER = ("thousand/s", "MB/s", "listed")
 
 
 class Results:
@@ -55,6 +55,10 @@ class Results:
     def median(self, benchmark, implementation):
         return statistics.median(self.values[benchmark, implementation])
 
+    def base(self, benchmark):
+        """What the library is measured against there."""
+        return "OpenSSL" if benchmark.startswith("MD5") else "raw"
+
     def has(self, benchmark, implementation):
         return (benchmark, implementation) in self.values
 
@@ -64,10 +68,7 @@ class Results:
     def ratio(self, benchmark, implementation, base):
         """Median of the ratios of each repetition, in which both took turns, and its 95 % confidence interval."""
         pairs = zip(self.values[benchmark, implementation], self.values[benchmark, base])
-        each = [mine / other for mine, other in pairs if other]
-        each.sort()
-        outer = outer_ranks(len(each))
-        return statistics.median(each), each[outer], each[-1 - outer]
+        return median_interval([mine / other for mine, other in pairs if other])
 
     def curve(self, name):
         """{implementation: [(x, median)]} of the benchmarks "growth/NAME/X"."""
@@ -90,6 +91,13 @@ def outer_ranks(count):
     return max(outer - 1, 0)
 
 
+def median_interval(values):
+    """The median with the ends of its 95 % confidence interval."""
+    values = sorted(values)
+    outer = outer_ranks(len(values))
+    return statistics.median(values), values[outer], values[-1 - outer]
+
+
 def number(value):
     return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
 
@@ -107,7 +115,7 @@ def verdict(value, low, high, bound, more):
 
 def rows_of_ratios(results):
     for benchmark, bound in RATIOS:
-        base = "OpenSSL" if benchmark.startswith("MD5") else "raw"
+        base = results.base(benchmark)
         if not (results.has(benchmark, "library") and results.has(benchmark, base)):
             yield [benchmark, "", "", "did not run", "", "", "", "missed"]
             continue
@@ -378,4 +386,5 @@ def ratio_to_raw_threads(results, implementation):
     return f"{results.ratio(benchmark, implementation, 'raw')[0]:.2f}"
 
 
-main()
+if __name__ == "__main__":
+    main()

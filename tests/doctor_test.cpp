@@ -263,7 +263,7 @@ TEST_F(Doctor, SeesTwoHardwareAddressesWithoutPrivileges) {
     const lab::Process change = m_lan.node("display").start(
         {.command = {"sh", "-ec",
                      "for i in $(seq 600); do ip neigh replace 10.20.1.1 dev eth0 lladdr "
-                     "02:00:00:00:00:0$((i % 2)); sleep 0.1; done"}});
+                     "02:00:00:00:00:0$((i % 2)); sleep 0.3; done"}});
     lab::Process doctor = start("display", {}, kUnprivileged);
     EXPECT_EQ(doctor.wait(60s), 1);
     EXPECT_THAT(doctor.output(), HasSubstr("10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"));

@@ -79,7 +79,6 @@ void RadarTable::attach(Entries::iterator entry, std::uint32_t source) {
         else
             recount(source, names.size() - 1, names.size());
     } catch (...) {
-        names.erase(entry->second.sequence);
         if (first)
             m_sources.erase(owner);
         throw;

@@ -53,7 +53,12 @@ protected:
     /// What is done at the end of a wait.
     std::string wait(Negotiation& host) { return text(host.advance(m_now += 1s)); }
     std::string objectionThenWait(Negotiation& host, int id) {
+        const auto before = std::tuple(host.state(), host.hostId(), host.due());
         EXPECT_EQ(text(host.receive(message(wire::kObjection, id))), "");
+        if (std::get<0>(before) != State::Holding) {
+            EXPECT_EQ(std::tuple(host.state(), host.hostId(), host.due()), before)
+                << "the wait is waited out";
+        }
         return wait(host);
     }
 

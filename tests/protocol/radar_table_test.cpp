@@ -3,6 +3,7 @@
 #include <UdpSocket/protocol/radar_table.h>
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 namespace {
 
@@ -69,11 +70,36 @@ TEST(RadarTable, NamesStandInByteOrderAndLeaveInIt) {
     EXPECT_THAT(table.entries(), IsEmpty());
 }
 
+TEST(RadarTable, ANameGivesWayOnlyWhereTheNewcomersSourceStillHasFewerAfterwards) {
+    for (const std::size_t fewer : {2U, 3U}) {
+        Table table;
+        table.fill("a", 1, 2000);
+        table.fill("b", 2, 2000 - fewer);
+        table.fill("c", 3, kMax - table.entries().size());
+        EXPECT_EQ(table.put("new", 2), fewer == 2 ? "refused" : "added for a 1999");
+    }
+}
+
 TEST(RadarTable, UpdateByTheSameSourceNeedsNoMemory) {
     Table table;
     table.put("R", 1);
-    EXPECT_TRUE(succeedsWith(0, [&] { table.update("R", {}, 1, 5); }));
+    RadarAddress other{};
+    other.head = 7;
+    EXPECT_TRUE(succeedsWith(0, [&] { table.update("R", other, 1, 5); }));
     EXPECT_EQ(table.find("R")->lastSeen, 5);
+    EXPECT_EQ(table.find("R")->record.head, other.head);
+}
+
+TEST(RadarTable, SourcesThatHaveLeftTakeNoMemory) {
+    Table table;
+    const auto usedAfterAThousandFrom = [&](std::uint32_t first) {
+        for (std::uint32_t i = 0; i < 1000; ++i)
+            table.put("R" + std::to_string(i), first + i);
+        table.expire(8);
+        return ::mallinfo2().uordblks; // 0 under a sanitizer
+    };
+    const std::size_t before = usedAfterAThousandFrom(0);
+    EXPECT_LT(usedAfterAThousandFrom(1000), before + 1000);
 }
 
 TEST(RadarTable, OperationThatRunsOutOfMemoryLeavesTheTableAsItWas) {
