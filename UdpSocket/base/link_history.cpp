@@ -1,4 +1,4 @@
-#include <UdpSocket/transport/link_history.h>
+#include <UdpSocket/base/link_history.h>
 
 #include <UdpSocket/base/socket.h>
 
