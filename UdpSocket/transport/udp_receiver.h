@@ -4,11 +4,11 @@
 #pragma once
 
 #include <UdpSocket/base/error_line.h>
+#include <UdpSocket/base/link_history.h>
 #include <UdpSocket/base/mutex.h>
 #include <UdpSocket/base/process.h>
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/base/thread.h>
-#include <UdpSocket/transport/link_history.h>
 #include <UdpSocket/transport/source_text.h>
 #include <UdpSocket/udpsocket.h>
 
