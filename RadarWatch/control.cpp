@@ -1,5 +1,6 @@
 #include <RadarWatch/stream_follower.h>
 #include <RadarWatch/stream_private.h>
+#include <RadarWatch/watch_private.h>
 
 #include <UdpSocket/base/mutex.h>
 #include <UdpSocket/base/process.h>
@@ -120,6 +121,10 @@ std::unique_ptr<Control> StreamDoor::control(std::shared_ptr<detail::Engine> eng
     std::unique_ptr<Control> control(new Control);
     start(*control, std::move(engine), name, channel, number);
     return control;
+}
+
+Control::Control(const Watch& watch, const std::string& name, int channel, int number) {
+    StreamDoor::start(*this, watch.d->engine(), name, channel, number);
 }
 
 Control::~Control() {

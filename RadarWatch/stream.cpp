@@ -1,4 +1,5 @@
 #include <RadarWatch/stream_private.h>
+#include <RadarWatch/watch_private.h>
 
 #include <UdpSocket/base/socket.h>
 
@@ -37,6 +38,7 @@ void StreamPrivate::start(const std::shared_ptr<PoolPrivate>& pool) {
     if (!m_onDatagram)
         return;
     if (pool) {
+        m_poolOwner = pool;
         m_pool = pool->next();
         m_poolNumber = m_pool->add(shared_from_this());
     } else {
@@ -421,6 +423,15 @@ std::unique_ptr<Stream> StreamDoor::stream(std::shared_ptr<detail::Engine> engin
     std::unique_ptr<Stream> stream(new Stream);
     start(*stream, std::move(engine), name, channel, std::move(onDatagram), std::move(onEvent), options);
     return stream;
+}
+
+Stream::Stream(const Watch& watch, const std::string& name, int channel, const StreamOptions& options) {
+    StreamDoor::start(*this, watch.d->engine(), name, channel, {}, {}, options);
+}
+Stream::Stream(const Watch& watch, const std::string& name, int channel, OnDatagram onDatagram,
+               OnEvent onEvent, const StreamOptions& options) {
+    StreamDoor::start(*this, watch.d->engine(), name, channel, std::move(onDatagram), std::move(onEvent),
+                      options);
 }
 
 Stream::~Stream() {

@@ -115,6 +115,7 @@ private:
     std::unique_ptr<detail::EpollSet> m_ownSockets GUARDED_BY(m_mutex); // behind descriptor()
     detail::Wakeup m_eventsWait;                                        // in it
 
+    std::shared_ptr<PoolPrivate> m_poolOwner;   // keeps the next one's thread running
     std::shared_ptr<detail::PoolThread> m_pool; // none: a thread of its own, or read()
     std::uint64_t m_poolNumber = 0;
     net::detail::SizedThread m_thread;

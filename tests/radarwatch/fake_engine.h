@@ -14,7 +14,7 @@
 #include <mutex>
 #include <thread>
 
-/// Tells the situation and ticks ten times a second, on a thread in the network of its maker.
+/// Tells the situation and ticks fifty times a second, on a thread in the network of its maker.
 class FakeEngine : public radar::detail::Engine {
 public:
     FakeEngine() {
@@ -72,7 +72,7 @@ private:
                     follower->onTick(std::chrono::steady_clock::now());
                 }
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
 
