@@ -1,5 +1,6 @@
 // Draws the picture of a simulated radar, one revolution, into a PNG: example_display_image NAME FILE
 #include <RadarWatch/radarstream.h>
+#include <RadarWatch/radarwatch.h>
 
 #include <png.h>
 
@@ -24,20 +25,18 @@ std::uint16_t bigEndian16(const char* bytes) {
 
 class Picture {
 public:
-    /// Keeps a spoke, one byte a sample from the centre outwards. @return whether it was news
-    bool add(const radar::Datagram& datagram) {
+    // Keeps a spoke: one byte a sample, from the centre outwards.
+    void add(const radar::Datagram& datagram) {
         if (datagram.size != kHeader + kSamples || std::memcmp(datagram.data, "SIMI", 4) != 0)
-            return false;
+            return;
         const std::uint16_t spoke = bigEndian16(datagram.data + 8);
         m_spokes.resize(std::max<std::size_t>(m_spokes.size(), bigEndian16(datagram.data + 10)));
         if (spoke >= m_spokes.size())
-            return false;
-        const bool news = m_spokes[spoke].empty();
+            return;
+        m_received += m_spokes[spoke].empty() ? 1 : 0;
         m_spokes[spoke].assign(datagram.data + kHeader, datagram.data + datagram.size);
-        m_received += news ? 1 : 0;
-        return news;
     }
-    /// Nineteen of twenty spokes: some are lost on the way.
+    // Nineteen of twenty spokes: some are lost on the way.
     bool isComplete() const { return !m_spokes.empty() && m_received * 20 >= m_spokes.size() * 19; }
 
     bool write(const char* file) const {
@@ -53,7 +52,7 @@ public:
     }
 
 private:
-    /// East and north of the radar, in samples.
+    // East and north of the radar, in samples.
     std::uint8_t sampleAt(int east, int north) const {
         const auto distance = static_cast<std::size_t>(std::hypot(east, north));
         const double turn = std::atan2(east, north) / (2 * std::acos(-1.0)); // clockwise from north
@@ -73,7 +72,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s NAME FILE.png\n", argv[0]);
         return 2;
     }
-    radar::Watch watch; // finds the radars
+    radar::Watch watch;                                 // finds the radars
     radar::Stream stream(watch, argv[1], radar::Image); // follows this one
 
     Picture picture;
