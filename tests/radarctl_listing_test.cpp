@@ -1,5 +1,6 @@
 // What people meet at the terminal: tables, keys, hints, and what a search leaves behind.
 #include "profile_directory.h"
+#include "radarctl_run.h"
 #include "wait.h"
 
 #include <UdpSocket/hostserver.h>
@@ -14,8 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
-
 namespace {
 
 using namespace std::chrono_literals;
@@ -25,28 +24,10 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-struct Result {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
-std::vector<std::string> lines(const std::string& text) {
-    std::istringstream stream(text);
-    std::vector<std::string> result;
-    for (std::string line; std::getline(stream, line);)
-        result.push_back(line);
-    return result;
-}
-
 /// A computer with two interfaces on the LAN, another one, and a display whose local address is configured.
 class Listing : public testing::Test {
 protected:
     using Words = std::vector<std::string>;
-    static Words radarctl(Words arguments) {
-        arguments.insert(arguments.begin(), RADARCTL);
-        return arguments;
-    }
     lab::Process start(const char* node, const Words& command) {
         return m_lan.node(node).start({.command = command});
     }
@@ -58,13 +39,7 @@ protected:
         return host;
     }
     Result run(const char* node, const Words& command) {
-        const std::string errors = m_profile.path() / "errors";
-        lab::Process process = m_lan.node(node).start({.command = command, .errorFile = errors});
-        const int status = process.wait(40s).value_or(-1);
-        std::ifstream file(errors);
-        const std::string written{std::istreambuf_iterator<char>(file), {}};
-        std::filesystem::remove(errors); // it is appended to
-        return {status, process.output(), written};
+        return runOn(m_lan.node(node), command, m_profile.path());
     }
     Result run(Words arguments) { return run("display", radarctl(std::move(arguments))); }
     std::string routes(const char* node) { return run(node, {"ip", "route", "show", "table", "all"}).output; }
@@ -203,7 +178,9 @@ TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     const lab::Process north = startHost("host1", {"--name", "North"});
     const lab::Process south = startHost("host2", {"--name", "South"});
     const std::string before = routes("host1");
-    EXPECT_EQ(run("host1", radarctl({"list", "--timeout", "30"})).status, 0);
+    const Result list = run("host1", radarctl({"list", "--timeout", "30", "--verbose"}));
+    EXPECT_EQ(list.status, 0);
+    EXPECT_THAT(list.errors, HasSubstr("Find a Radar new ip")) << "diagnostics on request";
     EXPECT_EQ(routes("host1"), before);
     EXPECT_EQ(run({"show", "North", "--local", "10.20.2.1"}).status, 0) << "the radar is still on the air";
 

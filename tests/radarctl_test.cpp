@@ -1,4 +1,5 @@
 #include "profile_directory.h"
+#include "radarctl_run.h"
 #include "wait.h"
 
 #include <UdpSocket/hostserver.h>
@@ -10,7 +11,6 @@
 
 #include <csignal>
 #include <deque>
-#include <sstream>
 
 namespace {
 
@@ -20,29 +20,11 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-struct Result {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
-std::vector<std::string> lines(const std::string& text) {
-    std::istringstream stream(text);
-    std::vector<std::string> result;
-    for (std::string line; std::getline(stream, line);)
-        result.push_back(line);
-    return result;
-}
-
 /// Two computers and a display whose local address is configured.
 class Radarctl : public testing::Test {
 protected:
-    static lab::Process::Plan plan(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), RADARCTL);
-        return {.command = arguments};
-    }
-    lab::Process start(const char* node, std::vector<std::string> arguments) {
-        return m_lan.node(node).start(plan(std::move(arguments)));
+    lab::Process start(const char* node, const std::vector<std::string>& arguments) {
+        return m_lan.node(node).start({.command = radarctl(arguments)});
     }
     /// Returns when the host serves.
     lab::Process startHost(const char* node, std::vector<std::string> arguments) {
@@ -51,16 +33,8 @@ protected:
         EXPECT_TRUE(host.lineWith("serving", 30s));
         return host;
     }
-    Result run(std::vector<std::string> arguments) {
-        const std::string errors = m_profile.path() / "errors";
-        lab::Process::Plan wanted = plan(std::move(arguments));
-        wanted.errorFile = errors;
-        lab::Process process = m_lan.node("display").start(wanted);
-        const int status = process.wait(30s).value_or(-1);
-        std::ifstream file(errors);
-        const std::string written{std::istreambuf_iterator<char>(file), {}};
-        std::filesystem::remove(errors);
-        return {status, process.output(), written};
+    Result run(const std::vector<std::string>& arguments) {
+        return runOn(m_lan.node("display"), radarctl(arguments), m_profile.path());
     }
 
     /// A host of this program, which need not negotiate its id.
@@ -127,9 +101,6 @@ TEST_F(Radarctl, ListsWhatHostsServe) {
             MatchesRegex(" +0 ARPA +236.6.7.105:6137 +control 236.6.7.106:6138 +state 236.6.7.107:6139"),
             MatchesRegex(" +1 image 236.6.7.102:6134 +control 236.6.7.103:6135 +state 236.6.7.104:6136"),
             MatchesRegex(" +1 ARPA +236.6.7.108:6140 +control 236.6.7.109:6141 +state 236.6.7.110:6142")));
-    EXPECT_THAT(result.errors, testing::Not(HasSubstr("LocalIP")));
-    EXPECT_THAT(run({"list", "--verbose"}).errors, HasSubstr("LocalIP (): 10.20.2.1"))
-        << "diagnostics on request";
 }
 
 TEST_F(Radarctl, ReportsThatNothingWasFound) {
@@ -230,6 +201,61 @@ TEST_F(Radarctl, WatchReportsRadarsThatAppearChangeAndLeave) {
                 StartsWith("- North: 10.20.1.1 has not answered for 8 s, and nobody else does"));
     watch.signal(SIGINT);
     EXPECT_EQ(watch.wait(20s), 0);
+}
+
+TEST_F(Radarctl, WatchSaysAsJsonWhatChangedAndWhy) {
+    lab::Process watch = start("display", {"watch", "--json"});
+    const auto next = [&](const std::string& radar, const std::string& kind, const std::string& change) {
+        for (;;) {
+            const auto event = nlohmann::json::parse(watch.nextLine(30s).value_or("{\"event\":\"none\"}"));
+            if (event["event"] == "none" ||
+                (event["event"] == kind && event["radar"]["name"] == radar &&
+                 (change.empty() || event["changes"].dump().find(change) != std::string::npos)))
+                return event;
+        }
+    };
+    auto north = serve("host1", "North", 20);
+    const auto appeared = next("North", "appeared", "");
+    EXPECT_EQ(appeared["schema"], 1);
+    EXPECT_EQ(appeared["localAddress"], "10.20.2.1");
+    EXPECT_EQ(appeared["interface"], "eth0");
+    EXPECT_EQ(appeared["localAddressOrigin"], "profileAddress");
+    EXPECT_EQ(appeared["sharesHostIdWith"], nlohmann::json::array());
+    auto south = serve("host2", "South", 20);
+    const auto shared = next("North", "changed", "sharesHostIdWith");
+    EXPECT_EQ(shared["sharesHostIdWith"][0]["name"], "South");
+    south = serve("host2", "South", 21);
+    const auto moved = next("South", "changed", "hostId");
+    EXPECT_EQ(moved["radar"]["hostId"], 21);
+    const auto ended = next("North", "changed", "sharesHostIdWith");
+    EXPECT_EQ(ended["sharesHostIdWith"], nlohmann::json::array());
+    north.reset();
+    const auto left = next("North", "left", "");
+    EXPECT_EQ(left["reasonCode"], "silent");
+    EXPECT_EQ(left["reason"], "10.20.1.1 has not answered for 8 s, others do");
+    m_lan.changeAddress(m_lan.node("display"), 0, "");
+    const auto lost = next("South", "left", "");
+    EXPECT_EQ(lost["reasonCode"], "localAddress");
+    EXPECT_EQ(lost["reason"], "this computer has no address 10.20.2.1 any more");
+    EXPECT_EQ(lost["localAddress"], nullptr);
+}
+
+TEST_F(Radarctl, WatchThatWasSuspendedReportsOnlyWhoLeftMeanwhile) {
+    lab::Process suspended = start("display", {"watch"});
+    lab::Process awake = start("display", {"watch"});
+    const auto north = serve("host1", "North", 20);
+    auto south = serve("host2", "South", 21);
+    for (lab::Process* watch : {&suspended, &awake})
+        for (int i = 0; i < 2; ++i)
+            EXPECT_THAT(watch->nextLine(30s).value_or("nothing"), StartsWith("+ "));
+    suspended.signal(SIGSTOP);
+    south.reset();
+    EXPECT_TRUE(awake.lineWith("- South", 30s)) << "longer than a radar may be silent";
+    suspended.signal(SIGCONT);
+    EXPECT_THAT(suspended.nextLine(30s).value_or("nothing"),
+                StartsWith("- South: 10.20.1.2 has not answered"));
+    const auto west = serve("host2", "West", 22);
+    EXPECT_THAT(suspended.nextLine(30s).value_or("nothing"), StartsWith("+ West "));
 }
 
 TEST_F(Radarctl, NamesAreEscapedOnTheTerminalAndInJson) {

@@ -1,4 +1,5 @@
 #include "datagram_counter.h"
+#include "endpoints.h"
 #include "json.h"
 #include "search.h"
 #include "table.h"
@@ -20,7 +21,7 @@ struct Options {
     bool json = false;
 };
 
-RadarEndpoint chosenEndpoint(const Radar& radar, const Options& options) {
+RadarEndpoint chosenEndpoint(const radar::Radar& radar, const Options& options) {
     const std::string name = printable(radar.name);
     if (options.stream >= static_cast<int>(radar.streams.size()))
         throw Failure(kNothingFound, name + " has " +
@@ -93,13 +94,12 @@ std::string senderLines(const DatagramCounter::Second& total) {
 
 int listen(const Options& options, Output& output) {
     Search search(options.search);
-    const Radar radar = search.find(options.name);
+    const radar::Radar radar = search.find(options.name);
     const RadarEndpoint endpoint = chosenEndpoint(radar, options);
     std::fprintf(stderr, "radarctl: listening to %s of %s, stream %d: %s on %s; Ctrl-C ends\n",
                  options.endpoint.c_str(), printable(radar.name).c_str(), options.stream,
-                 endpointText(endpoint).c_str(),
-                 printable(net::localIfaName(search.display().localIp())).c_str());
-    DatagramCounter counter(endpoint, search.display().localIp());
+                 endpointText(endpoint).c_str(), printable(search.watch().localAddress().interface).c_str());
+    DatagramCounter counter(endpoint, search.watch().localAddress().address);
     if (!options.json)
         output.write(output.styled(Output::Style::Heading, kHeading) + "\n");
     using Clock = std::chrono::steady_clock;
