@@ -163,17 +163,17 @@ protected:
 };
 
 TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
-    std::string announcement = protocol::composeAnnouncement("North", 16, 2);
+    std::string announcement = protocol::composeAnnouncement("ZQ-7", 16, 2);
     announcement[22] = 1;
     announcement[30] = 1;
     const auto radar = makeIn<FixedRadar>(m_host1, announcement);
     const auto south = serve(m_host2, "South", 17);
     const auto watching = watch();
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
-    const auto found = watching->find("North:TCP");
+    EXPECT_EQ(next(*watching), "ZQ-7 appeared, 16 at 10.20.1.1");
+    const auto found = watching->find("ZQ-7:TCP");
     ASSERT_TRUE(found && found->tcp && found->streams.empty());
-    EXPECT_THAT(names(watching->radars()), ElementsAre("North"));
+    EXPECT_THAT(names(watching->radars()), ElementsAre("ZQ-7"));
 }
 
 TEST_F(WatchOnLan, ReaderThatDoesNotReadLosesIntermediateStatesOnly) {
