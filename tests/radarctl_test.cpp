@@ -188,6 +188,40 @@ TEST_F(Radarctl, ADisplayFollowsTheImageOfAHostThatIsRenumberedAndReset) {
     EXPECT_TRUE(host.lineWith("reset asked for", 30s));
 }
 
+TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
+    lab::Process host = startHost("host1", {"--name", "North", "--id", "20", "--simulate"});
+    lab::Process listen = start("display", {"listen", "North", "0", "--json", "--sequence", "4:4be"});
+    const auto next = [&](const auto& wanted) {
+        for (;;) {
+            const auto second = nlohmann::json::parse(listen.lineWith("{", 30s).value_or("{\"total\":true}"));
+            if (second["total"] == true || wanted(second))
+                return second;
+        }
+    };
+    const auto hasEvent = [](const char* kind) {
+        return [kind](const nlohmann::json& second) {
+            return std::ranges::any_of(second["events"],
+                                       [&](const auto& event) { return event["kind"] == kind; });
+        };
+    };
+    const auto hasData = [](const nlohmann::json& second) { return second["datagrams"] > 0; };
+    EXPECT_EQ(next(hasData)["total"], false);
+    EXPECT_EQ(run({"renumber", "North"}).status, 0);
+    const auto moved = next(hasEvent("moved"));
+    EXPECT_EQ(moved["events"][0]["why"], "endpoint") << moved;
+    EXPECT_NE(moved["events"][0]["endpoint"]["address"], "236.6.7.99");
+    EXPECT_EQ(next(hasData)["total"], false);
+    m_lan.dropRate(m_lan.node("display"), 30);
+    EXPECT_GT(next([](const nlohmann::json& second) { return second["missing"] > 0; })["missing"], 0);
+    listen.signal(SIGINT);
+    EXPECT_EQ(listen.wait(30s), 0);
+    const auto total = nlohmann::json::parse(lines(listen.output()).back());
+    EXPECT_EQ(total["total"], true);
+    EXPECT_EQ(total["dropped"], 0);
+    EXPECT_GE(total["gap99Seconds"], total["medianGapSeconds"]);
+    EXPECT_GT(total["medianGapSeconds"], 0);
+}
+
 TEST_F(Radarctl, WatchReportsRadarsThatAppearChangeAndLeave) {
     lab::Process watch = start("display", {"watch"});
     auto host = serve("host1", "North", 20);
