@@ -151,7 +151,9 @@ TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     const lab::Process north = startHost("host1", {"--name", "North"});
     const lab::Process south = startHost("host2", {"--name", "South"});
     const std::string before = routes("host1");
-    EXPECT_EQ(runOn("host1", radarctl({"list", "--timeout", "30"})).status, 0);
+    const Result list = runOn("host1", radarctl({"list", "--timeout", "30", "--verbose"}));
+    EXPECT_EQ(list.status, 0);
+    EXPECT_THAT(list.errors, HasSubstr("Find a Radar new ip")) << "diagnostics on request";
     EXPECT_EQ(routes("host1"), before);
     EXPECT_EQ(run({"show", "North", "--local", "10.20.2.1"}).status, 0) << "the radar is still on the air";
 

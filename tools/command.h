@@ -24,6 +24,7 @@ struct Failure : std::runtime_error {
 
 /// Each adds its subcommand.
 void addDoctor(CommandLine& line);
+void addExport(CommandLine& line);
 void addHost(CommandLine& line);
 void addInterfaces(CommandLine& line);
 void addList(CommandLine& line);

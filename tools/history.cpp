@@ -2,16 +2,22 @@
 
 #include "table.h"
 
+#include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <algorithm>
 #include <fstream>
-#include <set>
 #include <string_view>
+#include <utility>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::system_clock;
+using radar::Event;
 
 constexpr auto kKept = 60s;
+constexpr int kAtOnce = 1024; // events: the keyboard waits meanwhile
 
 bool hasCarrier(const std::string& interface) {
     std::ifstream file("/sys/class/net/" + interface.substr(0, interface.find(':')) + "/carrier");
@@ -19,52 +25,159 @@ bool hasCarrier(const std::string& interface) {
     return file >> carrier && carrier == 1;
 }
 
-/// Looked at in this order: what explains the most comes first.
-std::string reason(const Radar& gone, const std::vector<Radar>& present, unsigned int localIp) {
-    const std::string interface = net::localIfaName(localIp);
-    if (interface.empty())
-        return "this computer has no address " + std::string(net::transAddr(localIp)) + " any more";
-    if (!hasCarrier(interface))
-        return printable(interface) + " lost its carrier";
-    for (const Radar& radar : present)
-        if (!gone.source.empty() && radar.source == gone.source && radar.hostId == gone.hostId)
-            return gone.source + " now announces " + printable(radar.name);
-    return (gone.source.empty() ? "it" : gone.source) + " has not answered for 8 s" +
-           (present.empty() ? ", and nobody else does" : ", others do");
+/// Of what an event tells, what concerns one entry.
+std::vector<std::string> changesOf(const Event& event, const radar::Radar& entry) {
+    constexpr std::pair<unsigned, const char*> kOfStreams[] = {{Event::HostId, "hostId"},
+                                                               {Event::Source, "source"},
+                                                               {Event::Endpoints, "endpoints"},
+                                                               {Event::Streams, "streams"}};
+    constexpr std::pair<unsigned, const char*> kOfTcp[] = {{Event::Source, "source"},
+                                                           {Event::Tcp, "endpoints"}};
+    std::vector<std::string> what;
+    const auto look = [&](const auto& names) {
+        for (const auto& [bit, name] : names)
+            if ((event.changes & bit) != 0)
+                what.emplace_back(name);
+    };
+    if (entry.streams.front().isMulti != 0)
+        look(kOfTcp);
+    else
+        look(kOfStreams);
+    return what;
 }
 
 } // namespace
 
-std::vector<Event> History::update(const std::vector<Radar>& radars, unsigned int localIp) {
-    const auto now = Clock::now();
-    std::vector<Event> events;
-    for (const Radar& radar : radars) {
-        const auto heard = now - radar.age.value_or(0ms);
-        const auto known = m_sightings.find(radar.name);
-        if (known == m_sightings.end() || !known->second.whyLeft.empty()) {
-            const Sighting& sighting = m_sightings[radar.name] = {radar, heard, heard};
-            events.push_back({Event::Kind::Appeared, sighting});
+std::vector<Change> History::next() {
+    m_changes.clear();
+    for (int i = 0; i < kAtOnce; ++i) {
+        const std::optional<Event> event = m_watch.next(0ms);
+        if (!event)
+            break;
+        take(*event);
+    }
+    for (Change& change : m_changes) // now that it is known who else left
+        if (change.kind == Change::Kind::Left)
+            forget(change);
+    return std::move(m_changes);
+}
+
+void History::take(const Event& event) {
+    switch (event.kind) {
+    case Event::Kind::Appeared:
+    case Event::Kind::Changed:
+    case Event::Kind::Left:
+        takeRadar(event);
+        break;
+    case Event::Kind::Conflict:
+    case Event::Kind::ConflictEnded:
+        if (event.kind == Event::Kind::Conflict)
+            m_sharedIds[event.hostId] = {event.holders.begin(), event.holders.end()};
+        else
+            m_sharedIds.erase(event.hostId);
+        for (const std::string& name : event.holders)
+            if (const auto radar = m_watch.find(name))
+                touch(*radar, event.hostId, "sharesHostIdWith");
+        break;
+    case Event::Kind::LocalFound:
+    case Event::Kind::LocalChanged:
+    case Event::Kind::LocalLost:
+        m_lostAddress = event.previous;
+        for (const radar::Radar& radar : m_watch.radars())
+            touch(radar, 0, "localAddress");
+        break;
+    }
+}
+
+void History::takeRadar(const Event& event) {
+    std::vector<radar::Radar> entries;
+    if (event.kind != Event::Kind::Left)
+        entries = entriesOf(event.radar);
+    for (const std::string_view suffix : {std::string_view(), protocol::Name::kUser, protocol::Name::kTcp}) {
+        const auto known = m_present.find(event.radar.name + std::string(suffix));
+        if (known == m_present.end() ||
+            std::ranges::find(entries, known->first, &radar::Radar::name) != entries.end())
             continue;
+        known->second.last = Clock::now() - event.radar.age;
+        add(Change::Kind::Left, known->second);
+        m_changes.back().reason = event.reason;
+        m_changes.back().successor = event.successor;
+        m_present.erase(known);
+    }
+    for (const radar::Radar& entry : entries) {
+        const auto heard = Clock::now() - entry.age;
+        const auto [known, isNew] = m_present.try_emplace(entry.name, Sighting{entry, heard, heard});
+        std::vector<std::string> what = changesOf(event, entry);
+        known->second.entry = entry;
+        known->second.last = heard;
+        if (isNew) {
+            std::erase_if(m_gone, [&](const Gone& gone) { return gone.sighting.entry.name == entry.name; });
+            add(Change::Kind::Appeared, known->second);
+        } else if (!what.empty()) {
+            add(Change::Kind::Changed, known->second, std::move(what));
         }
-        Sighting& sighting = known->second;
-        const bool changed = summary(sighting.radar) != summary(radar);
-        sighting.radar = radar;
-        sighting.last = heard;
-        if (changed)
-            events.push_back({Event::Kind::Changed, sighting});
     }
-    std::set<std::string_view> present;
-    for (const Radar& radar : radars)
-        present.insert(radar.name);
-    for (auto& [name, sighting] : m_sightings) {
-        if (!sighting.whyLeft.empty() || present.contains(name))
+}
+
+void History::touch(const radar::Radar& radar, int hostId, const char* what) {
+    for (const radar::Radar& entry : entriesOf(radar)) {
+        const auto known = m_present.find(entry.name);
+        if (known == m_present.end() || (hostId != 0 && entry.hostId != hostId))
             continue;
-        sighting.whyLeft = reason(sighting.radar, radars, localIp);
-        sighting.left = now;
-        events.push_back({Event::Kind::Left, sighting});
+        known->second.entry = entry;
+        known->second.last = Clock::now() - entry.age;
+        add(Change::Kind::Changed, known->second, {what});
     }
-    std::erase_if(m_sightings, [now](const auto& entry) {
-        return !entry.second.whyLeft.empty() && now - entry.second.left > kKept;
-    });
-    return events;
+}
+
+void History::add(Change::Kind kind, const Sighting& sighting, std::vector<std::string> what) {
+    Change& change = m_changes.emplace_back(Change{kind, sighting, std::move(what)});
+    const std::string name(protocol::announcedName(sighting.entry.name));
+    const auto holders = m_sharedIds.find(sighting.entry.hostId);
+    if (holders != m_sharedIds.end() && holders->second.contains(name)) {
+        change.sharesHostIdWith = holders->second;
+        change.sharesHostIdWith.erase(name);
+    }
+}
+
+void History::forget(Change& change) {
+    change.whyLeft = whyLeft(change);
+    if (m_present.contains(change.sighting.entry.name))
+        return; // it is back
+    m_gone.push_back({change.sighting, change.whyLeft, std::chrono::steady_clock::now()});
+    if (m_gone.size() > kMaxGone)
+        m_gone.pop_front();
+}
+
+const std::deque<History::Gone>& History::gone() {
+    while (!m_gone.empty() && std::chrono::steady_clock::now() - m_gone.front().since > kKept)
+        m_gone.pop_front();
+    return m_gone;
+}
+
+std::string History::whyLeft(const Change& change) const {
+    const std::string source = net::transAddr(change.sighting.entry.source);
+    const radar::LocalAddress local = m_watch.localAddress();
+    switch (change.reason) {
+    case Event::Reason::None:
+        return source + " announces it no more";
+    case Event::Reason::Renumbered:
+        return change.successor.empty()
+                   ? source + " was told to give up host id " + hostIdText(change.sighting.entry.hostId)
+                   : source + " now announces " + printable(change.successor) + ", with another host id";
+    case Event::Reason::Renamed:
+        return source + " now announces " + printable(change.successor);
+    case Event::Reason::LocalAddress:
+        return local.address == 0 ? "this computer has no address " +
+                                        std::string(net::transAddr(m_lostAddress)) + " any more"
+                                  : source + " was not heard on " + net::transAddr(local.address);
+    case Event::Reason::Displaced:
+        return "there are too many radars";
+    case Event::Reason::Silent:
+        break;
+    }
+    if (!hasCarrier(local.interface))
+        return printable(local.interface) + " lost its carrier";
+    return source + " has not answered for 8 s" +
+           (m_present.empty() ? ", and nobody else does" : ", others do");
 }

@@ -4,6 +4,8 @@
 #include "loop.h"
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <set>
 
 namespace {

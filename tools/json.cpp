@@ -2,6 +2,8 @@
 
 #include "endpoints.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <cstdio>
 
 using nlohmann::ordered_json;
@@ -28,15 +30,14 @@ ordered_json toJson(const NetAddress& endpoint) {
     return {{"address", net::transAddr(endpoint.ip)}, {"port", net::NtoHs(endpoint.port)}};
 }
 
-ordered_json toJson(const Radar& radar) {
+ordered_json toJson(const radar::Radar& entry) {
     ordered_json object;
-    addName(object, radar.name);
-    object["hostId"] = radar.hostId != 0 ? ordered_json(radar.hostId) : ordered_json(nullptr);
-    object["source"] = radar.source.empty() ? ordered_json(nullptr) : ordered_json(radar.source);
-    object["ageSeconds"] =
-        radar.age ? ordered_json(static_cast<double>(radar.age->count()) / 1000) : ordered_json(nullptr);
+    addName(object, entry.name);
+    object["hostId"] = entry.hostId != 0 ? ordered_json(entry.hostId) : ordered_json(nullptr);
+    object["source"] = net::transAddr(entry.source);
+    object["ageSeconds"] = static_cast<double>(entry.age.count()) / 1000;
     object["streams"] = ordered_json::array();
-    for (const RadarAddress& record : radar.streams) {
+    for (const RadarAddress& record : entry.streams) {
         ordered_json stream;
         for (const EndpointName& name : kEndpointNames) {
             const RadarEndpoint& endpoint = record.*name.endpoint;
@@ -51,6 +52,15 @@ ordered_json toJson(const Radar& radar) {
         object["streams"].push_back(stream);
     }
     return object;
+}
+
+void addLocalAddress(ordered_json& object, const radar::LocalAddress& local) {
+    constexpr const char* kOrigins[] = {nullptr, "option", "profileAddress", "profileInterface", "search"};
+    const char* origin = kOrigins[static_cast<int>(local.origin)];
+    object["localAddress"] =
+        local.address != 0 ? ordered_json(net::transAddr(local.address)) : ordered_json(nullptr);
+    object["interface"] = local.interface;
+    object["localAddressOrigin"] = origin != nullptr ? ordered_json(origin) : ordered_json(nullptr);
 }
 
 std::string jsonText(const ordered_json& document, bool oneLine) {

@@ -3,7 +3,7 @@
 /// is renamed, removed or given another meaning, not when one is added.
 #pragma once
 
-#include "display.h"
+#include <RadarWatch/radarwatch.h>
 
 #include <nlohmann/json.hpp>
 
@@ -17,7 +17,9 @@ void addName(nlohmann::ordered_json& object, const std::string& name);
 
 /// Null for an endpoint that the radar does not announce.
 nlohmann::ordered_json toJson(const NetAddress& endpoint);
-nlohmann::ordered_json toJson(const Radar& radar);
+nlohmann::ordered_json toJson(const radar::Radar& entry);
+/// As members of an object.
+void addLocalAddress(nlohmann::ordered_json& object, const radar::LocalAddress& local);
 
 /// One line of plain ASCII, or indented. Ends with a line end.
 std::string jsonText(const nlohmann::ordered_json& document, bool oneLine);

@@ -3,6 +3,8 @@
 #include "search.h"
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <cstdio>
 
 namespace {
@@ -13,13 +15,13 @@ struct Options {
     bool json = false;
 };
 
-void print(const std::vector<Radar>& radars, const std::string& interface, bool endpoints,
+void print(const std::vector<radar::Radar>& radars, const std::string& interface, bool endpoints,
            const Output& output) {
     const int columns = output.isTerminal() ? output.terminalSize().columns : 0;
     const TableLayout layout(interface, columns, false);
     const auto shared = sharedIds(radars);
     output.write(output.styled(Output::Style::Heading, layout.heading()) + "\n");
-    for (const Radar& radar : radars) {
+    for (const radar::Radar& radar : radars) {
         const bool sharesId = shared.contains(radar.hostId);
         const std::string line = layout.line(radar, sharesId, ageText(radar.age));
         output.write((sharesId ? output.styled(Output::Style::Bad, line) : line) + "\n");
@@ -31,14 +33,12 @@ void print(const std::vector<Radar>& radars, const std::string& interface, bool 
         std::fprintf(stderr, "%s\n", note.c_str());
 }
 
-void printJson(const std::vector<Radar>& radars, unsigned int localIp, const std::string& interface,
+void printJson(const std::vector<radar::Radar>& radars, const radar::LocalAddress& local,
                const Output& output) {
     nlohmann::ordered_json document = jsonDocument();
-    document["localAddress"] =
-        localIp != 0 ? nlohmann::ordered_json(net::transAddr(localIp)) : nlohmann::ordered_json(nullptr);
-    document["interface"] = interface;
+    addLocalAddress(document, local);
     document["radars"] = nlohmann::ordered_json::array();
-    for (const Radar& radar : radars)
+    for (const radar::Radar& radar : radars)
         document["radars"].push_back(toJson(radar));
     output.write(jsonText(document, false));
 }
@@ -52,17 +52,16 @@ std::string leftOut(const std::string& only, unsigned int localIp) {
 
 int list(const Options& options, Output& output) {
     Search search(options.search);
-    std::vector<Radar> radars;
-    const Search::End end = search.until([&](const std::vector<Radar>& heard) {
+    std::vector<radar::Radar> radars;
+    const Search::End end = search.until([&](const std::vector<radar::Radar>& heard) {
         radars = heard;
         return !radars.empty();
     });
-    const unsigned int localIp = search.display().localIp();
-    const std::string interface = net::localIfaName(localIp);
+    const radar::LocalAddress local = search.watch().localAddress();
     if (options.json)
-        printJson(radars, localIp, interface, output);
+        printJson(radars, local, output);
     else if (!radars.empty())
-        print(radars, interface, options.endpoints, output);
+        print(radars, local.interface, options.endpoints, output);
     if (!radars.empty())
         return kFound;
     if (end == Search::End::Stopped)
@@ -70,7 +69,7 @@ int list(const Options& options, Output& output) {
     const unsigned int wanted = localAddress(options.search.local);
     const std::string only = wanted != 0 ? net::localIfaName(wanted) : "";
     std::fprintf(stderr, "radarctl: no radar found within %g s%s\n", options.search.timeout,
-                 leftOut(only, localIp).c_str());
+                 leftOut(only, local.address).c_str());
     if (const auto cause = doctor::likelyCause(only, search.loop()))
         std::fprintf(stderr, "radarctl: most likely: %s\n", printable(*cause).c_str());
     std::fprintf(stderr, "radarctl: radarctl doctor looks closer\n");

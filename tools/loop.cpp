@@ -31,7 +31,10 @@ void Loop::takeTerminal(int descriptor) {
 }
 
 Loop::Event Loop::wait(std::chrono::milliseconds timeout) {
-    pollfd sources[] = {{m_signals.get(), POLLIN, 0}, {m_wakes.get(), POLLIN, 0}, {m_terminal, POLLIN, 0}};
+    pollfd sources[] = {{m_signals.get(), POLLIN, 0},
+                        {m_wakes.get(), POLLIN, 0},
+                        {m_terminal, POLLIN, 0},
+                        {m_watched, POLLIN, 0}};
     if (::poll(sources, std::size(sources), timeout.count() < 0 ? -1 : static_cast<int>(timeout.count())) <=
         0)
         return Event::TimeOut;
@@ -50,7 +53,8 @@ Loop::Event Loop::wait(std::chrono::milliseconds timeout) {
     if (sources[2].revents != 0)
         return Event::Input;
     std::uint64_t count;
-    return ::read(m_wakes.get(), &count, sizeof count) == sizeof count ? Event::Wake : Event::TimeOut;
+    const bool woken = ::read(m_wakes.get(), &count, sizeof count) == sizeof count;
+    return woken || sources[3].revents != 0 ? Event::Wake : Event::TimeOut;
 }
 
 void Loop::wake() {

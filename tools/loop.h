@@ -23,6 +23,9 @@ public:
     /// @param descriptor the terminal, not owned; -1: there is nothing to read
     void takeTerminal(int descriptor);
 
+    /// From here on wait() returns Wake, too, while a descriptor, not owned, is readable.
+    void watch(int descriptor) { m_watched = descriptor; }
+
     /// Waits for the next event; a negative @p timeout waits for ever.
     Event wait(std::chrono::milliseconds timeout);
     /// Makes wait() return Wake. Any thread.
@@ -32,6 +35,7 @@ private:
     void take(std::initializer_list<int> signals);
 
     int m_terminal = -1;
+    int m_watched = -1;
     sigset_t m_taken;
     net::detail::Descriptor m_signals; // signalfd
     net::detail::Descriptor m_wakes;   // eventfd

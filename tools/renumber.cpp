@@ -1,6 +1,8 @@
 #include "search.h"
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <algorithm>
 #include <map>
 #include <set>
@@ -15,7 +17,8 @@ struct Options {
 /// The radars that are to give their ids up, until each has one of its own.
 class Renumbering {
 public:
-    Renumbering(const Radar& radar, const std::vector<Radar>& listed) : m_name(radar.name) {
+    Renumbering(radar::Watch& watch, const radar::Radar& radar) : m_watch(watch), m_name(radar.name) {
+        const std::vector<radar::Radar> listed = entriesOf(watch.radars());
         m_objected[radar.name] = radar.hostId;
         const auto shared = sharedIds(listed);
         if (const auto holders = shared.find(radar.hostId); holders != shared.end())
@@ -25,9 +28,9 @@ public:
     }
 
     /// Objects where that is needed. @return whether nothing is left to do
-    bool goOn(const std::vector<Radar>& listed) {
+    bool goOn(const std::vector<radar::Radar>& listed) {
         m_held.clear();
-        for (const Radar& radar : listed)
+        for (const radar::Radar& radar : listed)
             if (const auto known = m_objected.find(radar.name); known != m_objected.end())
                 m_held[radar.name] = radar.hostId;
         std::set<int> again; // a holder of id 1 takes the first objection after its own for that one's echo
@@ -63,7 +66,7 @@ public:
     bool hasMoved() const { return held() != m_objected.at(m_name); }
 
 private:
-    bool objectToShared(const std::vector<Radar>& listed) {
+    bool objectToShared(const std::vector<radar::Radar>& listed) {
         bool any = false;
         for (const auto& [id, names] : sharedIds(listed)) {
             if (std::ranges::none_of(names, [this](const auto& name) { return m_objected.contains(name); }))
@@ -82,14 +85,15 @@ private:
     }
 
     /// Reaches every holder of the id.
-    void object(int id, const std::vector<Radar>& listed) {
-        const auto holder = std::ranges::find(listed, id, &Radar::hostId);
+    void object(int id, const std::vector<radar::Radar>& listed) {
+        const auto holder = std::ranges::find(listed, id, &radar::Radar::hostId);
         if (holder == listed.end())
             return;
-        MultiRadarClient::getInstance()->queryForAdjust(holder->name.c_str());
-        ++m_objections;
+        if (m_watch.renumber(holder->name))
+            ++m_objections;
     }
 
+    radar::Watch& m_watch;
     const std::string m_name;
     std::map<std::string, int> m_objected; // the id that each was last told to give up, by name
     std::map<std::string, int> m_held;     // by name, of those
@@ -99,17 +103,17 @@ private:
 
 int renumber(const Options& options, Output& output) {
     Search search(options.search);
-    const Radar before = search.find(options.name);
+    const radar::Radar before = search.find(options.name);
     const std::string name = printable(before.name);
     if (before.hostId == 0)
         throw Failure(kNothingFound, name + " is not in the plan of host ids, so there is none to object to");
-    Renumbering renumbering(before, search.display().radars());
+    Renumbering renumbering(search.watch(), before);
     const std::string id = std::to_string(before.hostId);
     output.write("sent an objection to host id " + id + " to " + endpointText(wire::kNegotiation) + " on " +
-                 net::transAddr(search.display().localIp()) + "; waiting for " +
+                 net::transAddr(search.watch().localAddress().address) + "; waiting for " +
                  inWords(renumbering.names()) + " to negotiate another\n");
     const Search::End end =
-        search.until([&](const std::vector<Radar>& radars) { return renumbering.goOn(radars); });
+        search.until([&](const std::vector<radar::Radar>& radars) { return renumbering.goOn(radars); });
     const int count = renumbering.objections();
     const std::string sent = count == 1 ? "" : " after " + std::to_string(count) + " objections";
     if (end != Search::End::Enough && !renumbering.hasMoved())

@@ -1,20 +1,21 @@
 #include "endpoints.h"
 #include "search.h"
 
+#include <UdpSocket/udpsocket.h>
+
 namespace {
 
 int reset(const SearchOptions& options, Output& output) {
     Search search(options);
     // The address is enough: whoever hears the command need not be a radar that announces itself.
-    if (search.until([](const std::vector<Radar>&) { return true; }) == Search::End::Stopped)
+    if (search.until([](const std::vector<radar::Radar>&) { return true; }) == Search::End::Stopped)
         throw Failure(kNothingFound, "stopped before anything was sent");
-    if (search.display().localIp() == 0)
+    if (!search.watch().reset())
         throw Failure(kNothingFound,
                       "nothing was sent: no local address leads to a radar (name one with --local, "
                       "or see radarctl doctor)");
-    MultiRadarClient::getInstance()->resetRadar();
     output.write("sent the reset command (20 A1) to " + endpointText(wire::kNegotiation) + " on " +
-                 std::string(net::transAddr(search.display().localIp())) + "; hosts do not answer it\n");
+                 net::transAddr(search.watch().localAddress().address) + "; hosts do not answer it\n");
     return kFound;
 }
 

@@ -4,6 +4,7 @@
 #include "table.h"
 
 #include <UdpSocket/base/socket.h>
+#include <UdpSocket/udpsocket.h>
 
 #include <arpa/inet.h>
 
@@ -18,7 +19,8 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kAnswerTime = 1s; // every host answers in milliseconds
-constexpr auto kPoll = 50ms;
+constexpr auto kProgress = 250ms;
+constexpr int kAtOnce = 1024; // events: signals wait meanwhile
 
 std::string checkAddress(const std::string& text) {
     in_addr address{};
@@ -75,39 +77,60 @@ void addSearchOptions(Syntax& syntax, SearchOptions& options) {
 }
 
 Search::Search(const SearchOptions& options)
-    : m_display(checkedLocalAddress(options.local)), m_timeout(options.timeout) {}
+    : m_watch({.localAddress = checkedLocalAddress(options.local)}), m_timeout(options.timeout) {
+    m_loop.watch(m_watch.descriptor());
+}
 
-Search::End Search::until(const std::function<bool(const std::vector<Radar>&)>& enough) {
+/// For Watch::radars() to tell what they say.
+void Search::takeEvents() {
+    for (int i = 0; i < kAtOnce && m_watch.next(0ms); ++i)
+        continue;
+}
+
+Search::End Search::until(const std::function<bool(const std::vector<radar::Radar>&)>& enough) {
     const auto deadline =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_timeout));
     Progress progress(deadline);
     auto answered = Clock::time_point::max();
-    while (Clock::now() < deadline) {
-        progress.show(m_display.localIp());
-        if (m_display.localIp() != 0 && answered == Clock::time_point::max()) {
-            m_display.query();
-            answered = Clock::now() + kAnswerTime;
+    for (;;) {
+        takeEvents();
+        const auto now = Clock::now();
+        const unsigned int localIp = m_watch.localAddress().address;
+        progress.show(localIp);
+        if (localIp != 0 && answered == Clock::time_point::max())
+            answered = now + kAnswerTime;
+        const bool isLast = now >= deadline;
+        if (isLast || now >= answered) {
+            if (enough(entriesOf(m_watch.radars())))
+                return End::Enough;
+            if (isLast)
+                return End::TimedOut;
+            answered = now + kAnswerTime;
         }
-        if (m_loop.wait(kPoll) == Loop::Event::Stop)
+        const auto next = std::min({deadline, answered, now + kProgress});
+        if (m_loop.wait(std::chrono::ceil<std::chrono::milliseconds>(next - now)) == Loop::Event::Stop)
             return End::Stopped;
-        if (Clock::now() < answered)
-            continue;
-        if (enough(m_display.radars()))
-            return End::Enough;
-        answered = Clock::time_point::max();
     }
-    return enough(m_display.radars()) ? End::Enough : End::TimedOut;
 }
 
-Radar Search::find(const std::string& name) {
-    Radar found;
+Search::End Search::pauseUntil(Clock::time_point moment) {
+    for (auto now = Clock::now(); now < moment; now = Clock::now()) {
+        if (m_loop.wait(std::chrono::ceil<std::chrono::milliseconds>(moment - now)) == Loop::Event::Stop)
+            return End::Stopped;
+        takeEvents();
+    }
+    return End::TimedOut;
+}
+
+radar::Radar Search::find(const std::string& name) {
+    radar::Radar found;
     std::vector<std::string> names;
-    const End end = until([&](const std::vector<Radar>& radars) {
+    const End end = until([&](const std::vector<radar::Radar>& entries) {
         names.clear();
-        for (const Radar& radar : radars) {
-            names.push_back(radar.name);
-            if (radar.name == name || printable(radar.name) == name)
-                found = radar;
+        for (const radar::Radar& entry : entries) {
+            names.push_back(entry.name);
+            if (entry.name == name || printable(entry.name) == name)
+                found = entry;
         }
         return !found.streams.empty();
     });

@@ -3,9 +3,10 @@
 #pragma once
 
 #include "command.h"
-#include "display.h"
+#include "listing.h"
 #include "loop.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,28 +27,32 @@ struct SearchOptions {
 };
 void addSearchOptions(Syntax& syntax, SearchOptions& options);
 
-/// Asks for announcements until enough is known. Progress is shown on standard error where that is a
-/// terminal.
+/// Looks for radars until enough is known. Progress is shown on standard error where that is a terminal.
 class Search {
 public:
     /// @throws Failure for local options that do not fit this computer, and where it allows no socket
     explicit Search(const SearchOptions& options);
 
     enum class End { Enough, TimedOut, Stopped };
-    /// Queries, gives the hosts a second to answer, and shows @p enough what is known; again until it says
+    /// Gives the hosts a second to answer, and shows @p enough the entries of the list; again until it says
     /// so.
-    End until(const std::function<bool(const std::vector<Radar>&)>& enough);
+    End until(const std::function<bool(const std::vector<radar::Radar>&)>& enough);
 
-    /// The radar of that name, as it is or as printable() shows it. @throws Failure that tells which radars
-    /// there are instead
-    Radar find(const std::string& name);
+    /// Waits. @return TimedOut, or Stopped
+    End pauseUntil(std::chrono::steady_clock::time_point moment);
 
+    /// The entry of that name, as it is or as printable() shows it. @throws Failure that tells which there
+    /// are instead
+    radar::Radar find(const std::string& name);
+
+    /// What it knows is as of the end of the last of these calls.
+    radar::Watch& watch() { return m_watch; }
     Loop& loop() { return m_loop; }
-    Display& display() { return m_display; }
-    double timeout() const { return m_timeout; }
 
 private:
+    void takeEvents();
+
     Loop m_loop; // before anything that starts threads
-    Display m_display;
+    radar::Watch m_watch;
     double m_timeout; // seconds
 };

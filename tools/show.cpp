@@ -2,6 +2,8 @@
 #include "search.h"
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 namespace {
 
 struct Options {
@@ -10,16 +12,16 @@ struct Options {
     bool json = false;
 };
 
-void print(const Radar& radar, const std::string& localAddress, const Output& output) {
+void print(const radar::Radar& radar, const radar::LocalAddress& local, const Output& output) {
     output.write(output.styled(Output::Style::Heading, printable(radar.name)) + "\n");
     output.write("host id             " + hostIdText(radar.hostId) + "\n");
-    output.write("announced from      " + (radar.source.empty() ? "-" : radar.source) + ", " +
+    output.write("announced from      " + std::string(net::transAddr(radar.source)) + ", " +
                  ageText(radar.age) + "\n");
     output.write(
         "own address         " +
         (radar.streams[0].head == 0 ? "not announced" : std::string(net::transAddr(radar.streams[0].head))) +
         "\n");
-    output.write("heard on            " + localAddress + "\n");
+    output.write("heard on            " + std::string(net::transAddr(local.address)) + "\n");
     for (std::size_t i = 0; i < radar.streams.size(); ++i) {
         const RadarAddress& record = radar.streams[i];
         output.write(output.styled(Output::Style::Heading, "stream " + std::to_string(i)) +
@@ -39,15 +41,15 @@ void print(const Radar& radar, const std::string& localAddress, const Output& ou
 
 int show(const Options& options, Output& output) {
     Search search(options.search);
-    const Radar radar = search.find(options.name);
-    const std::string localAddress = net::transAddr(search.display().localIp());
+    const radar::Radar radar = search.find(options.name);
+    const radar::LocalAddress local = search.watch().localAddress();
     if (options.json) {
         nlohmann::ordered_json document = jsonDocument();
-        document["localAddress"] = localAddress;
+        addLocalAddress(document, local);
         document["radar"] = toJson(radar);
         output.write(jsonText(document, false));
     } else {
-        print(radar, localAddress, output);
+        print(radar, local, output);
     }
     return kFound;
 }

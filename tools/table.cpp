@@ -1,5 +1,7 @@
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <cwchar>
 
 #include <algorithm>
@@ -101,8 +103,8 @@ std::string endpointText(const wire::Group& group) {
     return std::string(group.address) + ":" + std::to_string(group.port);
 }
 
-std::string ageText(const std::optional<std::chrono::milliseconds>& age) {
-    return age ? format("%.1f s ago", static_cast<double>(age->count()) / 1000) : "-";
+std::string ageText(std::chrono::milliseconds age) {
+    return format("%.1f s ago", static_cast<double>(age.count()) / 1000);
 }
 
 std::string hostIdText(int hostId) {
@@ -154,13 +156,13 @@ std::string TableLayout::heading() const {
     return row("RADAR", " ID", "STREAMS", "INTERFACE", "FIRST SEEN", "LAST HEARD");
 }
 
-std::string TableLayout::line(const Radar& radar, bool sharesId, const std::string& lastHeard,
+std::string TableLayout::line(const radar::Radar& entry, bool sharesId, const std::string& lastHeard,
                               const std::string& firstSeen) const {
-    return row(printable(radar.name), format("%3s%s", hostIdText(radar.hostId).c_str(), sharesId ? "!" : " "),
-               format("%7zu", radar.streams.size()), m_interface, firstSeen, lastHeard);
+    return row(printable(entry.name), format("%3s%s", hostIdText(entry.hostId).c_str(), sharesId ? "!" : " "),
+               format("%7zu", entry.streams.size()), m_interface, firstSeen, lastHeard);
 }
 
-std::vector<std::string> sharedIdNotes(const std::map<int, std::set<std::string>>& shared, int columns) {
+std::vector<std::string> sharedIdNotes(const SharedIds& shared, int columns) {
     std::vector<std::string> notes;
     std::size_t told = 0;
     for (const auto& [id, names] : shared) {
@@ -178,7 +180,7 @@ std::vector<std::string> sharedIdNotes(const std::map<int, std::set<std::string>
     return notes;
 }
 
-std::vector<std::string> endpointLines(const Radar& radar, int columns) {
+std::vector<std::string> endpointLines(const radar::Radar& entry, int columns) {
     std::vector<std::string> lines;
     const auto add = [&](std::size_t stream, const char* label, const NetAddress& data,
                          const NetAddress& control, const NetAddress& state) {
@@ -190,18 +192,18 @@ std::vector<std::string> endpointLines(const Radar& radar, int columns) {
             lines.push_back("    state   " + endpointText(state));
         }
     };
-    for (std::size_t i = 0; i < radar.streams.size(); ++i) {
-        const RadarAddress& record = radar.streams[i];
+    for (std::size_t i = 0; i < entry.streams.size(); ++i) {
+        const RadarAddress& record = entry.streams[i];
         add(i, "image", record.imageStream, record.imageCtrl, record.imageState);
         add(i, "ARPA", record.arpaStream, record.arpaCtrl, record.arpaState);
     }
     return lines;
 }
 
-std::string summary(const Radar& radar) {
-    std::string text = printable(radar.name) + " id " + hostIdText(radar.hostId) + " streams " +
-                       std::to_string(radar.streams.size());
-    for (const RadarAddress& record : radar.streams)
+std::string summary(const radar::Radar& entry) {
+    std::string text = printable(entry.name) + " id " + hostIdText(entry.hostId) + " streams " +
+                       std::to_string(entry.streams.size());
+    for (const RadarAddress& record : entry.streams)
         text += " image " + endpointText(record.imageStream) + " " + endpointText(record.imageCtrl) + " " +
                 endpointText(record.imageState) + " ARPA " + endpointText(record.arpaStream) + " " +
                 endpointText(record.arpaCtrl) + " " + endpointText(record.arpaState);

@@ -2,10 +2,10 @@
 /// Radars as text for people.
 #pragma once
 
-#include "display.h"
 #include "endpoints.h"
+#include "listing.h"
 
-#include <map>
+#include <chrono>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,8 +17,8 @@ std::string printable(const std::string& bytes);
 /// Printable text, filled with blanks to that many columns, and at least one blank.
 std::string padded(const std::string& text, int columns);
 
-/// Seconds with one decimal: "0.3 s ago", or "-".
-std::string ageText(const std::optional<std::chrono::milliseconds>& age);
+/// Seconds with one decimal: "0.3 s ago".
+std::string ageText(std::chrono::milliseconds age);
 
 /// Host id, or "-".
 std::string hostIdText(int hostId);
@@ -29,7 +29,7 @@ std::string inWords(const std::set<std::string>& names);
 /// What a shell reads as that text, whatever is in it.
 std::string shellWord(const std::string& text);
 
-/// A table with one line a radar. Where a terminal is narrow, the time of the first sight is left out, then
+/// A table with one line an entry. Where a terminal is narrow, the time of the first sight is left out, then
 /// the number of streams, and then names are cut; interface and age stay.
 class TableLayout {
 public:
@@ -40,7 +40,7 @@ public:
 
     std::string heading() const;
     /// @param sharesId another radar has the same host id, which is marked
-    std::string line(const Radar& radar, bool sharesId, const std::string& lastHeard,
+    std::string line(const radar::Radar& entry, bool sharesId, const std::string& lastHeard,
                      const std::string& firstSeen = "") const;
 
 private:
@@ -58,12 +58,12 @@ private:
 
 /// What to do about host ids that several radars have; a few lines.
 /// @param columns of the terminal; 0: as many as it takes
-std::vector<std::string> sharedIdNotes(const std::map<int, std::set<std::string>>& shared, int columns);
+std::vector<std::string> sharedIdNotes(const SharedIds& shared, int columns);
 
 /// Image and ARPA endpoints of each stream, on two lines of at most 80 columns; on more and shorter ones
 /// where the terminal is narrower.
 /// @param columns of the terminal; 0: as many as it takes
-std::vector<std::string> endpointLines(const Radar& radar, int columns);
+std::vector<std::string> endpointLines(const radar::Radar& entry, int columns);
 
 /// Id, streams and endpoints on one line.
-std::string summary(const Radar& radar);
+std::string summary(const radar::Radar& entry);

@@ -4,20 +4,23 @@
 #include "search.h"
 #include "table.h"
 
+#include <UdpSocket/udpsocket.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <memory>
+#include <optional>
 
 namespace {
 
 using namespace std::chrono_literals;
 using SystemClock = std::chrono::system_clock;
 
-constexpr std::chrono::milliseconds kPeriod = 1s; // of the queries
 constexpr std::chrono::milliseconds kRedraw = 250ms;
 constexpr auto kNew = 10s;     // for so long a radar that appeared is marked
 constexpr auto kSilence = 10s; // without a radar
@@ -46,32 +49,52 @@ std::string timestamp(SystemClock::time_point time) {
     return text.insert(text.size() - 2, ":"); // +0200
 }
 
-/// + for a radar that appeared, = for one that changed, - for one that left.
-std::string eventLine(const Event& event) {
-    switch (event.kind) {
-    case Event::Kind::Appeared:
-        return "+ " + summary(event.sighting.radar);
-    case Event::Kind::Changed:
-        return "= " + summary(event.sighting.radar);
-    default:
-        return "- " + printable(event.sighting.radar.name) + ": " + event.sighting.whyLeft;
-    }
+/// + for an entry that appeared, = for one that changed, - for one that left.
+std::string eventLine(const Change& change, const radar::LocalAddress& local) {
+    const radar::Radar& entry = change.sighting.entry;
+    if (change.kind == Change::Kind::Appeared)
+        return "+ " + summary(entry);
+    if (change.kind == Change::Kind::Left)
+        return "- " + printable(entry.name) + ": " + change.whyLeft;
+    std::string text = "= " + summary(entry);
+    for (const std::string& what : change.what)
+        if (what == "source")
+            text += "; from " + std::string(net::transAddr(entry.source));
+        else if (what == "sharesHostIdWith")
+            text += change.sharesHostIdWith.empty()
+                        ? "; shares its host id no more"
+                        : "; shares its host id with " + inWords(change.sharesHostIdWith);
+        else if (what == "localAddress")
+            text += "; the local address is " + std::string(net::transAddr(local.address));
+    return text;
 }
 
-nlohmann::ordered_json toJson(const Event& event) {
+nlohmann::ordered_json toJson(const Change& change, const radar::LocalAddress& local) {
     constexpr const char* kKinds[] = {"appeared", "changed", "left"};
+    constexpr const char* kReasons[] = {"variant", "silent",       "renumbered",
+                                        "renamed", "localAddress", "displaced"};
     nlohmann::ordered_json document = jsonDocument();
-    document["event"] = kKinds[static_cast<int>(event.kind)];
+    document["event"] = kKinds[static_cast<int>(change.kind)];
     document["time"] = timestamp(SystemClock::now());
-    document["firstSeen"] = timestamp(event.sighting.first);
-    document["lastSeen"] = timestamp(event.sighting.last);
-    if (event.kind == Event::Kind::Left)
-        document["reason"] = event.sighting.whyLeft;
-    document["radar"] = ::toJson(event.sighting.radar);
+    document["firstSeen"] = timestamp(change.sighting.first);
+    document["lastSeen"] = timestamp(change.sighting.last);
+    if (change.kind == Change::Kind::Changed)
+        document["changes"] = change.what;
+    if (change.kind == Change::Kind::Left) {
+        document["reason"] = change.whyLeft;
+        document["reasonCode"] = kReasons[static_cast<int>(change.reason)];
+        if (!change.successor.empty())
+            addName(document["successor"], change.successor);
+    }
+    addLocalAddress(document, local);
+    document["sharesHostIdWith"] = nlohmann::ordered_json::array();
+    for (const std::string& name : change.sharesHostIdWith)
+        addName(document["sharesHostIdWith"].emplace_back(), name);
+    document["radar"] = ::toJson(change.sighting.entry);
     return document;
 }
 
-std::string heading(std::ptrdiff_t present, unsigned int localIp, bool hasKeys) {
+std::string heading(std::size_t present, unsigned int localIp, bool hasKeys) {
     return std::to_string(present) + (present == 1 ? " radar, " : " radars, ") +
            (localIp == 0 ? "searching for the interface that leads to the radars"
                          : "on " + std::string(net::transAddr(localIp))) +
@@ -79,48 +102,48 @@ std::string heading(std::ptrdiff_t present, unsigned int localIp, bool hasKeys) 
 }
 
 /// The table of the radars, those that left included.
-Screen::Picture picture(const History& history, unsigned int localIp, bool endpoints, bool hasKeys,
+Screen::Picture picture(const radar::Watch& watch, History& history, bool endpoints, bool hasKeys,
                         const Output& output) {
     constexpr int kMark = 2; // columns before each line
     const int columns = output.terminalSize().columns;
-    const TableLayout layout(localIp != 0 ? net::localIfaName(localIp) : "", std::max(1, columns - kMark),
-                             true);
-    std::vector<Radar> present;
-    for (const auto& [name, sighting] : history.sightings())
-        if (sighting.whyLeft.empty())
-            present.push_back(sighting.radar);
-    const auto shared = sharedIds(present);
+    const radar::LocalAddress local = watch.localAddress();
+    const TableLayout layout(local.interface, std::max(1, columns - kMark), true);
+    const SharedIds& shared = history.sharedIds();
     Screen::Picture picture;
-    picture.heading = {heading(std::ssize(present), localIp, hasKeys),
+    picture.heading = {heading(history.present().size(), local.address, hasKeys),
                        output.styled(Output::Style::Heading, "  " + layout.heading())};
     picture.notes = sharedIdNotes(shared, columns);
     const auto now = SystemClock::now();
-    for (const auto& [name, sighting] : history.sightings()) {
-        const std::string firstSeen = timeText(sighting.first, "%T");
-        if (!sighting.whyLeft.empty()) {
-            const std::string line =
-                layout.line(sighting.radar, false, timeText(sighting.last, "%T"), firstSeen);
-            picture.body.push_back(output.styled(Output::Style::Bad, "- " + line));
-            picture.body.push_back(output.styled(Output::Style::Dim, "    left: " + sighting.whyLeft));
+    std::map<std::string, std::vector<std::string>> lines; // by name
+    for (const radar::Radar& entry : entriesOf(watch.radars())) {
+        const auto known = history.present().find(entry.name);
+        if (known == history.present().end())
             continue;
-        }
-        const bool sharesId = shared.contains(sighting.radar.hostId);
-        const bool isNew = now - sighting.first < kNew;
-        const std::string line = (isNew ? "+ " : "  ") + layout.line(sighting.radar, sharesId,
-                                                                     ageText(sighting.radar.age), firstSeen);
-        picture.body.push_back(sharesId ? output.styled(Output::Style::Bad, line)
-                               : isNew  ? output.styled(Output::Style::Good, line)
-                                        : line);
+        const bool sharesId = shared.contains(entry.hostId);
+        const bool isNew = now - known->second.first < kNew;
+        const std::string line = (isNew ? "+ " : "  ") + layout.line(entry, sharesId, ageText(entry.age),
+                                                                     timeText(known->second.first, "%T"));
+        lines[entry.name] = {sharesId ? output.styled(Output::Style::Bad, line)
+                             : isNew  ? output.styled(Output::Style::Good, line)
+                                      : line};
         if (endpoints)
-            std::ranges::move(endpointLines(sighting.radar, columns), std::back_inserter(picture.body));
+            std::ranges::move(endpointLines(entry, columns), std::back_inserter(lines[entry.name]));
     }
+    for (const auto& [sighting, why, since] : history.gone()) {
+        const std::string line =
+            layout.line(sighting.entry, false, timeText(sighting.last, "%T"), timeText(sighting.first, "%T"));
+        lines[sighting.entry.name] = {output.styled(Output::Style::Bad, "- " + line),
+                                      output.styled(Output::Style::Dim, "    left: " + why)};
+    }
+    for (auto& [name, some] : lines)
+        std::ranges::move(some, std::back_inserter(picture.body));
     return picture;
 }
 
 /// Follows the radars and shows them until it is told to end.
-class Watch {
+class View {
 public:
-    Watch(const Options& options, Output& output)
+    View(const Options& options, Output& output)
         : m_options(options), m_output(output), m_search({options.local}) {
         if (!output.isTerminal() || options.json)
             return;
@@ -130,12 +153,11 @@ public:
 
     int run() {
         for (;;) {
-            query();
-            if (Clock::now() >= m_answered && !report())
+            if (!report())
                 return kFound;
-            if (m_screen)
+            if (m_screen && Clock::now() >= m_nextDraw)
                 draw();
-            switch (m_search.loop().wait(kRedraw)) {
+            switch (m_search.loop().wait(patience())) {
             case Loop::Event::Stop:
                 return kFound;
             case Loop::Event::Input:
@@ -144,81 +166,88 @@ public:
                 break;
             case Loop::Event::Suspend:
                 m_screen->suspend();
-                awaitAnswers();
+                goOn();
                 break;
             case Loop::Event::Resume:
                 m_screen->resume();
-                awaitAnswers();
+                goOn();
                 break;
+            case Loop::Event::Wake:
+                continue; // the screen waits for its turn
             default:
                 break;
             }
+            m_nextDraw = Clock::now();
         }
     }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void query() {
-        if (Clock::now() < m_nextQuery)
-            return;
-        m_search.display().query();
-        m_nextQuery = Clock::now() + kPeriod;
+    /// Until there is something to do that nobody wakes us for.
+    std::chrono::milliseconds patience() const {
+        const auto until = m_screen                     ? m_nextDraw
+                           : m_silentSince && !m_hinted ? *m_silentSince + kSilence
+                                                        : Clock::time_point::max();
+        if (until == Clock::time_point::max())
+            return -1ms;
+        return std::max(0ms, std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()));
     }
 
-    /// Whoever was suspended has heard nothing: that does not mean that the radars have left.
-    void awaitAnswers() {
-        m_nextQuery = Clock::now();
-        m_answered = Clock::now() + kPeriod;
-        m_lastRadar = m_answered;
+    /// Whoever was suspended has heard nothing.
+    void goOn() {
+        if (m_silentSince)
+            m_silentSince = Clock::now();
     }
 
     /// @return false after as many events as are wanted
     bool report() {
-        const Display& display = m_search.display();
-        const std::vector<Radar> radars = display.radars();
-        for (const Event& event : m_history.update(radars, display.localIp())) {
+        for (const Change& change : m_history.next()) {
+            const radar::LocalAddress local = m_search.watch().localAddress();
             if (m_options.json)
-                m_output.write(jsonText(toJson(event), true));
+                m_output.write(jsonText(toJson(change, local), true));
             else if (!m_screen)
-                m_output.write(eventLine(event) + "\n");
+                m_output.write(eventLine(change, local) + "\n");
             if (++m_count == m_options.count)
                 return false;
         }
-        if (!radars.empty()) {
-            m_lastRadar = Clock::now();
+        if (!m_history.present().empty()) {
+            m_silentSince.reset();
             m_hinted = false;
-        } else if (!m_screen && !m_hinted && isSilent()) {
+        } else if (!m_silentSince) {
+            m_silentSince = Clock::now();
+        }
+        if (!m_screen && !m_hinted && isSilent()) {
             std::fprintf(stderr, "radarctl: %s\n", kHint);
             m_hinted = true;
         }
         return true;
     }
 
-    bool isSilent() const { return Clock::now() - m_lastRadar >= kSilence; }
+    bool isSilent() const { return m_silentSince && Clock::now() - *m_silentSince >= kSilence; }
 
     void draw() {
-        Screen::Picture shown = picture(m_history, m_search.display().localIp(), m_options.endpoints,
-                                        m_screen->keyboard() >= 0, m_output);
+        Screen::Picture shown =
+            picture(m_search.watch(), m_history, m_options.endpoints, m_screen->keyboard() >= 0, m_output);
         if (isSilent())
             shown.notes.emplace_back(kHint);
         m_screen->draw(shown);
+        m_nextDraw = Clock::now() + kRedraw;
     }
 
     const Options& m_options;
     Output& m_output;
     Search m_search;
-    History m_history;
+    History m_history{m_search.watch()};
     std::unique_ptr<Screen> m_screen; // none: events are printed
-    int m_count = 0;                  // of events
-    Clock::time_point m_nextQuery = Clock::now();
-    Clock::time_point m_answered = Clock::now(); // when what is known can be relied on
-    Clock::time_point m_lastRadar = Clock::now();
+    Clock::time_point m_nextDraw = Clock::now();
+    int m_count = 0;                                               // of events
+    std::optional<Clock::time_point> m_silentSince = Clock::now(); // without a radar
     bool m_hinted = false;
 };
 
 int watch(const Options& options, Output& output) {
-    return Watch(options, output).run();
+    return View(options, output).run();
 }
 
 } // namespace
