@@ -62,9 +62,9 @@ std::map<std::string, double> seriesOf(const std::string& text) {
 }
 
 TEST_F(Export, SaysWhatIsKnownInTheFormatOfTheCollector) {
-    const auto hostile = serve("host1", "\"\\x0A\\\n\xff", 20); // as the next one is shown
-    const auto twin = serve("host2", "\"\\\\x0A\n\xff", 20);
-    const auto plain = serve("host2", "North", 21);
+    const auto hostile = serve("host1", "\"\\x0A\\\n\xff", 20, 2U); // as the next one is shown
+    const auto twin = serve("host2", "\"\\\\x0A\n\xff", 20, 2U);
+    const auto plain = serve("host2", "North", 21, 2U);
     std::string text;
     EXPECT_TRUE(comesTrue( // it ends a second after the first answer
         [&] {
@@ -96,7 +96,7 @@ TEST_F(Export, SaysThatThereIsNoRadar) {
 }
 
 TEST_F(Export, ReplacesTheFileAsAWholeAndRemembersWhoLeft) {
-    auto north = serve("host1", "North", 20);
+    auto north = serve("host1", "North", 20, 2U);
     lab::Process exporter =
         m_lan.node("display").start({.command = {"sh", "-c", "umask 077; exec \"$@\"", "sh", RADARCTL,
                                                  "export", "--every", "0.1", "--textfile", m_file.string()}});
