@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <initializer_list>
+#include <vector>
 
 /// Takes SIGINT, SIGTERM, SIGHUP and SIGWINCH as events instead of interruptions. Make it before anything
 /// that starts threads.
@@ -23,15 +24,19 @@ public:
     /// @param descriptor the terminal, not owned; -1: there is nothing to read
     void takeTerminal(int descriptor);
 
+    /// From here on wait() also tells that this descriptor, which is not owned, has something to read
+    /// (Input).
+    void watch(int descriptor);
+
     /// Waits for the next event; a negative @p timeout waits for ever.
-    Event wait(std::chrono::milliseconds timeout);
+    Event wait(std::chrono::nanoseconds timeout);
     /// Makes wait() return Wake. Any thread.
     void wake();
 
 private:
     void take(std::initializer_list<int> signals);
 
-    int m_terminal = -1;
+    std::vector<int> m_watched; // the terminal, sockets
     sigset_t m_taken;
     net::detail::Descriptor m_signals; // signalfd
     net::detail::Descriptor m_wakes;   // eventfd

@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
                      UDPSOCKET_VERSION);
     Options options;
     addOptions(line.common(), options);
-    for (const auto add :
-         {addList, addWatch, addShow, addListen, addHost, addRenumber, addReset, addInterfaces, addDoctor})
+    for (const auto add : {addList, addWatch, addShow, addListen, addHost, addRenumber, addReset,
+                           addInterfaces, addDoctor, addReplay, addInfo})
         add(line);
     int exitCode = kUsage;
     const auto run = line.parse(argc, argv, exitCode);

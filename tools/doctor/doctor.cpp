@@ -3,12 +3,11 @@
 #include "../command.h"
 #include "../json.h"
 #include "../search.h"
+#include "../status_line.h"
 #include "../table.h"
 #include "observation.h"
 
 #include <UdpSocket/udpsocket.h>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -66,24 +65,6 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
 std::string line(const Finding& finding) {
     return finding.what + (finding.remedy.empty() ? "" : "; " + finding.remedy);
 }
-
-/// What runs, on a terminal's standard error; wiped at the end.
-class Notice {
-public:
-    explicit Notice(double seconds) : m_isTerminal(::isatty(STDERR_FILENO) == 1) {
-        if (m_isTerminal)
-            std::fprintf(stderr, "\x1b[?7llistening and asking for %g s; Ctrl-C ends\x1b[?7h", seconds);
-    }
-    ~Notice() {
-        if (m_isTerminal)
-            std::fputs("\r\x1b[K", stderr);
-    }
-    Notice(const Notice&) = delete;
-    Notice& operator=(const Notice&) = delete;
-
-private:
-    bool m_isTerminal;
-};
 
 /// A paragraph that goes on indented where a terminal's line is full; one line elsewhere.
 std::string paragraph(const std::string& text, std::size_t indent, const Output& output) {
@@ -159,7 +140,10 @@ int examine(const Options& options, Output& output) {
     }
     Loop loop;
     const Observation seen = [&] {
-        const Notice notice(options.seconds);
+        StatusLine status;
+        std::ostringstream text;
+        text << "listening and asking for " << options.seconds << " s; Ctrl-C ends";
+        status.show(text.str());
         return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
     }();
     if (seen.listening.stopped) {
