@@ -57,10 +57,11 @@ struct LocalAddress {
 /// Something that happened.
 struct Event {
     enum class Kind {
-        Appeared,      ///< radar: as it announces itself
-        Changed,       ///< radar: as it announces itself now; changes
-        Left,          ///< radar: as it was last; reason, successor
-        Conflict,      ///< hostId, holders: several radars have one host id, or others than before
+        Appeared, ///< radar: as it announces itself
+        Changed,  ///< radar: as it announces itself now; changes
+        Left,     ///< radar: as it was last; reason, successor
+        Conflict, ///< hostId, holders: several radars have one host id, or others than before; looked for
+                  ///< once a second
         ConflictEnded, ///< hostId, holders: who is left
         LocalFound,    ///< local
         LocalChanged,  ///< local, previous
@@ -90,17 +91,19 @@ struct Event {
     Reason reason = Reason::None;
     std::string successor;
     int hostId = 0;
-    std::vector<std::string> holders; ///< names, ascending
+    std::vector<std::string> holders; ///< names, ascending, the first 16
     LocalAddress local;
     std::uint32_t previous = 0;
     unsigned merged =
         0; ///< earlier events of this radar, host id or local address that this one stands for, too
+    std::chrono::steady_clock::time_point when{}; ///< it happened
 };
 
 /// Which radars there are on the LAN.
 ///
 /// Life cycle: any number a process. Watches with the same configured local address share what they need of
-/// the system: one MultiRadarClient, one socket, one query a second, one thread. The last one to be destroyed
+/// the system: one thread, a socket to hear and one to ask once a second, with [Radar] IP of profile.ini a
+/// TCP connection, and a MultiRadarClient where the address has to be searched. The last one to be destroyed
 /// ends it.
 ///
 /// Events wait in a queue, in the order in which things happened. The last 1024 are kept as they are; beyond
@@ -123,10 +126,10 @@ public:
     Watch();
     explicit Watch(const Options& options);
     /// @param callback takes all events, on a thread of this Watch, one at a time and without a lock. It may
-    /// call
-    ///                 anything, and may destroy the Watch. std::bad_alloc that it throws costs the event,
-    ///                 anything else ends the process.
-    explicit Watch(Callback callback, const Options& options = Options());
+    ///                 call anything, and may destroy the Watch. std::bad_alloc that it throws costs the
+    ///                 event, anything else ends the process.
+    explicit Watch(Callback callback);
+    Watch(Callback callback, const Options& options);
     ~Watch();
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;

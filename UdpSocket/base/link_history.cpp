@@ -28,12 +28,6 @@ Descriptor openLinkMessages() {
     return socket;
 }
 
-/// Tells one network namespace from another; 0 where /proc is not there: all are taken for one.
-std::uint64_t thisNetwork() {
-    struct stat state {};
-    return ::stat("/proc/thread-self/ns/net", &state) == 0 ? state.st_ino : 0;
-}
-
 struct Shared {
     Mutex mutex;
     std::map<std::uint64_t, std::weak_ptr<LinkHistory>> histories GUARDED_BY(mutex); // by network
@@ -46,6 +40,11 @@ Shared& shared() {
 }
 
 } // namespace
+
+std::uint64_t thisNetwork() {
+    struct stat state {};
+    return ::stat("/proc/thread-self/ns/net", &state) == 0 ? state.st_ino : 0;
+}
 
 std::shared_ptr<LinkHistory> LinkHistory::ofThisNetwork() {
     Shared& all = shared();

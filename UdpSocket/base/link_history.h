@@ -12,6 +12,10 @@
 
 namespace net::detail {
 
+/// Tells the calling thread's network namespace from others; 0 where /proc is not there: all are taken for
+/// one.
+std::uint64_t thisNetwork();
+
 /// Counts the removals of each interface. One that is removed and made again with the same name, index and
 /// address has lost its group memberships, and no look at it or at the socket tells that: joining again says
 /// that the group is joined. The kernel's messages about links do.

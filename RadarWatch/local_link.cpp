@@ -1,0 +1,96 @@
+#include <RadarWatch/local_link.h>
+
+#include <UdpSocket/settings/settings.h>
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+
+#include <cstring>
+#include <memory>
+
+namespace radar::detail {
+
+using net::detail::Descriptor;
+using net::detail::setOption;
+
+namespace {
+
+// A full plan of 49 hosts answers one query at once.
+constexpr int kReceiveBuffer = 256 * 1024;
+
+bool hasAddress(const ifaddrs& entry, std::uint32_t address) {
+    if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET)
+        return false;
+    sockaddr_in socketAddress;
+    std::memcpy(&socketAddress, entry.ifa_addr, sizeof socketAddress);
+    return socketAddress.sin_addr.s_addr == address;
+}
+
+} // namespace
+
+bool findInterface(std::uint32_t address, std::optional<Interface>& found) {
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0)
+        return false;
+    const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, &::freeifaddrs);
+    found.reset();
+    for (const ifaddrs* entry = first; entry != nullptr && !found; entry = entry->ifa_next)
+        if (hasAddress(*entry, address))
+            found = Interface{entry->ifa_name};
+    if (found)
+        found->index = ::if_nametoindex(found->device().c_str());
+    return true;
+}
+
+const char* LocalLink::open(std::uint32_t localIp, const Interface& interface, bool hears) {
+    close();
+    const char* refused = hears ? openReceiver(localIp, interface) : nullptr;
+    if (refused == nullptr)
+        refused = openSender(localIp);
+    if (refused != nullptr) {
+        const int error = errno;
+        close();
+        errno = error;
+    }
+    return refused;
+}
+
+const char* LocalLink::openReceiver(std::uint32_t localIp, const Interface& interface) {
+    m_receiver = net::detail::openSocket(SOCK_DGRAM | SOCK_NONBLOCK);
+    const in_addr_t group = ::inet_addr(wire::kDiscovery.address);
+    if (!m_receiver.isOpen())
+        return "socket";
+    if (!setOption(m_receiver, SOL_SOCKET, SO_REUSEADDR, 1) ||
+        !setOption(m_receiver, IPPROTO_IP, IP_MULTICAST_ALL, 0))
+        return "setsockopt";
+    setOption(m_receiver, SOL_SOCKET, SO_RCVBUF, kReceiveBuffer); // cannot be refused, only be cut
+    // By the membership it hears that interface alone, too, but for one in a VRF.
+    net::detail::bindToDevice(m_receiver, interface.device());
+    if (!net::detail::bindTo(m_receiver, net::detail::makeAddress(group, wire::kDiscovery.port)))
+        return "bind";
+    return net::detail::joinGroup(m_receiver, group, localIp) ? nullptr : "IP_ADD_MEMBERSHIP";
+}
+
+const char* LocalLink::openSender(std::uint32_t localIp) {
+    m_sender = net::detail::openSocket(SOCK_DGRAM | SOCK_NONBLOCK);
+    if (!m_sender.isOpen())
+        return "socket";
+    if (!setOption(m_sender, IPPROTO_IP, IP_MULTICAST_IF, net::detail::membership(0, localIp)) ||
+        !setOption(m_sender, IPPROTO_IP, IP_MULTICAST_LOOP, net::settings::multicastLoop() ? 1 : 0))
+        return "setsockopt";
+    return net::detail::bindTo(m_sender, net::detail::makeAddress(localIp, 0)) ? nullptr : "bind";
+}
+
+void LocalLink::close() {
+    m_receiver.reset();
+    m_sender.reset();
+}
+
+bool LocalLink::send(const wire::Group& group, std::string_view message) const {
+    const sockaddr_in to = net::detail::makeAddress(::inet_addr(group.address), group.port);
+    return net::detail::sendTo(m_sender, message.data(), static_cast<int>(message.size()), to) ==
+           static_cast<ssize_t>(message.size());
+}
+
+} // namespace radar::detail

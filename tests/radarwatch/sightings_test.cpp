@@ -1,0 +1,253 @@
+#include "../announcement_bytes.h"
+#include "event_text.h"
+
+#include <RadarWatch/event_queue.h>
+#include <RadarWatch/sightings.h>
+
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <map>
+#include <random>
+
+namespace {
+
+using namespace std::chrono_literals;
+using radar::Event;
+using radar::detail::Sightings;
+using radar::detail::State;
+using radar::detail::TimePoint;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr const char* kNorthHost = "10.1.0.1";
+constexpr const char* kOtherHost = "10.1.0.2";
+
+/// Hosts that answer once a second what a display asks, in virtual time.
+class Watched {
+public:
+    void hear(const std::string& datagram, const char* from = kNorthHost,
+              const protocol::DisplayOptions& options = {false, true}) {
+        take(m_sightings.heard(protocol::readAnnouncement(datagram, options).value(), net::transAddr(from),
+                               m_now));
+    }
+    void put(const std::string& name, int id, const char* from = kNorthHost, unsigned streams = 2) {
+        m_hosts[name] = [=, this] {
+            hear(protocol::composeAnnouncement(name, static_cast<std::uint8_t>(id), streams), from);
+        };
+    }
+    void remove(const std::string& name) { m_hosts.erase(name); }
+    void local(const char* address, const char* interface = "eth0") {
+        radar::LocalAddress local;
+        if (*address != '\0')
+            local = {net::transAddr(address), radar::LocalAddress::Origin::Search, interface};
+        take(m_sightings.setLocal(local, m_now));
+    }
+    void renumbered(const std::string& name) { m_sightings.renumbered(name, m_now); }
+    /// @return the events' texts
+    std::vector<std::string> run(std::chrono::seconds time) {
+        for (const TimePoint end = m_now + time; m_now < end; m_now += 1s) {
+            take(m_sightings.look(m_now));
+            for (const auto& [name, answer] : std::map(m_hosts))
+                answer();
+        }
+        return std::exchange(m_texts, {});
+    }
+    const State& state() const { return m_sightings.state(); }
+    const State& told() const { return m_told; }
+    TimePoint now() const { return m_now; }
+
+private:
+    void take(const std::vector<Event>& events) {
+        for (const Event& event : events) {
+            m_texts.push_back(text(event));
+            m_told.apply(event);
+        }
+    }
+
+    Sightings m_sightings;
+    State m_told; // by the events
+    TimePoint m_now = TimePoint(1h);
+    std::map<std::string, std::function<void()>> m_hosts;
+    std::vector<std::string> m_texts;
+};
+
+TEST(Sightings, ComingsAndGoingsAreToldInOrder) {
+    Watched lan;
+    lan.local("10.1.0.9");
+    lan.put("North", 16);
+    lan.put("South", 17, kOtherHost, 1);
+    EXPECT_THAT(lan.run(3s), ElementsAre("local 10.1.0.9 (eth0)", "North appeared, 16 at 10.1.0.1",
+                                         "South appeared, 17 at 10.1.0.2"));
+    lan.put("North", 20);
+    EXPECT_THAT(lan.run(3s), ElementsAre("North changed, 20 at 10.1.0.1, bits 5")) << "id, endpoints";
+    lan.put("South", 17, kOtherHost, 2);
+    EXPECT_THAT(lan.run(1s), ElementsAre("South changed, 17 at 10.1.0.2, bits 12"))
+        << "the short announcement leaves parts of the first stream out";
+    lan.put("South", 17, "10.1.0.3", 2);
+    EXPECT_THAT(lan.run(1s), ElementsAre("South changed, 17 at 10.1.0.3, bits 2"));
+    lan.remove("North");
+    EXPECT_THAT(lan.run(7s), IsEmpty());
+    EXPECT_THAT(lan.run(2s), ElementsAre("North left, Silent"));
+    lan.put("North", 20);
+    EXPECT_THAT(lan.run(1s), ElementsAre("North appeared, 20 at 10.1.0.1"));
+}
+
+TEST(Sightings, VariantsBelongToTheirRadar) {
+    const auto offer = AnnouncementBytes(222, "North").at(22, 1).at(23, 7).at(30, 1);
+    const auto user =
+        AnnouncementBytes(222, "North").at(22, 1).at(73, 1).at(150, endpoint("239.1.1.1", 9009));
+    Watched lan;
+    lan.hear(AnnouncementBytes(222, "North"));
+    lan.hear(offer);
+    lan.hear(AnnouncementBytes(offer).at(31, endpoint("10.1.2.3", 80)));
+    EXPECT_TRUE(lan.state().find("North:TCP") != nullptr && lan.state().find("North:User") == nullptr);
+    lan.hear(user);
+    EXPECT_THAT(lan.run(1s),
+                ElementsAre("North appeared, 16 at 10.1.0.1", "North changed, 16 at 10.1.0.1, bits 16",
+                            "North changed, 16 at 10.1.0.1, bits 32",
+                            "North changed, 16 at 10.1.0.1, bits 20"))
+        << "the host id is that of the standard endpoints";
+    const radar::Radar& radar = lan.state().find("North:User")->radar;
+    EXPECT_TRUE(radar.user && !radar.tcp && radar.streams.size() == 2);
+    EXPECT_EQ(text(NetAddress(radar.streams[0].arpaStream)), "239.1.1.1:9009");
+
+    lan.hear(offer, kNorthHost, {true, true});
+    EXPECT_TRUE(lan.state().find("North")->radar.streams.empty())
+        << "of a fixed radar, the TCP service alone";
+    lan.hear(AnnouncementBytes(222, "Other"), kOtherHost, {true, true});
+    EXPECT_EQ(lan.state().radars.size(), 1U);
+}
+
+TEST(Sightings, WhoLeavesLeavesForAReason) {
+    struct Case {
+        const char* why;
+        std::function<void(Watched&)> happens; // then North is silent
+        std::vector<std::string> expected;     // of the ten seconds that follow
+    };
+    const Case cases[] = {
+        {"nothing else is known", [](Watched&) {}, {"North left, Silent"}},
+        {"its host has another name",
+         [](Watched& lan) { lan.put("Ahoy", 16); },
+         {"Ahoy appeared, 16 at 10.1.0.1", "North left, Renamed: Ahoy"}},
+        {"its host has another name and id",
+         [](Watched& lan) { lan.put("Ahoy", 18); },
+         {"Ahoy appeared, 18 at 10.1.0.1", "North left, Renumbered: Ahoy"}},
+        {"another host took its id",
+         [](Watched& lan) { lan.put("Ahoy", 16, kOtherHost); },
+         {"Ahoy appeared, 16 at 10.1.0.2", "16 shared: Ahoy North", "North left, Silent", "16 ended: Ahoy"}},
+        {"it was told to renumber",
+         [](Watched& lan) { lan.renumbered("North"); },
+         {"North left, Renumbered"}},
+        {"it had not given up its id when it was told",
+         [](Watched& lan) {
+             lan.renumbered("North");
+             lan.put("North", 16);
+             lan.run(5s);
+             lan.remove("North");
+         },
+         {"North left, Silent"}},
+        {"another local address",
+         [](Watched& lan) { lan.local("10.2.0.9", "eth1"); },
+         {"local 10.2.0.9 (eth1)", "North left, LocalAddress", "Twin left, LocalAddress"}},
+        {"no local address",
+         [](Watched& lan) { lan.local(""); },
+         {"lost 10.1.0.9", "North left, LocalAddress", "Twin left, LocalAddress"}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.why);
+        Watched lan;
+        lan.local("10.1.0.9");
+        lan.put("North", 16);
+        lan.put("Twin", 17); // another radar of the same computer, which is no successor
+        lan.run(3s);
+        lan.remove("North");
+        one.happens(lan);
+        if (lan.state().local.address != net::transAddr("10.1.0.9"))
+            lan.remove("Twin");
+        EXPECT_EQ(lan.run(10s), one.expected);
+    }
+}
+
+TEST(Sightings, SharedHostIdsAreConflicts) {
+    Watched lan;
+    lan.put("A", 16);
+    lan.put("B", 16, kOtherHost);
+    lan.run(1s);
+    for (const char* name : {"C", "D"}) // of no host id
+        lan.hear(AnnouncementBytes(222, name).at(160, endpoint("236.6.7.41", 6010)));
+    EXPECT_THAT(lan.run(1s),
+                ElementsAre("C appeared, 0 at 10.1.0.1", "D appeared, 0 at 10.1.0.1", "16 shared: A B"));
+    lan.put("E", 16);
+    EXPECT_THAT(lan.run(2s), ElementsAre("E appeared, 16 at 10.1.0.1", "16 shared: A B E"));
+    lan.put("A", 17);
+    lan.put("B", 18, kOtherHost);
+    EXPECT_THAT(lan.run(2s), ElementsAre("A changed, 17 at 10.1.0.1, bits 5",
+                                         "B changed, 18 at 10.1.0.2, bits 5", "16 ended: E"));
+}
+
+TEST(Sightings, ForgedNamesAreBoundedAndDisplaceNoRadar) {
+    Watched lan;
+    lan.put("North", 16);
+    lan.put("South", 17, kOtherHost);
+    lan.run(1s);
+    for (int i = 0; i < 5000; ++i)
+        lan.hear(protocol::composeAnnouncement("f" + std::to_string(10000 + i), 16, 1), "10.9.9.9");
+    EXPECT_EQ(lan.state().radars.size(), 4096U);
+    lan.run(0s);
+    lan.put("West", 18, "10.1.0.3");
+    const auto events = lan.run(2s);
+    EXPECT_EQ(events[0],
+              "16 shared: North f10000 f10001 f10002 f10003 f10004 f10005 f10006 f10007 f10008 f10009 "
+              "f10010 f10011 f10012 f10013 f10014");
+    EXPECT_EQ(std::vector(events.begin() + 1, events.end()),
+              (std::vector<std::string>{"f14093 left, Displaced", "West appeared, 18 at 10.1.0.3"}));
+    EXPECT_EQ(lan.run(10s).size(), 4093U + 1U) << "all forged ones leave, and the conflict ends";
+    EXPECT_EQ(lan.state().radars.size(), 3U);
+}
+
+std::string text(const State& state) {
+    std::string all = state.local.interface + std::to_string(state.local.address);
+    for (const auto& [name, sighting] : state.radars)
+        all += "|" + name + std::to_string(sighting.radar.hostId) + net::transAddr(sighting.radar.source);
+    for (const auto& [id, holders] : state.conflicts)
+        all += "|" + std::to_string(id) + testing::PrintToString(holders);
+    return all;
+}
+
+TEST(Sightings, EventsLeadToTheStateFromWhereverTheyAreTakenUp) {
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        const auto below = [&](unsigned end) { return static_cast<int>(random() % end); };
+        Watched lan;
+        State late; // is told the differences only, now and then
+        for (int step = 0; step < 500; ++step) {
+            const std::string name = "R" + std::to_string(below(6));
+            switch (below(5)) {
+            case 0:
+            case 1:
+                lan.put(name, 16 + below(3), below(2) == 0 ? kNorthHost : kOtherHost);
+                break;
+            case 2:
+                lan.remove(name);
+                break;
+            case 3:
+                lan.local(below(3) == 0 ? "" : "10.1.0.9", below(2) == 0 ? "eth0" : "eth1");
+                break;
+            default:
+                lan.renumbered(name);
+            }
+            lan.run(std::chrono::seconds(below(4)));
+            ASSERT_EQ(text(lan.told()), text(lan.state()));
+            if (below(10) == 0) {
+                for (const Event& event : difference(late, lan.state(), lan.now()))
+                    late.apply(event);
+                ASSERT_EQ(text(late), text(lan.state()));
+                ASSERT_THAT(difference(late, lan.state(), lan.now()), IsEmpty());
+            }
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,219 @@
+// What a Watch tells of a LAN.
+#include "watch_fixture.h"
+
+#include <RadarWatch/event_queue.h>
+
+#include <UdpSocket/protocol/address_plan.h>
+#include <UdpSocket/tcpsocket.h>
+
+#include <poll.h>
+
+#include <set>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using Origin = radar::LocalAddress::Origin;
+
+std::vector<std::string> names(const std::vector<radar::Radar>& radars) {
+    std::vector<std::string> names;
+    for (const radar::Radar& radar : radars)
+        names.push_back(radar.name);
+    return names;
+}
+
+bool isReadable(const radar::Watch& watch) {
+    pollfd ready{watch.descriptor(), POLLIN, 0};
+    return ::poll(&ready, 1, 0) == 1;
+}
+
+TEST_F(WatchOnLan, TellsComingsGoingsAndConflictsInOrder) {
+    auto north = serve(m_host1, "North", 16);
+    const auto watching = watch();
+    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
+    EXPECT_EQ(watching->localAddress().origin, Origin::ProfileAddress);
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    const auto radar = watching->find("North");
+    ASSERT_TRUE(radar.has_value());
+    const auto planned = radar::groups(16);
+    ASSERT_EQ(radar->streams.size(), planned.size());
+    for (std::size_t i = 0; i < planned.size(); ++i)
+        EXPECT_EQ(bytes(radar->streams[i]), bytes(planned[i])) << "stream " << i;
+
+    Recorder objections;
+    const auto tap = makeIn<net::UdpReceiver>(m_host2, &objections, net::transAddr("10.20.1.2"), "236.6.7.4",
+                                              static_cast<unsigned short>(6768), 64);
+    auto south = serve(m_host2, "South", 16, 1);
+    EXPECT_EQ(next(*watching), "South appeared, 16 at 10.20.1.2");
+    EXPECT_EQ(next(*watching), "16 shared: North South");
+    EXPECT_FALSE(watching->renumber("East"));
+    EXPECT_TRUE(watching->renumber("South"));
+    EXPECT_EQ(objections.nextBytes(), std::string("\x03\xA1\x10\x01", 4));
+    EXPECT_TRUE(watching->reset());
+    EXPECT_EQ(objections.nextBytes(), "\x20\xA1");
+    south.reset();
+    south = serve(m_host2, "South", 17, 1);
+    EXPECT_EQ(next(*watching), "South changed, 17 at 10.20.1.2, bits 5");
+    EXPECT_EQ(next(*watching), "16 ended: North");
+
+    const auto second = watch();
+    EXPECT_THAT(names(second->radars()), ElementsAre("North", "South"))
+        << "as it is, before an event is taken";
+    north.reset();
+    EXPECT_EQ(next(*watching), "North left, Silent");
+    EXPECT_THAT(names(watching->radars()), ElementsAre("South"));
+    EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
+    EXPECT_THAT(names(second->radars()), ElementsAre()) << "as the events taken tell";
+    EXPECT_EQ(next(*second), "North appeared, 16 at 10.20.1.1");
+    EXPECT_GE(second->find("North")->age, 0ms);
+    EXPECT_EQ(next(*second), "South appeared, 17 at 10.20.1.2");
+    EXPECT_EQ(next(*second), "North left, Silent");
+    EXPECT_LT(second->find("South")->age, 8s);
+    EXPECT_EQ(next(*second, 0ms), "nothing");
+}
+
+TEST_F(WatchOnLan, EventsAreTakenByDescriptorOrCallbackAsWell) {
+    const auto watching = watch();
+    Log<std::string> called;
+    const auto calls = watch([&](const radar::Event& event) { called.add(text(event)); });
+    ASSERT_TRUE(comesTrue([&] { return isReadable(*watching); }));
+    EXPECT_EQ(next(*watching, 0ms), "local 10.20.2.1 (eth0)");
+    EXPECT_FALSE(isReadable(*watching));
+    const auto north = serve(m_host1, "North", 16);
+    ASSERT_TRUE(comesTrue([&] { return isReadable(*watching); }));
+    EXPECT_EQ(next(*watching, 0ms), "North appeared, 16 at 10.20.1.1");
+    ASSERT_TRUE(called.reaches(2));
+    EXPECT_THAT(called.all(), ElementsAre("local 10.20.2.1 (eth0)", "North appeared, 16 at 10.20.1.1"));
+    EXPECT_EQ(next(*calls, -1ms), "nothing") << "the callback takes all";
+    EXPECT_THAT(names(calls->radars()), ElementsAre("North"));
+}
+
+TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
+    const auto north = serve(m_host1, "North", 16);
+    const auto watching = watch(Watch::Options{net::transAddr("10.20.2.9")});
+    EXPECT_EQ(next(*watching, 1500ms), "nothing") << "this computer does not have that address";
+    EXPECT_FALSE(watching->renumber("North") || watching->reset());
+    m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
+    EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
+    EXPECT_EQ(watching->localAddress().origin, Origin::Options);
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    m_lan.changeAddress(m_display, 0, "");
+    EXPECT_EQ(next(*watching), "lost 10.20.2.9");
+    EXPECT_EQ(watching->localAddress().origin, Origin::None);
+    EXPECT_EQ(next(*watching), "North left, LocalAddress");
+    m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
+    EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    m_lan.unplug(m_display);
+    m_lan.plugIn(m_display);
+    m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
+    const auto south = serve(m_host2, "South", 17);
+    std::vector<std::string> events;
+    while (events.empty() || events.back() != "South appeared, 17 at 10.20.1.2") {
+        events.push_back(next(*watching));
+        ASSERT_NE(events.back(), "nothing") << "another interface with the same address";
+    }
+}
+
+class WatchThatSearches : public WatchOnLan {
+protected:
+    WatchThatSearches() : WatchOnLan("") {}
+};
+
+TEST_F(WatchThatSearches, FindsTheAddressThatLeadsToTheRadars) {
+    const auto north = serve(m_host1, "North", 16);
+    const auto watching = watch();
+    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
+    EXPECT_EQ(watching->localAddress().origin, Origin::Search);
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+}
+
+TEST_F(WatchThatSearches, TakesTheAddressOfANamedInterface) {
+    m_profile.write("[Local]\nNetName = eth1\n");
+    const auto watching = watch();
+    EXPECT_EQ(next(*watching), "local 192.168.1.1 (eth1)");
+    EXPECT_EQ(watching->localAddress().origin, Origin::ProfileInterface);
+    m_lan.changeAddress(m_display, 1, "192.168.1.7/24");
+    EXPECT_EQ(next(*watching), "local 192.168.1.7 (eth1)") << "it follows the interface";
+}
+
+/// A radar that is asked over TCP.
+class FixedRadar : public net::iTcpDataListener {
+public:
+    explicit FixedRadar(const std::string& announcement) : m_announcement(announcement) {
+        m_server.connect("10.20.1.1", 6878, 4);
+    }
+    void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
+        if (std::string(data, static_cast<std::size_t>(len)).find("\x01\xB1") != std::string::npos)
+            m_server.sendData(fd, m_announcement.data(), static_cast<unsigned>(m_announcement.size()));
+    }
+    void OnTcpClientConnected(int, const char*, unsigned short) override {}
+    void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
+
+private:
+    const std::string m_announcement;
+    net::TcpServer m_server{this};
+};
+
+class WatchOnAFixedRadar : public WatchOnLan {
+protected:
+    WatchOnAFixedRadar()
+        : WatchOnLan("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = yes\n") {}
+};
+
+TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
+    std::string announcement = protocol::composeAnnouncement("North", 16, 2);
+    announcement[22] = 1;
+    announcement[30] = 1;
+    const auto radar = makeIn<FixedRadar>(m_host1, announcement);
+    const auto south = serve(m_host2, "South", 17);
+    const auto watching = watch();
+    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    const auto found = watching->find("North:TCP");
+    ASSERT_TRUE(found && found->tcp && found->streams.empty());
+    EXPECT_THAT(names(watching->radars()), ElementsAre("North"));
+}
+
+TEST_F(WatchOnLan, ReaderThatDoesNotReadLosesIntermediateStatesOnly) {
+    const auto north = serve(m_host1, "North", 16);
+    const auto reads = watch();
+    const auto sleeps = watch();
+    std::set<std::string> told;
+    const auto forge = [&](int round) {
+        const auto sender =
+            makeIn<net::UdpSender>(m_host2, "236.6.7.5", static_cast<unsigned short>(6878),
+                                   net::transAddr("10.20.1.2"), static_cast<unsigned short>(0));
+        for (int i = 0; i < 4096; ++i) {
+            const std::string bytes =
+                protocol::composeAnnouncement("f" + std::to_string(i), static_cast<std::uint8_t>(round), 1);
+            sender->sendData(bytes.data(), static_cast<int>(bytes.size()));
+            if (i % 50 == 49)
+                std::this_thread::sleep_for(5ms); // others share the kernel's queue
+        }
+    };
+    for (const int id : {20, 21, 22})
+        forge(id);
+    const auto readAll = [](Watch& watch) {
+        std::size_t count = 0;
+        unsigned merged = 0;
+        while (const auto event = watch.next(0ms)) {
+            ++count;
+            merged += event->merged;
+        }
+        return std::pair(count, merged);
+    };
+    EXPECT_TRUE(comesTrue([&] { return readAll(*reads).first == 0 && reads->find("North"); }));
+    const auto [count, merged] = readAll(*sleeps);
+    EXPECT_GT(merged, 0U);
+    EXPECT_LE(count, radar::detail::EventQueue::kKept + 4096 + 64);
+    EXPECT_TRUE(comesTrue([&] {
+        readAll(*sleeps);
+        readAll(*reads);
+        return names(sleeps->radars()) == names(reads->radars());
+    }));
+    EXPECT_TRUE(sleeps->find("North").has_value()) << "who was there before stays";
+}
+
+} // namespace
