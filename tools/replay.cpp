@@ -9,7 +9,6 @@
 #include <RadarWatch/recording/replayed_radar.h>
 
 #include <UdpSocket/base/socket.h>
-#include <UdpSocket/base/timing.h>
 #include <UdpSocket/protocol/announcement.h>
 
 #include <algorithm>
@@ -40,6 +39,7 @@ struct Options {
 };
 
 constexpr auto kLook = 2500ms;    // how long to listen for radars that are there
+constexpr auto kObjection = 1s;   // how long hosts wait for one
 constexpr auto kQueryPeriod = 1s; // meanwhile
 constexpr auto kServing = 20ms;   // how often the radars are looked after at least
 constexpr auto kRedraw = 200ms;
@@ -162,8 +162,7 @@ private:
             names.insert(radar.name);
             if (m_options.radar.empty() || radar.name == m_options.radar ||
                 printable(radar.name) == m_options.radar)
-                m_radars.emplace_back(radar, static_cast<std::uint8_t>(m_options.asId), seed(),
-                                      net::detail::timing().objection);
+                m_radars.emplace_back(radar, static_cast<std::uint8_t>(m_options.asId), seed(), kObjection);
         }
         if (m_radars.empty() && !m_options.radar.empty())
             throw Failure(kNothingFound, "no radar \"" + printable(m_options.radar) + "\" in the recording" +

@@ -5,6 +5,7 @@
 #include "../search.h"
 #include "../status_line.h"
 #include "../table.h"
+#include "bundle.h"
 #include "observation.h"
 
 #include <UdpSocket/udpsocket.h>
@@ -27,6 +28,8 @@ struct Options {
     bool list = false;
     double seconds = 10;
     LocalOptions local;
+    std::string bundle; // path; empty: none is wanted
+    bool redact = false;
 };
 
 Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop) {
@@ -139,6 +142,11 @@ int examine(const Options& options, Output& output) {
         return kFound;
     }
     Loop loop;
+    std::unique_ptr<Bundle> bundle;
+    if (!options.bundle.empty()) {
+        bundle = std::make_unique<Bundle>(options.bundle, options.redact);
+        std::fprintf(stderr, "%s will hold:\n%s", printable(options.bundle).c_str(), bundle->list().c_str());
+    }
     const Observation seen = [&] {
         StatusLine status;
         std::ostringstream text;
@@ -151,7 +159,12 @@ int examine(const Options& options, Output& output) {
         return kNothingFound;
     }
     const Report report = judge(seen);
-    output.write(options.json ? asJson(report, seen) : asText(report, seen.only, output));
+    const std::string json = asJson(report, seen);
+    output.write(options.json ? json : asText(report, seen.only, output));
+    if (bundle) {
+        bundle->write(seen, asText(report, seen.only, output), json);
+        std::fprintf(stderr, "%s is written\n", printable(options.bundle).c_str());
+    }
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
 
@@ -183,4 +196,8 @@ void addDoctor(CommandLine& line) {
     syntax.option("--seconds", options->seconds, "S", "How long to listen and ask (default 10)",
                   checkSeconds(1, "time to look"));
     addLocalOptions(syntax, options->local);
+    syntax.option("--bundle", options->bundle, "FILE.tar.gz",
+                  "Also write what support needs to a file; what that will hold is listed first");
+    syntax.flag("--redact", options->redact, "Replace addresses and names in the bundle");
+    syntax.need("--redact", "--bundle");
 }
