@@ -115,7 +115,7 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
         ASSERT_TRUE(comesTrue([&] { return events("first events").size() == 4; }, 30s)) << "moved, and left";
         happened = events("first events");
         EXPECT_THAT(end(recorder), HasSubstr("dropped: none"));
-        end(display);
+        display.stop();
     }
     EXPECT_EQ(happened[0], "appeared North 1");
     EXPECT_EQ(happened[1], "appeared South 30");
@@ -149,7 +149,7 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
         EXPECT_EQ(replay.wait(120s), 0) << replay.output();
         EXPECT_TRUE(comesTrue([&] { return events("second events").size() >= happened.size(); }, 30s));
         EXPECT_THAT(end(recorder), HasSubstr("dropped: none"));
-        end(display);
+        display.stop();
     }
     std::vector<std::string> again = events("second events");
     again.resize(happened.size()); // North leaves when the replay ends

@@ -72,7 +72,7 @@ template <typename Value>
 void Syntax::required(const std::string& names, Value& value, const std::string& kind,
                       const std::string& help, const Check& check) {
     option(names, value, kind, help, check);
-    m_app->get_option(names)->required();
+    m_app->get_option(names.substr(names.rfind(',') + 1))->required(); // the longer one
 }
 
 template void Syntax::option(const std::string&, std::string&, const std::string&, const std::string&,

@@ -6,6 +6,13 @@
 
 namespace radar::recording {
 
+namespace {
+
+// Displays ask once a second: one that asks at other moments than those in the recording hears it as often.
+constexpr Time kBetweenQueries = std::chrono::seconds(1);
+
+} // namespace
+
 ReplayedRadar::ReplayedRadar(const Contents::Radar& radar, std::uint8_t asId, std::uint64_t seed,
                              std::chrono::milliseconds objection)
     : m_radar(&radar), m_asId(asId), m_draw(seed), m_objection(objection), m_negotiation(m_draw, objection),
@@ -18,7 +25,7 @@ std::uint8_t ReplayedRadar::claimed(Time time) const {
 
 bool ReplayedRadar::isPresent() const {
     return std::ranges::any_of(m_radar->presences, [this](const Contents::Radar::Presence& presence) {
-        return m_position >= presence.first && m_position <= presence.last;
+        return m_position >= presence.first && m_position <= presence.last + kBetweenQueries;
     });
 }
 
