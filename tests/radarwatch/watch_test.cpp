@@ -116,6 +116,17 @@ TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
     }
 }
 
+TEST_F(WatchOnLan, ExamplesTellWhoIsThere) {
+    const auto north = serve(m_host1, "North", 16);
+    lab::Process epoll = m_display.start({{WATCH_epoll}});
+    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.35 port 6003");
+    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.38 port 6006");
+#ifdef WATCH_glib
+    lab::Process glib = m_display.start({{WATCH_glib}});
+    EXPECT_EQ(glib.lineWith("North", 20s), "  North, host id 16");
+#endif
+}
+
 class WatchThatSearches : public WatchOnLan {
 protected:
     WatchThatSearches() : WatchOnLan("") {}
@@ -163,17 +174,17 @@ protected:
 };
 
 TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
-    std::string announcement = protocol::composeAnnouncement("North", 16, 2);
+    std::string announcement = protocol::composeAnnouncement("ZQ-7", 16, 2);
     announcement[22] = 1;
     announcement[30] = 1;
     const auto radar = makeIn<FixedRadar>(m_host1, announcement);
     const auto south = serve(m_host2, "South", 17);
     const auto watching = watch();
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
-    const auto found = watching->find("North:TCP");
+    EXPECT_EQ(next(*watching), "ZQ-7 appeared, 16 at 10.20.1.1");
+    const auto found = watching->find("ZQ-7:TCP");
     ASSERT_TRUE(found && found->tcp && found->streams.empty());
-    EXPECT_THAT(names(watching->radars()), ElementsAre("North"));
+    EXPECT_THAT(names(watching->radars()), ElementsAre("ZQ-7"));
 }
 
 TEST_F(WatchOnLan, ReaderThatDoesNotReadLosesIntermediateStatesOnly) {
