@@ -8,6 +8,7 @@
 #include <RadarWatch/recording/reader.h>
 
 #include <UdpSocket/hostserver.h>
+#include <UdpSocket/protocol/announcement.h>
 
 #include <lab/lan.h>
 
@@ -68,6 +69,10 @@ protected:
         const std::string text{std::istreambuf_iterator<char>(table), {}};
         return text.find("040706EC:1A70") != std::string::npos; // of the negotiation
     }
+    bool grows(const std::string& file, std::uintmax_t bytes) const {
+        const auto before = std::filesystem::file_size(path(file));
+        return comesTrue([&] { return std::filesystem::file_size(path(file)) > before + bytes; }, 60s);
+    }
     nlohmann::json info(const std::string& file) {
         lab::Process tool({.command = {RADARCTL, "info", "--json", path(file)}});
         EXPECT_EQ(tool.wait(60s), 0) << tool.output();
@@ -109,6 +114,7 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
         {
             const lab::Process south = startHost(lan, "host2", "South", "30");
             ASSERT_TRUE(comesTrue([&] { return events("first events").size() == 2; }, 30s));
+            ASSERT_TRUE(grows("first", 2000000)); // so that a display hears its targets, too
         }
         lab::Process renumber = start(lan, "display", {"renumber", "North"});
         EXPECT_EQ(renumber.wait(60s), 0) << renumber.output();
@@ -202,14 +208,10 @@ TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {
     lab::Lan lan({lab::radarHost(1), lab::display(1)});
     const lab::Process host = startHost(lan, "host1", "North", "20");
     lab::Process recorder = record(lan, "file");
-    const auto grows = [&] {
-        const auto before = std::filesystem::file_size(path("file"));
-        return comesTrue([&] { return std::filesystem::file_size(path("file")) > before + 300000; }, 60s);
-    };
-    EXPECT_TRUE(grows());
+    EXPECT_TRUE(grows("file", 300000));
     lan.unplug(lan.node("display"));
     lan.plugIn(lan.node("display"));
-    EXPECT_TRUE(grows());
+    EXPECT_TRUE(grows("file", 300000));
     EXPECT_THAT(end(recorder), HasSubstr("recorded"));
     EXPECT_EQ(info("file")["broken"], nullptr);
 }
@@ -269,6 +271,46 @@ TEST_F(Recording, IsReplayedUnderAnotherIdAndNotBesideTheRadarItself) {
     EXPECT_EQ(renumber.wait(60s), 0) << renumber.output();
     EXPECT_THAT(renumber.output(), HasSubstr("North now has host id "));
     EXPECT_THAT(end(replay), HasSubstr("datagrams sent"));
+}
+
+/// A radar whose image is to be had on a TCP connection.
+class TcpRadar : public net::iUdpDataListener {
+public:
+    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) override {
+        if (std::string_view(data, static_cast<std::size_t>(length)) != wire::text(wire::kQuery))
+            return;
+        std::string announcement = protocol::composeAnnouncement("North", 20, 2);
+        const NetAddress server = endpoint("10.20.1.1", 5000);
+        announcement[wire::kExtended.offset] = 1;
+        announcement[wire::kTcpOffered.offset] = 1;
+        announcement[wire::kTcpKinds.offset] = 1; // a server, as the radar sees it
+        announcement.replace(wire::kTcpEndpoints[0].offset, sizeof server,
+                             reinterpret_cast<const char*>(&server), sizeof server);
+        m_sender.sendData(announcement.data(), static_cast<int>(announcement.size()));
+    }
+
+private:
+    net::UdpSender m_sender{wire::kDiscovery.address, wire::kDiscovery.port, 0, 0};
+    net::UdpReceiver m_receiver{this, 0, wire::kDiscovery.address, wire::kDiscovery.port, 1024};
+};
+
+TEST_F(Recording, KeepsTheBytesOfATcpService) {
+    m_profile.write("[Local]\nIP = 10.20.2.1\n[Radar]\nTCPService = true\n");
+    lab::Lan lan({lab::radarHost(1), lab::display(1)});
+    const auto radar = [&] {
+        const lab::Inside inside = lan.node("host1").enter();
+        return std::make_unique<TcpRadar>();
+    }();
+    lab::Process server = lan.node("host1").start(
+        {.command = {"socat", "TCP-LISTEN:5000,reuseaddr,fork", "SYSTEM:echo an image; sleep 60"}});
+    lab::Process recorder = record(lan, "file");
+    EXPECT_TRUE(
+        comesTrue([&] { return shell("cat " + path("file")).find("an image") != std::string::npos; }, 60s));
+    end(recorder);
+    const auto tcp = info("file")["tcp"];
+    ASSERT_EQ(tcp.size(), 1U);
+    EXPECT_EQ(tcp[0]["peer"]["address"], "10.20.1.1");
+    EXPECT_EQ(tcp[0]["bytes"], 9);
 }
 
 TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {

@@ -310,7 +310,12 @@ TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
         EXPECT_EQ(target(radar, arpaOf(30)), "none");
         EXPECT_EQ(radar.receive("\x01\xA1\x14\x01").message.has_value(), true)
             << "the holder of id 1 defends it";
-        EXPECT_THAT(playTo(radar, 6), ElementsAre("\x01\xA1\x1E\x01", "\x02\xA1\x1E\x01"));
+        EXPECT_THAT(playTo(radar, 5), ElementsAre("\x01\xA1\x1E\x01", "\x02\xA1\x1E\x01"));
+        m_now += 900ms;
+        radar.advance(5950ms, kLead, m_now); // the next id is held already
+        EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(1)));
+        EXPECT_EQ(radar.answer(), north);
+        playTo(radar, 6);
         EXPECT_EQ(radar.answer(), composeAnnouncement("North", 30, 2)) << "as in the recording";
         EXPECT_EQ(target(radar, arpaOf(30)), text(arpaOf(30)));
     }

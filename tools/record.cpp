@@ -15,6 +15,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -282,6 +283,8 @@ private:
         if (const std::error_code error = m_recorder.writer().failure())
             throw Failure(kNotAllowed, printable(m_options.file) + ": " + error.message() +
                                            "; the recording ends with the last block that was written whole");
+        if (counts.datagrams == 0)
+            std::fprintf(stderr, "radarctl: nothing was heard; radarctl doctor looks for the reason\n");
         return counts.datagrams > 0 ? kFound : kNothingFound;
     }
 
@@ -305,6 +308,7 @@ int record(Options& options, Output& output) {
     options.size = bytesOf(options.sizeText);
     options.rotateAt = bytesOf(options.rotateText);
     allowDescriptors();
+    std::signal(SIGXFSZ, SIG_IGN); // a limit of the file's size is told like a full disk
     return Record(options, output).run();
 }
 

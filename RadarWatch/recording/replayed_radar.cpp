@@ -23,6 +23,12 @@ std::uint8_t ReplayedRadar::claimed(Time time) const {
     return m_asId != 0 && recorded != 0 ? m_asId : recorded;
 }
 
+std::uint8_t ReplayedRadar::hostId() const {
+    const std::uint8_t id = claimed(m_position); // the next one may be claimed already
+    const auto held = m_held.find(id);
+    return held == m_held.end() ? id : held->second;
+}
+
 bool ReplayedRadar::isPresent() const {
     return std::ranges::any_of(m_radar->presences, [this](const Contents::Radar::Presence& presence) {
         return m_position >= presence.first && m_position <= presence.last + kBetweenQueries;
@@ -31,7 +37,7 @@ bool ReplayedRadar::isPresent() const {
 
 ReplayedRadar::Output ReplayedRadar::note(Output output) {
     if (output.loggedIn)
-        m_hostId = *output.loggedIn;
+        m_held[m_claim] = *output.loggedIn;
     return output;
 }
 
@@ -46,6 +52,7 @@ ReplayedRadar::Output ReplayedRadar::advance(Time position, Time lead, TimePoint
     const std::uint8_t wanted = ahead < m_radar->presences.front().first ? std::uint8_t{0} : claimed(ahead);
     if (wanted != 0 && wanted != m_claim) { // the first id, or the recorded host took another
         m_claim = wanted;
+        m_held.erase(wanted);
         m_negotiation = protocol::Negotiation(m_draw, m_objection);
         m_negotiation.login(wanted);
     }
@@ -59,9 +66,10 @@ ReplayedRadar::Output ReplayedRadar::receive(std::string_view datagram) {
 std::string ReplayedRadar::answer() const {
     if (!isPresent())
         return "";
-    if (claimed(m_position) == 0)
+    const std::uint8_t id = claimed(m_position);
+    if (id == 0)
         return *m_announcement;
-    return m_hostId == 0 ? "" : protocol::renumbered(*m_announcement, m_hostId);
+    return m_held.contains(id) ? protocol::renumbered(*m_announcement, hostId()) : "";
 }
 
 std::optional<NetAddress> ReplayedRadar::target(const NetAddress& endpoint) const {

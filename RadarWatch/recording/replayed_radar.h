@@ -7,6 +7,7 @@
 #include <UdpSocket/protocol/negotiation.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,7 +30,7 @@ public:
     const std::string& name() const { return m_radar->name; }
     std::uint32_t source() const { return m_radar->source; }
     /// The id that it holds, or claims; 0: none of the plan.
-    std::uint8_t hostId() const { return m_hostId != 0 ? m_hostId : claimed(m_position); }
+    std::uint8_t hostId() const;
 
     /// The recording is played up to @p position; ids are claimed @p lead before they are needed.
     Output advance(Time position, Time lead, TimePoint now);
@@ -51,8 +52,8 @@ private:
     protocol::IdDraw m_draw;
     std::chrono::milliseconds m_objection;
     protocol::Negotiation m_negotiation;
-    std::uint8_t m_claim = 0;  // the id that the negotiation began with; 0: it has not begun
-    std::uint8_t m_hostId = 0; // held; 0: none yet
+    std::uint8_t m_claim = 0; // the id that the negotiation began with; 0: it has not begun
+    std::map<std::uint8_t, std::uint8_t> m_held; // what was got, by what was claimed
     Time m_position{};
     const std::string* m_announcement; // at the position
     std::vector<RadarEndpointPlace> m_endpoints;
