@@ -47,8 +47,10 @@ protected:
         arguments.insert(arguments.begin(), RADARCTL);
         return lan.node(node).start({.command = arguments});
     }
-    lab::Process startHost(lab::Lan& lan, const char* node, const char* name, const char* id) {
-        lab::Process host = start(lan, node, {"host", "--name", name, "--id", id, "--simulate"});
+    lab::Process startHost(lab::Lan& lan, const char* node, const char* name, const char* id,
+                           const char* rate = "24") {
+        lab::Process host =
+            start(lan, node, {"host", "--name", name, "--id", id, "--simulate", "--rate", rate});
         EXPECT_TRUE(host.lineWith("serving", 60s));
         return host;
     }
@@ -174,7 +176,7 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
 
 TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     lab::Lan lan({lab::radarHost(1), lab::display(1)});
-    const lab::Process host = startHost(lan, "host1", "North", "20");
+    const lab::Process host = startHost(lan, "host1", "North", "20", "120");
     lab::Process recorder = record(lan, "file");
     const auto recorded = [&] { return std::filesystem::file_size(path("file")); };
     ASSERT_TRUE(comesTrue([&] { return recorded() > 100000; }, 60s));

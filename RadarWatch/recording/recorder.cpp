@@ -26,9 +26,11 @@ namespace sockets = net::detail;
 constexpr std::size_t kLargest = 65536;   // a datagram
 constexpr std::size_t kChunk = 256 << 10; // bytes that are handed over at once
 constexpr int kRound = 100;               // milliseconds after which something is handed over at the latest
-constexpr int kReceiveBuffer = 4 << 20;   // bytes; the system may grant less
-constexpr int kBatchesOfOne = 16;         // batches of one socket before the others have their turn
-constexpr std::uint64_t kEnd = 0;         // the number of m_ending beside those of the sockets
+constexpr std::chrono::milliseconds
+    kSorting(20);                       // the kernel may queue what it stamped earlier a little later
+constexpr int kReceiveBuffer = 4 << 20; // bytes; the system may grant less
+constexpr int kBatchesOfOne = 16;       // batches of one socket before the others have their turn
+constexpr std::uint64_t kEnd = 0;       // the number of m_ending beside those of the sockets
 
 Time timeOf(const msghdr& message) {
     msghdr header = message;
@@ -80,19 +82,19 @@ std::size_t Recorder::interfaceNumber(const std::string& name) {
 }
 
 std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places) {
-    std::map<std::string, std::uint64_t> removals; // of the interfaces that are there
+    std::map<std::string, Device> devices; // that are there
     for (const Place& place : places)
-        if (!removals.contains(place.interface))
+        if (!devices.contains(place.interface))
             if (const unsigned int index = ::if_nametoindex(place.interface.c_str()))
-                removals[place.interface] = m_links ? m_links->removals(index) : 0;
+                devices[place.interface] = {index, m_links ? m_links->removals(index) : 0};
     std::vector<Place> wanted;
     {
         sockets::Lock lock(m_mutex);
         std::erase_if(m_places, [&](const auto& entry) REQUIRES(m_mutex) {
             const auto socket = m_sockets.find(entry.second);
-            const auto interface = removals.find(entry.first.interface);
-            if (places.contains(entry.first) && interface != removals.end() &&
-                interface->second == socket->second.removals)
+            const auto device = devices.find(entry.first.interface);
+            if (places.contains(entry.first) && device != devices.end() &&
+                device->second == socket->second.device)
                 return false;
             drain(socket->second); // what it has heard belongs to the recording
             countDrops(socket->second);
@@ -106,7 +108,7 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
     std::vector<Refusal> refused;
     for (const Place& place : wanted) { // joining may take the system a while
         Socket socket;
-        socket.removals = removals[place.interface]; // as it was before
+        socket.device = devices[place.interface]; // as it was before
         socket.group = {place.ip, place.port};
         socket.descriptor = openGroup(place.interface, socket.group, kReceiveBuffer);
         if (!socket.descriptor.isOpen()) {
@@ -168,18 +170,16 @@ void Recorder::run() {
     }
 }
 
-/// Takes what has arrived at these sockets. Whatever had arrived at any when the round began has been taken
-/// at its end, so that is recorded, in the order of time; what came meanwhile waits for the next round.
+/// Takes what has arrived at these sockets. What was taken a while ago is recorded, in the order of time: by
+/// now everything older has come out of its socket, too.
 void Recorder::round(const std::vector<std::uint64_t>& ready) {
-    const Time began = wallClock();
-    for (Waiting& waiting : m_waiting)
-        waiting.isOld = true;
     for (const std::uint64_t number : ready)
         if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
             drain(found->second);
     std::ranges::stable_sort(m_waiting, {}, &Waiting::time);
+    const auto limit = std::chrono::steady_clock::now() - kSorting;
     std::size_t count = m_waiting.size();
-    while (count > 0 && !m_waiting[count - 1].isOld && m_waiting[count - 1].time > began)
+    while (count > 0 && m_waiting[count - 1].taken > limit)
         --count;
     record(count);
 }
@@ -208,13 +208,14 @@ std::size_t Recorder::receive(Socket& socket) {
     const int count = ::recvmmsg(socket.descriptor.get(), messages, kBatch, MSG_DONTWAIT, nullptr);
     if (count <= 0)
         return 0; // nothing there, or an interface that went down, which listenTo() looks after
+    const auto now = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
         m_waiting.push_back({timeOf(messages[i].msg_hdr),
                              socket.interface,
                              {sources[i].sin_addr.s_addr, sources[i].sin_port},
                              socket.group,
                              std::string(&m_buffer[i * kLargest], messages[i].msg_len),
-                             false});
+                             now});
     return static_cast<std::size_t>(count);
 }
 

@@ -28,7 +28,8 @@ struct Place {
 /// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. Memory: the
-/// writer's queue, a chunk of 256 KiB, and 1024 datagrams of each group that has them waiting.
+/// writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a thousand datagrams of each group that has
+/// more waiting.
 ///
 /// Threads: one that receives and the writer's, from construction to finish() or destruction. Any thread may
 /// call any operation, finish() one.
@@ -70,12 +71,18 @@ public:
     const Writer& writer() const { return m_writer; }
 
 private:
+    /// Another one once the interface was replaced.
+    struct Device {
+        unsigned int index = 0;
+        std::uint64_t removals = 0;
+        bool operator==(const Device&) const = default;
+    };
     struct Socket {
         net::detail::Descriptor descriptor;
         NetAddress group{};
-        std::size_t interface = 0;  // in m_interfaces
-        std::uint64_t removals = 0; // of the interface, when the group was joined
-        std::uint32_t dropped = 0;  // by the system, as far as it is counted
+        std::size_t interface = 0; // in m_interfaces
+        Device device;             // when the group was joined
+        std::uint32_t dropped = 0; // by the system, as far as it is counted
     };
     struct Interface {
         std::string name;
@@ -87,7 +94,7 @@ private:
         NetAddress source;
         NetAddress destination;
         std::string payload;
-        bool isOld; // waited before this round
+        std::chrono::steady_clock::time_point taken; // out of the socket
     };
     static constexpr std::size_t kBatch = 64; // datagrams of one system call
 
