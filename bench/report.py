@@ -137,7 +137,7 @@ def rows_of_ratios(results):
 def rows_of_limits(results):
     for benchmark, bound in LIMITS + [(benchmark, None) for benchmark in WITHOUT_GOAL]:
         if not results.has(benchmark, "library"):
-            yield [benchmark, "did not run", "", "", "missed"]
+            yield [benchmark, "did not run", "", "", "", "missed"]
             continue
         values = results.values[benchmark, "library"]
         median = results.median(benchmark, "library")

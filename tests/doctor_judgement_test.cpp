@@ -1,7 +1,9 @@
 // What radarctl doctor makes of what it saw: pure, on a healthy network with one thing changed. doctor_test
 // looks at networks that are really broken.
 #include <tools/doctor/observation.h>
+#include <tools/doctor/redaction.h>
 
+#include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
@@ -240,6 +242,24 @@ TEST(Judgement, MisspeltProfileKeysAreNamedAndThoseOfOthersLeft) {
         const Findings findings = judgeProfileKeys(seen).findings;
         EXPECT_EQ(findings.empty() ? "" : findings[0].remedy, expected) << text;
     }
+}
+
+TEST(DoctorRedaction, ReplacesAddressesAndNamesTheSameWayEverywhere) {
+    Redaction redaction;
+    redaction.hide("North", redaction.radarName("North"));
+    const std::pair<const char*, const char*> cases[] = {
+        {"North at 10.20.1.1, Northern", "radar-1 at 10.1.2.1, Northern"},
+        {"10.20.1.7/16 and 10.20.9.1 are near, 192.168.0.1 is not",
+         "10.1.2.7/16 and 10.1.3.1 are near, 10.4.5.1 is not"},
+        {"236.6.7.5 127.0.0.1 255.255.0.0 0.0.0.0", "236.6.7.5 127.0.0.1 255.255.0.0 0.0.0.0"},
+        {"aa:bb:cc:dd:ee:ff and fe80::1, aa:bb:cc:dd:ee:ff",
+         "02:00:00:00:00:01 and fd00::0:2, 02:00:00:00:00:01"},
+        {"1.0.0 at 12:30:59", "1.0.0 at 12:30:59"},
+    };
+    for (const auto& [before, after] : cases)
+        EXPECT_EQ(redaction.text(before), after);
+    const std::string redacted = redaction.message(protocol::composeAnnouncement("North", 20, 2));
+    EXPECT_EQ(redacted, protocol::composeAnnouncement("radar-1", 20, 2));
 }
 
 } // namespace

@@ -26,10 +26,13 @@ struct Failure : std::runtime_error {
 void addDoctor(CommandLine& line);
 void addExport(CommandLine& line);
 void addHost(CommandLine& line);
+void addInfo(CommandLine& line);
 void addInterfaces(CommandLine& line);
 void addList(CommandLine& line);
 void addListen(CommandLine& line);
 void addRenumber(CommandLine& line);
+void addRecord(CommandLine& line);
+void addReplay(CommandLine& line);
 void addReset(CommandLine& line);
 void addShow(CommandLine& line);
 void addWatch(CommandLine& line);

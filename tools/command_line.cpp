@@ -51,6 +51,11 @@ Check checkSeconds(double least, const std::string& what) {
     return checkNumber(least, 3600, "is no " + what + ": seconds, up to 3600");
 }
 
+std::string checkHostId(const std::string& text) {
+    const char* words = "is no host id: 1, or 16 to 63";
+    return checkWholeNumber(1, 1, words)(text).empty() ? "" : checkWholeNumber(16, 63, words)(text);
+}
+
 void Syntax::flag(const std::string& names, bool& given, const std::string& help) {
     m_app->add_flag(names, given, help);
 }
@@ -67,7 +72,7 @@ template <typename Value>
 void Syntax::required(const std::string& names, Value& value, const std::string& kind,
                       const std::string& help, const Check& check) {
     option(names, value, kind, help, check);
-    m_app->get_option(names)->required();
+    m_app->get_option(names.substr(names.rfind(',') + 1))->required(); // the longer one
 }
 
 template void Syntax::option(const std::string&, std::string&, const std::string&, const std::string&,
@@ -77,6 +82,8 @@ template void Syntax::option(const std::string&, unsigned int&, const std::strin
                              const Check&);
 template void Syntax::option(const std::string&, double&, const std::string&, const std::string&,
                              const Check&);
+template void Syntax::option(const std::string&, std::vector<std::string>&, const std::string&,
+                             const std::string&, const Check&);
 template void Syntax::required(const std::string&, std::string&, const std::string&, const std::string&,
                                const Check&);
 template void Syntax::required(const std::string&, int&, const std::string&, const std::string&,

@@ -22,6 +22,8 @@ Check checkNumber(double least, double most, const std::string& words);
 Check checkWholeNumber(int least, int most, const std::string& words);
 /// Refuses what is no number of seconds from @p least to 3600, with the words of @p what.
 Check checkSeconds(double least, const std::string& what);
+/// Refuses what is neither 1 nor 16 to 63.
+std::string checkHostId(const std::string& text);
 
 /// What one subcommand takes, or every subcommand. What was typed is left in the variables named, which
 /// outlive the parsing.
@@ -30,7 +32,7 @@ public:
     explicit Syntax(CLI::App& app) : m_app(&app) {}
 
     void flag(const std::string& names, bool& given, const std::string& help);
-    /// @param Value std::string, int, unsigned int or double
+    /// @param Value std::string, a vector of them, int, unsigned int or double
     /// @param kind  what help shows for the value: "SECONDS"
     template <typename Value>
     void option(const std::string& names, Value& value, const std::string& kind, const std::string& help,

@@ -173,11 +173,6 @@ int serve(const Options& options, Output& output) {
     }
 }
 
-std::string checkId(const std::string& text) {
-    const char* words = "is no host id: 1, or 16 to 63";
-    return checkWholeNumber(1, 1, words)(text).empty() ? "" : checkWholeNumber(16, 63, words)(text);
-}
-
 } // namespace
 
 void addHost(CommandLine& line) {
@@ -188,7 +183,7 @@ void addHost(CommandLine& line) {
                   "The radar's name, 1 to 16 bytes (default: RADAR_NAME, or this computer's name)",
                   checkName);
     syntax.option("--id", options->id, "ID",
-                  "The host id to propose: 1, or 16 to 63 (default: one that nobody announces)", checkId);
+                  "The host id to propose: 1, or 16 to 63 (default: one that nobody announces)", checkHostId);
     syntax.option("--streams", options->streams, "N", "1 or 2 streams (default 1)",
                   checkWholeNumber(1, 2, "streams cannot be served: 1 or 2"));
     syntax.flag("--simulate", options->simulate,

@@ -7,7 +7,7 @@
 
 #include <csignal>
 #include <cstdint>
-#include <iterator>
+#include <ctime>
 #include <system_error>
 
 Loop::Loop() {
@@ -30,13 +30,18 @@ void Loop::takeTerminal(int descriptor) {
     take({SIGTSTP, SIGCONT});
 }
 
-Loop::Event Loop::wait(std::chrono::milliseconds timeout) {
-    pollfd sources[] = {{m_signals.get(), POLLIN, 0},
-                        {m_wakes.get(), POLLIN, 0},
-                        {m_terminal, POLLIN, 0},
-                        {m_watched, POLLIN, 0}};
-    if (::poll(sources, std::size(sources), timeout.count() < 0 ? -1 : static_cast<int>(timeout.count())) <=
-        0)
+void Loop::watch(int descriptor) {
+    m_watched.push_back(descriptor);
+}
+
+Loop::Event Loop::wait(std::chrono::nanoseconds timeout) {
+    std::vector<pollfd> sources = {
+        {m_signals.get(), POLLIN, 0}, {m_terminal, POLLIN, 0}, {m_wakes.get(), POLLIN, 0}};
+    for (const int descriptor : m_watched)
+        sources.push_back({descriptor, POLLIN, 0});
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
+    const timespec limit{seconds.count(), (timeout - seconds).count()};
+    if (::ppoll(sources.data(), sources.size(), timeout.count() < 0 ? nullptr : &limit, nullptr) <= 0)
         return Event::TimeOut;
     signalfd_siginfo signal;
     if (::read(m_signals.get(), &signal, sizeof signal) == sizeof signal)
@@ -50,11 +55,14 @@ Loop::Event Loop::wait(std::chrono::milliseconds timeout) {
         default:
             return Event::Stop;
         }
-    if (sources[2].revents != 0)
+    if (sources[1].revents != 0)
         return Event::Input;
     std::uint64_t count;
     const bool woken = ::read(m_wakes.get(), &count, sizeof count) == sizeof count;
-    return woken || sources[3].revents != 0 ? Event::Wake : Event::TimeOut;
+    for (std::size_t i = 3; i < sources.size(); ++i)
+        if (sources[i].revents != 0)
+            return Event::Wake;
+    return woken ? Event::Wake : Event::TimeOut;
 }
 
 void Loop::wake() {

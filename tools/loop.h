@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <initializer_list>
+#include <vector>
 
 /// Takes SIGINT, SIGTERM, SIGHUP and SIGWINCH as events instead of interruptions. Make it before anything
 /// that starts threads.
@@ -23,11 +24,11 @@ public:
     /// @param descriptor the terminal, not owned; -1: there is nothing to read
     void takeTerminal(int descriptor);
 
-    /// From here on wait() returns Wake, too, while a descriptor, not owned, is readable.
-    void watch(int descriptor) { m_watched = descriptor; }
+    /// From here on wait() returns Wake, too, while this descriptor, not owned, is readable.
+    void watch(int descriptor);
 
     /// Waits for the next event; a negative @p timeout waits for ever.
-    Event wait(std::chrono::milliseconds timeout);
+    Event wait(std::chrono::nanoseconds timeout);
     /// Makes wait() return Wake. Any thread.
     void wake();
 
@@ -35,7 +36,7 @@ private:
     void take(std::initializer_list<int> signals);
 
     int m_terminal = -1;
-    int m_watched = -1;
+    std::vector<int> m_watched;
     sigset_t m_taken;
     net::detail::Descriptor m_signals; // signalfd
     net::detail::Descriptor m_wakes;   // eventfd

@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
     Options options;
     addOptions(line.common(), options);
     for (const auto add : {addList, addWatch, addShow, addListen, addHost, addRenumber, addReset,
-                           addInterfaces, addExport, addDoctor})
+                           addInterfaces, addExport, addDoctor, addRecord, addReplay, addInfo})
         add(line);
     int exitCode = kUsage;
     const auto run = line.parse(argc, argv, exitCode);

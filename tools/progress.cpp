@@ -4,9 +4,7 @@
 
 #include <UdpSocket/udpsocket.h>
 
-#include <unistd.h>
-
-#include <cstdio>
+#include <string>
 
 namespace {
 
@@ -42,27 +40,15 @@ std::string interfaceNames() {
 
 } // namespace
 
-Progress::Progress(std::chrono::steady_clock::time_point deadline)
-    : m_deadline(deadline), m_isTerminal(::isatty(STDERR_FILENO) == 1) {}
-
-Progress::~Progress() {
-    if (!m_shown.empty())
-        std::fputs("\r\x1b[K", stderr);
-}
+Progress::Progress(std::chrono::steady_clock::time_point deadline) : m_deadline(deadline) {}
 
 void Progress::show(unsigned int localIp) {
-    if (!m_isTerminal)
+    if (!m_line.isShown())
         return;
     const auto now = std::chrono::steady_clock::now();
     const std::string left = std::to_string(ceil<seconds>(m_deadline - now).count());
-    const std::string text =
-        localIp != 0 ? "asking on " + std::string(net::transAddr(localIp)) + "; giving up in " + left + " s"
-                     : "searching on " + interfaceNames() + ": " + currentPass(now - m_start) +
-                           "; giving up in " + left + " s";
-    if (text == m_shown)
-        return;
-    // No wrapping meanwhile: a line that the terminal breaks could not be taken back.
-    std::fprintf(stderr, "\r\x1b[K\x1b[?7l%s\x1b[?7h", text.c_str());
-    std::fflush(stderr);
-    m_shown = text;
+    m_line.show(localIp != 0
+                    ? "asking on " + std::string(net::transAddr(localIp)) + "; giving up in " + left + " s"
+                    : "searching on " + interfaceNames() + ": " + currentPass(now - m_start) +
+                          "; giving up in " + left + " s");
 }

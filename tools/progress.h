@@ -2,17 +2,15 @@
 /// What a search is doing, for the person who waits.
 #pragma once
 
-#include <chrono>
-#include <string>
+#include "status_line.h"
 
-/// One line on standard error where that is a terminal, kept up to date and wiped at the end; else nothing.
+#include <chrono>
+
+/// On a status line.
 class Progress {
 public:
     /// @param deadline when the search gives up
     explicit Progress(std::chrono::steady_clock::time_point deadline);
-    ~Progress();
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
 
     /// @param localIp the address that was found, network order; 0 while that is being searched
     void show(unsigned int localIp);
@@ -20,6 +18,5 @@ public:
 private:
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
     const std::chrono::steady_clock::time_point m_deadline;
-    const bool m_isTerminal;
-    std::string m_shown;
+    StatusLine m_line;
 };

@@ -117,4 +117,21 @@ std::uint8_t hostIdOf(const RadarAddress& record) {
     return planned ? id : std::uint8_t{0};
 }
 
+NetAddress renumbered(const NetAddress& wanted, std::uint8_t from, std::uint8_t to) {
+    const auto isWanted = [&](const NetAddress& planned) {
+        return planned.ip == wanted.ip && planned.port == wanted.port;
+    };
+    for (const Row& planned : kRows)
+        if (isWanted(endpoint(from, planned)))
+            return endpoint(to, planned);
+    InfoDeviceEndpoints before;
+    InfoDeviceEndpoints after;
+    fillInfoDevices(before, getInfoDevBaseEp(from));
+    fillInfoDevices(after, getInfoDevBaseEp(to));
+    for (std::size_t i = 0; i < InfoDeviceEndpoints::size(); ++i)
+        if (isWanted(before[i]))
+            return after[i];
+    return wanted;
+}
+
 } // namespace plan

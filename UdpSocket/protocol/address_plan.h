@@ -104,6 +104,10 @@ HostNumber hostNumber(std::uint16_t port);
 /// The host id behind a radar's first stream; 0: the radar is not in the plan.
 std::uint8_t hostIdOf(const RadarAddress& record);
 
+/// The endpoint of host id @p to that has the place of @p endpoint in the plan of host id @p from; what has
+/// none there stays as it is. The endpoints that displays compute are in the plan, too.
+NetAddress renumbered(const NetAddress& endpoint, std::uint8_t from, std::uint8_t to);
+
 /// Of a network-order endpoint or record field.
 inline std::uint16_t hostOrderPort(const NetAddress& endpoint) {
     return __builtin_bswap16(endpoint.port);

@@ -112,6 +112,10 @@ const wire::Layout& layoutOf(unsigned int streams) {
     return streams == 1 ? wire::kShortAnnouncement : wire::kLongAnnouncement;
 }
 
+const wire::Layout& layoutOf(std::string_view announcement) {
+    return layoutOf(isLongAnnouncement(announcement) ? 2 : 1);
+}
+
 bool isImageEndpoint(plan::EndpointField field) {
     return field == &RadarAddress::imageStream || field == &RadarAddress::imageCtrl ||
            field == &RadarAddress::imageState;
@@ -189,6 +193,23 @@ std::string composeAnnouncement(std::string_view name, std::uint8_t hostId, unsi
 
 std::string composeAnnouncement(std::string_view name, std::uint8_t hostId, const RadarAddress& images) {
     return compose(name, hostId, 1, &images);
+}
+
+std::uint8_t announcedHostId(std::string_view announcement) {
+    return isAnnouncement(announcement) ? plan::hostIdOf(readStream(announcement, layoutOf(announcement), 0))
+                                        : std::uint8_t{0};
+}
+
+std::string renumbered(std::string_view announcement, std::uint8_t hostId) {
+    std::string result(announcement);
+    const std::uint8_t before = announcedHostId(announcement);
+    if (before == 0)
+        return result;
+    for (const wire::EndpointPlace& place : layoutOf(announcement).endpoints) {
+        const NetAddress moved = plan::renumbered(wire::endpointAt(announcement, place), before, hostId);
+        result.replace(place.offset, sizeof moved, reinterpret_cast<const char*>(&moved), sizeof moved);
+    }
+    return result;
 }
 
 } // namespace protocol

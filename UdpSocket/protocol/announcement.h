@@ -85,4 +85,11 @@ std::string composeAnnouncement(std::string_view name, std::uint8_t hostId, unsi
 /// The announcement of a host with one stream whose image endpoints are those of @p images.
 std::string composeAnnouncement(std::string_view name, std::uint8_t hostId, const RadarAddress& images);
 
+/// The host id behind an announcement; 0: it is not in the plan.
+std::uint8_t announcedHostId(std::string_view announcement);
+
+/// The announcement as its host would send it with another id: what is in the plan of its id is in that of
+/// @p hostId then, and the rest stays.
+std::string renumbered(std::string_view announcement, std::uint8_t hostId);
+
 } // namespace protocol

@@ -3,12 +3,12 @@
 #include "../command.h"
 #include "../json.h"
 #include "../search.h"
+#include "../status_line.h"
 #include "../table.h"
+#include "bundle.h"
 #include "observation.h"
 
 #include <UdpSocket/udpsocket.h>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -28,6 +28,8 @@ struct Options {
     bool list = false;
     double seconds = 10;
     LocalOptions local;
+    std::string bundle; // path; empty: none is wanted
+    bool redact = false;
 };
 
 Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop) {
@@ -66,24 +68,6 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
 std::string line(const Finding& finding) {
     return finding.what + (finding.remedy.empty() ? "" : "; " + finding.remedy);
 }
-
-/// What runs, on a terminal's standard error; wiped at the end.
-class Notice {
-public:
-    explicit Notice(double seconds) : m_isTerminal(::isatty(STDERR_FILENO) == 1) {
-        if (m_isTerminal)
-            std::fprintf(stderr, "\x1b[?7llistening and asking for %g s; Ctrl-C ends\x1b[?7h", seconds);
-    }
-    ~Notice() {
-        if (m_isTerminal)
-            std::fputs("\r\x1b[K", stderr);
-    }
-    Notice(const Notice&) = delete;
-    Notice& operator=(const Notice&) = delete;
-
-private:
-    bool m_isTerminal;
-};
 
 /// A paragraph that goes on indented where a terminal's line is full; one line elsewhere.
 std::string paragraph(const std::string& text, std::size_t indent, const Output& output) {
@@ -158,8 +142,16 @@ int examine(const Options& options, Output& output) {
         return kFound;
     }
     Loop loop;
+    std::unique_ptr<Bundle> bundle;
+    if (!options.bundle.empty()) {
+        bundle = std::make_unique<Bundle>(options.bundle, options.redact);
+        std::fprintf(stderr, "%s will hold:\n%s", printable(options.bundle).c_str(), bundle->list().c_str());
+    }
     const Observation seen = [&] {
-        const Notice notice(options.seconds);
+        StatusLine status;
+        std::ostringstream text;
+        text << "listening and asking for " << options.seconds << " s; Ctrl-C ends";
+        status.show(text.str());
         return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
     }();
     if (seen.listening.stopped) {
@@ -167,7 +159,12 @@ int examine(const Options& options, Output& output) {
         return kNothingFound;
     }
     const Report report = judge(seen);
-    output.write(options.json ? asJson(report, seen) : asText(report, seen.only, output));
+    const std::string json = asJson(report, seen);
+    output.write(options.json ? json : asText(report, seen.only, output));
+    if (bundle) {
+        bundle->write(seen, asText(report, seen.only, output), json);
+        std::fprintf(stderr, "%s is written\n", printable(options.bundle).c_str());
+    }
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
 
@@ -199,4 +196,8 @@ void addDoctor(CommandLine& line) {
     syntax.option("--seconds", options->seconds, "S", "How long to listen and ask (default 10)",
                   checkSeconds(1, "time to look"));
     addLocalOptions(syntax, options->local);
+    syntax.option("--bundle", options->bundle, "FILE.tar.gz",
+                  "Also write what support needs to a file; what that will hold is listed first");
+    syntax.flag("--redact", options->redact, "Replace addresses and names in the bundle");
+    syntax.need("--redact", "--bundle");
 }

@@ -1,0 +1,299 @@
+#include <RadarWatch/recording/recorder.h>
+
+#include <RadarWatch/recording/group_socket.h>
+
+#include <UdpSocket/base/thread.h>
+
+#include <linux/sock_diag.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <system_error>
+
+namespace radar::recording {
+
+namespace {
+
+namespace sockets = net::detail;
+
+constexpr std::size_t kLargest = 65536;   // a datagram
+constexpr std::size_t kChunk = 256 << 10; // bytes that are handed over at once
+constexpr int kRound = 100;               // milliseconds after which something is handed over at the latest
+constexpr std::chrono::milliseconds
+    kSorting(20);                       // the kernel may queue what it stamped earlier a little later
+constexpr int kReceiveBuffer = 4 << 20; // bytes; the system may grant less
+constexpr int kBatchesOfOne = 16;       // batches of one socket before the others have their turn
+constexpr std::uint64_t kEnd = 0;       // the number of m_ending beside those of the sockets
+
+Time timeOf(const msghdr& message) {
+    msghdr header = message;
+    for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item))
+        if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SO_TIMESTAMPNS) {
+            timespec stamp;
+            std::memcpy(&stamp, CMSG_DATA(item), sizeof stamp);
+            return std::chrono::seconds(stamp.tv_sec) + std::chrono::nanoseconds(stamp.tv_nsec);
+        }
+    return wallClock();
+}
+
+} // namespace
+
+Time wallClock() {
+    return std::chrono::duration_cast<Time>(std::chrono::system_clock::now().time_since_epoch());
+}
+
+Recorder::Recorder(Writer::Options options, std::function<void()> failed)
+    : m_ready(::epoll_create1(EPOLL_CLOEXEC)), m_ending(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_buffer(kBatch * kLargest), m_writer(
+                                       std::move(options), [this] { return closing(); }, std::move(failed)) {
+    epoll_event event{EPOLLIN, {}};
+    event.data.u64 = kEnd;
+    if (!m_ready.isOpen() || !m_ending.isOpen() ||
+        ::epoll_ctl(m_ready.get(), EPOLL_CTL_ADD, m_ending.get(), &event) != 0)
+        throw std::system_error(errno, std::generic_category(), "recording");
+    m_thread = sockets::startThread("radar-record", [this] { run(); });
+}
+
+void Recorder::finish() {
+    if (!m_thread.joinable())
+        return;
+    const std::uint64_t one = 1;
+    while (::write(m_ending.get(), &one, sizeof one) < 0 && errno == EINTR)
+        continue;
+    m_thread.join();
+    m_writer.finish();
+}
+
+std::size_t Recorder::interfaceNumber(const std::string& name) {
+    const auto known = std::ranges::find(m_interfaces, name, &Interface::name);
+    if (known != m_interfaces.end())
+        return static_cast<std::size_t>(known - m_interfaces.begin());
+    m_interfaces.push_back({name, {}});
+    m_inChunkOf.push_back(0);
+    m_interfaceBlocks += interfaceBlock(name);
+    return m_interfaces.size() - 1;
+}
+
+std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places) {
+    std::map<std::string, Device> devices; // that are there
+    for (const Place& place : places)
+        if (!devices.contains(place.interface))
+            if (const unsigned int index = ::if_nametoindex(place.interface.c_str()))
+                devices[place.interface] = {index, m_links ? m_links->removals(index) : 0};
+    std::vector<Place> wanted;
+    {
+        sockets::Lock lock(m_mutex);
+        std::erase_if(m_places, [&](const auto& entry) REQUIRES(m_mutex) {
+            const auto socket = m_sockets.find(entry.second);
+            const auto device = devices.find(entry.first.interface);
+            if (places.contains(entry.first) && device != devices.end() &&
+                device->second == socket->second.device)
+                return false;
+            drain(socket->second); // what it has heard belongs to the recording
+            countDrops(socket->second);
+            m_sockets.erase(socket);
+            return true;
+        });
+        for (const Place& place : places)
+            if (!m_places.contains(place))
+                wanted.push_back(place);
+    }
+    std::vector<Refusal> refused;
+    for (const Place& place : wanted) { // joining may take the system a while
+        Socket socket;
+        socket.device = devices[place.interface]; // as it was before
+        socket.group = {place.ip, place.port};
+        socket.descriptor = openGroup(place.interface, socket.group, kReceiveBuffer);
+        if (!socket.descriptor.isOpen()) {
+            refused.push_back({place, errno});
+            continue;
+        }
+        sockets::Lock lock(m_mutex);
+        socket.interface = interfaceNumber(place.interface);
+        epoll_event event{EPOLLIN, {}};
+        event.data.u64 = ++m_lastSocket;
+        if (::epoll_ctl(m_ready.get(), EPOLL_CTL_ADD, socket.descriptor.get(), &event) != 0) {
+            refused.push_back({place, errno});
+            continue;
+        }
+        m_places[place] = m_lastSocket;
+        m_sockets.emplace(m_lastSocket, std::move(socket));
+    }
+    return refused;
+}
+
+void Recorder::comment(const std::string& text) {
+    sockets::Lock lock(m_mutex);
+    m_comments += (m_comments.empty() ? "" : "\n") + text;
+}
+
+void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
+    sockets::Lock lock(m_mutex);
+    appendTcpBlock(m_chunk.blocks, {wallClock(), peer, {}, bytes});
+    ++m_tcpInChunk;
+    if (m_chunk.blocks.size() >= kChunk)
+        hand();
+}
+
+void Recorder::run() {
+    epoll_event events[kBatch];
+    std::vector<std::uint64_t> ready;
+    auto handed = std::chrono::steady_clock::now();
+    for (bool ending = false; !ending;) {
+        const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
+        ready.clear();
+        for (int i = 0; i < count; ++i) {
+            ending = ending || events[i].data.u64 == kEnd;
+            ready.push_back(events[i].data.u64);
+        }
+        sockets::runStep("recording: datagrams", [&] {
+            sockets::Lock lock(m_mutex);
+            if (ending)
+                for (const auto& [number, socket] : m_sockets)
+                    ready.push_back(number);
+            round(ready);
+            if (ending)
+                record(m_waiting.size());
+            const auto now = std::chrono::steady_clock::now();
+            if (ending || now - handed >= std::chrono::milliseconds(kRound)) {
+                hand();
+                handed = now;
+            }
+        });
+    }
+}
+
+/// Takes what has arrived at these sockets. What was taken a while ago is recorded, in the order of time: by
+/// now everything older has come out of its socket, too.
+void Recorder::round(const std::vector<std::uint64_t>& ready) {
+    for (const std::uint64_t number : ready)
+        if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
+            drain(found->second);
+    std::ranges::stable_sort(m_waiting, {}, &Waiting::time);
+    const auto limit = std::chrono::steady_clock::now() - kSorting;
+    std::size_t count = m_waiting.size();
+    while (count > 0 && m_waiting[count - 1].taken > limit)
+        --count;
+    record(count);
+}
+
+void Recorder::drain(Socket& socket) {
+    for (int batch = 0; batch < kBatchesOfOne && receive(socket) == kBatch; ++batch)
+        continue;
+}
+
+/// One batch. @return how many datagrams it had
+std::size_t Recorder::receive(Socket& socket) {
+    mmsghdr messages[kBatch]{};
+    iovec parts[kBatch];
+    sockaddr_in sources[kBatch];
+    alignas(cmsghdr) char control[kBatch][CMSG_SPACE(sizeof(timespec))];
+    for (std::size_t i = 0; i < kBatch; ++i) {
+        parts[i] = {&m_buffer[i * kLargest], kLargest};
+        msghdr& header = messages[i].msg_hdr;
+        header.msg_name = &sources[i];
+        header.msg_namelen = sizeof sources[i];
+        header.msg_iov = &parts[i];
+        header.msg_iovlen = 1;
+        header.msg_control = control[i];
+        header.msg_controllen = sizeof control[i];
+    }
+    const int count = ::recvmmsg(socket.descriptor.get(), messages, kBatch, MSG_DONTWAIT, nullptr);
+    if (count <= 0)
+        return 0; // nothing there, or an interface that went down, which listenTo() looks after
+    const auto now = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
+        m_waiting.push_back({timeOf(messages[i].msg_hdr),
+                             socket.interface,
+                             {sources[i].sin_addr.s_addr, sources[i].sin_port},
+                             socket.group,
+                             std::string(&m_buffer[i * kLargest], messages[i].msg_len),
+                             now});
+    return static_cast<std::size_t>(count);
+}
+
+void Recorder::countDrops(Socket& socket) {
+    std::uint32_t memory[SK_MEMINFO_VARS]{};
+    socklen_t length = sizeof memory;
+    if (::getsockopt(socket.descriptor.get(), SOL_SOCKET, SO_MEMINFO, memory, &length) != 0)
+        return;
+    const std::uint32_t fresh = memory[SK_MEMINFO_DROPS] - socket.dropped;
+    socket.dropped += fresh;
+    Statistics& statistics = m_interfaces[socket.interface].statistics;
+    statistics.arrived += fresh;
+    statistics.dropped += fresh;
+    statistics.droppedBySystem += fresh;
+    m_counts.dropped += fresh;
+    m_counts.droppedBySystem += fresh;
+}
+
+/// Makes blocks of the first that wait.
+void Recorder::record(std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const Waiting& waiting = m_waiting[i];
+        appendDatagramBlock(m_chunk.blocks, static_cast<std::uint32_t>(waiting.interface),
+                            {waiting.time, waiting.source, waiting.destination, waiting.payload}, m_comments);
+        m_commentsInChunk += (m_commentsInChunk.empty() || m_comments.empty() ? "" : "\n") + m_comments;
+        m_comments.clear();
+        ++m_inChunk.datagrams;
+        m_inChunk.bytes += waiting.payload.size();
+        ++m_inChunkOf[waiting.interface];
+        if (m_chunk.blocks.size() >= kChunk)
+            hand();
+    }
+    m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+/// Hands the chunk to the writer.
+void Recorder::hand() {
+    if (m_chunk.blocks.empty())
+        return;
+    m_chunk.interfaces = m_interfaceBlocks;
+    const bool taken = m_writer.give(m_chunk);
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
+        Statistics& statistics = m_interfaces[i].statistics;
+        statistics.arrived += m_inChunkOf[i];
+        statistics.dropped += taken ? 0 : m_inChunkOf[i];
+        m_inChunkOf[i] = 0;
+    }
+    if (taken) {
+        m_counts.datagrams += m_inChunk.datagrams;
+        m_counts.bytes += m_inChunk.bytes;
+    } else {
+        m_counts.dropped += m_inChunk.datagrams + m_tcpInChunk;
+        m_comments =
+            m_commentsInChunk + (m_commentsInChunk.empty() || m_comments.empty() ? "" : "\n") + m_comments;
+    }
+    m_inChunk = {};
+    m_tcpInChunk = 0;
+    m_commentsInChunk.clear();
+    m_chunk = {};
+}
+
+Recorder::Counts Recorder::counts() {
+    sockets::Lock lock(m_mutex);
+    for (auto& [number, socket] : m_sockets)
+        countDrops(socket);
+    return m_counts;
+}
+
+/// What ends a file: the statistics, and with the last one the comments that are left.
+Chunk Recorder::closing() {
+    sockets::Lock lock(m_mutex);
+    for (auto& [number, socket] : m_sockets)
+        countDrops(socket);
+    Chunk chunk{m_interfaceBlocks, {}};
+    for (std::size_t i = 0; i < m_interfaces.size(); ++i)
+        appendStatisticsBlock(chunk.blocks, static_cast<std::uint32_t>(i), wallClock(),
+                              m_interfaces[i].statistics, i + 1 == m_interfaces.size() ? m_comments : "");
+    return chunk;
+}
+
+} // namespace radar::recording

@@ -1,0 +1,160 @@
+#include <RadarWatch/recording/writer.h>
+
+#include <UdpSocket/base/thread.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+namespace radar::recording {
+
+namespace {
+
+/// "a/b.pcapng" and 7: "a/b-00007.pcapng".
+std::string numbered(const std::string& path, unsigned int number) {
+    const std::size_t name = path.find_last_of('/') + 1; // 0 where there is no directory
+    const std::size_t dot = path.find_last_of('.');
+    const std::size_t end = dot == std::string::npos || dot <= name ? path.size() : dot;
+    char text[16];
+    std::snprintf(text, sizeof text, "-%05u", number);
+    return path.substr(0, end) + text + path.substr(end);
+}
+
+bool hasContent(const std::string& path) {
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+}
+
+} // namespace
+
+Writer::Writer(Options options, std::function<Chunk()> closing, std::function<void()> failed)
+    : m_options(std::move(options)), m_closing(std::move(closing)), m_failed(std::move(failed)) {
+    open();
+    if (m_error != 0)
+        throw std::system_error(failure(), m_ring.back());
+    m_isRunning = true;
+    m_thread = net::detail::startThread("radar-write", [this] { run(); });
+}
+
+bool Writer::give(Chunk& chunk) {
+    if (m_error != 0)
+        return false;
+    {
+        net::detail::Lock lock(m_mutex);
+        if (m_ending || m_queued + chunk.blocks.size() > m_options.queue)
+            return false;
+        m_queued += chunk.blocks.size();
+        m_queue.push_back(std::move(chunk));
+    }
+    m_given.notify_one();
+    return true;
+}
+
+void Writer::finish() {
+    {
+        net::detail::Lock lock(m_mutex);
+        m_ending = true;
+    }
+    m_given.notify_one();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void Writer::run() {
+    for (;;) {
+        Chunk chunk;
+        {
+            net::detail::Lock lock(m_mutex);
+            m_given.wait(lock, [this]() REQUIRES(m_mutex) { return m_ending || !m_queue.empty(); });
+            if (m_queue.empty())
+                break;
+            chunk = std::move(m_queue.front());
+            m_queue.pop_front();
+        }
+        const bool written = writeChunk(chunk);
+        net::detail::Lock lock(m_mutex);
+        m_queued -= chunk.blocks.size(); // room again: never more than that in memory
+        if (!written)
+            break;
+    }
+    close();
+    if (m_error == 0 && ::fsync(m_file.get()) != 0 && errno != EINVAL) // a pipe or a device has no such thing
+        fail(errno);
+    m_file.reset();
+}
+
+/// A new file of the ring, or the only one.
+void Writer::open() {
+    const bool isRing = m_options.rotateAt != 0;
+    m_ring.push_back(isRing ? numbered(m_options.path, ++m_number) : m_options.path);
+    if (hasContent(m_ring.back()))
+        return fail(EEXIST);
+    m_file = net::detail::Descriptor(::open(m_ring.back().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!m_file.isOpen())
+        return fail(errno);
+    m_size = 0;
+    m_interfaces = 0;
+    if (!write(sectionBlock(m_options.application)))
+        return;
+    if (m_options.keep != 0 && m_ring.size() > m_options.keep) {
+        if (::unlink(m_ring.front().c_str()) != 0)
+            std::perror(("recording: cannot delete " + m_ring.front()).c_str());
+        m_ring.pop_front();
+    }
+}
+
+bool Writer::writeChunk(const Chunk& chunk) {
+    if (m_options.rotateAt != 0 && m_size + chunk.blocks.size() > m_options.rotateAt && m_interfaces != 0) {
+        close();
+        if (m_error == 0)
+            open();
+    }
+    return m_error == 0 && append(chunk);
+}
+
+bool Writer::append(const Chunk& chunk) {
+    if (chunk.interfaces.size() > m_interfaces) {
+        if (!write(std::string_view(chunk.interfaces).substr(m_interfaces)))
+            return false;
+        m_interfaces = chunk.interfaces.size();
+    }
+    return write(chunk.blocks);
+}
+
+/// What does not fit is cut behind its last whole block.
+bool Writer::write(std::string_view blocks) {
+    std::size_t done = 0;
+    while (done < blocks.size()) {
+        const ssize_t count = ::write(m_file.get(), blocks.data() + done, blocks.size() - done);
+        if (count >= 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (errno != EINTR) {
+            const int error = errno;
+            done = wholeBlocks(blocks.substr(0, done));
+            if (::ftruncate(m_file.get(), static_cast<off_t>(m_size + done)) == 0)
+                ::lseek(m_file.get(), static_cast<off_t>(m_size + done), SEEK_SET);
+            fail(error);
+            break;
+        }
+    }
+    m_size += done;
+    m_total += done;
+    return done == blocks.size();
+}
+
+void Writer::close() {
+    if (m_file.isOpen())
+        append(m_closing());
+}
+
+void Writer::fail(int error) {
+    int none = 0;
+    if (m_error.compare_exchange_strong(none, error) && m_isRunning)
+        m_failed();
+}
+
+} // namespace radar::recording

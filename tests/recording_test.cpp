@@ -1,0 +1,335 @@
+// Recordings without a network: packets, blocks, files, and the radars that live again from them.
+
+#include "profile_directory.h"
+#include "records.h"
+
+#include <RadarWatch/recording/contents.h>
+#include <RadarWatch/recording/packet.h>
+#include <RadarWatch/recording/pcapng.h>
+#include <RadarWatch/recording/reader.h>
+#include <RadarWatch/recording/replayed_radar.h>
+#include <RadarWatch/recording/writer.h>
+
+#include <UdpSocket/protocol/announcement.h>
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace radar::recording;
+using namespace std::chrono_literals;
+using protocol::composeAnnouncement;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+const NetAddress kFrom = endpoint("10.20.1.1", 40000);
+const NetAddress kDiscovery = endpoint(wire::kDiscovery.address, wire::kDiscovery.port);
+
+std::string packet(const std::string& payload) {
+    std::string bytes;
+    appendPacket(bytes, {0s, kFrom, kDiscovery, payload});
+    return bytes;
+}
+
+std::string bytesOf(std::initializer_list<int> values) {
+    std::string bytes;
+    for (const int value : values)
+        bytes += static_cast<char>(value);
+    return bytes;
+}
+
+TEST(RecordedPacket, HasChecksumsThatAddUp) {
+    for (const std::string& payload : {std::string(), std::string("odd"), std::string(65507, '\xff')}) {
+        const std::string bytes = packet(payload);
+        ASSERT_EQ(bytes.size(), 28 + payload.size());
+        const auto sum = [](const std::string& of, unsigned long start) {
+            unsigned long total = start;
+            for (std::size_t i = 0; i < of.size(); ++i)
+                total += static_cast<unsigned long>(static_cast<unsigned char>(of[i]))
+                         << (i % 2 == 0 ? 8 : 0);
+            while (total > 0xFFFF)
+                total = (total & 0xFFFF) + (total >> 16);
+            return total;
+        };
+        EXPECT_EQ(sum(bytes.substr(0, 20), 0), 0xFFFFU) << payload.size();
+        EXPECT_EQ(sum(bytes.substr(12), 17 + 8 + payload.size()), 0xFFFFU) << payload.size();
+    }
+}
+
+TEST(RecordedPacket, IsFoundBehindEveryLinkLayer) {
+    using Kind = Decoded::Kind;
+    const std::string addresses(12, '\x02');
+    const std::string ip = packet("hello");
+    const std::string vlan = bytesOf({0x81, 0, 0, 7});
+    const std::string ipv4 = bytesOf({8, 0});
+    const auto changed = [&](std::size_t at, int value) {
+        std::string bytes = ip;
+        bytes[at] = static_cast<char>(value);
+        return bytes;
+    };
+    std::string withOption = changed(0, 0x46);
+    withOption.insert(20, bytesOf({1, 1, 1, 1}));
+    withOption[3] = static_cast<char>(withOption.size());
+    const struct {
+        Link link;
+        std::string frame;
+        Kind kind;
+    } cases[] = {
+        {Link::Ethernet, addresses + ipv4 + ip, Kind::Datagram},
+        {Link::Ethernet, addresses + ipv4 + ip + std::string(13, '\0'), Kind::Datagram}, // padded
+        {Link::Ethernet, addresses + vlan + ipv4 + ip, Kind::Datagram},
+        {Link::Ethernet, addresses + bytesOf({0x88, 0xA8, 0, 9}) + vlan + ipv4 + ip, Kind::Datagram},
+        {Link::Cooked, std::string(14, '\x04') + ipv4 + ip, Kind::Datagram},
+        {Link::Cooked, std::string(14, '\x04') + vlan + ipv4 + ip, Kind::Datagram},
+        {Link::Cooked2, ipv4 + std::string(18, '\x04') + ip, Kind::Datagram},
+        {Link::Ip, ip, Kind::Datagram},
+        {Link::Ip, withOption, Kind::Datagram},
+        {Link::Ip, changed(6, 0x20), Kind::Fragment}, // more follow
+        {Link::Ip, changed(7, 1), Kind::Fragment},    // the rest of one
+        {Link::Ip, ip.substr(0, ip.size() - 1), Kind::Cut},
+        {Link::Ip, ip.substr(0, 19), Kind::Cut},
+        {Link::Ip, changed(9, 6), Kind::Other},                          // TCP
+        {Link::Ip, changed(0, 0x65), Kind::Other},                       // IPv6
+        {Link::Ip, changed(0, 0x44), Kind::Other},                       // a header that is too short
+        {Link::Ip, changed(25, 200), Kind::Other},                       // UDP says more than IP has
+        {Link::Ip, changed(25, 7), Kind::Other},                         // and less than its header
+        {Link::Ethernet, addresses + bytesOf({8, 6}) + ip, Kind::Other}, // ARP
+        {Link::Ethernet, addresses + vlan, Kind::Other},
+        {Link::Ethernet, addresses, Kind::Other},
+        {Link::Ip, "", Kind::Other},
+    };
+    for (const auto& [link, frame, kind] : cases) {
+        const Decoded decoded = decode(link, frame);
+        EXPECT_EQ(decoded.kind, kind) << testing::PrintToString(frame);
+        if (kind == Kind::Datagram) {
+            EXPECT_EQ(decoded.payload, "hello");
+            EXPECT_EQ(text(decoded.source), "10.20.1.1:40000");
+            EXPECT_EQ(text(decoded.destination), "236.6.7.5:6878");
+        }
+    }
+}
+
+/// An interface's file with as many datagrams, one a second.
+std::string fileWith(int datagrams) {
+    std::string bytes = sectionBlock("a test") + interfaceBlock("eth0");
+    for (int i = 0; i < datagrams; ++i)
+        appendDatagramBlock(
+            bytes, 0,
+            {std::chrono::seconds(i), kFrom, kDiscovery, std::string(static_cast<std::size_t>(i), 'x')},
+            i == 1 ? "North came" : "");
+    return bytes;
+}
+
+class RecordingFile : public testing::Test {
+protected:
+    std::string path(const char* name = "file") const { return m_directory.path() / name; }
+    std::string write(const std::string& bytes) const {
+        m_directory.write(bytes, "file");
+        return path();
+    }
+
+private:
+    const ProfileDirectory m_directory;
+};
+
+TEST_F(RecordingFile, IsReadAsItWasWritten) {
+    std::string bytes = fileWith(3);
+    appendTcpBlock(bytes, {5s, kFrom, {}, "abcde"});
+    appendStatisticsBlock(bytes, 0, 7s, {12, 5, 4}, "North left");
+    Reader reader(write(bytes));
+    for (int i = 0; i < 3; ++i) {
+        const auto datagram = reader.next();
+        ASSERT_TRUE(datagram);
+        EXPECT_EQ(datagram->time, std::chrono::seconds(i));
+        EXPECT_EQ(datagram->payload, std::string(static_cast<std::size_t>(i), 'x'));
+    }
+    EXPECT_FALSE(reader.next());
+    const Notes notes = readNotes(path());
+    EXPECT_THAT(notes.interfaces, ElementsAre("eth0"));
+    ASSERT_EQ(notes.comments.size(), 2U);
+    EXPECT_EQ(notes.comments[0].text, "North came");
+    EXPECT_EQ(notes.comments[0].time, 1s);
+    EXPECT_EQ(notes.comments[1].text, "North left");
+    EXPECT_EQ(notes.statistics.at(0).dropped, 5U);
+    EXPECT_EQ(notes.tcp.begin()->second.bytes, 5U);
+}
+
+TEST_F(RecordingFile, ThatIsCutIsReadUpToThereAndSaysWhere) {
+    const std::string whole = fileWith(2);
+    const std::string bytes = fileWith(3);
+    for (std::size_t length = whole.size(); length < bytes.size(); ++length) {
+        SCOPED_TRACE(length);
+        Reader reader(write(bytes.substr(0, length)));
+        EXPECT_TRUE(reader.next());
+        EXPECT_TRUE(reader.next());
+        if (length == whole.size()) {
+            EXPECT_FALSE(reader.next());
+            continue;
+        }
+        try {
+            reader.next();
+            ADD_FAILURE() << "the end of the file is missing";
+        } catch (const BrokenFile& broken) {
+            EXPECT_THAT(broken.what(), HasSubstr("file: broken behind packet 2, at byte " +
+                                                 std::to_string(whole.size()) + ": "));
+        }
+        EXPECT_EQ(readNotes(path()).comments.size(), 1U);
+        EXPECT_EQ(wholeBlocks(bytes.substr(0, length)), whole.size());
+    }
+    EXPECT_THROW(Reader(write("no recording")), BrokenFile);
+    EXPECT_THROW(Reader(path("nowhere")), BrokenFile);
+}
+
+TEST_F(RecordingFile, NeverMakesAWriterWait) {
+    ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0); // which stands still when it is full
+    const net::detail::Descriptor reader(::open(path().c_str(), O_RDWR | O_NONBLOCK));
+    Writer::Options options{path(), "a test", 0, 0, 1 << 20};
+    std::string read;
+    std::size_t taken = 0;
+    {
+        Writer writer(
+            options, [] { return Chunk(); }, [] {});
+        for (;; ++taken) {
+            Chunk chunk{interfaceBlock("eth0"), std::string(1 << 16, '\0')};
+            if (!writer.give(chunk)) {
+                EXPECT_EQ(chunk.blocks.size(), std::size_t{1} << 16) << "is left to its owner";
+                break;
+            }
+        }
+        EXPECT_GE(taken, 16U);
+        const std::size_t wanted =
+            sectionBlock("a test").size() + interfaceBlock("eth0").size() + (taken << 16);
+        while (read.size() < wanted) {
+            char buffer[4096];
+            const ssize_t count = ::read(reader.get(), buffer, sizeof buffer);
+            if (count > 0)
+                read.append(buffer, static_cast<std::size_t>(count));
+        }
+        writer.finish();
+        EXPECT_EQ(writer.bytes(), wanted);
+        EXPECT_FALSE(writer.failure());
+    }
+}
+
+TEST_F(RecordingFile, OfARingIsWholeAndTheOldOnesGo) {
+    const std::string content = fileWith(3);
+    const std::string start = sectionBlock("a test");
+    const std::string interfaces = interfaceBlock("eth0");
+    const std::string blocks = content.substr(start.size() + interfaces.size());
+    std::string closing;
+    appendStatisticsBlock(closing, 0, 7s, {12, 5, 4}, "");
+    {
+        Writer writer(
+            {path("ring.pcapng"), "a test", content.size(), 2, 1 << 20},
+            [&] {
+                return Chunk{interfaces, closing};
+            },
+            [] {});
+        for (int i = 0; i < 5; ++i) {
+            Chunk chunk{interfaces, blocks};
+            EXPECT_TRUE(writer.give(chunk));
+        }
+    }
+    for (const char* name : {"ring-00001.pcapng", "ring-00003.pcapng"})
+        EXPECT_NE(::access(path(name).c_str(), F_OK), 0) << name;
+    for (const char* name : {"ring-00004.pcapng", "ring-00005.pcapng"}) {
+        Reader reader(path(name));
+        while (reader.next())
+            continue;
+        EXPECT_EQ(reader.counts().packets, 3U);
+        EXPECT_EQ(readNotes(path(name)).statistics.at(0).arrived, 12U);
+    }
+    EXPECT_THROW(Writer(
+                     {write(content), "a test"}, [] { return Chunk(); }, [] {}),
+                 std::system_error)
+        << "nobody's recording is overwritten";
+}
+
+/// A radar that announces itself once a second.
+Contents recordingOf(const std::vector<std::pair<int, std::string>>& announcements) {
+    Contents contents;
+    for (const auto& [second, announcement] : announcements)
+        contents.add({std::chrono::seconds(second), kFrom, kDiscovery, announcement});
+    return contents;
+}
+
+class Replayed : public testing::Test {
+protected:
+    static constexpr auto kObjection = 1000ms;
+    static constexpr auto kLead = 2100ms;
+
+    /// Plays up to a second of the recording, and answers what was said about ids.
+    std::vector<std::string> playTo(ReplayedRadar& radar, int second) {
+        std::vector<std::string> said;
+        for (const auto end = ReplayedRadar::TimePoint(std::chrono::seconds(second + 100)); m_now <= end;
+             m_now += 100ms) {
+            const auto output = radar.advance(m_now.time_since_epoch() - 100s, kLead, m_now);
+            if (output.message)
+                said.emplace_back(wire::text(*output.message));
+        }
+        return said;
+    }
+
+    static std::string target(const ReplayedRadar& radar, const NetAddress& recorded) {
+        const auto found = radar.target(recorded);
+        return found ? text(*found) : "none";
+    }
+
+    ReplayedRadar::TimePoint m_now{97s}; // the recording begins at 100 s
+};
+
+TEST_F(Replayed, RadarClaimsItsIdAndAnswersWhileItWasThere) {
+    const std::string north = composeAnnouncement("North", 20, 2);
+    const Contents contents = recordingOf({{1, north}, {2, north}, {3, north}, {12, north}});
+    ReplayedRadar radar(contents.radars().front(), 0, 1, kObjection);
+    EXPECT_THAT(playTo(radar, 0), ElementsAre("\x01\xA1\x14\x01", "\x02\xA1\x14\x01"));
+    EXPECT_EQ(radar.answer(), "");
+    for (const auto& [second, isThere] :
+         {std::pair(1, true), {4, true}, {5, false}, {11, false}, {12, true}}) {
+        EXPECT_THAT(playTo(radar, second), ElementsAre());
+        EXPECT_EQ(radar.answer(), isThere ? north : "") << second;
+    }
+}
+
+TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
+    const std::string north = composeAnnouncement("North", 1, 2);
+    const Contents contents =
+        recordingOf({{0, north}, {5, north}, {6, composeAnnouncement("North", 30, 2)}, {8, ""}});
+    const auto arpaOf = [](std::uint8_t id) {
+        return plan::announcedEndpoint(id, &RadarAddress::arpaState, 1);
+    };
+    {
+        ReplayedRadar radar(contents.radars().front(), 0, 1, kObjection);
+        playTo(radar, 1);
+        EXPECT_EQ(radar.answer(), north);
+        EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(1)));
+        EXPECT_EQ(target(radar, arpaOf(30)), "none");
+        EXPECT_EQ(radar.receive("\x01\xA1\x14\x01").message.has_value(), true)
+            << "the holder of id 1 defends it";
+        EXPECT_THAT(playTo(radar, 5), ElementsAre("\x01\xA1\x1E\x01", "\x02\xA1\x1E\x01"));
+        m_now += 900ms;
+        radar.advance(5950ms, kLead, m_now); // the next id is held already
+        EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(1)));
+        EXPECT_EQ(radar.answer(), north);
+        playTo(radar, 6);
+        EXPECT_EQ(radar.answer(), composeAnnouncement("North", 30, 2)) << "as in the recording";
+        EXPECT_EQ(target(radar, arpaOf(30)), text(arpaOf(30)));
+    }
+    m_now = ReplayedRadar::TimePoint(97s);
+    ReplayedRadar radar(contents.radars().front(), 40, 1, kObjection);
+    EXPECT_THAT(playTo(radar, 1), ElementsAre("\x01\xA1\x28\x01", "\x02\xA1\x28\x01"));
+    EXPECT_EQ(radar.answer(), composeAnnouncement("North", 40, 2));
+    EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(40)));
+    EXPECT_EQ(target(radar, plan::getOriginalImageEp(1, 1)), text(plan::getOriginalImageEp(40, 1)));
+    EXPECT_EQ(target(radar, plan::getInfoDevBaseEp(1)), text(plan::getInfoDevBaseEp(40)));
+    radar.receive("\x03\xA1\x28\x01");
+    EXPECT_THAT(playTo(radar, 5), testing::SizeIs(2)) << "another id";
+    EXPECT_NE(radar.hostId(), 40);
+    EXPECT_EQ(radar.answer(), composeAnnouncement("North", radar.hostId(), 2));
+}
+
+} // namespace

@@ -1,0 +1,39 @@
+/// @file
+/// What support needs of a computer, in one file.
+#pragma once
+
+#include "observation.h"
+
+#include <RadarWatch/recording/recorder.h>
+
+#include <memory>
+#include <string>
+
+namespace doctor {
+
+/// Records what is said on the protocols' groups while doctor looks; write() makes a file of that and of what
+/// doctor saw.
+class Bundle {
+public:
+    /// @param redact replaces addresses and names
+    /// @throws std::system_error
+    Bundle(std::string path, bool redact);
+
+    /// What it will hold, for the person whose computer it is.
+    std::string list() const;
+
+    /// Writes a gzipped tar archive, whole or not at all.
+    /// @param findings as text and as JSON
+    /// @throws std::system_error, std::runtime_error
+    void write(const Observation& seen, const std::string& findings, const std::string& json);
+
+private:
+    std::string recorded(class Redaction& redaction);
+
+    const std::string m_path;
+    const bool m_redact;
+    net::detail::Descriptor m_memory; // the recording's file
+    std::unique_ptr<radar::recording::Recorder> m_recorder;
+};
+
+} // namespace doctor
