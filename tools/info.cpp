@@ -4,6 +4,7 @@
 #include "table.h"
 
 #include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/udpsocket.h>
 
 #include <cstdio>
 

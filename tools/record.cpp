@@ -10,6 +10,7 @@
 #include <RadarWatch/recording/recorder.h>
 
 #include <UdpSocket/tcpsocket.h>
+#include <UdpSocket/udpsocket.h>
 
 #include <netinet/in.h>
 #include <sys/resource.h>

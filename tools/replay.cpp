@@ -10,6 +10,7 @@
 
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/udpsocket.h>
 
 #include <algorithm>
 #include <cerrno>
