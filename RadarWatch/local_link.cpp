@@ -11,7 +11,6 @@
 
 namespace radar::detail {
 
-using net::detail::Descriptor;
 using net::detail::setOption;
 
 namespace {
