@@ -20,7 +20,7 @@ std::size_t stride(std::size_t largest) {
 
 ReceiveBatch::ReceiveBatch(std::size_t largest, std::size_t capacity)
     : m_memory(new char[stride(largest) * capacity]), // untouched until used
-      m_buffers(capacity), m_sources(capacity), m_controls(capacity), m_headers(capacity) {
+      m_buffers(capacity), m_sources(capacity), m_controls(capacity), m_headers(capacity), m_used(capacity) {
     for (std::size_t i = 0; i < capacity; ++i) {
         m_buffers[i] = {&m_memory[i * stride(largest)], largest};
         msghdr& header = m_headers[i].msg_hdr;
@@ -32,12 +32,15 @@ ReceiveBatch::ReceiveBatch(std::size_t largest, std::size_t capacity)
 }
 
 int ReceiveBatch::receive(const net::detail::Descriptor& socket, std::size_t count, int flags) {
-    for (std::size_t i = 0; i < count; ++i) {
-        msghdr& header = m_headers[i].msg_hdr;
+    for (; m_used > 0; --m_used) { // the system has put its own lengths there
+        msghdr& header = m_headers[m_used - 1].msg_hdr;
         header.msg_namelen = sizeof(sockaddr_in);
         header.msg_controllen = sizeof(Control::bytes);
     }
-    return ::recvmmsg(socket.get(), m_headers.data(), static_cast<unsigned int>(count), flags, nullptr);
+    const int received =
+        ::recvmmsg(socket.get(), m_headers.data(), static_cast<unsigned int>(count), flags, nullptr);
+    m_used = received > 0 ? static_cast<std::size_t>(received) : 0;
+    return received;
 }
 
 std::chrono::nanoseconds ReceiveBatch::arrival(std::size_t place) const {

@@ -48,6 +48,7 @@ private:
     std::vector<sockaddr_in> m_sources;
     std::vector<Control> m_controls;
     std::vector<mmsghdr> m_headers;
+    std::size_t m_used; // places that the last call filled
 };
 
 } // namespace radar::detail
