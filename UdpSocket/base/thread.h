@@ -8,6 +8,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <memory>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -51,6 +53,51 @@ bool launchThread(std::thread& thread, const char* name, Body&& body) {
     }
     return false;
 }
+
+/// A thread as startThread makes it, with a stack of a size of its own: where there may be hundreds, the
+/// system's 8 MiB each are more than a 32-bit address space has.
+class SizedThread {
+public:
+    SizedThread() noexcept = default;
+    /// @param stack bytes
+    /// @throws as startThread
+    template <class Body>
+    SizedThread(const char* name, std::size_t stack, Body&& body) {
+        auto start = std::make_unique<Start<std::decay_t<Body>>>(
+            Start<std::decay_t<Body>>{name, std::forward<Body>(body)});
+        create(stack, &runStart<std::decay_t<Body>>, start.get());
+        start.release(); // the thread's own from here on
+    }
+    SizedThread(SizedThread&& other) noexcept
+        : m_id(other.m_id), m_joinable(std::exchange(other.m_joinable, false)) {}
+    SizedThread& operator=(SizedThread&& other) noexcept {
+        std::swap(m_id, other.m_id);
+        std::swap(m_joinable, other.m_joinable);
+        return *this;
+    }
+
+    bool joinable() const noexcept { return m_joinable; }
+    /// Waits for its end; a thread that calls this on itself is let go instead, and ends by itself.
+    void end() noexcept;
+
+private:
+    template <class Body>
+    struct Start {
+        const char* name;
+        Body body;
+    };
+    template <class Body>
+    static void* runStart(void* data) {
+        const std::unique_ptr<Start<Body>> start(static_cast<Start<Body>*>(data));
+        pthread_setname_np(pthread_self(), start->name); // fails for a name that is too long only
+        start->body();
+        return nullptr;
+    }
+    void create(std::size_t stack, void* (*run)(void*), void* data);
+
+    pthread_t m_id{};
+    bool m_joinable = false;
+};
 
 /// Writes that memory ran out to standard error, at most once a second.
 /// @param step what was lost by it: "UdpReceiver: a datagram"

@@ -1,0 +1,139 @@
+#include <RadarWatch/stream_follower.h>
+#include <RadarWatch/stream_private.h>
+#include <RadarWatch/watch_private.h>
+
+#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
+#include <UdpSocket/base/thread.h>
+#include <UdpSocket/tcpsocket.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+namespace radar {
+
+using net::detail::Lock;
+
+namespace {
+
+/// Sends to one endpoint. Any thread.
+class Outlet {
+public:
+    explicit Outlet(const detail::Target& target) {
+        if (target.endpoint.type == detail::kUdp)
+            m_udp = std::make_unique<net::UdpSender>(target.endpoint, target.localAddress, std::uint16_t{0});
+        else if (target.endpoint.type == detail::kTcpClient)
+            m_client = std::make_unique<net::TcpClient>(nullptr, target.endpoint, target.localAddress);
+        else
+            listen(target);
+    }
+
+    bool send(const char* data, int size) {
+        if (m_udp)
+            return m_udp->sendData(data, size) == size;
+        const bool connected = m_client ? m_client->isConnected() : m_server->isConnected();
+        if (!connected) {
+            errno = ENOTCONN;
+            return false;
+        }
+        if (m_client)
+            return m_client->sendData(data, static_cast<unsigned int>(size));
+        m_server->sendData(data, static_cast<unsigned int>(size));
+        return true;
+    }
+
+private:
+    void listen(const detail::Target& target) {
+        constexpr int peers = 4; // one, and connections that it lost
+        m_server = std::make_unique<net::TcpServer>(nullptr);
+        m_server->connect(net::NtoHs(target.endpoint.port), peers); // what fails is printed
+    }
+
+    std::unique_ptr<net::UdpSender> m_udp;
+    std::unique_ptr<net::TcpClient> m_client;
+    std::unique_ptr<net::TcpServer> m_server;
+};
+
+int errorOf(StreamEvent::Why lacking) {
+    return lacking == StreamEvent::Why::LocalAddress ? ENETDOWN : ENOENT;
+}
+
+} // namespace
+
+class ControlPrivate final : public net::detail::ProcessBound, public detail::Follower {
+public:
+    ControlPrivate(std::string name, int channel, int number)
+        : m_name(std::move(name)), m_channel(channel), m_number(number) {}
+
+    void onSituation(const detail::Situation& situation) override {
+        net::detail::runStep("Control: a change", [&] {
+            StreamEvent::Why lacking;
+            const auto target = detail::targetOf(situation, m_name, m_channel, m_number, lacking);
+            if (target && m_target && detail::isSame(*target, *m_target))
+                return;
+            auto outlet = target ? std::make_shared<Outlet>(*target) : nullptr;
+            m_target = target;
+            Lock lock(m_mutex);
+            std::swap(m_outlet, outlet); // the old one ends without the lock
+            m_error = errorOf(lacking);
+        });
+    }
+    void onTick(std::chrono::steady_clock::time_point) override {}
+
+    bool send(const void* data, std::size_t size) {
+        std::shared_ptr<Outlet> outlet;
+        int error;
+        {
+            Lock lock(m_mutex);
+            outlet = m_outlet;
+            error = m_error;
+        }
+        if (outlet && size <= INT_MAX)
+            return outlet->send(static_cast<const char*>(data), static_cast<int>(size));
+        errno = outlet ? EMSGSIZE : error;
+        return false;
+    }
+
+private:
+    const std::string m_name;
+    const int m_channel;
+    const int m_number;
+    std::optional<detail::Target> m_target; // the engine's thread
+
+    net::detail::Mutex m_mutex;
+    std::shared_ptr<Outlet> m_outlet GUARDED_BY(m_mutex); // null: there is no target
+    int m_error GUARDED_BY(m_mutex) = ENOENT;             // of sends then
+};
+
+void StreamDoor::start(Control& control, std::shared_ptr<detail::Engine> engine, const std::string& name,
+                       int channel, int number) {
+    const std::shared_ptr<ControlPrivate> made(new ControlPrivate(name, channel, number),
+                                               &net::detail::destroy<ControlPrivate>);
+    engine->follow(name, made);
+    control.m_engine = std::move(engine);
+    control.d = made;
+}
+
+std::unique_ptr<Control> StreamDoor::control(std::shared_ptr<detail::Engine> engine, const std::string& name,
+                                             int channel, int number) {
+    std::unique_ptr<Control> control(new Control);
+    start(*control, std::move(engine), name, channel, number);
+    return control;
+}
+
+Control::Control(const Watch& watch, const std::string& name, int channel, int number) {
+    StreamDoor::start(*this, watch.d->engine(), name, channel, number);
+}
+
+Control::~Control() {
+    if (d && d->inOwnProcess())
+        m_engine->unfollow(d.get());
+}
+
+bool Control::send(const void* data, std::size_t size) {
+    return d->send(data, size);
+}
+
+} // namespace radar
