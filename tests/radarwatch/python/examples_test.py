@@ -35,6 +35,15 @@ class Examples(unittest.TestCase):
         self.assertEqual((pixels[0], pixels[1024 * 512 + 100]), (0, 8), "nothing in the corner, clutter on the sea")
         self.assertGreater(pixels.count(0xF0), 3, "targets")
 
+    def test_the_page_shows_programs_that_run(self):
+        page = (SOURCES / "docs" / "radarwatch-python.md").read_text()
+        shown = [block.split("```")[0] for block in page.split("```python\n")[1:]]
+        expected = ["'radar-1' sends its image to 236.6.7.35:6003", "Statistics(datagrams=", "Appeared(radar=Radar("]
+        with radar(1, "North", 30, "--simulate"):
+            for program, text in zip(shown, expected, strict=True):
+                lines = self.lines(sys.executable, "-u", "-W", "error", "-c", program)
+                self.assertTrue(any(text in line for line in lines), text)
+
     def test_watch_in_c_tells_of_radars_and_their_image(self):
         with radar(1, "North", 30, "--simulate", "--rate", "120"):
             lines = self.lines(os.environ["EXAMPLE_WATCH"], "North")

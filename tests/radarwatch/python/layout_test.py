@@ -6,7 +6,7 @@ import subprocess
 import unittest
 
 import radarwatch
-from support import SOURCES
+from support import LOCAL, SOURCES
 
 STRUCTURES = {
     "endpoint": radarwatch._Endpoint,
@@ -60,7 +60,7 @@ class Layout(unittest.TestCase):
         self.assertEqual(compiled.returncode, 0)
 
     def test_of_another_version_is_refused(self):
-        with radarwatch.Watch() as watch:
+        with radarwatch.Watch(LOCAL) as watch:
             event = radarwatch._Event()
             event.size -= 8
             with self.assertRaises(OSError):
