@@ -61,9 +61,11 @@ bool isSame(const RadarEndpoint& one, const RadarEndpoint& other) {
 Why difference(const Target& from, const Target& to) {
     if (!isSame(from.endpoint, to.endpoint))
         return Why::Endpoint;
-    if (from.interfaceIndex != to.interfaceIndex || from.interfaceChange != to.interfaceChange)
+    if (from.interfaceIndex != to.interfaceIndex)
         return Why::Interface;
-    return from.localAddress != to.localAddress ? Why::LocalAddress : Why::None;
+    if (from.localAddress != to.localAddress)
+        return Why::LocalAddress;
+    return from.interfaceChange != to.interfaceChange ? Why::Interface : Why::None;
 }
 
 } // namespace
