@@ -653,7 +653,7 @@ class _Object:
 
     def __init__(self, new: Callable[[Any], int], free: Callable[[Any], None]) -> None:
         self._process = os.getpid()
-        self._lock = threading.RLock()  # held while the handle is in use; no call of the library waits
+        self._lock = threading.RLock()  # held while the handle is in use, which is never for long
         self._uses = 0  # more than one: in a signal handler
         self._closed = False
         self._alarm = _Alarm()
@@ -949,14 +949,18 @@ class Control(_Object):
     def __init__(self, watch: Watch, name: str, channel: str = "image-control", number: int = 0) -> None:
         """As for Stream."""
         super().__init__(_on_watch(watch, _control_new, _bytes(name), _channel(channel), number), _control_free)
+        self._name = name
 
     def send(self, data: Union[bytes, bytearray, memoryview]) -> None:
         """Sends one datagram from the local address, or bytes over TCP.
 
-        OSError: ENOENT, no such radar, or no such endpoint; ENETDOWN, there is no local address; ENOTCONN, TCP is
-        not connected; or what the system says. In a child made by fork, nothing is sent."""
+        LookupError: there is no such radar now, or it has no such channel. OSError: ENETDOWN, there is no local
+        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent."""
         copy = bytes(data)
-        self._call(_control_send, copy, len(copy))
+        try:
+            self._call(_control_send, copy, len(copy))
+        except FileNotFoundError:
+            raise LookupError(f"{self._name!r} is not there, or has no such channel") from None
 
 
 def version() -> str:

@@ -1,4 +1,3 @@
-import errno
 import itertools
 import select
 import subprocess
@@ -69,22 +68,23 @@ class Streams(unittest.TestCase):
 
 class Controls(unittest.TestCase):
     def test_reach_their_radar(self):
-        with Watch(LOCAL) as watch, Control(watch, "radar-1", "image-control") as control:
+        with Watch(LOCAL) as watch:
             self.assertTrue(comes_true(lambda: watch.find("radar-1")))
             group = watch.find("radar-1").streams[0].image_control
             command = (sys.executable, "-c", RECEIVER, group.address, str(group.port), "10.20.1.1")
             with on_host(1, *command, stdout=subprocess.PIPE, text=True) as receiver:
                 self.assertEqual(receiver.stdout.readline(), "ready\n")
-                for data in (b"power\0on", bytearray(b"power\0on"), memoryview(b"power\0on")):
-                    control.send(data)
+                with Control(watch, "radar-1", "image-control") as control:
+                    control.send(b"power\0on")  # at once
+                    control.send(bytearray(1))
+                    control.send(memoryview(b"x"))
                 self.assertIn("b'power\\x00on', ('10.20.2.1',", receiver.stdout.readline())
 
     def test_say_why_nothing_is_sent(self):
         with Watch(LOCAL) as watch, Control(watch, "nobody") as control:
             self.assertTrue(comes_true(lambda: watch.local_address().address))
-            with self.assertRaises(OSError) as raised:
+            with self.assertRaises(LookupError):
                 control.send(b"x")
-            self.assertEqual(raised.exception.errno, errno.ENOENT)
         with self.assertRaises(ValueError):
             control.send(b"x")
 
