@@ -9,6 +9,7 @@
 #include <lab/private_network.h>
 
 #include <arpa/inet.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <array>
@@ -27,6 +28,7 @@ using net::detail::Descriptor;
 
 constexpr std::size_t kHandles = 3; // of a kind
 constexpr std::size_t kMostCalls = 64;
+constexpr int kPatience = 5; // milliseconds
 const in_addr_t kLoopback = htonl(INADDR_LOOPBACK);
 constexpr const char* kNames[] = {"North",  "South:User", "North:TCP",
                                   "\xFF\n", "",           "a name that no radar can have"};
@@ -212,6 +214,15 @@ private:
         radar_watch*& watch = any(m_watches);
         release(watch, radar_watch_free);
         known(radar_watch_new(&watch, m_input.below(8) == 0 ? nullptr : &options));
+        awaitNews(); // of the local address: from then on it hears
+    }
+
+    /// Gives the library's thread time to hear what was sent.
+    void awaitNews() const {
+        pollfd waits[kHandles];
+        for (std::size_t i = 0; i < kHandles; ++i)
+            waits[i] = {m_watches[i] != nullptr ? radar_watch_descriptor(m_watches[i]) : -1, POLLIN, 0};
+        ::poll(waits, kHandles, kPatience);
     }
 
     void nextEvent() {
@@ -270,6 +281,7 @@ private:
             datagram[m_input.below(static_cast<unsigned>(datagram.size()))] =
                 static_cast<char>(m_input.below(256));
         m_host.send(datagram, ::inet_addr(wire::kDiscovery.address), wire::kDiscovery.port);
+        awaitNews();
     }
 
     void sendPicture() {
