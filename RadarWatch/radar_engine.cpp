@@ -127,7 +127,7 @@ RadarEngine::RadarEngine(std::uint32_t configured) : m_radarIp(net::settings::ra
         m_client = std::make_unique<MultiRadarClient>();
         m_client->addListener(this);
     }
-    m_thread = net::detail::startThread("radar-watch", [this] {
+    m_thread = net::detail::startThread("radar-engine", [this] {
         run();
         if (m_endsItself)
             delete this;

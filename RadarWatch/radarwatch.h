@@ -42,6 +42,7 @@ struct Radar {
 
 /// The local address that leads to the radars.
 struct LocalAddress {
+    /// Why an address is in force.
     enum class Origin {
         None,             ///< there is none yet, or no longer
         Options,          ///< it was given to the Watch
@@ -49,13 +50,14 @@ struct LocalAddress {
         ProfileInterface, ///< [Local] NetName of profile.ini
         Search,           ///< a radar was heard on it
     };
-    std::uint32_t address = 0;
-    Origin origin = Origin::None;
-    std::string interface; ///< that has the address
+    std::uint32_t address = 0;    ///< network order; 0: there is none
+    Origin origin = Origin::None; ///< why this one
+    std::string interface;        ///< that has the address
 };
 
 /// Something that happened.
 struct Event {
+    /// What happened, and which members tell of it.
     enum class Kind {
         Appeared, ///< radar: as it announces itself
         Changed,  ///< radar: as it announces itself now; changes
@@ -67,6 +69,7 @@ struct Event {
         LocalChanged,  ///< local, previous
         LocalLost,     ///< previous: this computer has that address no more
     };
+    /// Why a radar left.
     enum class Reason {
         None,
         Silent,       ///< for eight seconds
@@ -85,17 +88,17 @@ struct Event {
         Tcp = 32,      ///< endpoints of tcp
     };
 
-    Kind kind{};
-    Radar radar;
-    unsigned changes = 0;
-    Reason reason = Reason::None;
-    std::string successor;
-    int hostId = 0;
-    std::vector<std::string> holders; ///< names, ascending, the first 16
-    LocalAddress local;
-    std::uint32_t previous = 0;
-    unsigned merged =
-        0; ///< earlier events of this radar, host id or local address that this one stands for, too
+    Kind kind{};                      ///< which members tell something depends on it
+    Radar radar;                      ///< of Appeared, Changed and Left
+    unsigned changes = 0;             ///< of Changed: bits of Change
+    Reason reason = Reason::None;     ///< of Left
+    std::string successor;            ///< of Left, where there is one: a radar's name
+    int hostId = 0;                   ///< of Conflict and ConflictEnded
+    std::vector<std::string> holders; ///< of hostId: names, ascending, the first 16
+    LocalAddress local;               ///< in force from now on
+    std::uint32_t previous = 0;       ///< the local address before, network order
+    /// Earlier events of this radar, host id or local address that this one stands for, too.
+    unsigned merged = 0;
     std::chrono::steady_clock::time_point when{}; ///< it happened
 };
 
@@ -116,20 +119,21 @@ struct Event {
 /// return.
 class __attribute__((visibility("default"))) Watch {
 public:
-    using Callback = std::function<void(const Event&)>;
+    using Callback = std::function<void(const Event&)>; ///< takes one event
 
+    /// How a Watch is to look.
     struct Options {
         /// The local address to use; 0: as profile.ini says, or a search (see MultiRadarClient).
         std::uint32_t localAddress = 0;
     };
 
     Watch();
-    explicit Watch(const Options& options);
+    explicit Watch(const Options& options); ///< events are taken by next()
     /// @param callback takes all events, on a thread of this Watch, one at a time and without a lock. It may
     ///                 call anything, and may destroy the Watch. std::bad_alloc that it throws costs the
     ///                 event, anything else ends the process.
     explicit Watch(Callback callback);
-    Watch(Callback callback, const Options& options);
+    Watch(Callback callback, const Options& options); ///< the same
     ~Watch();
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;

@@ -116,6 +116,17 @@ TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
     }
 }
 
+TEST_F(WatchOnLan, ExamplesTellWhoIsThere) {
+    const auto north = serve(m_host1, "North", 16);
+    lab::Process epoll = m_display.start({{WATCH_epoll}});
+    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.35 port 6003");
+    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.38 port 6006");
+#ifdef WATCH_glib
+    lab::Process glib = m_display.start({{WATCH_glib}});
+    EXPECT_EQ(glib.lineWith("North", 20s), "  North, host id 16");
+#endif
+}
+
 class WatchThatSearches : public WatchOnLan {
 protected:
     WatchThatSearches() : WatchOnLan("") {}
