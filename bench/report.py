@@ -17,6 +17,7 @@ RATIOS = [
     ("receive 222 B at 20 k/s", 1.08), ("receive 222 B at 100 k/s", 1.08),
     ("receive saturated 222 B", 0.95), ("receive saturated 1400 B", 0.95),
     ("receive 50 groups at 20 k/s", 1.05),
+    ("stream of 222 B at 20 k/s", 1.05), ("stream of 222 B at 100 k/s", 1.05), ("50 streams at 20 k/s", 1.0),
     ("send 222 B", 1.03), ("send 64 x 222 B in one call", 1.03),
     ("UDP round trip, median", 1.05), ("UDP round trip, 99th percentile", 1.05),
     ("TCP stream received", 0.97), ("TCP stream sent", 0.97),
