@@ -91,14 +91,6 @@ void report(bool& refused, bool success, const char* what, const char* call) {
     refused = !success;
 }
 
-bool differ(const Situation& one, const Situation& other) {
-    return one.localAddress != other.localAddress || one.device != other.device ||
-           one.interfaceIndex != other.interfaceIndex || one.interfaceChange != other.interfaceChange ||
-           one.radar.has_value() != other.radar.has_value() ||
-           (one.radar &&
-            (one.radar->name != other.radar->name || changesBetween(*one.radar, *other.radar) != 0));
-}
-
 TimePoint now() {
     return TimePoint::clock::now();
 }
@@ -385,70 +377,37 @@ bool RadarEngine::reset() {
 // ------------------------------------------------------------------------------------------------ followers
 
 void RadarEngine::follow(const std::string& name, std::shared_ptr<Follower> follower) {
+    m_followers.add(name, std::move(follower));
     {
         Lock lock(m_mutex);
-        m_followers.push_back({name, std::move(follower), {}});
         ++m_changes;
     }
     m_wakeup.set();
 }
 
 void RadarEngine::unfollow(const Follower* follower) {
-    std::list<Following> gone; // ends without the lock
-    Lock lock(m_mutex);
-    if (const auto found = find(follower); found != m_followers.end())
-        gone.splice(gone.end(), m_followers, found);
-    if (m_thread.get_id() != std::this_thread::get_id())
-        m_callEnded.wait(lock, [&]() REQUIRES(m_mutex) { return m_called != follower; });
+    m_followers.remove(follower, m_thread.get_id() != std::this_thread::get_id());
 }
 
-std::list<RadarEngine::Following>::iterator RadarEngine::find(const Follower* follower) {
-    return std::ranges::find_if(
-        m_followers, [&](const Following& following) { return following.follower.get() == follower; });
-}
-
-/// @param tick its moment; none: those only for whom something has changed
+/// @param tick its moment; none: they are called only where something has changed
 void RadarEngine::callFollowers(std::optional<TimePoint> tick) {
-    std::vector<std::shared_ptr<Follower>> followers;
     {
         Lock lock(m_mutex);
         if (!tick && m_changes == m_toldFollowers)
             return;
-        for (const Following& following : m_followers)
-            followers.push_back(following.follower);
         m_toldFollowers = m_changes;
     }
-    for (const auto& follower : followers)
-        callFollower(follower, tick);
+    m_followers.call([this](const std::string& name) { return situationOf(name); }, tick);
 }
 
-void RadarEngine::callFollower(const std::shared_ptr<Follower>& follower, std::optional<TimePoint> tick) {
-    std::optional<Situation> news;
-    {
-        Lock lock(m_mutex);
-        const auto following = find(follower.get());
-        if (following == m_followers.end())
-            return;
-        news = m_situation;
-        if (const Sighting* const sighting = m_sightings.state().find(following->name)) {
-            news->radar = sighting->radar;
-            news->radar->age = std::chrono::duration_cast<std::chrono::milliseconds>(now() - sighting->heard);
-        }
-        if (following->told && !differ(*following->told, *news))
-            news.reset();
-        m_called = follower.get();
-    }
-    const bool done = runStep("RadarWatch: a stream's step", [&] {
-        if (news)
-            follower->onSituation(*news);
-        if (tick)
-            follower->onTick(*tick);
-    });
+Situation RadarEngine::situationOf(const std::string& name) const {
     Lock lock(m_mutex);
-    m_called = nullptr;
-    m_callEnded.notify_all();
-    if (const auto following = find(follower.get()); done && news && following != m_followers.end())
-        following->told = std::move(news);
+    Situation situation = m_situation;
+    if (const Sighting* const sighting = m_sightings.state().find(name)) {
+        situation.radar = sighting->radar;
+        situation.radar->age = std::chrono::duration_cast<std::chrono::milliseconds>(now() - sighting->heard);
+    }
+    return situation;
 }
 
 } // namespace radar::detail

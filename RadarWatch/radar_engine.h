@@ -3,6 +3,7 @@
 #pragma once
 
 #include <RadarWatch/engine.h>
+#include <RadarWatch/followers.h>
 #include <RadarWatch/inbox.h>
 #include <RadarWatch/local_link.h>
 #include <RadarWatch/sightings.h>
@@ -75,17 +76,11 @@ private:
     void sendToRadars(std::string_view message);
     void send(const wire::Group& group, std::string_view message);
     void callFollowers(std::optional<TimePoint> tick);
-    void callFollower(const std::shared_ptr<Follower>& follower, std::optional<TimePoint> tick);
+    Situation situationOf(const std::string& name) const;
 
     /// Changes the sightings, and tells what happened. @param change takes the sightings, returns events
     template <class Change>
     void update(const char* step, Change change);
-
-    struct Following {
-        std::string name;
-        std::shared_ptr<Follower> follower;
-        std::optional<Situation> told;
-    };
 
     const std::uint32_t m_radarIp; // the fixed radar, network order; 0: none
     LocalAddress::Origin m_origin;
@@ -109,16 +104,12 @@ private:
     bool m_sendRefused = false;
     std::uint64_t m_toldFollowers = 0;
 
+    Followers m_followers;
     mutable net::detail::Mutex m_mutex;
     Sightings m_sightings GUARDED_BY(m_mutex);
     Situation m_situation GUARDED_BY(m_mutex); // without a radar
     std::uint64_t m_changes GUARDED_BY(m_mutex) = 1;
     std::list<Inbox*> m_inboxes GUARDED_BY(m_mutex);
-    std::list<Following>::iterator find(const Follower* follower) REQUIRES(m_mutex);
-
-    std::list<Following> m_followers GUARDED_BY(m_mutex);
-    const Follower* m_called GUARDED_BY(m_mutex) = nullptr; // a call is in progress
-    net::detail::Condition m_callEnded;
     std::set<std::string> m_toRadars GUARDED_BY(m_mutex); // what waits to be sent to the discovery group
     std::set<std::string> m_toHosts GUARDED_BY(m_mutex);  // and to that of the host ids
 

@@ -178,7 +178,7 @@ public:
     std::optional<StreamEvent> nextEvent();
 
     /// A descriptor that is readable while datagrams or events wait. It belongs to the stream; neither read
-    /// nor close it. @throws std::system_error where the system has none
+    /// nor close it. Not for streams with callbacks. @throws std::system_error where the system has none
     int descriptor() const;
 
     Statistics statistics() const;

@@ -87,8 +87,8 @@ void StreamPrivate::act(Time now) {
         open(now);
         break;
     case detail::StreamFollower::Act::Close:
-        retireNewest();
         m_follower.closed();
+        retireNewest();
         break;
     case detail::StreamFollower::Act::Rejoin:
         renewMembership(now);
@@ -107,6 +107,8 @@ detail::Arrivals StreamPrivate::arrivals() {
 void StreamPrivate::open(Time now) {
     InletPtr inlet;
     int error = 0;
+    if (m_follower.target().endpoint.type != detail::kUdp)
+        retireNewest(); // which may have the port
     try {
         inlet = detail::Inlet::open(m_follower.target(), m_receiveBuffer);
         error = errno;
@@ -352,7 +354,7 @@ int StreamPrivate::descriptor() {
     m_ownSockets = std::make_unique<detail::EpollSet>();
     bool complete = m_ownSockets->add(m_eventsWait.descriptor(), 0);
     for (const InletPtr& inlet : m_inlets)
-        complete = complete && registerSocket(*inlet);
+        complete = complete && (m_pool || registerSocket(*inlet));
     if (!complete) {
         const int error = errno;
         m_ownSockets.reset();

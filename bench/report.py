@@ -129,7 +129,7 @@ def rows_of_ratios(results):
 def rows_of_limits(results):
     for benchmark, bound in LIMITS + [(benchmark, None) for benchmark in WITHOUT_GOAL]:
         if not results.has(benchmark, "library"):
-            yield [benchmark, "did not run", "", "", "missed"]
+            yield [benchmark, "did not run", "", "", "", "missed"]
             continue
         values = results.values[benchmark, "library"]
         median = results.median(benchmark, "library")
@@ -294,12 +294,16 @@ def main():
     destruction = [[benchmark.removeprefix("destruction, "), number(results.median(benchmark, "library")),
                     number(max(results.values[benchmark, "library"]))]
                    for benchmark in results.units if benchmark.startswith("destruction, ")]
+    watch = [[benchmark.removeprefix("watch/"), name, number(results.median(benchmark, name)), results.units[benchmark]]
+             for benchmark in results.units if benchmark.startswith("watch/")
+             for name in results.implementations(benchmark)]
     failures = [[implementation, benchmark, reason] for benchmark, implementation, reason in results.failures]
     turns = [len(values) for (benchmark, _), values in results.values.items() if not benchmark.startswith("idle")]
     least, most = min(turns), max(turns)
 
     for head, rows in [(ratio_head, ratios), (limit_head, limits), (idle_head, idle_rows),
-                       (["ms", discovery], found), (["implementation", "did not run", "reason"], failures)]:
+                       (["ms", discovery], found),
+                       (["RadarWatch", "", "", ""], watch), (["implementation", "did not run", "reason"], failures)]:
         if rows:
             print(plain_table(head, rows) + "\n")
 
@@ -345,6 +349,13 @@ the beacon is heard once a second.
 30 seconds without a query, with 49 hosts known. A tick is 10 ms of processor time. For mDNS the daemon is measured.
 
 {page_table(idle_head, idle_rows)}
+
+## RadarWatch
+
+How soon a change that a radar announces is told, beside a receiver of the same datagrams in the same process; and what a
+display has that knows one radar: threads, and memory of its own, with a configured address and after a search.
+
+{page_table(["", "", "median", "unit"], watch)}
 
 ## The receive buffer
 

@@ -170,10 +170,12 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
         ::alarm(60);
         const bool idle = !watching->next(-1ms) && watching->radars().empty() && !watching->reset();
         watching.reset();
+        bool hears = true;
+#if !defined(__SANITIZE_THREAD__) // which lets no forked child start a thread
         auto own = watch();
-        const bool hears =
-            next(*own) == "local 10.20.2.1 (eth0)" && next(*own) == "North appeared, 16 at 10.20.1.1";
+        hears = next(*own) == "local 10.20.2.1 (eth0)" && next(*own) == "North appeared, 16 at 10.20.1.1";
         own.reset();
+#endif
         ::_exit(idle && hears ? 7 : 1);
     }
     int status = 0;

@@ -23,6 +23,8 @@ void Display::start(Habits habits) {
     m_search.emplace(net::detail::SearchTiming{});
     m_probesHeard.clear();
     m_tableOracle.forgetAll();
+    if (Node::name() == "display1")
+        m_watchOracle.emplace();
     m_searchOracle.switchedOn();
     m_lan.schedule(*this, 0, kSearch);
     m_lan.schedule(*this, m_lan.random().below(1000), kQuery);
@@ -79,10 +81,14 @@ void Display::takeAnnouncement(const Datagram& datagram) {
         const auto update = m_table->update(name, record, datagram.source, second());
         m_tableOracle.took(meant[i], datagram, second(), update, *m_table);
     }
+    if (m_watchOracle)
+        m_watchOracle->took(*announcement, datagram.source, second(), *m_table);
 }
 
 void Display::query() {
     m_tableOracle.queried(second(), m_table->expire(second()), *m_table);
+    if (m_watchOracle)
+        m_watchOracle->queried(second(), *m_table);
     sendThrough(m_search->current(), simulation::query(*this, m_search->current()));
 }
 

@@ -6,6 +6,7 @@
 #include "messages.h"
 #include "search_oracle.h"
 #include "table_oracle.h"
+#include "watch_oracle.h"
 
 #include <UdpSocket/protocol/interface_search.h>
 #include <UdpSocket/protocol/radar_table.h>
@@ -54,6 +55,7 @@ private:
 
     Lan& m_lan;
     TableOracle m_tableOracle;
+    std::optional<WatchOracle> m_watchOracle; // of the first display alone: it takes its time
     SearchOracle m_searchOracle;
     Habits m_habits{};
     std::uint32_t m_configured = 0;
