@@ -56,6 +56,10 @@ private:
     std::unique_ptr<net::TcpServer> m_server;
 };
 
+// The engine tells a new follower at once; so a send just after construction finds its way. It cannot without
+// memory.
+constexpr std::chrono::seconds kFirstWord(1);
+
 int errorOf(StreamEvent::Why lacking) {
     return lacking == StreamEvent::Why::LocalAddress ? ENETDOWN : ENOENT;
 }
@@ -78,15 +82,22 @@ public:
             Lock lock(m_mutex);
             std::swap(m_outlet, outlet); // the old one ends without the lock
             m_error = errorOf(lacking);
+            m_told = true;
+            m_wasTold.notify_all();
         });
     }
     void onTick(std::chrono::steady_clock::time_point) override {}
 
     bool send(const void* data, std::size_t size) {
+        if (!inOwnProcess()) {
+            errno = ENOENT;
+            return false;
+        }
         std::shared_ptr<Outlet> outlet;
         int error;
         {
             Lock lock(m_mutex);
+            m_wasTold.wait_for(lock, kFirstWord, [this]() REQUIRES(m_mutex) { return m_told; });
             outlet = m_outlet;
             error = m_error;
         }
@@ -103,6 +114,8 @@ private:
     std::optional<detail::Target> m_target; // the engine's thread
 
     net::detail::Mutex m_mutex;
+    net::detail::Condition m_wasTold;
+    bool m_told GUARDED_BY(m_mutex) = false;              // where to send, or that there is nothing
     std::shared_ptr<Outlet> m_outlet GUARDED_BY(m_mutex); // null: there is no target
     int m_error GUARDED_BY(m_mutex) = ENOENT;             // of sends then
 };

@@ -1,0 +1,71 @@
+"""The module's structures and enumerations are those of radarwatch_c.h."""
+
+import ctypes
+import os
+import subprocess
+import unittest
+
+import radarwatch
+from support import LOCAL, SOURCES
+
+STRUCTURES = {
+    "endpoint": radarwatch._Endpoint,
+    "entry": radarwatch._Entry,
+    "local": radarwatch._Local,
+    "event": radarwatch._Event,
+    "watch_options": radarwatch._WatchOptions,
+    "stream_options": radarwatch._StreamOptions,
+    "datagram": radarwatch._Datagram,
+    "stream_event": radarwatch._StreamEvent,
+    "statistics": radarwatch._Statistics,
+}
+ENUMERATIONS = {
+    "ORIGIN": radarwatch.Origin,
+    "REASON": radarwatch.Reason,
+    "CHANGED": radarwatch.Change,
+    "WHY": radarwatch.Why,
+}
+EVENTS = ["appeared", "changed", "left", "conflict", "conflict_ended", "local_found", "local_changed", "local_lost"]
+STREAM_EVENTS = ["started", "moved", "silent", "resumed", "stopped", "refused"]
+
+
+def assertions():
+    for name, structure in STRUCTURES.items():
+        yield f"sizeof(radar_{name}) == {ctypes.sizeof(structure)}"
+        for field, kind in structure._fields_:
+            yield f"offsetof(radar_{name}, {field}) == {getattr(structure, field).offset}"
+            yield f"sizeof(((radar_{name}*)0)->{field}) == {ctypes.sizeof(kind)}"
+    for prefix, enumeration in ENUMERATIONS.items():
+        for member in enumeration:
+            yield f"RADAR_{prefix}_{member.name} == {member.value}"
+    for i, name in enumerate(radarwatch.CHANNELS[: radarwatch._FIRST_DEVICE]):
+        yield f"RADAR_{name.upper().replace('-', '_')} == {i}"
+    yield f"RADAR_INFORMATION_DEVICE == {radarwatch._FIRST_DEVICE} && RADAR_CHANNELS == {radarwatch._CHANNELS}"
+    yield f"RADAR_MOST_AT_ONCE == {radarwatch._MOST_AT_ONCE}"
+    for i, name in enumerate(EVENTS):
+        yield f"RADAR_{name.upper()} == {i}"
+    for i, name in enumerate(STREAM_EVENTS):
+        yield f"RADAR_STREAM_{name.upper()} == {i}"
+    for i, name in enumerate(radarwatch._KINDS):
+        yield f"RADAR_{name.upper().replace('-', '_')} == {i}"
+
+
+class Layout(unittest.TestCase):
+    def test_is_that_of_the_header(self):
+        program = "#include <RadarWatch/radarwatch_c.h>\n"
+        program += "".join(f'_Static_assert({one}, "");\n' for one in assertions())
+        command = [os.environ.get("CC", "cc"), "-std=c11", f"-I{SOURCES}", "-x", "c", "-fsyntax-only", "-"]
+        compiled = subprocess.run(command, input=program, text=True, capture_output=True)
+        self.assertEqual(compiled.stderr, "")
+        self.assertEqual(compiled.returncode, 0)
+
+    def test_of_another_version_is_refused(self):
+        with radarwatch.Watch(LOCAL) as watch:
+            event = radarwatch._Event()
+            event.size -= 8
+            with self.assertRaises(OSError):
+                watch._call(radarwatch._watch_next, ctypes.byref(event), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

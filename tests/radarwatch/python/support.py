@@ -1,0 +1,79 @@
+"""What the tests share. They run on the display of a virtual LAN, whose hosts are radar-1 and radar-2."""
+
+import contextlib
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+
+SOURCES = pathlib.Path(os.environ["SOURCES"])
+RADARCTL = os.environ["RADARCTL"]
+PATIENCE = 30  # seconds
+LOCAL = "10.20.2.1"  # of the interface that leads to the radars, for those who do not search
+
+
+def comes_true(condition, patience=PATIENCE):
+    """Whether the condition holds before patience ends."""
+    deadline = time.monotonic() + patience
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def on_host(number, *command, **options):
+    """Starts a command on one of the hosts."""
+    return subprocess.Popen(["ip", "netns", "exec", f"host{number}", *command], **options)
+
+
+@contextlib.contextmanager
+def radar(number, name, host_id, *arguments):
+    """A further radar on one of the hosts, which serves when this begins."""
+    command = (RADARCTL, "host", "--name", name, "--id", str(host_id), *arguments)
+    with on_host(number, *command, stdout=subprocess.PIPE) as process:
+        try:
+            for line in process.stdout:
+                if line.startswith(b"serving "):
+                    break
+            else:
+                raise AssertionError(f"{name!r} does not serve")
+            yield process
+        finally:
+            process.terminate()
+            process.communicate()
+
+
+class Python:
+    """A program of its own, that prints "ready" before what is tried, and ends by itself or when told to."""
+
+    def __init__(self, text):
+        self.process = subprocess.Popen(
+            [sys.executable, "-c", text], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.communicate()
+
+    def await_ready(self):
+        if "ready\n" not in self.process.stdout:  # after what the library prints
+            raise AssertionError(self.process.stderr.read())
+        # In poll, or about to be: then the signal is seen before.
+        comes_true(lambda: "do_sys_poll" in self._waits_in() or "poll" in self._waits_in(), 1)
+
+    def _waits_in(self):
+        return pathlib.Path(f"/proc/{self.process.pid}/wchan").read_text()
+
+    def signal(self, number):
+        os.kill(self.process.pid, number)
+
+    def end(self):
+        """Exit status, output, error output."""
+        output, errors = self.process.communicate(timeout=PATIENCE)
+        return self.process.returncode, output, errors
