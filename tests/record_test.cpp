@@ -35,7 +35,7 @@ Payloads payloadsOf(const std::string& path) {
     Reader reader(path);
     while (const auto datagram = reader.next())
         if (!isFor(*datagram, wire::kDiscovery) && !isFor(*datagram, wire::kNegotiation))
-            payloads[{datagram->destination.ip, datagram->destination.port}].emplace_back(datagram->payload);
+            payloads[Contents::keyOf(datagram->destination)].emplace_back(datagram->payload);
     return payloads;
 }
 

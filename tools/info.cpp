@@ -39,7 +39,7 @@ Labels labelsOf(const Contents& contents) {
                 for (const EndpointName& name : kEndpointNames)
                     if (place.field != nullptr && place.field == name.endpoint)
                         label = printable(radar.name) + " " + name.name + " " + std::to_string(place.number);
-                labels[{place.endpoint.ip, place.endpoint.port}].insert(label);
+                labels[Contents::keyOf(place.endpoint)].insert(label);
             }
     return labels;
 }

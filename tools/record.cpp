@@ -249,7 +249,7 @@ private:
             if (endpoint.type == kUdp && IN_MULTICAST(net::NtoHl(endpoint.ip)))
                 places.insert({device, endpoint.ip, endpoint.port});
             else if (endpoint.type == kClient)
-                servers[{endpoint.ip, endpoint.port}] = endpoint;
+                servers[Contents::keyOf(endpoint)] = endpoint;
         }
     }
 

@@ -20,8 +20,9 @@ void count(Contents::Stream& stream, const Datagram& datagram) {
     stream.last = stream.datagrams == 0 ? datagram.time : std::max(stream.last, datagram.time);
     ++stream.datagrams;
     stream.bytes += datagram.payload.size();
+    const std::uint32_t source = datagram.source.ip;
     if (stream.sources.size() < Contents::Stream::kMaxSources)
-        stream.sources.insert(datagram.source.ip);
+        stream.sources.insert(source);
 }
 
 void addRecord(std::vector<RadarEndpointPlace>& places, const RadarAddress& record, int stream) {
@@ -66,7 +67,7 @@ const std::string& Contents::Radar::announcementAt(Time time) const {
 
 void Contents::add(const Datagram& datagram) {
     count(m_total, datagram);
-    count(m_streams[{datagram.destination.ip, datagram.destination.port}], datagram);
+    count(m_streams[keyOf(datagram.destination)], datagram);
     if (isFor(datagram, wire::kDiscovery))
         addAnnouncement(datagram);
 }
@@ -76,9 +77,10 @@ void Contents::addAnnouncement(const Datagram& datagram) {
     if (!announcement)
         return;
     const std::string name(announcement->name.view());
-    const auto [known, isNew] = m_indices.try_emplace({name, datagram.source.ip}, m_radars.size());
+    const std::uint32_t source = datagram.source.ip;
+    const auto [known, isNew] = m_indices.try_emplace({name, source}, m_radars.size());
     if (isNew)
-        m_radars.push_back({name, datagram.source.ip, {}, {}, 0});
+        m_radars.push_back({name, source, {}, {}, 0});
     Radar& radar = m_radars[known->second];
     ++radar.announcements;
     // A clock that was set back must not turn the order of changes.

@@ -60,6 +60,11 @@ public:
         static constexpr std::size_t kMaxSources = 64;
     };
     using Key = std::pair<std::uint32_t, std::uint16_t>; ///< address and port, network order
+    static Key keyOf(NetAddress endpoint) {
+        const std::uint32_t ip = endpoint.ip; // the record is packed: nothing may refer to its fields
+        const std::uint16_t port = endpoint.port;
+        return {ip, port};
+    }
 
     void add(const Datagram& datagram);
 

@@ -234,7 +234,9 @@ std::size_t takeBlock(Notes& notes, std::string_view bytes) {
     }
     case kTcp: {
         const auto peer = valueAt<NetAddress>(body, 8);
-        Notes::TcpBytes& connection = notes.tcp[{peer.ip, peer.port}];
+        const std::uint32_t ip = peer.ip;
+        const std::uint16_t port = peer.port;
+        Notes::TcpBytes& connection = notes.tcp[{ip, port}];
         ++connection.pieces;
         connection.bytes += std::min<std::size_t>(valueAt(body, 16), from(body, 20).size());
         break;

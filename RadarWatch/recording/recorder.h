@@ -25,7 +25,8 @@ struct Place {
 };
 
 /// Each group has a socket of its own, bound to the group and joined on its interface, so that the kernel
-/// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order.
+/// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, but
+/// where it falls behind by more than a thousand datagrams of a group.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. Memory: the
 /// writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a thousand datagrams of each group that has
