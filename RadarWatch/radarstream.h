@@ -36,16 +36,17 @@ enum Channel : int {
 
 /// One datagram, or a piece of what came over TCP.
 struct Datagram {
-    const char* data = nullptr;
-    std::size_t size = 0; ///< bytes
+    const char* data = nullptr; ///< valid as the one who hands it out says
+    std::size_t size = 0;       ///< bytes
     /// When the system took it from the interface; when it was read, of a piece of TCP.
     std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> arrival;
-    std::uint32_t source = 0; ///< 0: a TCP client of ours
-    std::uint16_t sourcePort = 0;
+    std::uint32_t source = 0;     ///< 0: a TCP client of ours
+    std::uint16_t sourcePort = 0; ///< host order
 };
 
 /// Something that happened to a stream.
 struct StreamEvent {
+    /// What happened.
     enum class Kind {
         Started, ///< it listens at endpoint, on interface
         Moved,   ///< it listens there now
@@ -54,8 +55,9 @@ struct StreamEvent {
         Stopped, ///< it does not listen any more, until the radar is back
         Refused, ///< it cannot listen there: error; tried again every second, and told once
     };
+    /// Why it happened.
     enum class Why {
-        None,
+        None,         ///< the kind says all
         Endpoint,     ///< Moved: the radar has other endpoints
         Interface,    ///< Moved: the interface is another one, also one of the same name
         LocalAddress, ///< Moved: it changed; Stopped: there is none any more
@@ -66,37 +68,37 @@ struct StreamEvent {
         OthersJoined, ///< Silent: others on this computer are in the group, so that leaving it would tell no
                       ///< switch
     };
-    Kind kind{};
-    Why why = Why::None;
-    RadarEndpoint endpoint{};
-    std::string interface;
-    unsigned others = 0; ///< OthersJoined: how many sockets
-    int error = 0;       ///< Refused: errno
-    unsigned missed = 0; ///< events before this one that nobody took in time
+    Kind kind{};              ///< what happened
+    Why why = Why::None;      ///< why
+    RadarEndpoint endpoint{}; ///< where it listens, or listened
+    std::string interface;    ///< its name
+    unsigned others = 0;      ///< OthersJoined: how many sockets
+    int error = 0;            ///< Refused: errno
+    unsigned missed = 0;      ///< events before this one that nobody took in time
 };
 
 /// What a stream counted since it was made.
 struct Statistics {
+    /// Of a stretch of time.
     struct Rate {
         double datagrams = 0; ///< a second
-        double bytes = 0;
+        double bytes = 0;     ///< a second
     };
-    std::uint64_t datagrams = 0;
-    std::uint64_t bytes = 0;
-    std::uint64_t cut = 0; ///< datagrams longer than StreamOptions::largestDatagram
-    Rate lastSecond;
-    Rate lastTenSeconds; ///< or since the first datagram, when that is less
+    std::uint64_t datagrams = 0; ///< or pieces of TCP
+    std::uint64_t bytes = 0;     ///< of them
+    std::uint64_t cut = 0;       ///< datagrams longer than StreamOptions::largestDatagram
+    Rate lastSecond;             ///< until now
+    Rate lastTenSeconds;         ///< or since the first datagram, when that is less
     /// Between one datagram and the next, by a clock that nobody sets. Median and percentile to within 7 %.
     std::chrono::nanoseconds medianGap{0};
-    std::chrono::nanoseconds gap99{0}; ///< 99th percentile
-    std::chrono::nanoseconds longestGap{0};
+    std::chrono::nanoseconds gap99{0};                 ///< 99th percentile
+    std::chrono::nanoseconds longestGap{0};            ///< of all
     std::optional<std::chrono::nanoseconds> sinceLast; ///< none: nothing has come yet
     std::uint64_t droppedAtSocket = 0;    ///< for want of room in the receive buffer, or of memory
     std::uint64_t droppedAtInterface = 0; ///< by the interface, of everything that it receives
-    /// By StreamOptions::sequence.
-    std::uint64_t missing = 0;
-    std::uint64_t repeated = 0;
-    std::uint64_t reordered = 0; ///< came late; not missing any more
+    std::uint64_t missing = 0;            ///< by StreamOptions::sequence, as the next two
+    std::uint64_t repeated = 0;           ///< came again
+    std::uint64_t reordered = 0;          ///< came late; not missing any more
 };
 
 /// Threads that serve many streams.
@@ -106,8 +108,9 @@ struct Statistics {
 /// thread.
 class __attribute__((visibility("default"))) Pool {
 public:
+    /// How large it is.
     struct Options {
-        unsigned threads = 1;
+        unsigned threads = 1; ///< 1 or more
     };
     /// @throws std::system_error, std::bad_alloc
     explicit Pool(const Options& options);
@@ -117,20 +120,21 @@ private:
     std::shared_ptr<class PoolPrivate> d;
 };
 
+/// How a stream receives.
 struct StreamOptions {
     /// Where datagrams carry a number that grows by one from each to the next.
     struct Sequence {
-        std::size_t offset = 0; ///< bytes
-        std::size_t width = 4;  ///< bytes: 1 to 8
-        bool bigEndian = true;
+        std::size_t offset = 0;    ///< bytes
+        std::size_t width = 4;     ///< bytes: 1 to 8
+        bool bigEndian = true;     ///< the first byte is the highest
         std::uint64_t modulus = 0; ///< the number that 0 follows, plus one; 0: as the width says
     };
 
     int number = 0;                          ///< the stream's: 0 or 1
     std::size_t receiveBuffer = 1024 * 1024; ///< bytes to ask the system for; it may grant less
     std::size_t largestDatagram = 65536;     ///< bytes; what is longer is cut
-    std::optional<Sequence> sequence;
-    std::optional<Pool> pool; ///< for callbacks; none: a thread of the stream's own
+    std::optional<Sequence> sequence;        ///< none: there is no such number, and nothing counts as missing
+    std::optional<Pool> pool;                ///< for callbacks; none: a thread of the stream's own
 };
 
 /// Receives one channel of one radar: waits until the radar appears, and follows it to other endpoints,
@@ -152,6 +156,7 @@ public:
     /// Called on a thread of the stream or pool, one at a time, without a lock; may call anything, and
     /// destroy the Stream. The bytes are valid during the call.
     using OnDatagram = std::function<void(const Datagram&)>;
+    /// As OnDatagram.
     using OnEvent = std::function<void(const StreamEvent&)>;
 
     /// To be read.
@@ -165,7 +170,7 @@ public:
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
-    static constexpr std::size_t kMostAtOnce = 32;
+    static constexpr std::size_t kMostAtOnce = 32; ///< datagrams of one read()
 
     /// Takes datagrams that have come, kMostAtOnce at most, after waiting for the first. Their bytes are
     /// valid until the next call. Not for streams with callbacks.
@@ -181,7 +186,7 @@ public:
     /// nor close it. Not for streams with callbacks. @throws std::system_error where the system has none
     int descriptor() const;
 
-    Statistics statistics() const;
+    Statistics statistics() const; ///< until now
 
 private:
     friend struct StreamDoor;
