@@ -122,6 +122,8 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
         EXPECT_EQ(renumber.wait(60s), 0) << renumber.output();
         ASSERT_TRUE(comesTrue([&] { return events("first events").size() == 4; }, 30s)) << "moved, and left";
         happened = events("first events");
+        EXPECT_TRUE(comesTrue(
+            [&] { return shell("grep -ac 'South left' " + path("first") + " || true") != "0\n"; }, 30s));
         EXPECT_THAT(end(recorder), HasSubstr("dropped: none"));
         display.stop();
     }
@@ -167,9 +169,8 @@ TEST_F(Recording, LivesAgainOnAnotherLan) {
     ASSERT_EQ(heard.size(), sent.size());
     for (const auto& [key, payloads] : heard) {
         const std::vector<std::string>& all = sent.at(key);
-        const auto start = std::ranges::find(all, payloads.front()); // a display joins what it has heard of
-        ASSERT_NE(start, all.end());
-        EXPECT_TRUE(std::ranges::equal(std::ranges::subrange(start, all.end()), payloads))
+        ASSERT_LE(payloads.size(), all.size()); // a display joins what it has heard of
+        EXPECT_TRUE(std::equal(payloads.rbegin(), payloads.rend(), all.rbegin()))
             << text(NetAddress{key.first, key.second}) << ": " << payloads.size() << " of " << all.size();
     }
 }

@@ -82,7 +82,8 @@ TEST_F(WatchLife, NextReturnsWhenItsWatchIsDestroyed) {
     auto watching = watch();
     while (watching->next(2s)) {
     }
-    auto waits = std::async(std::launch::async, [&] { return watching->next(-1ms).has_value(); });
+    auto waits = std::async(std::launch::async,
+                            [waiting = watching.get()] { return waiting->next(-1ms).has_value(); });
     EXPECT_EQ(waits.wait_for(100ms), std::future_status::timeout);
     watching.reset();
     EXPECT_EQ(waits.wait_for(10s), std::future_status::ready);
