@@ -120,15 +120,17 @@ private:
     std::shared_ptr<class PoolPrivate> d;
 };
 
+/// Where datagrams carry a number that grows by one from each to the next.
+struct SequenceField {
+    std::size_t offset = 0;    ///< bytes
+    std::size_t width = 4;     ///< bytes: 1 to 8
+    bool bigEndian = true;     ///< the first byte is the highest
+    std::uint64_t modulus = 0; ///< the number that 0 follows, plus one; 0: as the width says
+};
+
 /// How a stream receives.
 struct StreamOptions {
-    /// Where datagrams carry a number that grows by one from each to the next.
-    struct Sequence {
-        std::size_t offset = 0;    ///< bytes
-        std::size_t width = 4;     ///< bytes: 1 to 8
-        bool bigEndian = true;     ///< the first byte is the highest
-        std::uint64_t modulus = 0; ///< the number that 0 follows, plus one; 0: as the width says
-    };
+    using Sequence = SequenceField; ///< apart, since clang wants it complete for std::optional
 
     int number = 0;                          ///< the stream's: 0 or 1
     std::size_t receiveBuffer = 1024 * 1024; ///< bytes to ask the system for; it may grant less

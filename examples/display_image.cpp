@@ -43,7 +43,8 @@ public:
         std::vector<std::uint8_t> pixels(std::size_t{kSize} * kSize);
         for (int y = 0; y < kSize; ++y)
             for (int x = 0; x < kSize; ++x)
-                pixels[static_cast<std::size_t>(y * kSize + x)] = sampleAt(x - kSize / 2, kSize / 2 - y);
+                pixels[static_cast<std::size_t>(y) * kSize + static_cast<std::size_t>(x)] =
+                    sampleAt(x - kSize / 2, kSize / 2 - y);
         png_image image{};
         image.version = PNG_IMAGE_VERSION;
         image.width = image.height = kSize;

@@ -2,7 +2,6 @@
 #include "recorder.h"
 
 #include <csignal>
-#include <cstdio>
 #include <deque>
 #include <fstream>
 #include <map>
@@ -139,9 +138,10 @@ TEST_F(Radarctl, SimulatedImageHasTheFieldsOfItsPage) {
     std::map<std::string, std::pair<std::size_t, std::size_t>> fields; // offset and bytes
     std::size_t length = 0;
     for (const std::string& line : lines(page)) {
+        std::istringstream row(line);
+        std::string bar, name;
         std::size_t offset = 0, bytes = 0;
-        char name[20];
-        if (std::sscanf(line.c_str(), "| %zu | %zu | %19s |", &offset, &bytes, name) == 3) {
+        if (row >> bar >> offset >> bar >> bytes >> bar >> name) {
             EXPECT_EQ(offset, length) << line;
             fields[name] = {offset, bytes};
             length = offset + bytes;

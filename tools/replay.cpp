@@ -122,7 +122,7 @@ private:
 class Replay {
 public:
     Replay(const Options& options, Output& output)
-        : m_options(options), m_output(output), m_speed(std::atof(options.speed.c_str())),
+        : m_options(options), m_output(output), m_speed(std::strtod(options.speed.c_str(), nullptr)),
           m_recorded(lookThrough(options.file)), m_lan(localAddress(options.local), m_loop) {
         if (!m_recorded.broken.empty())
             std::fprintf(stderr, "radarctl: %s; what is before that is replayed\n",

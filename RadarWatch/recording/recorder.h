@@ -18,10 +18,10 @@ namespace radar::recording {
 
 /// Where a group is to be heard.
 struct Place {
-    std::string interface;  ///< a device's name
-    std::uint32_t ip = 0;   ///< the group, network order
-    std::uint16_t port = 0; ///< network order
-    auto operator<=>(const Place&) const = default;
+    std::string interface;                          ///< a device's name
+    std::uint32_t ip = 0;                           ///< the group, network order
+    std::uint16_t port = 0;                         ///< network order
+    auto operator<=>(const Place&) const = default; // NOLINT(modernize-use-nullptr): there is none
 };
 
 /// Each group has a socket of its own, bound to the group and joined on its interface, so that the kernel

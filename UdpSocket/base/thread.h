@@ -66,7 +66,7 @@ public:
         auto start = std::make_unique<Start<std::decay_t<Body>>>(
             Start<std::decay_t<Body>>{name, std::forward<Body>(body)});
         create(stack, &runStart<std::decay_t<Body>>, start.get());
-        start.release(); // the thread's own from here on
+        static_cast<void>(start.release()); // the thread's own from here on
     }
     SizedThread(SizedThread&& other) noexcept
         : m_id(other.m_id), m_joinable(std::exchange(other.m_joinable, false)) {}

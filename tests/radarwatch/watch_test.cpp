@@ -150,7 +150,7 @@ TEST_F(WatchThatSearches, TakesTheAddressOfANamedInterface) {
 }
 
 /// A radar that is asked over TCP.
-class FixedRadar : public net::iTcpDataListener {
+class FixedRadar final : public net::iTcpDataListener {
 public:
     explicit FixedRadar(const std::string& announcement) : m_announcement(announcement) {
         m_server.connect("10.20.1.1", 6878, 4);

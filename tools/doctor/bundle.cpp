@@ -62,11 +62,12 @@ std::string routes(const Observation&) {
     std::string line;
     std::getline(table, line); // the heading
     while (std::getline(table, line)) {
-        char device[32];
-        unsigned int destination, gateway, flags, metric, mask;
-        if (std::sscanf(line.c_str(), "%31s %x %x %x %*d %*d %u %x", device, &destination, &gateway, &flags,
-                        &metric, &mask) == 6 &&
-            (flags & RTF_UP) != 0)
+        std::istringstream row(line);
+        std::string device, references, uses;
+        unsigned int destination = 0, gateway = 0, flags = 0, metric = 0, mask = 0;
+        row >> device >> std::hex >> destination >> gateway >> flags >> references >> uses;
+        row >> std::dec >> metric >> std::hex >> mask;
+        if (row && (flags & RTF_UP) != 0)
             text += doctor::text(destination) + " " + doctor::text(mask) + " " + doctor::text(gateway) + " " +
                     device + " " + std::to_string(metric) + "\n";
     }
