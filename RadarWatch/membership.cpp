@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
@@ -110,13 +109,16 @@ unsigned countMembers(const std::string& text, unsigned interfaceIndex, std::uin
     std::istringstream lines(text);
     unsigned index = 0;
     for (std::string line; std::getline(lines, line);) {
-        unsigned listed = 0;
+        std::istringstream fields(line);
+        std::uint32_t listed = 0;
         unsigned users = 0;
-        if (!line.empty() && line[0] != '\t')
-            index = std::sscanf(line.c_str(), "%u", &listed) == 1 ? listed : 0;
-        else if (index == interfaceIndex && std::sscanf(line.c_str(), " %8x %u", &listed, &users) == 2 &&
-                 listed == group)
+        if (!line.starts_with('\t')) {
+            index = 0;
+            fields >> index;
+        } else if (index == interfaceIndex && fields >> std::hex >> listed >> std::dec >> users &&
+                   listed == group) {
             return users;
+        }
     }
     return 0;
 }

@@ -36,8 +36,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-bool s_isForkedChild = false; // which leaves its parent's objects as they are, so that they look lost
-
 std::vector<std::string> linesOf(const std::string& path) {
     std::ifstream file(path);
     std::vector<std::string> lines;
@@ -89,7 +87,6 @@ TEST_F(Program, ForkedChildThatExitsEndsAtOnceAndItsParentNoticesNothing) {
     ASSERT_TRUE(comesTrue([&] { return everything->server.isConnected() && everything->tcp.isConnected(); }));
     const pid_t child = ::fork();
     if (child == 0) {
-        s_isForkedChild = true;
         ::alarm(60);
         everything.reset();
         std::exit(7); // with the static objects' destructors
@@ -434,10 +431,3 @@ TEST_F(ReceiverOnAnInterface, RouteCommandHasNoTerminalAndEndsByItself) {
 }
 
 } // namespace
-
-// Asked by LeakSanitizer at the end of a process.
-extern "C" __attribute__((visibility("default"))) int
-__lsan_is_turned_off();      // NOLINT(bugprone-reserved-identifier): it is the sanitizer's name
-int __lsan_is_turned_off() { // NOLINT(bugprone-reserved-identifier)
-    return s_isForkedChild ? 1 : 0;
-}

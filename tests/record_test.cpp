@@ -24,7 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace radar::recording;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 /// What was sent to each endpoint, in order.
@@ -266,11 +265,11 @@ TEST_F(Recording, IsReplayedUnderAnotherIdAndNotBesideTheRadarItself) {
               "radarctl: host id 40 is held by a radar at 10.20.1.2, South\n");
 
     lab::Process replay =
-        start(lan, "host1", {"replay", path("file"), "--interface", "eth0", "--as-id", "40", "--repeat"});
-    EXPECT_TRUE(replay.lineWith("North holds host id 40", 30s));
+        start(lan, "host1", {"replay", path("file"), "--interface", "eth0", "--as-id", "1", "--repeat"});
+    EXPECT_TRUE(replay.lineWith("North holds host id 1", 30s));
     lab::Process listener = start(lan, "display", {"listen", "North", "0", "--seconds", "2"});
     EXPECT_EQ(listener.wait(60s), 0) << listener.output();
-    EXPECT_THAT(listener.output(), HasSubstr("236.6.8.163:6771"));
+    EXPECT_THAT(listener.output(), HasSubstr("236.6.7.8:6878"));
     lab::Process renumber = start(lan, "display", {"renumber", "North"});
     EXPECT_EQ(renumber.wait(60s), 0) << renumber.output();
     EXPECT_THAT(renumber.output(), HasSubstr("North now has host id "));
@@ -278,7 +277,7 @@ TEST_F(Recording, IsReplayedUnderAnotherIdAndNotBesideTheRadarItself) {
 }
 
 /// A radar whose image is to be had on a TCP connection.
-class TcpRadar : public net::iUdpDataListener {
+class TcpRadar final : public net::iUdpDataListener {
 public:
     void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) override {
         if (std::string_view(data, static_cast<std::size_t>(length)) != wire::text(wire::kQuery))

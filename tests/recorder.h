@@ -39,7 +39,11 @@ public:
         return {m_entries.begin(), m_entries.end()};
     }
     bool reaches(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) const {
-        return comesTrue([&] { return all().size() >= count; }, timeout);
+        const auto reached = [&] {
+            std::lock_guard lock(m_mutex);
+            return m_entries.size() >= count;
+        };
+        return comesTrue(reached, timeout);
     }
     /// Takes the first entry; nothing when none came within @p timeout.
     std::optional<Entry> next(std::chrono::milliseconds timeout) {

@@ -315,11 +315,3 @@ TEST_F(Followers, MayGoAndEndTheEngineFromInsideACall) {
 }
 
 } // namespace
-
-// Asked by LeakSanitizer at the end of a process: a forked child leaves its parent's objects as they are.
-static const pid_t s_parent = ::getpid();
-extern "C" __attribute__((visibility("default"))) int
-__lsan_is_turned_off();      // NOLINT(bugprone-reserved-identifier): it is the sanitizer's name
-int __lsan_is_turned_off() { // NOLINT(bugprone-reserved-identifier)
-    return ::getpid() != s_parent ? 1 : 0;
-}

@@ -7,7 +7,7 @@ import unittest
 
 import radarwatch
 from radarwatch import Control, Moved, Sequence, Started, Stopped, Stream, Watch, Why
-from support import LOCAL, PATIENCE, comes_true, on_host, radar
+from support import LOCAL, NEVER_DRAWN, PATIENCE, comes_true, on_host, radar
 
 SPOKE = 12 + 512  # bytes of a simulated radar's datagram
 RECEIVER = """
@@ -29,7 +29,7 @@ class Streams(unittest.TestCase):
         ) as stream:
             self.assertEqual(stream.read(0.1), [])
             self.assertIsNone(stream.statistics().since_last)
-            with radar(1, "North", 42, "--simulate"):
+            with radar(1, "North", NEVER_DRAWN, "--simulate"):
                 for datagram in itertools.islice(stream, 1000):
                     self.assertEqual((datagram.data[:4], len(datagram.data)), (b"SIMI", SPOKE))
                     self.assertEqual(datagram.source[0], "10.20.1.1")
@@ -49,7 +49,7 @@ class Streams(unittest.TestCase):
             self.assertTrue(comes_true(stopped), events)
         self.assertIsInstance(events[0], (Started, Stopped))
         started = next(event for event in events if isinstance(event, Started))
-        self.assertEqual((started.endpoint, started.interface), (radarwatch.groups(42)[0].image, "eth0"))
+        self.assertEqual((started.endpoint, started.interface), (radarwatch.groups(NEVER_DRAWN)[0].image, "eth0"))
         self.assertEqual(events[-1].why, Why.RADAR_LEFT)
 
     def test_of_every_channel_can_be_received_and_cut(self):

@@ -11,6 +11,7 @@ import time
 SOURCES = pathlib.Path(os.environ["SOURCES"])
 RADARCTL = os.environ["RADARCTL"]
 PATIENCE = 30  # seconds
+NEVER_DRAWN = 1  # a host id that a radar which is told to renumber surely leaves
 LOCAL = "10.20.2.1"  # of the interface that leads to the radars, for those who do not search
 
 

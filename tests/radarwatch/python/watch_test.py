@@ -9,15 +9,17 @@ import unittest
 
 import radarwatch
 from radarwatch import Appeared, Change, Changed, Left, LocalFound, Origin, Reason, Watch
-from support import LOCAL, PATIENCE, Python, comes_true, radar
+from support import LOCAL, NEVER_DRAWN, PATIENCE, Python, comes_true, radar
 
 
 def await_event(watch, kind, name=None):
     """The next event of that kind, of the radar of that name."""
+    passed = []
     while True:
         event = watch.next(PATIENCE)
         if event is None:
-            raise AssertionError(f"no {kind.__name__}")
+            raise AssertionError(f"no {kind.__name__} after {passed}")
+        passed.append(event)
         if isinstance(event, kind) and (name is None or event.radar.name == name):
             return event
 
@@ -42,14 +44,14 @@ class Radars(unittest.TestCase):
             self.assertEqual(first.streams[0].image, radarwatch.groups(first.host_id)[0].image)
             self.assertEqual(first.source, "10.20.1.1")
 
-            with radar(2, "East", 40, "--streams", "2"):
+            with radar(2, "East", NEVER_DRAWN, "--streams", "2"):
                 east = await_event(watch, Appeared, "East").radar
-                self.assertEqual((east.host_id, east.source, len(east.streams)), (40, "10.20.1.2", 2))
-                self.assertEqual(east.streams, radarwatch.groups(40))
+                self.assertEqual((east.host_id, east.source, len(east.streams)), (NEVER_DRAWN, "10.20.1.2", 2))
+                self.assertEqual(east.streams, radarwatch.groups(NEVER_DRAWN))
                 self.assertTrue(watch.renumber("East"))
                 changed = await_event(watch, Changed, "East")
                 self.assertIn(Change.HOST_ID, changed.changes)
-                self.assertNotEqual(changed.radar.host_id, 40)
+                self.assertNotEqual(changed.radar.host_id, NEVER_DRAWN)
             self.assertEqual(await_event(watch, Left, "East").reason, Reason.SILENT)
             self.assertIsNone(watch.find("East"))
             self.assertFalse(watch.renumber("East"))
