@@ -412,7 +412,7 @@ TEST_F(ReceiverOnAnInterface, RouteCommandHasNoTerminalAndEndsByItself) {
     const ProfileDirectory directory;
     const std::string seen = directory.path() / "seen";
     directory.write("#!/bin/sh\n[ $0 = " + std::string(directory.path() / "sudo") +
-                        " ] && { grep -E 'SigBlk|SigIgn' /proc/$$/status; readlink /proc/$$/fd/0; } > " +
+                        " ] && { grep -E 'SigBlk|SigIgn' /proc/self/status; readlink /proc/self/fd/0; } > " +
                         seen + "\nexec sleep 60\n",
                     "sudo");
     std::filesystem::permissions(directory.path() / "sudo", std::filesystem::perms::owner_all);
