@@ -24,6 +24,7 @@ RATIOS = [
     ("TCP round trip, median", 1.05), ("TCP round trip, 99th percentile", 1.05),
     ("TCP server, 1 KiB to 1", 1.15), ("TCP server, 1 KiB to 10", 1.15),
     ("TCP server, 1 KiB to 100", 1.15), ("TCP server, 1 KiB to 500", 1.15),
+    ("TCP server, 1 of 100 never reads, messages to the others", 0.9),
     ("discovery of 49 two-stream hosts", 1.5),
     ("MD5 64 KiB", 1 / 1.05), ("MD5 64 B", 1.0),
 ]
@@ -302,16 +303,19 @@ def main():
     destruction = [[benchmark.removeprefix("destruction, "), number(results.median(benchmark, "library")),
                     number(max(results.values[benchmark, "library"]))]
                    for benchmark in results.units if benchmark.startswith("destruction, ")]
-    watch = [[benchmark.removeprefix("watch/"), name, number(results.median(benchmark, name)), results.units[benchmark]]
-             for benchmark in results.units if benchmark.startswith("watch/")
-             for name in results.implementations(benchmark)]
+    watch, display, recording = ([[benchmark.removeprefix(group), name, number(results.median(benchmark, name)),
+                                   results.units[benchmark]]
+                                  for benchmark in results.units if benchmark.startswith(group)
+                                  for name in results.implementations(benchmark)]
+                                 for group in ("watch/", "display/", "record/"))
     failures = [[implementation, benchmark, reason] for benchmark, implementation, reason in results.failures]
     turns = [len(values) for (benchmark, _), values in results.values.items() if not benchmark.startswith("idle")]
     least, most = min(turns), max(turns)
 
     for head, rows in [(ratio_head, ratios), (limit_head, limits), (idle_head, idle_rows),
                        (["ms", discovery], found),
-                       (["RadarWatch", "", "", ""], watch), (["implementation", "did not run", "reason"], failures)]:
+                       (["RadarWatch", "", "", ""], watch), (["a display", "", "", ""], display),
+                       (["a recording", "", "", ""], recording), (["implementation", "did not run", "reason"], failures)]:
         if rows:
             print(plain_table(head, rows) + "\n")
 
@@ -364,6 +368,20 @@ How soon a change that a radar announces is told, beside a receiver of the same 
 display has that knows one radar: threads, and memory of its own, with a configured address and after a search.
 
 {page_table(["", "", "median", "unit"], watch)}
+
+## A display
+
+From the start of a process until the radar on the LAN is known to the application, and what a display has that knows 49 radars
+of two streams and receives six of these, none of which sends.
+
+{page_table(["", "", "median", "unit"], display)}
+
+## A recording
+
+48 hosts announce two streams each, and four of the streams send. Beside `radarctl record` stands a capture of everything that
+comes through the interface. Processor time is that of the recording process.
+
+{page_table(["", "", "median", "unit"], recording)}
 
 ## The receive buffer
 

@@ -197,11 +197,11 @@ std::vector<double> runClients(int count, int stalledEvery, Arrivals& arrivals, 
     std::_Exit(0);
 }
 
-std::unique_ptr<Tcp> makeServer(const TcpImplementation& implementation) {
+TcpPlan serverPlan() {
     TcpPlan plan;
     plan.ip = kDisplayIp;
     plan.port = kPort;
-    return implementation.server(plan);
+    return plan;
 }
 
 /// One call that sends a message to all: microseconds until it returns, and of processor time.
@@ -209,7 +209,7 @@ std::vector<double> fanOut(lab::Lan& lan, const TcpImplementation& implementatio
     Arrivals& arrivals = sharedArrivals();
     Child server(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
         bench::pinToProcessor(0);
-        const auto tcp = makeServer(implementation);
+        const auto tcp = implementation.server(serverPlan());
         wait();
         tcp->awaitPeers(clients);
         const std::string bytes(kMessage, 'x');
@@ -258,7 +258,7 @@ void sendPastStalled(lab::Lan& lan) {
             {implementation.name, [&lan, implementation]() -> std::vector<double> {
                  Arrivals& arrivals = sharedArrivals();
                  Child server(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
-                     const auto tcp = makeServer(implementation);
+                     const auto tcp = implementation.server(serverPlan());
                      wait();
                      tcp->awaitPeers(kClients);
                      const std::string filling(kChunk, 'x');
@@ -291,6 +291,47 @@ void sendPastStalled(lab::Lan& lan) {
                      measurements, bench::fewRepetitions());
 }
 
+/// How many messages a second the 99 get that read, beside one that never does.
+void sendBesideStarved(lab::Lan& lan) {
+    constexpr int kClients = 100;
+    const auto measurement = [&lan](const char* name, std::unique_ptr<Tcp> (*server)(const TcpPlan&)) {
+        const auto measure = [&lan, server]() -> std::vector<double> {
+            Arrivals& arrivals = sharedArrivals();
+            Child sending(lan.node("display"), [&](const Child::Wait& wait) -> std::vector<double> {
+                bench::pinToProcessor(0);
+                const auto tcp = server(serverPlan());
+                wait();
+                tcp->awaitPeers(kClients);
+                const std::string bytes(kMessage, 'x');
+                const auto run = [&](Seconds time) { // messages a second, each awaited by those that read
+                    const auto begin = Clock::now();
+                    long messages = 0;
+                    for (; Clock::now() - begin < time; ++messages) {
+                        const long expected = arrivals.bytes + (kClients - 1) * static_cast<long>(kMessage);
+                        tcp->send(bytes.data(), bytes.size());
+                        while (arrivals.bytes < expected && Clock::now() - begin < time + 1s)
+                            std::this_thread::sleep_for(50us);
+                    }
+                    return static_cast<double>(messages) / Seconds(Clock::now() - begin).count();
+                };
+                run(bench::quick() ? 2s : 3s); // its buffers are full, and the server knows it
+                return {run(bench::duration() * 5) / 1e3};
+            });
+            const Child peers(lan.node("host1"), [&](const Child::Wait& wait) {
+                return runClients(kClients, kClients, arrivals, wait);
+            });
+            const std::vector<double> result = sending.finish();
+            ::munmap(&arrivals, sizeof arrivals);
+            return result;
+        };
+        return bench::Measurement{name, measure};
+    };
+    bench::takeTurns({{"TCP server, 1 of 100 never reads, messages to the others", "thousand/s"}},
+                     {measurement("raw", bench::makeRawNonBlockingServer),
+                      measurement("library", bench::tcpImplementations()[1].server)},
+                     bench::fewRepetitions());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -308,4 +349,5 @@ int main(int argc, char** argv) {
         sendToAll(lan, "growth/TCP clients/" + std::to_string(clients), clients, two,
                   bench::fewRepetitions());
     sendPastStalled(lan);
+    sendBesideStarved(lan);
 }

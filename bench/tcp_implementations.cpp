@@ -74,7 +74,9 @@ private:
 
 class RawServer : public Tcp {
 public:
-    explicit RawServer(const TcpPlan& plan) : m_listening(net::detail::openSocket(SOCK_STREAM)) {
+    /// @param flags of send, beside those that every call has
+    explicit RawServer(const TcpPlan& plan, int flags = 0)
+        : m_flags(flags), m_listening(net::detail::openSocket(SOCK_STREAM)) {
         const sockaddr_in at = socketAddress(plan.ip, plan.port);
         require(net::detail::setOption(m_listening, SOL_SOCKET, SO_REUSEADDR, 1) &&
                     ::bind(m_listening.get(), reinterpret_cast<const sockaddr*>(&at), sizeof at) == 0 &&
@@ -90,10 +92,11 @@ public:
     }
     void send(const char* data, std::size_t length) override {
         for (const Descriptor& peer : m_peers)
-            ::send(peer.get(), data, length, MSG_NOSIGNAL);
+            ::send(peer.get(), data, length, MSG_NOSIGNAL | m_flags);
     }
 
 private:
+    const int m_flags;
     const Descriptor m_listening;
     std::deque<Descriptor> m_peers;
 };
@@ -381,6 +384,10 @@ std::unique_ptr<Tcp> make(const TcpPlan& plan) {
 }
 
 } // namespace
+
+std::unique_ptr<Tcp> makeRawNonBlockingServer(const TcpPlan& plan) {
+    return std::make_unique<RawServer>(plan, MSG_DONTWAIT);
+}
 
 const std::vector<TcpImplementation>& tcpImplementations() {
     static const std::vector<TcpImplementation> implementations{

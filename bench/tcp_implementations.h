@@ -36,6 +36,9 @@ struct TcpImplementation {
 /// Raw system calls first, the library second, then its competitors.
 const std::vector<TcpImplementation>& tcpImplementations();
 
+/// Raw system calls that wait for no client: what does not fit into its buffer is lost to it.
+std::unique_ptr<Tcp> makeRawNonBlockingServer(const TcpPlan& plan);
+
 inline constexpr int kTcpBuffer = 204800; // bytes that are received at once, by the library's client too
 
 } // namespace bench
