@@ -27,10 +27,11 @@ constexpr std::size_t kLargest = 65536;   // a datagram
 constexpr std::size_t kChunk = 256 << 10; // bytes that are handed over at once
 constexpr int kRound = 100;               // milliseconds after which something is handed over at the latest
 constexpr std::chrono::milliseconds
-    kSorting(20);                       // the kernel may queue what it stamped earlier a little later
-constexpr int kReceiveBuffer = 4 << 20; // bytes; the system may grant less
-constexpr int kBatchesOfOne = 16;       // batches of one socket before the others have their turn
-constexpr std::uint64_t kEnd = 0;       // the number of m_ending beside those of the sockets
+    kSorting(20);                             // the kernel may queue what it stamped earlier a little later
+constexpr std::chrono::milliseconds kPace(1); // between rounds: one wake-up for what came meanwhile
+constexpr int kReceiveBuffer = 4 << 20;       // bytes; the system may grant less
+constexpr int kBatchesOfOne = 16;             // batches of one socket before the others have their turn
+constexpr std::uint64_t kEnd = 0;             // the number of m_ending beside those of the sockets
 
 Time timeOf(const msghdr& message) {
     msghdr header = message;
@@ -167,6 +168,8 @@ void Recorder::run() {
                 handed = now;
             }
         });
+        if (count > 0 && !ending)
+            std::this_thread::sleep_for(kPace);
     }
 }
 
@@ -176,12 +179,22 @@ void Recorder::round(const std::vector<std::uint64_t>& ready) {
     for (const std::uint64_t number : ready)
         if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
             drain(found->second);
-    std::ranges::stable_sort(m_waiting, {}, &Waiting::time);
+    sort();
     const auto limit = std::chrono::steady_clock::now() - kSorting;
     std::size_t count = m_waiting.size();
     while (count > 0 && m_waiting[count - 1].taken > limit)
         --count;
     record(count);
+}
+
+/// Mostly what came is the newest, and in order: then nothing moves.
+void Recorder::sort() {
+    const auto fresh = std::ranges::is_sorted_until(m_waiting, {}, &Waiting::time);
+    if (fresh == m_waiting.end())
+        return;
+    std::ranges::stable_sort(fresh, m_waiting.end(), {}, &Waiting::time);
+    const auto first = std::ranges::upper_bound(m_waiting.begin(), fresh, fresh->time, {}, &Waiting::time);
+    std::ranges::inplace_merge(first, fresh, m_waiting.end(), {}, &Waiting::time);
 }
 
 void Recorder::drain(Socket& socket) {

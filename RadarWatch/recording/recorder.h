@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <compare>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -102,6 +103,7 @@ private:
     std::size_t interfaceNumber(const std::string& name) REQUIRES(m_mutex);
     void run();
     void round(const std::vector<std::uint64_t>& ready) REQUIRES(m_mutex);
+    void sort() REQUIRES(m_mutex);
     void drain(Socket& socket) REQUIRES(m_mutex);
     std::size_t receive(Socket& socket) REQUIRES(m_mutex);
     void countDrops(Socket& socket) REQUIRES(m_mutex);
@@ -120,7 +122,7 @@ private:
     std::vector<Interface> m_interfaces GUARDED_BY(m_mutex);
     std::string m_interfaceBlocks GUARDED_BY(m_mutex);
     std::vector<char> m_buffer GUARDED_BY(m_mutex);
-    std::vector<Waiting> m_waiting GUARDED_BY(m_mutex);
+    std::deque<Waiting> m_waiting GUARDED_BY(m_mutex); // by time
     Chunk m_chunk GUARDED_BY(m_mutex);
     Counts m_inChunk GUARDED_BY(m_mutex);
     std::uint64_t m_tcpInChunk GUARDED_BY(m_mutex) = 0;         // pieces
