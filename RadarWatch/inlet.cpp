@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <sstream>
 #include <utility>
 
@@ -105,10 +104,15 @@ std::uint64_t countInterfaceDrops(const std::string& text, const std::string& de
     for (std::string line; std::getline(lines, line);) {
         const std::size_t colon = line.find(':');
         const std::size_t begin = line.find_first_not_of(' ');
-        unsigned long long dropped = 0;
-        unsigned long long overrun = 0;
-        if (colon != std::string::npos && line.substr(begin, colon - begin) == device &&
-            std::sscanf(&line[colon + 1], "%*u %*u %*u %llu %llu", &dropped, &overrun) == 2)
+        if (colon == std::string::npos || line.substr(begin, colon - begin) != device)
+            continue;
+        std::istringstream fields(line.substr(colon + 1));
+        std::uint64_t bytes = 0;
+        std::uint64_t packets = 0;
+        std::uint64_t errors = 0;
+        std::uint64_t dropped = 0;
+        std::uint64_t overrun = 0;
+        if (fields >> bytes >> packets >> errors >> dropped >> overrun)
             return dropped + overrun;
     }
     return 0;
