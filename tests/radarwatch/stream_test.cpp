@@ -498,6 +498,25 @@ TEST_F(StreamTest, ControlTakesUpWhatWasRefusedAndWhatWasLost) {
     net::detail::setTiming({});
 }
 
+TEST_F(StreamTest, ReaderThatSleptFindsTheLast64EventsAndIsWhereTheRadarIs) {
+    constexpr unsigned moves = 100;
+    const auto stream = reader();
+    for (unsigned i = 0; i < moves; ++i) {
+        m_engine->tellImage(("236.6.8." + std::to_string(i + 1)).c_str(), kPort);
+        m_engine->awaitTold();
+    }
+    std::vector<StreamEvent> events;
+    while (auto event = stream->nextEvent())
+        events.push_back(*event);
+    ASSERT_EQ(events.size(), 64U);
+    EXPECT_EQ(events.front().missed, moves - 64);
+    EXPECT_EQ(events.front().kind, Kind::Moved);
+    EXPECT_EQ(events.back().missed, 0U);
+    EXPECT_EQ(events.back().endpoint.ip, inet_addr("236.6.8.100"));
+    Source(m_host, "236.6.8.100", kPort).send();
+    EXPECT_EQ(readNumbers(*stream, 1), upTo(1));
+}
+
 TEST_F(StreamTest, ControlSendsToWhereTheRadarIs) {
     const auto control = radar::StreamDoor::control(m_engine, "North", radar::ImageControl, 0);
     EXPECT_FALSE(control->send("x", 1));
