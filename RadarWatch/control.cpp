@@ -1,5 +1,6 @@
 #include <RadarWatch/stream_follower.h>
 #include <RadarWatch/stream_private.h>
+#include <RadarWatch/tcp_feed.h>
 #include <RadarWatch/watch_private.h>
 
 #include <UdpSocket/base/mutex.h>
@@ -10,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <system_error>
 #include <utility>
 
 namespace radar {
@@ -21,13 +23,25 @@ namespace {
 /// Sends to one endpoint. Any thread.
 class Outlet {
 public:
-    explicit Outlet(const detail::Target& target) {
-        if (target.endpoint.type == detail::kUdp)
-            m_udp = std::make_unique<net::UdpSender>(target.endpoint, target.localAddress, std::uint16_t{0});
-        else if (target.endpoint.type == detail::kTcpClient)
-            m_client = std::make_unique<net::TcpClient>(nullptr, target.endpoint, target.localAddress);
-        else
-            listen(target);
+    /// @return null when the system refuses a port or a thread. @throws std::bad_alloc
+    static std::shared_ptr<Outlet> open(const detail::Target& target, int& error) {
+        auto outlet = std::make_shared<Outlet>();
+        try {
+            if (target.endpoint.type == detail::kUdp)
+                outlet->m_udp =
+                    std::make_unique<net::UdpSender>(target.endpoint, target.localAddress, std::uint16_t{0});
+            else if (target.endpoint.type == detail::kTcpClient)
+                outlet->m_client =
+                    std::make_unique<net::TcpClient>(nullptr, target.endpoint, target.localAddress);
+            else if ((outlet->m_server = detail::serve(target, nullptr)) == nullptr) {
+                error = errno;
+                return nullptr;
+            }
+        } catch (const std::system_error& refusal) {
+            error = refusal.code().value();
+            return nullptr;
+        }
+        return outlet;
     }
 
     bool send(const char* data, int size) {
@@ -45,12 +59,6 @@ public:
     }
 
 private:
-    void listen(const detail::Target& target) {
-        constexpr int peers = 4; // one, and connections that it lost
-        m_server = std::make_unique<net::TcpServer>(nullptr);
-        m_server->connect(net::NtoHs(target.endpoint.port), peers); // what fails is printed
-    }
-
     std::unique_ptr<net::UdpSender> m_udp;
     std::unique_ptr<net::TcpClient> m_client;
     std::unique_ptr<net::TcpServer> m_server;
@@ -72,21 +80,23 @@ public:
         : m_name(std::move(name)), m_channel(channel), m_number(number) {}
 
     void onSituation(const detail::Situation& situation) override {
-        net::detail::runStep("Control: a change", [&] {
-            StreamEvent::Why lacking;
-            const auto target = detail::targetOf(situation, m_name, m_channel, m_number, lacking);
-            if (target && m_target && detail::isSame(*target, *m_target))
-                return;
-            auto outlet = target ? std::make_shared<Outlet>(*target) : nullptr;
-            m_target = target;
-            Lock lock(m_mutex);
-            std::swap(m_outlet, outlet); // the old one ends without the lock
-            m_error = errorOf(lacking);
-            m_told = true;
-            m_wasTold.notify_all();
-        });
+        StreamEvent::Why lacking;
+        auto target = detail::targetOf(situation, m_name, m_channel, m_number, lacking);
+        if (m_isOpen && target && detail::isSame(*target, *m_target))
+            return;
+        m_isOpen = false;
+        m_target = std::move(target);
+        if (!m_target)
+            use(nullptr, errorOf(lacking));
+        else if (m_target->endpoint.type != detail::kUdp)
+            use(nullptr, ENOTCONN); // the old one may have the port
+        if (m_target)
+            open();
     }
-    void onTick(std::chrono::steady_clock::time_point) override {}
+    void onTick(std::chrono::steady_clock::time_point) override {
+        if (m_target && !m_isOpen)
+            open();
+    }
 
     bool send(const void* data, std::size_t size) {
         if (!inOwnProcess()) {
@@ -108,15 +118,33 @@ public:
     }
 
 private:
+    void open() {
+        int error = 0;
+        auto outlet = Outlet::open(*m_target, error);
+        m_isOpen = outlet != nullptr;
+        use(std::move(outlet), error);
+    }
+    /// @param error of sends where there is no outlet
+    void use(std::shared_ptr<Outlet> outlet, int error) {
+        Lock lock(m_mutex);
+        std::swap(m_outlet, outlet); // the old one ends without the lock
+        m_error = error;
+        m_told = true;
+        m_wasTold.notify_all();
+    }
+
     const std::string m_name;
     const int m_channel;
     const int m_number;
-    std::optional<detail::Target> m_target; // the engine's thread
+
+    // The engine's thread.
+    std::optional<detail::Target> m_target; // none: there is nothing to send to
+    bool m_isOpen = false;                  // by an outlet for it
 
     net::detail::Mutex m_mutex;
     net::detail::Condition m_wasTold;
     bool m_told GUARDED_BY(m_mutex) = false;              // where to send, or that there is nothing
-    std::shared_ptr<Outlet> m_outlet GUARDED_BY(m_mutex); // null: there is no target
+    std::shared_ptr<Outlet> m_outlet GUARDED_BY(m_mutex); // null: there is no target, or the system refuses
     int m_error GUARDED_BY(m_mutex) = ENOENT;             // of sends then
 };
 

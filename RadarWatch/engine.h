@@ -22,7 +22,8 @@ struct Situation {
     std::optional<Radar> radar; ///< none: it is not listed
 };
 
-/// What follows a radar. Called on the engine's thread, without a lock; must return quickly.
+/// What follows a radar. Called on the engine's thread, without a lock; must return quickly. std::bad_alloc
+/// out of a call costs the call: a situation is told again with the next tick.
 class Follower {
 public:
     /// Once soon after Engine::follow, and after every change.

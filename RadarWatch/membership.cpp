@@ -54,8 +54,9 @@ bool Membership::change(int option) const {
 
 std::unique_ptr<Membership> Membership::join(const net::detail::Descriptor& socket, std::uint32_t group,
                                              std::uint32_t localAddress, unsigned interfaceIndex) {
+    Registry& all = registry(); // made before what needs it in the end
     std::unique_ptr<Membership> membership(new Membership(socket, {interfaceIndex, group}, localAddress));
-    Lock lock(registry().mutex);
+    Lock lock(all.mutex);
     if (!membership->change(IP_ADD_MEMBERSHIP)) {
         const int error = errno;
         lock.unlock();
@@ -63,7 +64,7 @@ std::unique_ptr<Membership> Membership::join(const net::detail::Descriptor& sock
         errno = error;
         return nullptr;
     }
-    registry().groups[membership->m_key].members.push_back(membership.get());
+    all.groups[membership->m_key].members.push_back(membership.get());
     membership->m_joined = true;
     return membership;
 }

@@ -211,7 +211,8 @@ public:
     /// One datagram from the local address, or bytes over TCP. Just after construction it waits for a moment,
     /// until the way is known.
     /// @return false, and errno: ENOENT when there is no such radar or it has no such endpoint, ENETDOWN when
-    ///         there is no local address, ENOTCONN when TCP is not connected, or what the system says
+    ///         there is no local address, ENOTCONN when TCP is not connected, or what the system says; a port
+    ///         for TCP that is taken (EADDRINUSE) is tried again every second
     bool send(const void* data, std::size_t size);
 
 private:

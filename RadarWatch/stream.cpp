@@ -32,6 +32,7 @@ StreamPrivate::StreamPrivate(std::string name, int channel, Stream::OnDatagram o
       m_batch(std::max<std::size_t>(options.largestDatagram, 1), Stream::kMostAtOnce) {
     if (options.sequence)
         m_sequence.emplace(*options.sequence);
+    m_events.reserve(kEvents);
 }
 
 void StreamPrivate::start(const std::shared_ptr<PoolPrivate>& pool) {
@@ -69,16 +70,14 @@ void StreamPrivate::stop() {
 // ----------------------------------------------------------------------------------- the engine's thread
 
 void StreamPrivate::onSituation(const detail::Situation& situation) {
-    runStep("Stream: a change", [&] {
-        StreamEvent::Why lacking;
-        auto target = detail::targetOf(situation, m_name, m_channel, m_number, lacking);
-        m_follower.aim(std::move(target), lacking);
-        act(std::chrono::steady_clock::now());
-    });
+    StreamEvent::Why lacking;
+    auto target = detail::targetOf(situation, m_name, m_channel, m_number, lacking);
+    m_follower.aim(std::move(target), lacking);
+    act(std::chrono::steady_clock::now());
 }
 
 void StreamPrivate::onTick(Time now) {
-    runStep("Stream: a look", [&] { act(now); });
+    act(now);
 }
 
 void StreamPrivate::act(Time now) {
@@ -107,8 +106,10 @@ detail::Arrivals StreamPrivate::arrivals() {
 void StreamPrivate::open(Time now) {
     InletPtr inlet;
     int error = 0;
-    if (m_follower.target().endpoint.type != detail::kUdp)
+    if (m_follower.target().endpoint.type != detail::kUdp) {
         retireNewest(); // which may have the port
+        m_follower.lost();
+    }
     try {
         inlet = detail::Inlet::open(m_follower.target(), m_receiveBuffer);
         error = errno;
@@ -159,7 +160,7 @@ void StreamPrivate::renewMembership(Time now) {
         m_follower.othersJoined(renewed.others);
         break;
     case detail::Membership::Renewal::Lost:
-        m_follower.membershipLost();
+        m_follower.lost();
         break;
     }
 }
@@ -170,11 +171,11 @@ void StreamPrivate::post(std::vector<StreamEvent> events) {
     {
         Lock lock(m_mutex);
         for (StreamEvent& event : events) {
-            m_events.push_back(std::move(event));
-            if (m_events.size() > kEvents) {
-                m_events.pop_front();
+            if (m_events.size() == kEvents) {
+                m_events.erase(m_events.begin());
                 ++m_missedEvents;
             }
+            m_events.push_back(std::move(event)); // which needs no memory
         }
         m_news = true;
         m_eventsWait.set();
@@ -293,7 +294,8 @@ int StreamPrivate::receiveFrom(detail::Inlet& inlet, std::size_t count, millisec
 /// Of a socket that is retired, everything has been received.
 void StreamPrivate::dropFront() {
     const std::uint64_t here = m_front->droppedHere();
-    const std::uint64_t atInterface = m_front->droppedAtInterface();
+    std::uint64_t atInterface = 0;
+    runStep("Stream: a count of drops", [&] { atInterface = m_front->droppedAtInterface(); });
     Lock lock(m_mutex);
     unregisterSocket(*m_front);
     m_droppedHere += here;
@@ -341,7 +343,7 @@ std::optional<StreamEvent> StreamPrivate::nextEvent() {
         return std::nullopt;
     std::optional<StreamEvent> event(std::move(m_events.front()));
     event->missed = std::exchange(m_missedEvents, 0);
-    m_events.pop_front();
+    m_events.erase(m_events.begin());
     if (m_events.empty())
         m_eventsWait.clear();
     return event;

@@ -24,6 +24,8 @@ constexpr nanoseconds kRejoins[] = {1s, 8s, 58s};
 constexpr nanoseconds kLaterRejoins = 10min;
 constexpr nanoseconds kRejoinEffect = 1500ms; // a report goes out at once; a slow switch
 
+constexpr std::size_t kMostEvents = 3; // of a step and what follows it
+
 constexpr RadarEndpoint RadarAddress::*kEndpoints[] = {
     &RadarAddress::imageStream,   &RadarAddress::imageCtrl, &RadarAddress::imageState,
     &RadarAddress::arpaStream,    &RadarAddress::arpaCtrl,  &RadarAddress::arpaState,
@@ -103,6 +105,7 @@ void StreamFollower::aim(std::optional<Target> target, Why lacking) {
 }
 
 StreamFollower::Act StreamFollower::step(Time now, const Arrivals& arrivals) {
+    m_events.reserve(m_events.size() + kMostEvents);
     noteArrivals(now, arrivals);
     if (m_target && (!m_open || !isSame(*m_open, *m_target)))
         return Act::Open;

@@ -64,13 +64,14 @@ public:
     void aim(std::optional<Target> target, StreamEvent::Why lacking);
     const Target& target() const { return *m_target; }
 
+    /// Where memory runs out, nothing has changed; what is said of the act needs none.
     Act step(Time now, const Arrivals& arrivals);
 
     void opened(Time now);
     void refused(int error); ///< the socket was not to be had; asked for again by the next step
     void closed();
     void rejoined(Time now);
-    void membershipLost() { m_open.reset(); } ///< left, but not joined again: to be opened again
+    void lost() { m_open.reset(); } ///< the socket does not listen any more: to be opened again
     void othersJoined(unsigned others);
 
     std::vector<StreamEvent> takeEvents();

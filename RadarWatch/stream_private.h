@@ -102,9 +102,9 @@ private:
     std::atomic<bool> m_news = false;          // an event that no reader has looked at
 
     mutable net::detail::Mutex m_mutex;
-    net::detail::Condition m_changed;                  // what the three above say, and the end of reading
-    std::deque<InletPtr> m_inlets GUARDED_BY(m_mutex); // oldest first; all but the last are retired
-    std::deque<StreamEvent> m_events GUARDED_BY(m_mutex);
+    net::detail::Condition m_changed;                      // what the three above say, and the end of reading
+    std::deque<InletPtr> m_inlets GUARDED_BY(m_mutex);     // oldest first; all but the last are retired
+    std::vector<StreamEvent> m_events GUARDED_BY(m_mutex); // oldest first
     unsigned m_missedEvents GUARDED_BY(m_mutex) = 0;
     detail::ArrivalStatistics m_arrivals GUARDED_BY(m_mutex);
     std::optional<detail::SequenceCounter> m_sequence GUARDED_BY(m_mutex);

@@ -3,15 +3,33 @@
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <string>
-
 namespace radar::detail {
 
 namespace {
 
 constexpr int kPeers = 4; // a radar that has come back, while the connections it lost are still open
 
+/// Asked first, since TcpServer prints each refusal, and a port is tried again every second.
+bool isFree(const sockaddr_in& address) {
+    const net::detail::Descriptor socket = net::detail::openSocket(SOCK_STREAM);
+    return socket.isOpen() && net::detail::setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1) &&
+           net::detail::bindTo(socket, address);
+}
+
 } // namespace
+
+std::unique_ptr<net::TcpServer> serve(const Target& target, net::iTcpDataListener* listener) {
+    const std::uint16_t port = ntohs(target.endpoint.port);
+    if (!isFree(net::detail::makeAddress(target.localAddress, port)))
+        return nullptr;
+    auto server = std::make_unique<net::TcpServer>(listener);
+    if (!server->connect(net::transAddr(target.localAddress), port, kPeers)) {
+        const int error = errno;
+        server.reset();
+        errno = error;
+    }
+    return server;
+}
 
 std::unique_ptr<TcpFeed> TcpFeed::open(const Target& target, net::detail::Descriptor out) {
     std::unique_ptr<TcpFeed> feed(new TcpFeed(std::move(out)));
@@ -19,9 +37,8 @@ std::unique_ptr<TcpFeed> TcpFeed::open(const Target& target, net::detail::Descri
         feed->m_client = std::make_unique<net::TcpClient>(feed.get(), target.endpoint, target.localAddress);
         return feed;
     }
-    feed->m_server = std::make_unique<net::TcpServer>(feed.get());
-    const std::string local = net::transAddr(target.localAddress);
-    if (!feed->m_server->connect(local.c_str(), net::NtoHs(target.endpoint.port), kPeers)) {
+    feed->m_server = serve(target, feed.get());
+    if (!feed->m_server) {
         const int error = errno;
         feed.reset();
         errno = error;

@@ -11,6 +11,10 @@
 
 namespace radar::detail {
 
+/// A server on the local address, at the port to which a radar connects. @return null when the port is not to
+/// be had (errno), of which nothing is printed. @throws std::bad_alloc
+std::unique_ptr<net::TcpServer> serve(const Target& target, net::iTcpDataListener* listener);
+
 /// Connects to the endpoint, or serves it, and writes what comes into a socket; where nobody reads that, the
 /// peer waits, as TCP has it. Threads: those of TcpClient or TcpServer, until end().
 class TcpFeed final : public net::iTcpDataListener {

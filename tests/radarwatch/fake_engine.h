@@ -9,7 +9,9 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
-#include <condition_variable>
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <list>
 #include <mutex>
 #include <thread>
@@ -59,6 +61,15 @@ public:
                 radar.streams[0].imageCtrl = {inet_addr(address), htons(port), type};
             situation.radar = radar;
         });
+    }
+
+    /// Waits until every follower knows of the last change.
+    void awaitTold() {
+        EXPECT_TRUE(comesTrue([this] {
+            const std::lock_guard lock(m_mutex);
+            return std::ranges::all_of(m_followers,
+                                       [this](const auto& one) { return one.second == m_version; });
+        }));
     }
 
 private:

@@ -2,6 +2,7 @@
 
 #include "../recorder.h"
 
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/tcpsocket.h>
 
 #include <lab/lan.h>
@@ -453,6 +454,67 @@ TEST_F(StreamTest, FollowsTcpEndpointsOfBothKinds) {
     received.clear();
     EXPECT_TRUE(comesTrue([&] { return client->sendData("more", 4) && received.reaches(1, 200ms); }));
     EXPECT_EQ(received.all()[0].substr(0, 4), "more");
+}
+
+TEST_F(StreamTest, ControlTakesUpWhatWasRefusedAndWhatWasLost) {
+    net::detail::Timing timing;
+    timing.clientTick = 20ms; // eleven of them make an attempt
+    net::detail::setTiming(timing);
+    const Output output; // TCP endpoints log
+    TcpPeer peer;
+    const auto control = radar::StreamDoor::control(m_engine, "North", radar::ImageControl, 0);
+    const auto reaches = [&](auto connect) {
+        const lab::Inside inside = m_host.enter();
+        return comesTrue([&] {
+            connect();
+            return control->send("set", 3) && peer.m_received.reaches(1, 50ms);
+        });
+    };
+    {
+        const auto server = makeIn<net::TcpServer>(m_host, &peer);
+        const auto serve = [&] {
+            const lab::Inside inside = m_host.enter();
+            EXPECT_TRUE(server->connect("10.20.1.1", 9000, 8));
+        };
+        m_engine->tellImage("10.20.1.1", 9000, radar::detail::kTcpClient);
+        EXPECT_TRUE(comesTrue([&] { return !control->send("x", 1) && errno == ENOTCONN; }));
+        serve();
+        EXPECT_TRUE(reaches([] {}));
+        serve(); // and its connections are lost
+        peer.m_received.clear();
+        EXPECT_TRUE(reaches([] {}));
+    }
+    net::TcpServer other(nullptr);
+    ASSERT_TRUE(other.connect(9001, 1));
+    m_engine->tellImage("10.20.2.1", 9001, radar::detail::kTcpServer);
+    EXPECT_TRUE(comesTrue([&] { return !control->send("x", 1) && errno == EADDRINUSE; }));
+    other.disconnect();
+    EXPECT_TRUE(comesTrue([&] { return !control->send("x", 1) && errno == ENOTCONN; }));
+    const auto client =
+        makeIn<net::TcpClient>(m_host, &peer, "10.20.2.1", std::uint16_t{9001}, inet_addr("10.20.1.1"));
+    peer.m_received.clear();
+    EXPECT_TRUE(reaches([&] { client->isConnected() || client->connectOnce(); }));
+    EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("function[bind]")));
+    net::detail::setTiming({});
+}
+
+TEST_F(StreamTest, ReaderThatSleptFindsTheLast64EventsAndIsWhereTheRadarIs) {
+    constexpr unsigned moves = 100;
+    const auto stream = reader();
+    for (unsigned i = 0; i < moves; ++i) {
+        m_engine->tellImage(("236.6.8." + std::to_string(i + 1)).c_str(), kPort);
+        m_engine->awaitTold();
+    }
+    std::vector<StreamEvent> events;
+    while (auto event = stream->nextEvent())
+        events.push_back(*event);
+    ASSERT_EQ(events.size(), 64U);
+    EXPECT_EQ(events.front().missed, moves - 64);
+    EXPECT_EQ(events.front().kind, Kind::Moved);
+    EXPECT_EQ(events.back().missed, 0U);
+    EXPECT_EQ(events.back().endpoint.ip, inet_addr("236.6.8.100"));
+    Source(m_host, "236.6.8.100", kPort).send();
+    EXPECT_EQ(readNumbers(*stream, 1), upTo(1));
 }
 
 TEST_F(StreamTest, ControlSendsToWhereTheRadarIs) {

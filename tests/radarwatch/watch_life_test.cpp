@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
@@ -21,14 +20,6 @@ namespace {
 using namespace std::chrono_literals;
 using radar::detail::Engine;
 using radar::detail::Situation;
-
-/// Open descriptors, and threads.
-std::pair<std::ptrdiff_t, std::ptrdiff_t> resources() {
-    const auto count = [](const char* directory) {
-        return std::distance(std::filesystem::directory_iterator(directory), {});
-    };
-    return {count("/proc/self/fd"), count("/proc/self/task")};
-}
 
 class WatchLife : public WatchOnLan {
 protected:
