@@ -76,7 +76,7 @@ TEST_F(Radarctl, ReportsThatNothingWasFound) {
                 StartsWith("radarctl: no radar found within 0.5 s; only eth0 was looked at"));
     m_lan.restore(m_lan.node("display"));
     const auto host = serve("host1", "North", 16);
-    const Result other = run({"show", "South", "--timeout", "3"});
+    const Result other = run({"show", "South", "--timeout", "2"});
     EXPECT_EQ(other.status, 1);
     EXPECT_THAT(other.errors, HasSubstr("radarctl: no radar \"South\"; there are: North\n"));
 }
@@ -102,7 +102,7 @@ TEST_F(Radarctl, InterfacesShowsTheRadarsOnEachInterface) {
     EXPECT_EQ(silent.status, 1) << silent.errors;
     EXPECT_THAT(lines(silent.output).back(), MatchesRegex("eth0 +10.20.2.1/16 +([0-9A-F:]{17}) +yes +no +-"));
     const auto host = serve("host1", "North", 20);
-    const Result result = run({"interfaces", "--json", "--seconds", "2"});
+    const Result result = run({"interfaces", "--json", "--seconds", "1"});
     EXPECT_EQ(result.status, 0) << result.errors;
     const auto interface = nlohmann::json::parse(result.output)["interfaces"][0];
     EXPECT_EQ(interface["radars"][0]["name"], "North");
