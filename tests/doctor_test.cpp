@@ -38,7 +38,6 @@ struct Case {
     std::vector<Host> hosts = {{"host1", "North", 20}, {"host2", "South", 21}};
     const char* node = "display";          ///< where doctor runs; at a host, beside a radar host's sockets
     std::vector<std::string> through = {}; ///< command that runs doctor
-    const char* cure = "";                 ///< shell commands there, where the remedy itself is none
 };
 void PrintTo(const Case& row, std::ostream* stream) {
     *stream << row.name;
@@ -114,8 +113,8 @@ TEST_P(Doctor, ReportsTheCauseAndNoOther) {
 
     lab::Process doctor = start(row.node, {"--json"}, row.through);
     const std::vector<std::string> remedies = remediesOf(doctor, row.expected);
-    std::string cure = row.cure;
-    if (cure.empty() && remedies.size() == 1 && row.through.empty()) {
+    std::string cure; // the remedy, where it is a command
+    if (remedies.size() == 1 && row.through.empty()) {
         const std::string command = remedies[0].substr(0, remedies[0].find(", "));
         constexpr const char* kCommands[] = {"nft ", "iptables", "sysctl ", "ip link ", "ip route del "};
         if (std::ranges::any_of(kCommands, [&](const char* start) { return command.starts_with(start); }))
@@ -135,18 +134,11 @@ constexpr const char* kDropRule = "nft add table ip filter; nft add chain ip fil
 const std::vector<std::string> kUnprivileged{"setpriv", "--bounding-set", "-all", "--inh-caps", "-all"};
 // strace injects failures that no set-up can cause; a leak checker cannot run under it. The first four sendto calls
 // list the interfaces.
-const std::vector<Host> kHosts{{"host1", "North", 20}, {"host2", "South", 21}};
-constexpr const char* kEndSocat = "kill -KILL $(cat /run/socat)";
 const Case kCases[] = {
-    {"CutCable", "ip -n lan link set display-eth0 down", {{"no-carrier", "eth0 has no carrier"}}, "", kHosts, "display", {}, "ip -n lan link set display-eth0 up"},
-    {"NoAddress", "ip address flush dev eth0", {{"no-address", "eth0 has no IPv4 address"}}, "", kHosts, "display", {}, "ip address add 10.20.2.1/16 dev eth0"},
-    {"WrongNetmask", "ip address flush dev eth0; ip address add 192.168.77.1/24 dev eth0", {{"wrong-subnet", "outside the network of eth0"}}, "", kHosts, "display", {},
-     "ip address replace 10.20.2.1/16 dev eth0"},
+    {"NoAddress", "ip address flush dev eth0", {{"no-address", "eth0 has no IPv4 address"}}},
+    {"WrongNetmask", "ip address flush dev eth0; ip address add 192.168.77.1/24 dev eth0", {{"wrong-subnet", "outside the network of eth0"}}},
     {"TwoPaths", "ip address flush dev eth1; ip address add 10.20.2.9/16 dev eth1; ip -n lan link set display-eth1 master lan0",
-     {{"two-paths", "eth0, eth1"}}, "", kHosts, "display", {}, "printf '[Local]\nIP = 10.20.2.1\n' >$INIPROFILE_DIR/profile.ini"},
-    {"LostAnswers", "ip netns exec lan nft 'add table bridge t; add chain bridge t c { type filter hook forward priority 0; };"
-                    "add rule bridge t c oifname display-eth0 ip saddr 10.20.1.1 udp dport 6878 numgen inc mod 2 0 drop'",
-     {{"lost-answers", "\"North\" (10.20.1.1) answers only some"}}, "", kHosts, "display", {}, "ip netns exec lan nft delete table bridge t"},
+     {{"two-paths", "eth0, eth1"}}},
     {"InterfaceOff", "ip link set eth0 down", {{"interface-down", "ip link set eth0 up"}}},
     {"MulticastFlag", "ip link set eth0 multicast off", {{"no-multicast", "ip link set eth0 multicast on"}}},
     {"ReversePath", "ip route add 10.20.1.0/24 dev eth1; echo 1 > /proc/sys/net/ipv4/conf/eth0/rp_filter",
@@ -158,30 +150,25 @@ const Case kCases[] = {
                                  {"firewall", "own queries did not come back"}}},
     {"IptablesRule", "iptables -N radar; iptables -A INPUT -p udp -m comment --comment 'no radar' -j radar; iptables -A radar -p udp -d 236.6.0.0/16 -m multiport --dports 6000:7000 -j DROP",
      {{"firewall", "-A radar -d 236.6.0.0/16 -p udp"}}},
-    {"PortTaken", "socat -u UDP4-RECV:6878 /dev/null & echo $! >/run/socat; until grep -q :1ADE /proc/net/udp; do :; done", {{"port-taken", "socat (process"}}, "", kHosts, "display", {},
-     kEndSocat},
+    {"PortTaken", "socat -u UDP4-RECV:6878 /dev/null & until grep -q :1ADE /proc/net/udp; do :; done", {{"port-taken", "socat (process"}}},
     {"NoMemberships", "echo 0 > /proc/sys/net/ipv4/igmp_max_memberships", {{"membership-limit", "refuses to join"}}},
-    {"SlowProgram", "socat -u UDP4-RECV:6878,reuseaddr,rcvbuf=2304,ip-add-membership=236.6.7.5:10.20.2.1 /dev/null & echo $! >/run/socat; until grep -q :1ADE /proc/net/udp; do :; done; kill -STOP $!",
-     {{"socket-drops", "port 6878"}}, "", kHosts, "display", {}, kEndSocat},
+    {"SlowProgram", "socat -u UDP4-RECV:6878,reuseaddr,rcvbuf=2304,ip-add-membership=236.6.7.5:10.20.2.1 /dev/null & until grep -q :1ADE /proc/net/udp; do :; done; kill -STOP $!",
+     {{"socket-drops", "port 6878"}}},
     // The receive buffer's limit cannot be set in a namespace.
     {"RefusedBySystem", "", {{"query-not-sent", "refuses to send a query through eth0; look at the address and the routes of eth0; Network is down"},
                              {"receive-buffer", "rmem_max=262144; 10 KiB granted of 256 KiB"}}, "", {{"host1", "North", 20}}, "display",
      {"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "--output=/dev/null", "--inject=sendto:error=ENETDOWN:when=5+", "--inject=getsockopt:poke_exit=@arg4=00500000"}},
-    {"OldIgmp", "echo 1 > /proc/sys/net/ipv4/conf/eth0/force_igmp_version", {{"igmp-version", "eth0: V1"}}},
-    {"ProfileIsADirectory", "mkdir $INIPROFILE_DIR/profile.ini", {{"profile-unreadable", "put a file in its place; Is a directory"}}, "", kHosts, "display", {}, "rmdir $INIPROFILE_DIR/profile.ini"},
-    {"ProfileIsAFifo", "mkfifo $INIPROFILE_DIR/profile.ini", {{"profile-unreadable", "put a file in its place; it is a FIFO"}}, "", kHosts, "display", {}, "rm $INIPROFILE_DIR/profile.ini"},
+    {"ProfileIsAFifo", "mkfifo $INIPROFILE_DIR/profile.ini", {{"profile-unreadable", "put a file in its place; it is a FIFO"}}},
     {"ProfileNamesTheWrongInterface", "", {{"wrong-interface", "to 192.168.1.1, and the radars are on another interface; set [Local] IP to 10.20.2.1"}},
-     "[Local]\nNetName = eth1\n", kHosts, "display", {}, "printf '[Local]\nIP = 10.20.2.1\n' >$INIPROFILE_DIR/profile.ini"},
-    {"ProfileNamesNoInterface", "", {{"profile-interface", "NetName = eth7"}}, "[Local]\nNetName = eth7\n", kHosts, "display", {}, "sed -i s/eth7/eth0/ $INIPROFILE_DIR/profile.ini"},
-    {"ProfileNamesAForeignAddress", "", {{"profile-address", "IP = 10.9.9.9"}}, "[Local]\nIP = 10.9.9.9\n", kHosts, "display", {}, "sed -i s/10.9.9.9/10.20.2.1/ $INIPROFILE_DIR/profile.ini"},
-    {"ProfileFixesASilentRadar", "", {{"fixed-radar", "10.20.1.2, which does not answer TCP port 6878"}}, "[Radar]\nIP = 10.20.1.2\n", kHosts, "display", {}, "sed -i /IP/d $INIPROFILE_DIR/profile.ini"},
-    {"HostWithoutRoute", "ip route del default", {{"no-multicast-route", "ip route add 236.6.0.0/16"}, {"host-here", "MulticastLoop = true"}}, "", {{"host2", "South", 21}}, "host1", {},
-     "ip route add 236.6.0.0/16 dev eth0"},
+     "[Local]\nNetName = eth1\n"},
+    {"ProfileFixesASilentRadar", "", {{"fixed-radar", "10.20.1.2, which does not answer TCP port 6878"}}, "[Radar]\nIP = 10.20.1.2\n"},
+    {"HostWithoutRoute", "ip route del default", {{"no-multicast-route", "ip route add 236.6.0.0/16"}, {"host-here", "MulticastLoop = true"}}, "", {{"host2", "South", 21}}, "host1"},
     {"LeftOverRoutes", "for group in 236.6.7.5 236.6.7.4; do ip route prepend $group dev eth1; done",
      {{"left-over-route", "instead of eth0"}, {"left-over-route", "ip route del 236.6.7.4 dev eth1 && ip route del 236.6.7.5 dev eth1"}}, "",
      {{"host1", "North", 20}, {"host2", "South", 21}}, "host2"},
-    {"TinyMtu", "ip link set eth0 mtu 100", {{"small-mtu", "eth0 takes packets of up to 100 bytes"}}},
-    {"ProfileKey", "", {{"profile-key", "MulticastLop, which the library does not read; MulticastLoop?"}}, "[Local]\nMulticastLop = true\n"},
+    {"TinyMtuOldIgmpAndProfileKey", "ip link set eth0 mtu 100; echo 1 > /proc/sys/net/ipv4/conf/eth0/force_igmp_version",
+     {{"small-mtu", "up to 100 bytes, so announcements and streams may not come through; ip link set eth0 mtu 1500"}, {"igmp-version", "eth0: V1"},
+      {"profile-key", "MulticastLop, which the library does not read; MulticastLoop?"}}, "[Local]\nMulticastLop = true\n"},
     {"IgmpQueries", "nft add table ip t; nft add chain ip t in '{ type filter hook input priority 0; policy drop; }'; nft add rule ip t in ip daddr 236.6.0.0/16 accept",
      {{"firewall", "nft chain ip t in drops IGMP queries on eth0, eth1, so a switch that snoops takes the radars away after minutes; nft insert rule ip t in ip protocol igmp accept"}}},
     {"IgmpQueriesByType", "nft add table inet t; nft add chain inet t in '{ type filter hook input priority 0; }'; nft add rule inet t in igmp type '{ membership-query, membership-report-v1 }' drop",
@@ -207,17 +194,12 @@ TEST_F(Doctor, ReportsNoProblemInAHealthyNetwork) {
                                testing::EndsWith("nothing to complain about\n")));
 }
 
-TEST_F(Doctor, FollowsHostsUntilEachHasAnIdAndANameOfItsOwn) {
-    const auto expect = [this](const std::vector<Host>& hosts, const decltype(Case::expected)& expected) {
-        m_hosts.clear();
-        serve(hosts);
-        lab::Process doctor = start("display", {"--json"});
-        remediesOf(doctor, expected);
-    };
-    expect({}, {{"no-radar", "nobody answers"}, {"no-querier", "no IGMP query"}});
-    expect({{"host1", "North", 20}, {"host2", "South", 20}}, {{"same-id", "radarctl renumber 'North'"}});
-    expect({{"host1", "North", 20}, {"host2", "North", 21}}, {{"same-name", "give each a name"}});
-    expect({{"host1", "North", 20}, {"host2", "South", 21}}, {});
+TEST_F(Doctor, ReportsThatNobodyAnswersAndHostsWithOneIdAndOneName) {
+    lab::Process nobody = start("display", {"--json"});
+    remediesOf(nobody, {{"no-radar", "nobody answers"}, {"no-querier", "no IGMP query"}});
+    serve({{"host1", "North", 20}, {"host2", "South", 20}, {"host2", "North", 21}});
+    lab::Process doubles = start("display", {"--json"});
+    remediesOf(doubles, {{"same-id", "radarctl renumber 'North'"}, {"same-name", "give each a name"}});
 }
 
 TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
@@ -239,7 +221,6 @@ TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
     } while (!doctor.wait(100ms));
     remediesOf(doctor,
                {{"id-contest", "10.20.1.1 claimed 2 ids"}, {"other-display", "queries from 10.20.1.2"}});
-    EXPECT_EQ(start("display", {}).wait(60s), 0) << "with nobody who objects";
 }
 
 TEST_F(Doctor, ReportsComputersWithOneAddress) {
@@ -254,8 +235,6 @@ TEST_F(Doctor, ReportsComputersWithOneAddress) {
         EXPECT_THAT(told.output(),
                     testing::AllOf(testing::StartsWith("fault same-address"), HasSubstr(line)));
     }
-    m_lan.changeAddress(m_lan.node("host2"), 0, "10.20.1.2/16");
-    EXPECT_EQ(start("display", {}).wait(60s), 0);
 }
 
 TEST_F(Doctor, SeesTwoHardwareAddressesWithoutPrivileges) {
@@ -281,6 +260,7 @@ TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
 }
 
 TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
+    m_profile.write("[Local]\nIP = 10.20.1.1\n");
     const lab::Node& computer = m_lan.node("host1");
     const lab::Process host =
         computer.start({.command = {RADARCTL, "host", "--name", "North", "--simulate", "--loop"}});
@@ -298,7 +278,8 @@ TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
 }
 
 TEST(FirstMinute, HasNoFalseAlarm) {
-    lab::Process lan({.command = {LAN_PROGRAM, "--hosts", "3", "--", RADARCTL, "doctor", "--seconds", "4"}});
+    lab::Process lan(
+        {.command = {LAN_PROGRAM, "--hosts", "3", "--", RADARCTL, "doctor", "--seconds", kSeconds}});
     EXPECT_EQ(lan.wait(60s), 0);
     EXPECT_THAT(lan.output(), testing::AllOf(HasSubstr("lan: waiting until 3 hosts serve"),
                                              HasSubstr("\"radar-3\" (10.20.1.3): host id 18"),

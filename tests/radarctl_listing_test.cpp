@@ -135,21 +135,10 @@ TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeard) {
     EXPECT_TRUE(terminal.shows("no radar for 10 s; see radarctl doctor"));
 }
 
-TEST_F(Listing, ARadarIsNotSaidToAnnounceWhatAnotherHostOfItsComputerDoes) {
-    auto gone = serve("host1", "Gone", 20);
-    const auto other = serve("host1", "Other", 30);
-    lab::Process watch = start("display", {"watch"});
-    EXPECT_TRUE(watch.lineWith("+ Gone", 30s));
-    gone = serve("host1", "Renamed", 20);
-    EXPECT_EQ(watch.lineWith("- Gone", 30s), "- Gone: 10.20.1.1 now announces Renamed");
-    gone.reset();
-    EXPECT_EQ(watch.lineWith("- Renamed", 30s), "- Renamed: 10.20.1.1 has not answered for 8 s, others do");
-}
-
 TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     m_profile.write("");
     const lab::Process north = startHost("host1", {"--name", "North"});
-    const lab::Process south = startHost("host2", {"--name", "South"});
+    const auto south = serve("host2", "South", 17);
     const std::string before = routes("host1");
     const Result list = runOn("host1", radarctl({"list", "--timeout", "30", "--verbose"}));
     EXPECT_EQ(list.status, 0);

@@ -2,6 +2,8 @@
 #include "fault_fixture.h"
 #include "tcp_support.h"
 
+#include <UdpSocket/base/timing.h>
+
 #include <tuple>
 #include <utility>
 
@@ -123,6 +125,9 @@ TEST_F(TcpFault, FailedCallsOfAClientAreReportedAndLeakNothing) {
     });
 
     // The keep-alive of an idle connection.
+    net::detail::Timing quick;
+    quick.clientTick = std::chrono::milliseconds(20);
+    net::detail::setTiming(quick);
     checkFault({"send", EPIPE, "", 1, "tcp client check error -1 32 32\r\n"}, [&] {
         auto notes = std::make_unique<Notes>();
         auto made = std::make_unique<net::TcpClient>(notes.get(), "127.0.0.1", listening->port(), loopback);
@@ -130,6 +135,7 @@ TEST_F(TcpFault, FailedCallsOfAClientAreReportedAndLeakNothing) {
         EXPECT_TRUE(notes->disconnected.reaches(1));
         return std::pair(std::move(notes), std::move(made));
     });
+    net::detail::setTiming({});
 
     const FaultCase connected[] = {
         {"pthread_create", EAGAIN, tcp("receiveThread,856", configured, "thread", EAGAIN), 3},

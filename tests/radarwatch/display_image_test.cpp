@@ -1,4 +1,6 @@
 // The example that draws a picture, on a display beside a simulated radar.
+#include "../profile_directory.h"
+
 #include <lab/lan.h>
 
 #include <gtest/gtest.h>
@@ -13,9 +15,10 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(DisplayImage, DrawsTheSimulatorsTargetsOnItsSea) {
+    const ProfileDirectory profile("[Local]\nIP = 10.20.2.1\n");
     lab::Lan lan({lab::display(2), lab::radarHost(1)});
-    lab::Process host =
-        lan.node("host1").start({.command = {RADARCTL, "host", "--name", "North", "--simulate"}});
+    lab::Process host = lan.node("host1").start(
+        {.command = {RADARCTL, "host", "--name", "North", "--simulate", "--rate", "60"}});
     const std::string file = "/run/picture.png"; // of the private network
     lab::Process display = lan.node("display").start({.command = {DISPLAY_IMAGE, "North", file}});
     ASSERT_EQ(display.wait(60s), 0) << display.output();

@@ -1,14 +1,10 @@
 // What a Watch tells of a LAN.
 #include "watch_fixture.h"
 
-#include <RadarWatch/event_queue.h>
-
 #include <UdpSocket/protocol/address_plan.h>
 #include <UdpSocket/tcpsocket.h>
 
 #include <poll.h>
-
-#include <set>
 
 namespace {
 
@@ -28,8 +24,8 @@ bool isReadable(const radar::Watch& watch) {
     return ::poll(&ready, 1, 0) == 1;
 }
 
-TEST_F(WatchOnLan, TellsComingsGoingsAndConflictsInOrder) {
-    auto north = serve(m_host1, "North", 16);
+TEST_F(WatchOnLan, TellsComingsChangesAndConflictsInOrder) {
+    const auto north = serve(m_host1, "North", 16);
     const auto watching = watch();
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
     EXPECT_EQ(watching->localAddress().origin, Origin::ProfileAddress);
@@ -60,15 +56,11 @@ TEST_F(WatchOnLan, TellsComingsGoingsAndConflictsInOrder) {
     const auto second = watch();
     EXPECT_THAT(names(second->radars()), ElementsAre("North", "South"))
         << "as it is, before an event is taken";
-    north.reset();
-    EXPECT_EQ(next(*watching), "North left, Silent");
-    EXPECT_THAT(names(watching->radars()), ElementsAre("South"));
     EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
     EXPECT_THAT(names(second->radars()), ElementsAre()) << "as the events taken tell";
     EXPECT_EQ(next(*second), "North appeared, 16 at 10.20.1.1");
-    EXPECT_GE(second->find("North")->age, 0ms);
     EXPECT_EQ(next(*second), "South appeared, 17 at 10.20.1.2");
-    EXPECT_EQ(next(*second), "North left, Silent");
+    EXPECT_GE(second->find("South")->age, 0ms);
     EXPECT_LT(second->find("South")->age, 8s);
     EXPECT_EQ(next(*second, 0ms), "nothing");
 }
@@ -101,10 +93,8 @@ TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
     m_lan.changeAddress(m_display, 0, "");
     EXPECT_EQ(next(*watching), "lost 10.20.2.9");
     EXPECT_EQ(watching->localAddress().origin, Origin::None);
-    EXPECT_EQ(next(*watching), "North left, LocalAddress");
     m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
     EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
     m_lan.unplug(m_display);
     m_lan.plugIn(m_display);
     m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
@@ -185,46 +175,6 @@ TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
     const auto found = watching->find("ZQ-7:TCP");
     ASSERT_TRUE(found && found->tcp && found->streams.empty());
     EXPECT_THAT(names(watching->radars()), ElementsAre("ZQ-7"));
-}
-
-TEST_F(WatchOnLan, ReaderThatDoesNotReadLosesIntermediateStatesOnly) {
-    const auto north = serve(m_host1, "North", 16);
-    const auto reads = watch();
-    const auto sleeps = watch();
-    std::set<std::string> told;
-    const auto forge = [&](int round) {
-        const auto sender =
-            makeIn<net::UdpSender>(m_host2, "236.6.7.5", static_cast<unsigned short>(6878),
-                                   net::transAddr("10.20.1.2"), static_cast<unsigned short>(0));
-        for (int i = 0; i < 4096; ++i) {
-            const std::string bytes =
-                protocol::composeAnnouncement("f" + std::to_string(i), static_cast<std::uint8_t>(round), 1);
-            sender->sendData(bytes.data(), static_cast<int>(bytes.size()));
-            if (i % 50 == 49)
-                std::this_thread::sleep_for(5ms); // others share the kernel's queue
-        }
-    };
-    for (const int id : {20, 21, 22})
-        forge(id);
-    const auto readAll = [](Watch& watch) {
-        std::size_t count = 0;
-        unsigned merged = 0;
-        while (const auto event = watch.next(0ms)) {
-            ++count;
-            merged += event->merged;
-        }
-        return std::pair(count, merged);
-    };
-    EXPECT_TRUE(comesTrue([&] { return readAll(*reads).first == 0 && reads->find("North"); }));
-    const auto [count, merged] = readAll(*sleeps);
-    EXPECT_GT(merged, 0U);
-    EXPECT_LE(count, radar::detail::EventQueue::kKept + 4096 + 64);
-    EXPECT_TRUE(comesTrue([&] {
-        readAll(*sleeps);
-        readAll(*reads);
-        return names(sleeps->radars()) == names(reads->radars());
-    }));
-    EXPECT_TRUE(sleeps->find("North").has_value()) << "who was there before stays";
 }
 
 } // namespace
