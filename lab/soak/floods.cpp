@@ -19,6 +19,8 @@ using net::detail::Descriptor;
 
 constexpr double kRate = 100'000; // datagrams a second
 constexpr size_t kMaxNames = 4096;
+constexpr double kLateLimit = 5;     // s: a query in vain, and the next
+constexpr double kLateHostLimit = 8; // s: the same behind a negotiation
 
 /// Sends forged messages in batches from the stranger, at the rate above where the machine can.
 class Flood {
@@ -71,12 +73,17 @@ private:
     std::jthread m_thread;
 };
 
-/// An announcement with a new name that contains what a shell, a terminal, JSON or printf would interpret.
+/// An announcement with a new name that contains what a shell, a terminal, JSON or printf would interpret,
+/// and now and then one with the name of a real radar.
 std::string forgedAnnouncement(unsigned long number) {
+    constexpr unsigned long kBetweenRealNames = 64;
     constexpr const char* kTricks[] = {"",         "$(id)", "\x1b[2J", "\"},{\"", "%n%s",
                                        "\xff\xfe", "`id`",  "../",     "\r\n"};
     char name[17];
-    std::snprintf(name, sizeof name, "%s%08lX", kTricks[number % std::size(kTricks)], number);
+    if (number % kBetweenRealNames == 0)
+        std::snprintf(name, sizeof name, "%s", kPermanentRadar);
+    else
+        std::snprintf(name, sizeof name, "%s%08lX", kTricks[number % std::size(kTricks)], number);
     std::string announcement(wire::kShortAnnouncement.length, '\0');
     announcement.replace(wire::kCode.offset, wire::kCode.width, wire::text(wire::kAnnouncement));
     return announcement.replace(wire::kName.offset, std::strlen(name), name);
@@ -145,18 +152,27 @@ Figures announcements(Testbed& testbed) {
 
     LookUps lookUps;
     Flood flood(testbed.stranger(), wire::kDiscovery, forgedAnnouncement);
-    for (const auto end = Clock::now() + (testbed.full() ? 60s : 15s); Clock::now() < end;) {
-        std::this_thread::sleep_for(50ms);
-        lookUps.sample(client, real);
-        if (!std::ranges::all_of(real, [&](const auto& name) { return watch.lists(name); }))
-            ++lookUps.missing;
-    }
+    const auto look = [&](std::chrono::seconds duration) {
+        for (const auto end = Clock::now() + duration; Clock::now() < end;) {
+            std::this_thread::sleep_for(50ms);
+            lookUps.sample(client, real);
+            if (!std::ranges::all_of(real, [&](const auto& name) { return watch.lists(name); }))
+                ++lookUps.missing;
+        }
+    };
+    const std::chrono::seconds half = testbed.full() ? 30s : 8s;
+    look(half);
+    real.push_back(testbed.newName());
+    servers.push_back(testbed.serve(testbed.host(), real.back(), 30));
+    const double late = secondsUntil(allListed, 60s, "a radar that comes meanwhile is listed");
+    look(half);
     const bool printable = listIsPrintable(testbed);
     const double rate = flood.end();
     if (!printable)
         throw RequirementFailed("radarctl list prints what a terminal acts on");
     const long after = resourcesOf(watch.process().pid()).memory;
     return {{"times a real radar was missing", static_cast<double>(lookUps.missing), 0},
+            {"s until one that comes meanwhile is listed", late, kLateLimit},
             {"names at most", static_cast<double>(lookUps.mostNames), kMaxNames},
             {"MB more in radarctl watch", static_cast<double>(after - before) / 1000, 150},
             {"ms for the longest getRadar", lookUps.longestNames, 500},
@@ -164,12 +180,29 @@ Figures announcements(Testbed& testbed) {
             {"forged a second", rate}};
 }
 
-/// A display must list the host all the time, and the host must answer quickly afterwards.
-Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge forge) {
+/// The ids that the permanent host has told to serve since the last call.
+int idsOfPermanentHost(Testbed& testbed) {
+    int ids = 0;
+    while (const auto line = testbed.permanentHost().nextLine(0ms))
+        ids += line->starts_with("serving") ? 1 : 0;
+    return ids;
+}
+
+/// A display must list the host all the time, one that starts meanwhile must find it, and the host must
+/// answer quickly afterwards.
+/// @param whileFlooded more to try meanwhile
+Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge forge,
+                    Figures (*whileFlooded)(Testbed&, const Client&)) {
     const Client client(testbed.display(), kDisplayAddress);
     secondsUntil([&] { return client.lists(kPermanentRadar); }, 30s, "the host is listed");
+    const pid_t host = testbed.permanentHost().pid();
+    const long before = resourcesOf(host).memory;
     LookUps lookUps;
     Flood flood(testbed.stranger(), group, forge);
+    const Client late(testbed.display(), kDisplayAddress);
+    const double found = secondsUntil([&] { return late.lists(kPermanentRadar); }, 60s,
+                                      "a display that starts meanwhile lists the host");
+    Figures more = whileFlooded(testbed, client);
     for (const auto end = Clock::now() + (testbed.full() ? 60s : 10s); Clock::now() < end;) {
         std::this_thread::sleep_for(50ms);
         lookUps.sample(client, {kPermanentRadar});
@@ -181,34 +214,67 @@ Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge for
     const auto ended = Clock::now();
     const double answers =
         secondsUntil([&] { return listener.receivedSince(ended, kPermanentRadar); }, 60s, "the host answers");
-    return {{"times the host was missing", static_cast<double>(lookUps.missing), 0},
-            {"s until it answers afterwards", answers, 2},
-            {"forged a second", rate}};
+    Figures figures{
+        {"times the host was missing", static_cast<double>(lookUps.missing), 0},
+        {"s until a display that starts meanwhile lists it", found, kLateLimit},
+        {"s until it answers afterwards", answers, 2},
+        {"MB more in the host", static_cast<double>(resourcesOf(host).memory - before) / 1000, 20},
+        {"forged a second", rate}};
+    figures.insert(figures.end(), more.begin(), more.end());
+    return figures;
 }
 
 Figures objections(Testbed& testbed) {
-    while (testbed.permanentHost().nextLine(0ms)) // what it printed earlier
-        continue;
-    Figures figures = againstHost(testbed, wire::kNegotiation, forgedObjection);
-    const auto serves = [&] { return testbed.permanentHost().lineWith("serving", 0ms).has_value(); };
+    idsOfPermanentHost(testbed); // earlier ones
+    Figures figures = againstHost(testbed, wire::kNegotiation, forgedObjection,
+                                  [](Testbed&, const Client&) { return Figures{}; });
     figures.push_back(
-        {"s more until it has an id again", secondsUntil(serves, 60s, "the host has an id"), 5});
+        {"s more until it has an id again",
+         secondsUntil([&] { return idsOfPermanentHost(testbed) > 0; }, 60s, "the host has an id"), 5});
+    return figures;
+}
+
+/// A flood that is no reason for the host to change anything, nor for another one not to come.
+Figures floodWithoutReason(Testbed& testbed, const wire::Group& group, Flood::Forge forge) {
+    idsOfPermanentHost(testbed); // earlier ones
+    Figures figures = againstHost(testbed, group, forge, [](Testbed& lan, const Client& client) {
+        const std::string name = lan.newName();
+        const auto start = Clock::now();
+        const lab::Process host = lan.startHost(lan.host(), name, 40);
+        secondsUntil([&] { return client.lists(name); }, 60s, "a host that starts meanwhile is listed");
+        return Figures{
+            {"s until a host that starts meanwhile is listed", secondsSince(start), kLateHostLimit}};
+    });
+    figures.push_back(
+        {"times it negotiated another id", static_cast<double>(idsOfPermanentHost(testbed)), 0});
     return figures;
 }
 
 constexpr Fault kFaults[] = {
     {"flood-names", "Forged announcements with ever new names",
-     "up to 100,000 a second for 15 s (60 s with --full), with shell, terminal and JSON tricks",
-     "the real radars stay listed, the table holds 4096 names at most, look-ups stay fast", announcements},
+     "up to 100,000 a second for 16 s (60 s with --full), with shell, terminal and JSON tricks, and every "
+     "64th with "
+     "the name of a real radar",
+     "the real radars stay listed, one that comes meanwhile is listed within 5 s, the table holds 4096 names "
+     "at "
+     "most, look-ups stay fast",
+     announcements},
     {"flood-objections", "Forged objections",
      "to every id in turn, up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, answers within 2 s afterwards, and has an id 5 s later", objections},
+     "the host stays listed, a display that starts meanwhile lists it within 5 s; it answers within 2 s "
+     "afterwards, "
+     "and has an id 5 s later",
+     objections},
     {"flood-resets", "Forged resets", "up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, and answers within 2 s afterwards",
-     [](Testbed& testbed) { return againstHost(testbed, wire::kNegotiation, forgedReset); }},
+     "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
+     "and 8 s; "
+     "it answers within 2 s afterwards",
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kNegotiation, forgedReset); }},
     {"flood-queries", "Forged queries", "up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, and answers within 2 s afterwards",
-     [](Testbed& testbed) { return againstHost(testbed, wire::kDiscovery, forgedQuery); }},
+     "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
+     "and 8 s; "
+     "it answers within 2 s afterwards",
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kDiscovery, forgedQuery); }},
 };
 
 } // namespace
