@@ -59,8 +59,8 @@ Options parse(int argc, char** argv) {
 
 std::vector<Fault> selectFaults(const std::vector<std::string>& patterns) {
     std::vector<Fault> faults;
-    for (const auto& family :
-         {interfaceFaults(), lossFaults(), hostFaults(), tcpFaults(), clockFaults(), floodFaults()})
+    for (const auto& family : {interfaceFaults(), surroundingFaults(), lossFaults(), hostFaults(),
+                               tcpFaults(), clockFaults(), floodFaults()})
         for (const Fault& fault : family)
             if (std::ranges::any_of(patterns, [&](const std::string& pattern) {
                     return ::fnmatch(pattern.c_str(), fault.name, 0) == 0;
