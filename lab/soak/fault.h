@@ -41,5 +41,6 @@ std::span<const Fault> hostFaults();
 std::span<const Fault> tcpFaults();
 std::span<const Fault> clockFaults();
 std::span<const Fault> floodFaults();
+std::span<const Fault> surroundingFaults();
 
 } // namespace soak

@@ -19,13 +19,15 @@ using net::detail::Descriptor;
 
 constexpr double kRate = 100'000; // datagrams a second
 constexpr size_t kMaxNames = 4096;
+constexpr double kLateLimit = 5;     // s: a query in vain, and the next
+constexpr double kLateHostLimit = 8; // s: the same behind a negotiation
 
-/// Sends forged messages in batches from the stranger, at the rate above where the machine can.
+/// Sends forged messages in batches from the stranger, at a rate, where the machine can.
 class Flood {
 public:
     /// @param forge makes the datagram with that number
     using Forge = std::string (*)(unsigned long number);
-    Flood(const lab::Node& node, const wire::Group& group, Forge forge) {
+    Flood(const lab::Node& node, const wire::Group& group, Forge forge, double rate = kRate) : m_rate(rate) {
         const lab::Inside inside = node.enter();
         m_thread =
             std::jthread([this, group, forge](const std::stop_token& stop) { run(group, forge, stop); });
@@ -61,22 +63,28 @@ private:
             m_sent += static_cast<unsigned long>(std::max(sent, 0));
             std::this_thread::sleep_until(
                 start + std::chrono::duration_cast<Clock::duration>(
-                            std::chrono::duration<double>(static_cast<double>(m_sent) / kRate)));
+                            std::chrono::duration<double>(static_cast<double>(m_sent) / m_rate)));
         }
         m_seconds = secondsSince(start);
     }
 
+    const double m_rate;
     unsigned long m_sent = 0; // these two: the thread's, until it has ended
     double m_seconds = 0;
     std::jthread m_thread;
 };
 
-/// An announcement with a new name that contains what a shell, a terminal, JSON or printf would interpret.
+/// An announcement with a new name that contains what a shell, a terminal, JSON or printf would interpret,
+/// and now and then one with the name of a real radar.
 std::string forgedAnnouncement(unsigned long number) {
+    constexpr unsigned long kBetweenRealNames = 64;
     constexpr const char* kTricks[] = {"",         "$(id)", "\x1b[2J", "\"},{\"", "%n%s",
                                        "\xff\xfe", "`id`",  "../",     "\r\n"};
     char name[17];
-    std::snprintf(name, sizeof name, "%s%08lX", kTricks[number % std::size(kTricks)], number);
+    if (number % kBetweenRealNames == 0)
+        std::snprintf(name, sizeof name, "%s", kPermanentRadar);
+    else
+        std::snprintf(name, sizeof name, "%s%08lX", kTricks[number % std::size(kTricks)], number);
     std::string announcement(wire::kShortAnnouncement.length, '\0');
     announcement.replace(wire::kCode.offset, wire::kCode.width, wire::text(wire::kAnnouncement));
     return announcement.replace(wire::kName.offset, std::strlen(name), name);
@@ -164,12 +172,47 @@ Figures announcements(Testbed& testbed) {
             {"forged a second", rate}};
 }
 
-/// A display must list the host all the time, and the host must answer quickly afterwards.
-Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge forge) {
+/// Forged names, no more than a display's processor takes, fill its table before a radar comes.
+Figures tableFull(Testbed& testbed) {
+    constexpr double kTaken = 10'000; // datagrams a second
+    const Client client(testbed.display(), kDisplayAddress);
+    secondsUntil([&] { return client.lists(kPermanentRadar); }, 30s, "the radar is listed");
+    LookUps lookUps;
+    Flood flood(testbed.stranger(), wire::kDiscovery, forgedAnnouncement, kTaken);
+    secondsUntil([&] { return client.client().getRadar().size() == kMaxNames; }, 30s, "the table is full");
+    const std::string name = testbed.newName();
+    const auto server = testbed.serve(testbed.host(), name, 30);
+    const double late = secondsUntil([&] { return client.lists(name); }, 60s, "a radar that comes is listed");
+    for (const auto end = Clock::now() + 15s; Clock::now() < end; std::this_thread::sleep_for(50ms))
+        lookUps.sample(client, {kPermanentRadar, name});
+    return {{"s until a radar that comes is listed", late, kLateLimit},
+            {"times a real one was missing afterwards", static_cast<double>(lookUps.missing), 0},
+            {"forged a second", flood.end()}};
+}
+
+/// The ids that the permanent host has told to serve since the last call.
+int idsOfPermanentHost(Testbed& testbed) {
+    int ids = 0;
+    while (const auto line = testbed.permanentHost().nextLine(0ms))
+        ids += line->starts_with("serving") ? 1 : 0;
+    return ids;
+}
+
+/// A display must list the host all the time, one that starts meanwhile must find it, and the host must
+/// answer quickly afterwards.
+/// @param whileFlooded more to try meanwhile
+Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge forge,
+                    Figures (*whileFlooded)(Testbed&, const Client&)) {
     const Client client(testbed.display(), kDisplayAddress);
     secondsUntil([&] { return client.lists(kPermanentRadar); }, 30s, "the host is listed");
+    const pid_t host = testbed.permanentHost().pid();
+    const long before = resourcesOf(host).memory;
     LookUps lookUps;
     Flood flood(testbed.stranger(), group, forge);
+    const Client late(testbed.display(), kDisplayAddress);
+    const double found = secondsUntil([&] { return late.lists(kPermanentRadar); }, 60s,
+                                      "a display that starts meanwhile lists the host");
+    Figures more = whileFlooded(testbed, client);
     for (const auto end = Clock::now() + (testbed.full() ? 60s : 10s); Clock::now() < end;) {
         std::this_thread::sleep_for(50ms);
         lookUps.sample(client, {kPermanentRadar});
@@ -181,34 +224,67 @@ Figures againstHost(Testbed& testbed, const wire::Group& group, Flood::Forge for
     const auto ended = Clock::now();
     const double answers =
         secondsUntil([&] { return listener.receivedSince(ended, kPermanentRadar); }, 60s, "the host answers");
-    return {{"times the host was missing", static_cast<double>(lookUps.missing), 0},
-            {"s until it answers afterwards", answers, 2},
-            {"forged a second", rate}};
+    Figures figures{
+        {"times the host was missing", static_cast<double>(lookUps.missing), 0},
+        {"s until a display that starts meanwhile lists it", found, kLateLimit},
+        {"s until it answers afterwards", answers, 2},
+        {"MB more in the host", static_cast<double>(resourcesOf(host).memory - before) / 1000, 20},
+        {"forged a second", rate}};
+    figures.insert(figures.end(), more.begin(), more.end());
+    return figures;
 }
 
 Figures objections(Testbed& testbed) {
-    while (testbed.permanentHost().nextLine(0ms)) // what it printed earlier
-        continue;
-    Figures figures = againstHost(testbed, wire::kNegotiation, forgedObjection);
-    const auto serves = [&] { return testbed.permanentHost().lineWith("serving", 0ms).has_value(); };
+    idsOfPermanentHost(testbed); // earlier ones
+    Figures figures = againstHost(testbed, wire::kNegotiation, forgedObjection,
+                                  [](Testbed&, const Client&) { return Figures{}; });
     figures.push_back(
-        {"s more until it has an id again", secondsUntil(serves, 60s, "the host has an id"), 5});
+        {"s more until it has an id again",
+         secondsUntil([&] { return idsOfPermanentHost(testbed) > 0; }, 60s, "the host has an id"), 5});
+    return figures;
+}
+
+/// A flood that is no reason for the host to change anything, nor for another one not to come.
+Figures floodWithoutReason(Testbed& testbed, const wire::Group& group, Flood::Forge forge) {
+    idsOfPermanentHost(testbed); // earlier ones
+    Figures figures = againstHost(testbed, group, forge, [](Testbed& lan, const Client& client) {
+        const std::string name = lan.newName();
+        const auto start = Clock::now();
+        const lab::Process host = lan.startHost(lan.host(), name, 40);
+        secondsUntil([&] { return client.lists(name); }, 60s, "a host that starts meanwhile is listed");
+        return Figures{
+            {"s until a host that starts meanwhile is listed", secondsSince(start), kLateHostLimit}};
+    });
+    figures.push_back(
+        {"times it negotiated another id", static_cast<double>(idsOfPermanentHost(testbed)), 0});
     return figures;
 }
 
 constexpr Fault kFaults[] = {
     {"flood-names", "Forged announcements with ever new names",
-     "up to 100,000 a second for 15 s (60 s with --full), with shell, terminal and JSON tricks",
+     "up to 100,000 a second for 15 s (60 s with --full), with shell, terminal and JSON tricks, and every "
+     "64th with the "
+     "name of a real radar",
      "the real radars stay listed, the table holds 4096 names at most, look-ups stay fast", announcements},
+    {"flood-full", "Radar that comes when forged names fill the table",
+     "10,000 forged a second, every 64th with the name of a listed radar",
+     "it is listed within 5 s, and both stay listed", tableFull},
     {"flood-objections", "Forged objections",
      "to every id in turn, up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, answers within 2 s afterwards, and has an id 5 s later", objections},
+     "the host stays listed, a display that starts meanwhile lists it within 5 s; it answers within 2 s "
+     "afterwards, "
+     "and has an id 5 s later",
+     objections},
     {"flood-resets", "Forged resets", "up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, and answers within 2 s afterwards",
-     [](Testbed& testbed) { return againstHost(testbed, wire::kNegotiation, forgedReset); }},
+     "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
+     "and 8 s; "
+     "it answers within 2 s afterwards",
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kNegotiation, forgedReset); }},
     {"flood-queries", "Forged queries", "up to 100,000 a second for 10 s (60 s with --full)",
-     "the host stays listed, and answers within 2 s afterwards",
-     [](Testbed& testbed) { return againstHost(testbed, wire::kDiscovery, forgedQuery); }},
+     "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
+     "and 8 s; "
+     "it answers within 2 s afterwards",
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kDiscovery, forgedQuery); }},
 };
 
 } // namespace

@@ -44,6 +44,28 @@ Figures frozen(Testbed& testbed) {
             {"s until it is back", secondsUntilListed(client, name), kListingLimit}};
 }
 
+/// The display is stopped while one host dies and another one comes.
+Figures displayFrozen(Testbed& testbed) {
+    Watch watch(testbed.display(), testbed.profile(std::string("[Local]\nIP = ") + kDisplayAddress + "\n"));
+    const std::string dies = testbed.newName();
+    const std::string comes = testbed.newName();
+    lab::Process first = testbed.startHost(testbed.host(), dies, 21);
+    secondsUntil([&] { return watch.lists(kPermanentRadar) && watch.lists(dies); }, 30s, "both are listed");
+    watch.departures();
+    watch.process().signal(SIGSTOP);
+    const auto stopped = Clock::now();
+    first.signal(SIGKILL);
+    const lab::Process second = testbed.startHost(testbed.host(), comes, 22);
+    std::this_thread::sleep_until(stopped + 20s);
+    watch.process().signal(SIGCONT);
+    const auto seconds =
+        secondsUntil({[&] { return watch.lists(comes); }, [&] { return !watch.lists(dies); }}, 60s,
+                     "the display lists what is there");
+    return {{"s until it lists the new radar", seconds[0], kListingLimit},
+            {"s until the dead one leaves", seconds[1], kRemovalLimit},
+            {"living radars that left", static_cast<double>(watch.departures() - 1), 0}};
+}
+
 Figures renamed(Testbed& testbed) {
     const Client client(testbed.display(), kDisplayAddress);
     const std::string before = testbed.newName();
@@ -69,6 +91,15 @@ int idOf(lab::Process& host) {
     return std::stoi(line->substr(line->find(before) + before.size()));
 }
 
+bool doctorNamesTwoHolders(Testbed& testbed) {
+    lab::Process doctor =
+        testbed.display().start({.command = {lab::programBeside("radarctl"), "doctor", "--json", "--seconds",
+                                             "3", "--interface", "eth0"}});
+    if (!doctor.wait(60s))
+        throw RequirementFailed("radarctl doctor does not end");
+    return doctor.output().find("\"same-id\"") != std::string::npos;
+}
+
 Figures oneId(Testbed& testbed) {
     constexpr int kId = 33;
     const std::string radarctl = lab::programBeside("radarctl");
@@ -77,14 +108,33 @@ Figures oneId(Testbed& testbed) {
     lab::Process one = testbed.host().start({.command = first});
     lab::Process other = testbed.stranger().start({.command = second});
     const int holders = (idOf(one) == kId ? 1 : 0) + (idOf(other) == kId ? 1 : 0);
-    lab::Process doctor = testbed.display().start(
-        {.command = {radarctl, "doctor", "--json", "--seconds", "3", "--interface", "eth0"}});
-    if (!doctor.wait(60s))
-        throw RequirementFailed("radarctl doctor does not end");
-    const bool named = doctor.output().find("\"same-id\"") != std::string::npos;
-    if (holders > 1 && !named)
+    if (holders > 1 && !doctorNamesTwoHolders(testbed))
         throw RequirementFailed("radarctl doctor does not name two holders of one id");
     return {{"hosts hold the id, and doctor says so", static_cast<double>(holders)}};
+}
+
+/// Hosts that draw their ids, all at the same moment.
+Figures together(Testbed& testbed) {
+    const std::string radarctl = lab::programBeside("radarctl");
+    std::vector<const lab::Node*> nodes = testbed.additionalDisplays();
+    for (const lab::Node* node : nodes)
+        testbed.lan().restore(*node);
+    std::vector<lab::Process> hosts;
+    for (const lab::Node* node : nodes)
+        hosts.push_back(node->start({.command = {radarctl, "host", "--name", testbed.newName()}}));
+    const auto start = Clock::now();
+    std::set<int> ids;
+    for (lab::Process& host : hosts)
+        ids.insert(idOf(host));
+    const double seconds = secondsSince(start);
+    const bool named = doctorNamesTwoHolders(testbed);
+    hosts.clear();
+    for (const lab::Node* node : nodes)
+        testbed.lan().cut(*node);
+    const auto sharing = static_cast<double>(nodes.size() - ids.size());
+    if (sharing > 0 && !named)
+        throw RequirementFailed("radarctl doctor does not name them");
+    return {{"s until all serve", seconds, 8}, {"share an id, and doctor says so", sharing}};
 }
 
 Figures manyHosts(Testbed& testbed) {
@@ -125,6 +175,14 @@ constexpr Fault kFaults[] = {
      "it leaves within 10 s, and is back within 2.5 s", frozen},
     {"host-renamed", "Host restarted under another name", "killed, and started again with the same id",
      "the new name comes within 4.5 s, the old one leaves within 10 s", renamed},
+    {"display-frozen", "Display frozen and woken",
+     "SIGSTOP for 20 s, while one host is killed and another one comes",
+     "the new one is listed within 2.5 s, the dead one leaves within 10 s, and no living one leaves",
+     displayFrozen},
+    {"hosts-together", "Hosts switched on together", "three at the same moment, each draws its id",
+     "all serve within 8 s; that each has an id of its own is not promised, radarctl doctor names who has "
+     "not",
+     together},
     {"host-one-id", "Two hosts claim one id at once", "two processes started together, both with id 33",
      "nothing is promised; radarctl doctor names it (`same-id`)", oneId},
     {"host-crowd", "48 hosts negotiate at once",

@@ -3,7 +3,11 @@
 
 #include "testbed.h"
 
+#include <UdpSocket/base/scope_exit.h>
+
 #include <nlohmann/json.hpp>
+
+#include <net/if.h>
 
 namespace soak {
 
@@ -12,8 +16,11 @@ namespace {
 constexpr wire::Group kGroups[] = {{"236.9.9.9", 7000}, {"236.9.9.10", 7001}}; // of no radar
 constexpr auto kOutage = 3s;
 constexpr double kRecoveryLimit = 10;
+constexpr auto kQuerierIsTrusted = 15s; // a bridge floods until its querier has been there for so long
+constexpr double kForgottenLimit =
+    6; // s: told silent after two, joined again a second later, reported once a second
 
-using Change = void (*)(Testbed&, const lab::Node&);
+using Change = std::function<void(Testbed&, const lab::Node&)>;
 
 std::string addressOf(const lab::Node& node) {
     const std::string& address = node.plan().interfaces[0].address;
@@ -59,7 +66,7 @@ public:
     Displays& operator=(const Displays&) = delete;
 
     const lab::Node& operator[](size_t number) const { return *m_nodes[number]; }
-    void apply(Change change) const {
+    void apply(const Change& change) const {
         for (const lab::Node* node : m_nodes)
             change(m_testbed, *node);
     }
@@ -71,7 +78,7 @@ private:
 
 // ----------------------------------------------------------------------------------------------- cold boot
 
-Figures coldBoot(Testbed& testbed, Change withhold, Change give) {
+Figures coldBoot(Testbed& testbed, const Change& withhold, const Change& give) {
     const Displays displays(testbed);
     displays.apply(withhold);
     const Client searching(displays[0], "0.0.0.0");
@@ -104,19 +111,31 @@ public:
                                 .errorFile = "/run/soak.errors"})) {}
     /// Whether datagrams came in the seconds that it has reported since the last call.
     bool received() {
-        bool any = false;
-        while (const auto line = m_process.nextLine(0ms))
-            any = any || nlohmann::json::parse(*line)["datagrams"] > 0;
-        return any;
+        return reported([](const nlohmann::json& second) { return second["datagrams"] > 0; });
+    }
+    /// Whether it has reported a second without.
+    bool misses() {
+        return reported([](const nlohmann::json& second) { return second["datagrams"] == 0; });
     }
 
 private:
+    template <class Matches>
+    bool reported(Matches matches) {
+        bool any = false;
+        while (const auto line = m_process.nextLine(0ms)) {
+            const auto document = nlohmann::json::parse(*line);
+            any = any || (document.contains("datagrams") && matches(document));
+        }
+        return any;
+    }
+
     lab::Process m_process;
 };
 
 /// Makes a fault of the displays' interfaces, repairs it, and measures when each receiver receives again.
 /// @param keepsAddress false: the displays have other addresses afterwards
-Figures withDisplayFault(Testbed& testbed, Change damage, Change repair, bool keepsAddress = true) {
+Figures withDisplayFault(Testbed& testbed, const Change& damage, const Change& repair,
+                         bool keepsAddress = true) {
     const Displays displays(testbed);
     const Client searching(displays[0], "0.0.0.0");
     const Client configured(displays[1], addressOf(displays[1]).c_str());
@@ -159,6 +178,20 @@ Figures displayReplaced(Testbed& testbed) {
     return withDisplayFault(testbed, unplug, plugIn);
 }
 
+Figures displaySameIndex(Testbed& testbed) {
+    std::map<std::string, unsigned int> indexes; // by node
+    const auto unplugKnown = [&](Testbed& lan, const lab::Node& node) {
+        {
+            const lab::Inside inside = node.enter();
+            indexes[node.name()] = ::if_nametoindex("eth0");
+        }
+        unplug(lan, node);
+    };
+    return withDisplayFault(testbed, unplugKnown, [&](Testbed& lan, const lab::Node& node) {
+        lan.lan().plugIn(node, 0, indexes.at(node.name()));
+    });
+}
+
 Figures displayCarrier(Testbed& testbed) {
     return withDisplayFault(testbed, cut, restore);
 }
@@ -167,10 +200,28 @@ Figures displayAddress(Testbed& testbed) {
     return withDisplayFault(testbed, takeAddress, giveOtherAddress, false);
 }
 
+/// A switch with IGMP snooping that forgets who listens to the picture.
+Figures switchForgets(Testbed& testbed) {
+    const Displays displays(testbed);
+    runInLan("ip link set lan0 type bridge mcast_snooping 1 mcast_querier 1");
+    const net::detail::ScopeExit trustAgain(
+        [] { runInLan("ip link set lan0 type bridge mcast_snooping 0 mcast_querier 0"); });
+    std::this_thread::sleep_for(kQuerierIsTrusted);
+    ListenProcess picture(displays[0]);
+    secondsUntil([&] { return picture.received(); }, 30s, "the picture is received");
+    const Client client(displays[0], addressOf(displays[0]).c_str());
+    secondsUntil([&] { return client.lists(kPermanentRadar); }, 30s, "the radar is listed");
+    const NetAddress group = client.client().getAddress(kPermanentRadar, 0)->imageStream;
+    runInLan("bridge mdb del dev lan0 port " + displays[0].name() + "-eth0 grp " + net::transAddr(group.ip));
+    secondsUntil([&] { return picture.misses(); }, 10s, "the switch forgets");
+    return {{"s until the picture is back",
+             secondsUntil([&] { return picture.received(); }, 60s, "the picture is back"), kForgottenLimit}};
+}
+
 // ---------------------------------------------------------------------------------------------- on the host
 
 /// The same for the interface of the permanent radar, which sends and receives through any address.
-Figures withHostFault(Testbed& testbed, Change damage, Change repair) {
+Figures withHostFault(Testbed& testbed, const Change& damage, const Change& repair) {
     GroupListener listener(testbed.stranger(), "10.20.1.250");
     const PeriodicSender asking(testbed.stranger(), wire::kDiscovery, std::string(wire::text(wire::kQuery)),
                                 200ms);
@@ -208,6 +259,9 @@ constexpr Fault kFaults[] = {
      "listed within a search and a query: 13 s searched, 10 s configured", interfaceLate},
     {"display-replaced", "Display's interface replaced",
      "deleted, made again 3 s later with the same address", "all receive within 10 s", displayReplaced},
+    {"display-same-index", "Display's interface back with its index",
+     "deleted, made again 3 s later with the same address and the system's same number",
+     "all receive within 10 s", displaySameIndex},
     {"display-carrier", "Display's carrier lost", "far end of the link down for 3 s",
      "all receive within 10 s", displayCarrier},
     {"display-address", "Display's address changed", "taken away, another one given 3 s later",
@@ -218,6 +272,9 @@ constexpr Fault kFaults[] = {
      "the host answers within 10 s", hostCarrier},
     {"host-address", "Host's address changed", "taken away, another one given 3 s later",
      "the host answers within 10 s", hostAddress},
+    {"switch-forgets", "Switch that forgets who listens",
+     "IGMP snooping, and the display's membership in the picture's group deleted",
+     "the picture is back within 6 s", switchForgets},
 };
 
 } // namespace

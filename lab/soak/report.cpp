@@ -45,6 +45,11 @@ std::string summary(const Trials& trials) {
         if (values.size() > 1)
             text += " / " + number(values[values.size() / 2]) + " / " + number(values.back());
         text += " " + trials.figures.front()[i].what;
+        const double limit = trials.figures.front()[i].limit;
+        if (const auto beyond = std::ranges::count_if(values, [&](double value) { return value > limit; });
+            beyond > 0)
+            text += " (**" + std::to_string(beyond) + " of " + std::to_string(values.size()) + " beyond " +
+                    number(limit) + "**)";
     }
     for (const std::string& failure : trials.failures)
         text += (text.empty() ? "" : "; ") + ("**failed**: " + failure);

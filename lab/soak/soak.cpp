@@ -23,10 +23,11 @@ namespace {
 using namespace soak;
 
 constexpr int kMisuse = 2;
+constexpr int kTriesForThePage = 5; // at least: fewer show no spread
 
 struct Options {
     std::vector<std::string> rows{"*"};
-    int times = 1;
+    int times = 0; // as often as the table needs, or once
     bool full = false;
     bool list = false;
     bool mix = false;
@@ -42,7 +43,8 @@ Options parse(int argc, char** argv) {
     CLI::App app{"Makes faults on a virtual LAN and tells whether the library keeps working."};
     app.add_option("--rows", options.rows, "Only the faults whose names match one of these patterns: a*,b*")
         ->delimiter(',');
-    app.add_option("--times", options.times, "How often to try each fault")->check(CLI::Range(1, 1000));
+    app.add_option("--times", options.times, "How often to try each fault: once, five times for a table")
+        ->check(CLI::Range(1, 1000));
     app.add_flag("--full", options.full, "Faults last as long as they are meant to: minutes, some of them");
     app.add_flag("--list", options.list, "List the faults and end");
     app.add_option("--table", options.table, "Replace the table at the end of this page");
@@ -51,6 +53,11 @@ Options parse(int argc, char** argv) {
     app.add_option("--seed", options.seed, "The same seed gives the same sequence (with --mix)")->needs(mix);
     try {
         app.parse(argc, argv);
+        const int fewest = options.table.empty() ? 1 : kTriesForThePage;
+        if (options.times == 0)
+            options.times = fewest;
+        if (options.times < fewest)
+            throw CLI::ValidationError("--table", "a page needs each fault five times");
     } catch (const CLI::ParseError& error) {
         std::exit(app.exit(error) == 0 ? 0 : kMisuse);
     }
@@ -59,8 +66,8 @@ Options parse(int argc, char** argv) {
 
 std::vector<Fault> selectFaults(const std::vector<std::string>& patterns) {
     std::vector<Fault> faults;
-    for (const auto& family :
-         {interfaceFaults(), lossFaults(), hostFaults(), tcpFaults(), clockFaults(), floodFaults()})
+    for (const auto& family : {interfaceFaults(), surroundingFaults(), lossFaults(), hostFaults(),
+                               tcpFaults(), clockFaults(), floodFaults()})
         for (const Fault& fault : family)
             if (std::ranges::any_of(patterns, [&](const std::string& pattern) {
                     return ::fnmatch(pattern.c_str(), fault.name, 0) == 0;

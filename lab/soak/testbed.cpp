@@ -1,6 +1,8 @@
 #include "testbed.h"
 
+#include <UdpSocket/base/command.h>
 #include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/transport/protocol_sockets.h>
 
 #include <nlohmann/json.hpp>
 
@@ -57,6 +59,11 @@ std::vector<double> secondsUntil(const std::vector<std::function<bool()>>& condi
 double secondsUntil(const std::function<bool()>& condition, std::chrono::seconds patience,
                     const std::string& what) {
     return secondsUntil(std::vector{condition}, patience, what).front();
+}
+
+void runInLan(const std::string& command) {
+    if (!net::detail::runCommand(command, true))
+        throw RequirementFailed("it fails: " + command);
 }
 
 Resources resourcesOf(pid_t process) {
@@ -136,8 +143,7 @@ Client::~Client() {
 
 GroupListener::GroupListener(const lab::Node& node, const char* localIp, const wire::Group& group) {
     const lab::Inside inside = node.enter();
-    m_receiver =
-        std::make_unique<net::UdpReceiver>(this, net::transAddr(localIp), group.address, group.port, 1024);
+    m_receiver = net::detail::makeReceiver(this, group, net::transAddr(localIp)); // with room for a full plan
 }
 
 GroupListener::~GroupListener() {

@@ -42,6 +42,10 @@ std::vector<double> secondsUntil(const std::vector<std::function<bool()>>& condi
 double secondsUntil(const std::function<bool()>& condition, std::chrono::seconds patience,
                     const std::string& what);
 
+/// Runs a command in the network of the bridge, which is this process's.
+/// @throws RequirementFailed when it fails
+void runInLan(const std::string& command);
+
 /// What a process holds.
 struct Resources {
     long memory; ///< resident, kB
