@@ -139,6 +139,7 @@ const Scenario kScenarios[] = {
     {"TNetIPHelper", &netIpHelper, {"open", "read", "system"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Discovery, EachFailure, testing::ValuesIn(kScenarios), nameOf);
+INSTANTIATE_TEST_SUITE_P(Discovery, EachCall, testing::ValuesIn(kScenarios), nameOf);
+INSTANTIATE_TEST_SUITE_P(Discovery, EachAllocation, testing::ValuesIn(kScenarios), nameOf);
 
 } // namespace

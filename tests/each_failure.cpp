@@ -17,13 +17,14 @@
 
 namespace {
 
-constexpr int kAtOnce = 4;         // processes
+constexpr int kAtOnce = 8;         // processes
 constexpr int kMost = 200;         // calls or allocations of a scenario
 constexpr unsigned kDeadline = 60; // seconds of a process
 
 /// Without a word in any class, for these reasons or for any: to wait in vain is no failure, what is told to
 /// an interface that was replaced is told again, and the rest is asked again later, or done without.
 const std::map<std::string_view, std::vector<int>> kAlwaysQuiet = {
+    {"EPOLL_CTL_DEL", {}},
     {"SO_KEEPALIVE and the like", {}},
     {"accept4", {EAGAIN, EINTR}},
     {"close", {}},

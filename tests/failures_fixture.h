@@ -22,9 +22,9 @@
 
 inline constexpr const char* kLocalAddress = "10.1.0.1";
 
-class EachFailure : public OneInterface, public testing::WithParamInterface<Scenario> {
+class EachCall : public OneInterface, public testing::WithParamInterface<Scenario> {
 protected:
-    EachFailure() {
+    EachCall() {
         using namespace std::chrono_literals;
         net::detail::Timing timing;
         timing.search = {5ms, 5ms, 40ms, 5ms};
@@ -46,11 +46,13 @@ private:
     const ProfileDirectory m_profile{"[Local]\nMulticastLoop = true\n"};
 };
 
-TEST_P(EachFailure, OfACallIsBorneAndTold) {
+class EachAllocation : public EachCall {};
+
+TEST_P(EachCall, MayFail) {
     failEachCall(GetParam());
 }
 
-TEST_P(EachFailure, OfAnAllocationIsBorneAndTold) {
+TEST_P(EachAllocation, MayFail) {
     failEachAllocation(GetParam());
 }
 

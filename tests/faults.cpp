@@ -199,8 +199,6 @@ REPLACE(int, recvmmsg, (int fd, mmsghdr* messages, unsigned int count, int flags
         (fd, messages, count, flags, timeout))
 REPLACE(int, poll, (pollfd * polled, nfds_t count, int timeout), , (polled, count, timeout))
 REPLACE(int, epoll_create1, (int flags), noexcept, (flags))
-REPLACE(int, epoll_ctl, (int set, int operation, int fd, epoll_event* event), noexcept,
-        (set, operation, fd, event))
 REPLACE(int, epoll_wait, (int set, epoll_event* events, int count, int timeout), ,
         (set, events, count, timeout))
 REPLACE(int, eventfd, (unsigned int value, int flags), noexcept, (value, flags))
@@ -229,6 +227,13 @@ REPLACEMENT int setsockopt(int fd, int level, int option, const void* value, soc
     REAL(setsockopt);
     return fails("setsockopt", PLACE, optionName(level, option)) ? failure<int>()
                                                                  : real(fd, level, option, value, length);
+}
+
+REPLACEMENT int epoll_ctl(int set, int operation, int fd, epoll_event* event) noexcept {
+    REAL(epoll_ctl);
+    return fails("epoll_ctl", PLACE, operation == EPOLL_CTL_DEL ? "EPOLL_CTL_DEL" : nullptr)
+               ? failure<int>()
+               : real(set, operation, fd, event);
 }
 
 // These report their errors by what they return.

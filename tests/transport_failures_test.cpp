@@ -196,6 +196,7 @@ const Scenario kScenarios[] = {
     {"TcpClient", &tcpClient, {"connect", "fcntl", "poll", "recv", "send"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Transport, EachFailure, testing::ValuesIn(kScenarios), nameOf);
+INSTANTIATE_TEST_SUITE_P(Transport, EachCall, testing::ValuesIn(kScenarios), nameOf);
+INSTANTIATE_TEST_SUITE_P(Transport, EachAllocation, testing::ValuesIn(kScenarios), nameOf);
 
 } // namespace
