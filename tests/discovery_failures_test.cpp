@@ -35,10 +35,7 @@ void hostServer() {
     }));
 }
 
-/// Another than that of the processes beside this one.
-std::uint8_t ownId() {
-    return static_cast<std::uint8_t>(16 + ::getpid() % 48);
-}
+constexpr std::uint8_t kOwnId = 20;
 
 void hostNegotiator() {
     std::atomic<int> logins = 0;
@@ -46,14 +43,14 @@ void hostNegotiator() {
     Source other(wire::kNegotiation);
     HostNegotiator negotiator([&] { ++resets; }, [&](std::uint8_t) { ++logins; });
     try {
-        negotiator.asyncLogin(ownId());
+        negotiator.asyncLogin(kOwnId);
     } catch (const std::system_error& error) {
         std::fprintf(stderr, "thrown: %s\n", error.code().message().c_str());
-        EXPECT_TRUE(negotiator.asyncLogin(ownId())) << "as if it had not been called";
+        EXPECT_TRUE(negotiator.asyncLogin(kOwnId)) << "as if it had not been called";
     }
     EXPECT_TRUE(inTheEnd([&] { return logins > 0 || isSaid("a callback was lost"); }));
     soon([&] {
-        other.send(wire::text(wire::Negotiation{wire::kObjection, ownId()}));
+        other.send(wire::text(wire::Negotiation{wire::kObjection, kOwnId}));
         pace();
         return logins > 1;
     });
@@ -62,7 +59,7 @@ void hostNegotiator() {
 
 void hostNegotiatorOnOwnThread() {
     HostNegotiator negotiator(nullptr, [](std::uint8_t) {});
-    EXPECT_NE(negotiator.syncLogin(ownId()), 0);
+    EXPECT_NE(negotiator.syncLogin(kOwnId), 0);
 }
 
 class Locals final : public iMultiRadarCheckerListener {

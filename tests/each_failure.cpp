@@ -1,5 +1,7 @@
 #include "each_failure.h"
 
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,7 +10,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <new>
 #include <optional>
@@ -20,6 +24,34 @@ namespace {
 constexpr int kAtOnce = 8;         // processes
 constexpr int kMost = 200;         // calls or allocations of a scenario
 constexpr unsigned kDeadline = 60; // seconds of a process
+
+std::string networkOf(int place) {
+    return "place" + std::to_string(place);
+}
+
+/// One network a process, since a port that is not to be shared is refused to the others.
+void makeNetworks() {
+    for (int i = 0; i < kAtOnce && !std::filesystem::exists("/run/netns/" + networkOf(i)); ++i) {
+        const std::string network = networkOf(i);
+        const std::string make = "ip netns add " + network + " && ip -n " + network +
+                                 " -batch - << end\n"
+                                 "link set lo up\n"
+                                 "link add eth0 type veth peer name far\n"
+                                 "link set far up\n"
+                                 "addr add 10.1.0.1/24 brd + dev eth0\n"
+                                 "link set eth0 up\n"
+                                 "route add 224.0.0.0/4 dev eth0\n"
+                                 "end\n";
+        ASSERT_EQ(std::system(make.c_str()), 0);
+    }
+}
+
+void enterNetwork(int place) {
+    const std::string path = "/run/netns/" + networkOf(place);
+    const int network = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(::setns(network, CLONE_NEWNET), 0);
+    ::close(network);
+}
 
 /// Without a word in any class, for these reasons or for any: to wait in vain is no failure, what is told to
 /// an interface that was replaced is told again, and the rest is asked again later, or done without.
@@ -150,6 +182,7 @@ public:
 private:
     [[noreturn]] void run(const Scenario& scenario, Fail fail, std::size_t reason) {
         ::alarm(kDeadline);
+        enterNetwork(m_number % kAtOnce);
         for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
             ::dup2(m_output[stream - STDOUT_FILENO], stream);
         std::thread([] {}).join(); // ThreadSanitizer starts one of its own with the first
@@ -176,6 +209,7 @@ private:
 };
 
 void failEach(const Scenario& scenario, Fail fail) {
+    makeNetworks();
     int played = 0;
     int last = 1;
     for (bool over = false; !over && last < kMost; last += kAtOnce)

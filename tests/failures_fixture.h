@@ -4,7 +4,6 @@
 #pragma once
 
 #include "each_failure.h"
-#include "one_interface.h"
 #include "profile_directory.h"
 
 #include <UdpSocket/base/socket.h>
@@ -22,7 +21,7 @@
 
 inline constexpr const char* kLocalAddress = "10.1.0.1";
 
-class EachCall : public OneInterface, public testing::WithParamInterface<Scenario> {
+class EachCall : public testing::TestWithParam<Scenario> {
 protected:
     EachCall() {
         using namespace std::chrono_literals;
