@@ -33,12 +33,13 @@ bool findInterface(std::uint32_t address, std::optional<Interface>& found) {
     if (::getifaddrs(&first) != 0)
         return false;
     const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, &::freeifaddrs);
-    found.reset();
-    for (const ifaddrs* entry = first; entry != nullptr && !found; entry = entry->ifa_next)
+    std::optional<Interface> carrier;
+    for (const ifaddrs* entry = first; entry != nullptr && !carrier; entry = entry->ifa_next)
         if (hasAddress(*entry, address))
-            found = Interface{entry->ifa_name};
-    if (found)
-        found->index = ::if_nametoindex(found->device().c_str());
+            carrier = Interface{entry->ifa_name};
+    if (carrier && (carrier->index = ::if_nametoindex(carrier->device().c_str())) == 0)
+        return false; // without a descriptor; or it has just gone, as the next look says
+    found = carrier;
     return true;
 }
 

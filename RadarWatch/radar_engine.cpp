@@ -208,7 +208,7 @@ void RadarEngine::lookAtLocalAddress(TimePoint moment) {
         m_link.close();
         m_tcp.reset();
         const LocalAddress local = found ? LocalAddress{wanted, m_origin, found->name} : LocalAddress{};
-        update("RadarWatch: a change of the local address", [&](Sightings& sightings) REQUIRES(m_mutex) {
+        const auto change = [&](Sightings& sightings) REQUIRES(m_mutex) {
             m_situation = {local.address,
                            found ? found->device() : "",
                            found ? found->index : 0,
@@ -216,7 +216,9 @@ void RadarEngine::lookAtLocalAddress(TimePoint moment) {
                            {}};
             ++m_changes;
             return sightings.setLocal(local, moment);
-        });
+        };
+        if (!update("RadarWatch: a change of the local address", change))
+            return; // the next look finds it again
         m_interface = found;
         m_lookedFor = wanted;
         m_removals = removals;
@@ -277,7 +279,7 @@ void RadarEngine::takeAnnouncement(std::string_view datagram, std::uint32_t sour
 }
 
 template <class Change>
-void RadarEngine::update(const char* step, Change change) {
+bool RadarEngine::update(const char* step, Change change) {
     const bool done = runStep(step, [&] {
         Lock lock(m_mutex);
         const std::vector<Event> events = change(m_sightings);
@@ -288,11 +290,12 @@ void RadarEngine::update(const char* step, Change change) {
             inbox->put(events);
     });
     if (done)
-        return;
+        return true;
     Lock lock(m_mutex);
     ++m_changes;
     for (Inbox* inbox : m_inboxes)
         inbox->fallBehind();
+    return false;
 }
 
 void RadarEngine::sendWaiting() {

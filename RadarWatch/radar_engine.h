@@ -79,8 +79,9 @@ private:
     Situation situationOf(const std::string& name) const;
 
     /// Changes the sightings, and tells what happened. @param change takes the sightings, returns events
+    /// @return false: memory ran out
     template <class Change>
-    void update(const char* step, Change change);
+    bool update(const char* step, Change change);
 
     const std::uint32_t m_radarIp; // the fixed radar, network order; 0: none
     LocalAddress::Origin m_origin;

@@ -1,0 +1,244 @@
+#include "each_failure.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+constexpr int kAtOnce = 8;         // processes
+constexpr int kMost = 200;         // calls or allocations of a scenario
+constexpr unsigned kDeadline = 60; // seconds of a process
+
+std::string networkOf(int place) {
+    return "place" + std::to_string(place);
+}
+
+/// One network a process, since a port that is not to be shared is refused to the others.
+void makeNetworks() {
+    for (int i = 0; i < kAtOnce && !std::filesystem::exists("/run/netns/" + networkOf(i)); ++i) {
+        const std::string network = networkOf(i);
+        const std::string make = "ip netns add " + network + " && ip -n " + network +
+                                 " -batch - << end\n"
+                                 "link set lo up\n"
+                                 "link add eth0 type veth peer name far\n"
+                                 "link set far up\n"
+                                 "addr add 10.1.0.1/24 brd + dev eth0\n"
+                                 "link set eth0 up\n"
+                                 "route add 224.0.0.0/4 dev eth0\n"
+                                 "end\n";
+        ASSERT_EQ(std::system(make.c_str()), 0);
+    }
+}
+
+void enterNetwork(int place) {
+    const std::string path = "/run/netns/" + networkOf(place);
+    const int network = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(::setns(network, CLONE_NEWNET), 0);
+    ::close(network);
+}
+
+/// Without a word in any class, for these reasons or for any: to wait in vain is no failure, what is told to
+/// an interface that was replaced is told again, and the rest is asked again later, or done without.
+const std::map<std::string_view, std::vector<int>> kAlwaysQuiet = {
+    {"EPOLL_CTL_DEL", {}},
+    {"SO_KEEPALIVE and the like", {}},
+    {"accept4", {EAGAIN, EINTR}},
+    {"close", {}},
+    {"epoll_wait", {EINTR}},
+    {"getsockname", {}},
+    {"getsockopt", {}},
+    {"if_indextoname", {}},
+    {"if_nametoindex", {}},
+    {"netlink bind", {}},
+    {"netlink socket", {}},
+    {"poll", {EINTR}},
+    {"posix_spawn", {}},
+    {"recv", {EAGAIN, EINTR}},
+    {"recvfrom", {EAGAIN, EINTR}},
+    {"recvmmsg", {EAGAIN, EINTR}},
+    {"send", {EINTR}},
+    {"sendmmsg", {ENETUNREACH, ENODEV}},
+    {"sendmsg", {EINTR}},
+    {"sendto", {ENETUNREACH, ENODEV}},
+    {"shutdown", {}},
+    {"socket that asks for a route", {}},
+    {"stat", {}},
+    {"waitpid", {}},
+};
+
+bool isQuiet(const Scenario& scenario, const Fault::Call& call) {
+    if (std::ranges::count(scenario.quiet, call.name) > 0)
+        return true;
+    const auto always = kAlwaysQuiet.find(call.name);
+    return always != kAlwaysQuiet.end() &&
+           (always->second.empty() || std::ranges::count(always->second, call.code) > 0);
+}
+
+std::string textOf(int file) {
+    std::string all;
+    char piece[4096];
+    while (const ssize_t count = ::pread(file, piece, sizeof piece, static_cast<off_t>(all.size()))) {
+        if (count < 0)
+            break;
+        all.append(piece, static_cast<std::size_t>(count));
+    }
+    return all;
+}
+
+/// What a process tells the one that waits for it.
+struct Verdict {
+    bool ended = false;
+    bool over = false;       // there are not so many calls
+    std::size_t reasons = 1; // of the call
+    char failed[80] = "";    // name and reason
+};
+
+template <class Play>
+void playBearing(Play play) {
+    try {
+        play();
+    } catch (const std::bad_alloc& error) {
+        std::fprintf(stderr, "thrown: %s\n", error.what());
+    } catch (const std::system_error& error) {
+        std::fprintf(stderr, "thrown: %s\n", std::strerror(error.code().value()));
+    }
+}
+
+void failCall(const Scenario& scenario, int number, std::size_t reason, Verdict& verdict) {
+    Fault::Call call;
+    {
+        const Fault fault(number, reason);
+        playBearing(scenario.play);
+        call = fault.call();
+    }
+    verdict.over = call.name.empty();
+    verdict.reasons = call.reasons;
+    std::snprintf(verdict.failed, sizeof verdict.failed, "%s: %s", call.name.c_str(),
+                  std::strerror(call.code));
+    EXPECT_TRUE(call.code == 0 || isQuiet(scenario, call) || isSaid(std::strerror(call.code)))
+        << "without a word";
+}
+
+void failAllocation(const Scenario& scenario, int number, std::size_t, Verdict& verdict) {
+    bool hit;
+    {
+        const FailingMemory memory(number, FailingMemory::Threads::kAll);
+        playBearing(scenario.play);
+        hit = memory.hit();
+    }
+    verdict.over = !hit;
+    EXPECT_TRUE(!hit || scenario.quietMemory || isSaid("memory") || isSaid("bad_alloc")) << "without a word";
+}
+
+using Fail = void (*)(const Scenario&, int number, std::size_t reason, Verdict&);
+
+/// A process that plays the scenario.
+class Trial {
+public:
+    Trial(const Scenario& scenario, Fail fail, int number, std::size_t reason)
+        : m_number(number), m_output{::memfd_create("output", MFD_CLOEXEC),
+                                     ::memfd_create("errors", MFD_CLOEXEC)},
+          m_verdict(new (::mmap(nullptr, sizeof(Verdict), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                                -1, 0)) Verdict) {
+        std::fflush(nullptr);
+        m_process = ::fork();
+        if (m_process == 0)
+            run(scenario, fail, reason);
+    }
+    ~Trial() {
+        ::munmap(m_verdict, sizeof(Verdict));
+        for (const int file : m_output)
+            ::close(file);
+    }
+    Trial(const Trial&) = delete;
+    Trial& operator=(const Trial&) = delete;
+
+    Verdict await() {
+        int status = 0;
+        ::waitpid(m_process, &status, 0);
+        EXPECT_TRUE(status == 0 && m_verdict->ended)
+            << "number " << m_number << ", " << m_verdict->failed << ": "
+            << (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "it hangs\n" : "it fails\n")
+            << textOf(m_output[0]) << textOf(m_output[1]);
+        return *m_verdict;
+    }
+
+private:
+    [[noreturn]] void run(const Scenario& scenario, Fail fail, std::size_t reason) {
+        ::alarm(kDeadline);
+        enterNetwork(m_number % kAtOnce);
+        for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+            ::dup2(m_output[stream - STDOUT_FILENO], stream);
+        std::thread([] {}).join(); // ThreadSanitizer starts one of its own with the first
+        const ProcessResources before = ProcessResources::now();
+        const int failuresBefore = failures();
+        fail(scenario, m_number, reason, *m_verdict);
+        EXPECT_TRUE(comesTrue([&] { return ProcessResources::now() == before; }))
+            << ProcessResources::now().descriptors - before.descriptors << " descriptors and "
+            << ProcessResources::now().threads - before.threads << " threads left";
+        std::fflush(nullptr);
+        m_verdict->ended = true;
+        ::_exit(failures() == failuresBefore ? 0 : 1);
+    }
+
+    /// Those of the parent included, before the fork.
+    static int failures() {
+        return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+    }
+
+    const int m_number;
+    const int m_output[2]; // files that take its standard streams
+    Verdict* const m_verdict;
+    pid_t m_process = -1;
+};
+
+void failEach(const Scenario& scenario, Fail fail) {
+    makeNetworks();
+    int played = 0;
+    int last = 1;
+    for (bool over = false; !over && last < kMost; last += kAtOnce)
+        for (std::size_t reason = 0, reasons = 1; reason < reasons; ++reason) {
+            std::optional<Trial> trials[kAtOnce];
+            for (int i = 0; i < kAtOnce; ++i)
+                trials[i].emplace(scenario, fail, last + i, reason);
+            for (auto& trial : trials) {
+                const Verdict verdict = trial->await();
+                over = over || verdict.over;
+                reasons = std::max(reasons, verdict.reasons);
+                ++played;
+            }
+        }
+    std::printf("%s: %d processes, %s\n", scenario.name, played,
+                last < kMost ? "to the end" : "not to the end, which is beyond 200");
+}
+
+} // namespace
+
+bool isSaid(std::string_view text) {
+    const Sound sound;
+    return textOf(STDERR_FILENO).find(text) != std::string::npos;
+}
+
+void failEachCall(const Scenario& scenario) {
+    failEach(scenario, &failCall);
+}
+
+void failEachAllocation(const Scenario& scenario) {
+    failEach(scenario, &failAllocation);
+}

@@ -1,0 +1,118 @@
+/// @file
+/// Where scenarios play whose calls and allocations fail: one interface, short times, and commands that do
+/// nothing.
+#pragma once
+
+#include "each_failure.h"
+#include "profile_directory.h"
+
+#include <UdpSocket/base/socket.h>
+#include <UdpSocket/base/timing.h>
+#include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/protocol/wire.h>
+#include <UdpSocket/udpsocket.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+inline constexpr const char* kLocalAddress = "10.1.0.1";
+
+class EachCall : public testing::TestWithParam<Scenario> {
+protected:
+    EachCall() {
+        using namespace std::chrono_literals;
+        net::detail::Timing timing;
+        timing.search = {5ms, 5ms, 40ms, 5ms};
+        timing.addressLook = 10ms;
+        timing.objection = 10ms;
+        timing.receiverRepair = 20ms;
+        timing.checkerProbe = 15ms;
+        timing.checkerPause = 5ms;
+        timing.clientTick = timing.watchPass = timing.restartCarrier = 2ms;
+        net::detail::setTiming(timing);
+        EXPECT_EQ(std::system("mount -t tmpfs none /sys/class/net && mkdir -p /run/test/bin && cd "
+                              "/run/test/bin && for name in sudo route ifconfig nmcli "
+                              "service udhcpc; do ln -sf /bin/true $name; done"),
+                  0);
+        ::setenv("PATH", ("/run/test/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
+    }
+
+private:
+    const ProfileDirectory m_profile{"[Local]\nMulticastLoop = true\n"};
+};
+
+class EachAllocation : public EachCall {};
+
+TEST_P(EachCall, MayFail) {
+    failEachCall(GetParam());
+}
+
+TEST_P(EachAllocation, MayFail) {
+    failEachAllocation(GetParam());
+}
+
+/// Sends to a group through the interface; nothing of it fails.
+class Source {
+public:
+    Source(const char* group, unsigned short port) {
+        const Sound sound;
+        m_sender = std::make_unique<net::UdpSender>(group, port, local(), 0);
+        m_sender->setMulticastLoop(true);
+    }
+    explicit Source(const wire::Group& group) : Source(group.address, group.port) {}
+    ~Source() {
+        const Sound sound;
+        m_sender.reset();
+    }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    static unsigned int local() { return net::transAddr(kLocalAddress); }
+    void send(std::string_view bytes) {
+        const Sound sound;
+        m_sender->sendData(bytes.data(), static_cast<int>(bytes.size()));
+    }
+
+private:
+    std::unique_ptr<net::UdpSender> m_sender;
+};
+
+/// Hears a group; nothing of it fails.
+class Ear {
+public:
+    explicit Ear(const wire::Group& group) {
+        const Sound sound;
+        m_socket = net::detail::openSocket(SOCK_DGRAM | SOCK_NONBLOCK);
+        const in_addr_t address = net::transAddr(group.address);
+        EXPECT_TRUE(net::detail::setOption(m_socket, SOL_SOCKET, SO_REUSEADDR, 1) &&
+                    net::detail::bindTo(m_socket, net::detail::makeAddress(address, group.port)) &&
+                    net::detail::joinGroup(m_socket, address, Source::local()));
+    }
+    /// Whether a datagram of that length waits; those before it are dropped.
+    bool hears(ssize_t length) const {
+        const Sound sound;
+        char buffer[1024];
+        for (;;) {
+            const ssize_t count = net::detail::receiveFrom(m_socket, buffer, sizeof buffer).count;
+            if (count == length || count < 0)
+                return count == length;
+        }
+    }
+
+private:
+    net::detail::Descriptor m_socket;
+};
+
+/// Between datagrams: the processor's queue of received ones is shared.
+inline void pace() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+inline std::string northsAnnouncement() {
+    const Sound sound;
+    return protocol::composeAnnouncement("North", 20, 2);
+}
