@@ -17,8 +17,8 @@ using namespace std::chrono_literals;
 TEST(DisplayImage, DrawsTheSimulatorsTargetsOnItsSea) {
     const ProfileDirectory profile("[Local]\nIP = 10.20.2.1\n");
     lab::Lan lan({lab::display(2), lab::radarHost(1)});
-    lab::Process host = lan.node("host1").start(
-        {.command = {RADARCTL, "host", "--name", "North", "--simulate", "--rate", "60"}});
+    lab::Process host =
+        lan.node("host1").start({.command = {RADARCTL, "host", "--name", "North", "--simulate"}});
     const std::string file = "/run/picture.png"; // of the private network
     lab::Process display = lan.node("display").start({.command = {DISPLAY_IMAGE, "North", file}});
     ASSERT_EQ(display.wait(60s), 0) << display.output();
