@@ -1,3 +1,4 @@
+#include <RadarWatch/recorded_lan.h>
 #include <RadarWatch/stream_follower.h>
 #include <RadarWatch/stream_private.h>
 #include <RadarWatch/watch_private.h>
@@ -18,10 +19,12 @@ using net::detail::Lock;
 
 namespace {
 
-/// Sends to one endpoint. Any thread.
+/// Sends to one endpoint; that of a recorded radar takes everything. Any thread.
 class Outlet {
 public:
     explicit Outlet(const detail::Target& target) {
+        if (RecordedLan::isRecorded(target.localAddress))
+            return;
         if (target.endpoint.type == detail::kUdp)
             m_udp = std::make_unique<net::UdpSender>(target.endpoint, target.localAddress, std::uint16_t{0});
         else if (target.endpoint.type == detail::kTcpClient)
@@ -33,6 +36,8 @@ public:
     bool send(const char* data, int size) {
         if (m_udp)
             return m_udp->sendData(data, size) == size;
+        if (!m_client && !m_server)
+            return true;
         const bool connected = m_client ? m_client->isConnected() : m_server->isConnected();
         if (!connected) {
             errno = ENOTCONN;

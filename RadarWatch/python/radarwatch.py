@@ -200,6 +200,13 @@ _watch_find = _function("radar_watch_find", _handle, ctypes.c_char_p, _pointer(_
 _watch_local = _function("radar_watch_local", _handle, _pointer(_Local))
 _watch_renumber = _function("radar_watch_renumber", _handle, ctypes.c_char_p)
 _watch_reset = _function("radar_watch_reset", _handle)
+_recording_open = _function(
+    "radar_recording_open", _pointer(_handle), ctypes.c_char_p, ctypes.c_double, ctypes.c_int
+)
+_recording_free = _function("radar_recording_free", _handle, result=None)
+_recording_address = _function("radar_recording_address", _handle, result=ctypes.c_uint32)
+_recording_is_over = _function("radar_recording_is_over", _handle)
+_recording_dropped = _function("radar_recording_dropped", _handle, result=ctypes.c_int64)
 _stream_new = _function(
     "radar_stream_new", _pointer(_handle), _handle, ctypes.c_char_p, ctypes.c_int, _pointer(_StreamOptions)
 )
@@ -841,6 +848,43 @@ class Watch(_Source):
                 raise
             return False
         return True
+
+
+class Recording(_Object):
+    """A recording in place of a LAN, for tests of applications: the radars of a file live again in this process,
+    without a network, for a Watch with this local_address and for Streams on that.
+
+    The radars that announce themselves in its first two seconds are there from the first moment. It stands at that
+    moment until as many Streams listen as were asked for. Then everything comes in the recorded order, with the recorded
+    arrival. What a Stream has no room for waits until it is taken, and all else with it; a Stream that takes nothing for
+    a second loses what it has no room for. What is sent to the radars goes nowhere.
+    """
+
+    def __init__(self, path: Union[str, "os.PathLike[str]"], speed: float = 1, streams: int = 1) -> None:
+        """path: of a pcapng file of this machine's byte order. speed: so many times as fast; 0, as fast as the Streams
+        take it. streams: that are to listen before it begins; 0, as soon as a Watch hears it.
+
+        ValueError: a number is out of its range. OSError: the file cannot be opened, or is of another kind."""
+
+        def new(handle: Any) -> int:
+            return int(_recording_open(handle, os.fsencode(path), speed, streams))
+
+        super().__init__(new, _recording_free)
+
+    @property
+    def local_address(self) -> str:
+        """For Watch."""
+        return _quad(self._call(_recording_address))
+
+    @property
+    def is_over(self) -> bool:
+        """Everything has been handed over to the Streams, which may still have to take it."""
+        return bool(self._call(_recording_is_over))
+
+    @property
+    def dropped(self) -> int:
+        """How many datagrams Streams lost since they took nothing."""
+        return self._call(_recording_dropped)
 
 
 class Stream(_Source):
