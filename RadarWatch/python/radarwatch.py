@@ -660,7 +660,7 @@ class _Object:
 
     def __init__(self, new: Callable[[Any], int], free: Callable[[Any], None]) -> None:
         self._process = os.getpid()
-        self._lock = threading.RLock()  # held while the handle is in use, which is never for long
+        self._lock = threading.RLock()  # held while the handle is in use, but for sends, which may take long
         self._uses = 0  # more than one: in a signal handler
         self._closed = False
         self._alarm = _Alarm()
@@ -698,15 +698,24 @@ class _Object:
     def _in_use(self) -> Iterator[Any]:
         """The handle, which is not freed meanwhile."""
         with self._lock:
-            self._uses += 1
+            self._begin_use()
             try:
-                if self._closed:
-                    raise _Closed(f"this {type(self).__name__} is closed")
                 yield self._handle
             finally:
-                self._uses -= 1
-                if self._closed and self._uses == 0:
-                    self._free()
+                self._end_use()
+
+    def _begin_use(self) -> None:
+        """From here to _end_use the handle is not freed."""
+        with self._lock:
+            if self._closed:
+                raise _Closed(f"this {type(self).__name__} is closed")
+            self._uses += 1
+
+    def _end_use(self) -> None:
+        with self._lock:
+            self._uses -= 1
+            if self._closed and self._uses == 0:
+                self._free()
 
     def _call(self, function: Callable[..., int], *arguments: Any) -> int:
         """Calls a function of the library that does not wait. In a child, it does nothing: 0."""
@@ -999,12 +1008,35 @@ class Control(_Object):
         """Sends one datagram from the local address, or bytes over TCP.
 
         LookupError: there is no such radar now, or it has no such channel. OSError: ENETDOWN, there is no local
-        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent."""
+        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent.
+
+        Over TCP it waits for a peer that does not read. What ends that wait early, as Ctrl-C does, leaves the bytes to
+        go out when the peer reads again, or to be lost with the connection."""
+        if self._process != os.getpid():
+            return
         copy = bytes(data)
+        self._begin_use()
+        if threading.current_thread() is not threading.main_thread():
+            result = self._send(copy)
+        else:  # which signal handlers run on, but not within a call of the library
+            results: List[int] = []
+            helper = threading.Thread(target=lambda: results.append(self._send(copy)), daemon=True)
+            try:
+                helper.start()
+            except BaseException:
+                self._end_use()
+                raise
+            helper.join()
+            result = results[0]
+        if result == -errno.ENOENT:
+            raise LookupError(f"{self._name!r} is not there, or has no such channel")
+        _checked(result)
+
+    def _send(self, data: bytes) -> int:
         try:
-            self._call(_control_send, copy, len(copy))
-        except FileNotFoundError:
-            raise LookupError(f"{self._name!r} is not there, or has no such channel") from None
+            return int(_control_send(self._handle, data, len(data)))
+        finally:
+            self._end_use()
 
 
 def version() -> str:
