@@ -1,5 +1,6 @@
 #include <RadarWatch/inlet.h>
 
+#include <RadarWatch/recorded_lan.h>
 #include <RadarWatch/system_file.h>
 #include <RadarWatch/tcp_feed.h>
 
@@ -33,13 +34,25 @@ std::shared_ptr<Inlet> Inlet::open(const Target& target, std::size_t receiveBuff
     std::shared_ptr<Inlet> inlet(new Inlet);
     inlet->m_device = target.device;
     inlet->m_droppedBefore = countInterfaceDrops(readSystemFile(kInterfaces), target.device);
-    const bool opened = target.endpoint.type == kUdp ? inlet->openUdp(target, receiveBuffer)
-                                                     : inlet->openTcp(target, receiveBuffer);
+    bool opened;
+    if (RecordedLan::isRecorded(target.localAddress))
+        opened = inlet->openRecorded(target);
+    else
+        opened = target.endpoint.type == kUdp ? inlet->openUdp(target, receiveBuffer)
+                                              : inlet->openTcp(target, receiveBuffer);
     const int error = errno;
     if (!opened)
         inlet.reset();
     errno = error;
     return inlet;
+}
+
+bool Inlet::openRecorded(const Target& target) {
+    const std::shared_ptr<RecordedLan> recording = RecordedLan::find(target.localAddress);
+    errno = recording ? EPROTONOSUPPORT : EADDRNOTAVAIL;
+    if (recording && target.endpoint.type == kUdp)
+        m_socket = recording->listen(target.endpoint, 0);
+    return m_socket.isOpen();
 }
 
 bool Inlet::openUdp(const Target& target, std::size_t receiveBuffer) {

@@ -19,7 +19,8 @@ namespace radar::detail {
 class TcpFeed;
 
 /// A UDP socket, tied to its interface; or the end of a pair of sockets, into whose other end a TCP
-/// connection is written. Threads: those of the TCP endpoint; any thread may call any operation.
+/// connection is written, or a recording. Threads: those of the TCP endpoint; any thread may call any
+/// operation.
 class Inlet {
 public:
     /// @param receiveBuffer bytes to ask for
@@ -37,14 +38,17 @@ public:
         if (m_membership)
             m_membership->noteData(arrival);
     }
-    /// Of a group. See Membership::renew
-    Membership::Renewed renew(Membership::Time now) { return m_membership->renew(now); }
+    /// Of a group. See Membership::renew. A recording has no switch.
+    Membership::Renewed renew(Membership::Time now) {
+        return m_membership ? m_membership->renew(now) : Membership::Renewed{Membership::Renewal::DataFlow};
+    }
 
     std::uint64_t droppedHere() const;        ///< by this socket
     std::uint64_t droppedAtInterface() const; ///< since this was opened
 
 private:
     Inlet() = default;
+    bool openRecorded(const Target& target);
     bool openUdp(const Target& target, std::size_t receiveBuffer);
     bool openTcp(const Target& target, std::size_t receiveBuffer);
 

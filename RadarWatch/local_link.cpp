@@ -1,11 +1,14 @@
 #include <RadarWatch/local_link.h>
 
+#include <RadarWatch/recorded_lan.h>
+
 #include <UdpSocket/settings/settings.h>
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -18,6 +21,8 @@ namespace {
 // A full plan of 49 hosts answers one query at once.
 constexpr int kReceiveBuffer = 256 * 1024;
 
+constexpr unsigned kRecordedIndex = INT_MAX; // of no interface
+
 bool hasAddress(const ifaddrs& entry, std::uint32_t address) {
     if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET)
         return false;
@@ -29,6 +34,10 @@ bool hasAddress(const ifaddrs& entry, std::uint32_t address) {
 } // namespace
 
 bool findInterface(std::uint32_t address, std::optional<Interface>& found) {
+    if (RecordedLan::find(address)) {
+        found = Interface{RecordedLan::kInterface, kRecordedIndex};
+        return true;
+    }
     ifaddrs* first = nullptr;
     if (::getifaddrs(&first) != 0)
         return false;
@@ -45,8 +54,13 @@ bool findInterface(std::uint32_t address, std::optional<Interface>& found) {
 
 const char* LocalLink::open(std::uint32_t localIp, const Interface& interface, bool hears) {
     close();
-    const char* refused = hears ? openReceiver(localIp, interface) : nullptr;
-    if (refused == nullptr)
+    const char* refused = nullptr;
+    m_isRecorded = RecordedLan::isRecorded(localIp);
+    if (m_isRecorded)
+        refused = openRecording(localIp);
+    else if (hears)
+        refused = openReceiver(localIp, interface);
+    if (refused == nullptr && !m_isRecorded)
         refused = openSender(localIp);
     if (refused != nullptr) {
         const int error = errno;
@@ -54,6 +68,15 @@ const char* LocalLink::open(std::uint32_t localIp, const Interface& interface, b
         errno = error;
     }
     return refused;
+}
+
+const char* LocalLink::openRecording(std::uint32_t localIp) {
+    const std::shared_ptr<RecordedLan> recording = RecordedLan::find(localIp);
+    errno = EADDRNOTAVAIL;
+    if (recording)
+        m_receiver = recording->listen({::inet_addr(wire::kDiscovery.address), htons(wire::kDiscovery.port)},
+                                       SOCK_NONBLOCK);
+    return m_receiver.isOpen() ? nullptr : "socketpair";
 }
 
 const char* LocalLink::openReceiver(std::uint32_t localIp, const Interface& interface) {
@@ -87,7 +110,14 @@ void LocalLink::close() {
     m_sender.reset();
 }
 
+net::detail::Received LocalLink::receive(char* buffer, int size) const {
+    return m_isRecorded ? RecordedLan::receiveFrom(m_receiver, buffer, size)
+                        : net::detail::receiveFrom(m_receiver, buffer, size);
+}
+
 bool LocalLink::send(const wire::Group& group, std::string_view message) const {
+    if (m_isRecorded)
+        return true;
     const sockaddr_in to = net::detail::makeAddress(::inet_addr(group.address), group.port);
     return net::detail::sendTo(m_sender, message.data(), static_cast<int>(message.size()), to) ==
            static_cast<ssize_t>(message.size());

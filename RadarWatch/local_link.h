@@ -25,7 +25,8 @@ struct Interface {
 /// @return false: the system cannot say, and @p found is as it was
 bool findInterface(std::uint32_t address, std::optional<Interface>& found);
 
-/// A socket that hears announcements, and one that sends to the radars' groups. One thread at a time.
+/// A socket that hears announcements, and one that sends to the radars' groups; on a recording's address,
+/// what is sent goes nowhere. One thread at a time.
 class LocalLink {
 public:
     /// Opens both in the place of those before. @param localIp network order @param hears whether
@@ -33,21 +34,21 @@ public:
     const char* open(std::uint32_t localIp, const Interface& interface, bool hears);
     void close();
 
-    bool isOpen() const { return m_sender.isOpen(); }
+    bool isOpen() const { return m_sender.isOpen() || (m_isRecorded && m_receiver.isOpen()); }
     int receiver() const { return m_receiver.get(); } ///< to be polled; -1: none
     /// Does not wait.
-    net::detail::Received receive(char* buffer, int size) const {
-        return net::detail::receiveFrom(m_receiver, buffer, size);
-    }
+    net::detail::Received receive(char* buffer, int size) const;
     /// Does not wait. @return whether the system took it (errno)
     bool send(const wire::Group& group, std::string_view message) const;
 
 private:
+    const char* openRecording(std::uint32_t localIp);
     const char* openReceiver(std::uint32_t localIp, const Interface& interface);
     const char* openSender(std::uint32_t localIp);
 
     net::detail::Descriptor m_receiver;
     net::detail::Descriptor m_sender;
+    bool m_isRecorded = false;
 };
 
 } // namespace radar::detail

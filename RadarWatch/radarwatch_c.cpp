@@ -1,5 +1,6 @@
 #include <RadarWatch/radarwatch_c.h>
 
+#include <RadarWatch/radarrecording.h>
 #include <RadarWatch/radarstream.h>
 #include <RadarWatch/radarwatch.h>
 #include <UdpSocket/udpsocket.h>
@@ -12,11 +13,16 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
 struct radar_watch {
     radar::Watch watch;
+};
+
+struct radar_recording {
+    radar::Recording recording;
 };
 
 struct radar_stream {
@@ -40,6 +46,8 @@ int guarded(Call&& call) {
         return -ENOMEM;
     } catch (const std::system_error& error) {
         return error.code().value() > 0 ? -error.code().value() : -EIO;
+    } catch (const std::invalid_argument&) {
+        return -EINVAL;
     } catch (const std::exception&) {
         return -EIO;
     }
@@ -294,6 +302,31 @@ int radar_watch_renumber(radar_watch* watch, const char* name) {
 
 int radar_watch_reset(radar_watch* watch) {
     return watch == nullptr ? -EINVAL : guarded([&] { return watch->watch.reset() ? 0 : -EADDRNOTAVAIL; });
+}
+
+int radar_recording_open(radar_recording** recording, const char* path, double speed, int streams) {
+    if (recording == nullptr || path == nullptr || !(speed >= 0) || streams < 0)
+        return -EINVAL;
+    return guarded([&] {
+        *recording = new radar_recording{radar::openRecording(path, speed, static_cast<unsigned>(streams))};
+        return 0;
+    });
+}
+
+void radar_recording_free(radar_recording* recording) {
+    delete recording;
+}
+
+uint32_t radar_recording_address(const radar_recording* recording) {
+    return recording == nullptr ? 0 : recording->recording.localAddress();
+}
+
+int radar_recording_is_over(const radar_recording* recording) {
+    return recording == nullptr ? -EINVAL : int{recording->recording.isOver()};
+}
+
+int64_t radar_recording_dropped(const radar_recording* recording) {
+    return recording == nullptr ? -EINVAL : static_cast<int64_t>(recording->recording.dropped());
 }
 
 int radar_stream_new(radar_stream** stream, const radar_watch* watch, const char* name, int channel,

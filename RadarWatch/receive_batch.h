@@ -16,7 +16,8 @@
 
 namespace radar::detail {
 
-/// Buffers and headers for recvmmsg. One thread at a time.
+/// Buffers and headers for recvmmsg, from sockets of a LAN or from those of a recording, but not of both. One
+/// thread at a time.
 class ReceiveBatch {
 public:
     /// @param largest  bytes of a datagram
@@ -32,8 +33,10 @@ public:
         return m_headers[place].msg_len > 0 || m_headers[place].msg_hdr.msg_namelen > 0;
     }
     bool isCut(std::size_t place) const { return (m_headers[place].msg_hdr.msg_flags & MSG_TRUNC) != 0; }
-    std::size_t size(std::size_t place) const { return m_headers[place].msg_len; }
-    const char* data(std::size_t place) const { return static_cast<const char*>(m_buffers[place].iov_base); }
+    std::size_t size(std::size_t place) const { return m_headers[place].msg_len - m_recordedHeader; }
+    const char* data(std::size_t place) const {
+        return static_cast<const char*>(m_buffers[place].iov_base) + m_recordedHeader;
+    }
     /// Since the epoch; of the system where it said so, else of this call.
     std::chrono::nanoseconds arrival(std::size_t place) const;
     Datagram datagram(std::size_t place) const;
@@ -43,12 +46,16 @@ private:
         char bytes[64]; // a time takes 32
     };
 
+    void lookAt(const net::detail::Descriptor& socket);
+
     const std::unique_ptr<char[]> m_memory;
     std::vector<iovec> m_buffers;
     std::vector<sockaddr_in> m_sources;
     std::vector<Control> m_controls;
     std::vector<mmsghdr> m_headers;
-    std::size_t m_used; // places that the last call filled
+    std::size_t m_used;               // places that the last call filled
+    std::size_t m_recordedHeader = 0; // bytes of it before each datagram; 0: these are of a LAN
+    bool m_isKnown = false;           // which of both
 };
 
 } // namespace radar::detail

@@ -43,11 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           bytes.substr(0, kLongestPayload)});
 
     Notes notes;
+    std::vector<Frames> interfaces;
     const std::size_t whole = wholeBlocks(bytes);
     fuzz::require(whole <= size);
     std::string_view rest = bytes.substr(0, whole);
-    while (const std::size_t length = takeBlock(notes, rest))
+    while (const std::size_t length = takeBlock(notes, rest)) {
+        if (const auto datagram = takeDatagram(interfaces, rest.substr(0, length)))
+            take(*datagram);
         rest.remove_prefix(length);
+    }
     fuzz::require(notes.comments.size() <= Notes::kMaxComments);
     return 0;
 }

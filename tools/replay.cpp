@@ -12,13 +12,17 @@
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <limits>
+#include <map>
 #include <random>
 
 namespace {
@@ -43,6 +47,8 @@ constexpr auto kLook = 2500ms;    // how long to listen for radars that are ther
 constexpr auto kObjection = 1s;   // how long hosts wait for one
 constexpr auto kQueryPeriod = 1s; // meanwhile
 constexpr auto kServing = 20ms;   // how often the radars are looked after at least
+constexpr auto kPutOff = 80ms;    // and how long that may wait while datagrams are due
+constexpr auto kMoment = 2ms;     // before a datagram is due: nothing else is begun
 constexpr auto kRedraw = 200ms;
 constexpr int kReceiveBuffer = 256 * 1024; // bytes
 
@@ -137,6 +143,7 @@ public:
     }
 
     int run() {
+        ::prctl(PR_SET_TIMERSLACK, 1UL); // ns; refused: pauses end 50 us late
         if (!look())
             return kFound;
         m_output.write("replaying " + std::to_string(m_radars.size()) +
@@ -236,15 +243,22 @@ private:
         return waitFor(m_to);
     }
 
-    /// Serves the LAN until that position is due. @return false when stopped
+    /// Serves the LAN until that position is due, but not where it is due in a moment. @return false when
+    /// stopped
     bool waitFor(Time position) {
         const auto target = due(position);
         for (;;) {
             const auto now = Clock::now();
-            if (now >= target && now < m_nextServing)
-                return true;
+            if (now < m_nextServing + kPutOff) {
+                if (now >= target)
+                    return true;
+                if (target - now < kMoment) {
+                    sleepUntil(target);
+                    return true;
+                }
+            }
             const auto pause =
-                now < m_nextServing ? std::min(target, m_nextServing) - now : Clock::duration(0);
+                now < m_nextServing ? std::min(target - kMoment, m_nextServing) - now : Clock::duration(0);
             const Loop::Event event = m_loop.wait(pause);
             if (event == Loop::Event::Stop)
                 return false;
@@ -253,9 +267,19 @@ private:
         }
     }
 
+    /// Whatever keeps this program from running meanwhile, the end does not move.
+    static void sleepUntil(Clock::time_point moment) {
+        const auto sinceBoot = moment.time_since_epoch();
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceBoot);
+        const timespec end{seconds.count(), (sinceBoot - seconds).count()};
+        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR)
+            continue;
+    }
+
     void serve() {
         const auto now = Clock::now();
         m_nextServing = now + kServing;
+        m_targets.clear(); // a radar may hold another id afterwards
         Time position = m_position;
         if (m_speed > 0 && now < m_start)
             position = m_from - std::chrono::duration_cast<Time>((m_start - now) * m_speed);
@@ -317,7 +341,11 @@ private:
     }
 
     void send(const Datagram& datagram) {
-        if (const auto destination = target(datagram))
+        const auto [known, isNew] = m_targets.try_emplace(
+            {Contents::keyOf(datagram.source).first, Contents::keyOf(datagram.destination)});
+        if (isNew)
+            known->second = target(datagram);
+        if (const auto& destination = known->second)
             note(m_lan.send(*destination, datagram.payload));
         else if (!isFor(datagram, wire::kDiscovery) && !isFor(datagram, wire::kNegotiation))
             ++m_leftOut;
@@ -355,6 +383,8 @@ private:
     }
 
     static constexpr auto kLead = 2100ms; // a login takes two seconds
+    /// Of a source, and of what it sent to.
+    using Way = std::pair<std::uint32_t, Contents::Key>;
 
     const Options& m_options;
     Output& m_output;
@@ -363,6 +393,7 @@ private:
     const Recorded m_recorded;
     Lan m_lan;
     std::deque<ReplayedRadar> m_radars;
+    std::map<Way, std::optional<NetAddress>> m_targets; // since the last serving
     Time m_from{};
     Time m_to{};
     Time m_position{};

@@ -200,6 +200,13 @@ _watch_find = _function("radar_watch_find", _handle, ctypes.c_char_p, _pointer(_
 _watch_local = _function("radar_watch_local", _handle, _pointer(_Local))
 _watch_renumber = _function("radar_watch_renumber", _handle, ctypes.c_char_p)
 _watch_reset = _function("radar_watch_reset", _handle)
+_recording_open = _function(
+    "radar_recording_open", _pointer(_handle), ctypes.c_char_p, ctypes.c_double, ctypes.c_int
+)
+_recording_free = _function("radar_recording_free", _handle, result=None)
+_recording_address = _function("radar_recording_address", _handle, result=ctypes.c_uint32)
+_recording_is_over = _function("radar_recording_is_over", _handle)
+_recording_dropped = _function("radar_recording_dropped", _handle, result=ctypes.c_int64)
 _stream_new = _function(
     "radar_stream_new", _pointer(_handle), _handle, ctypes.c_char_p, ctypes.c_int, _pointer(_StreamOptions)
 )
@@ -653,7 +660,7 @@ class _Object:
 
     def __init__(self, new: Callable[[Any], int], free: Callable[[Any], None]) -> None:
         self._process = os.getpid()
-        self._lock = threading.RLock()  # held while the handle is in use, which is never for long
+        self._lock = threading.RLock()  # held while the handle is in use, but for sends, which may take long
         self._uses = 0  # more than one: in a signal handler
         self._closed = False
         self._alarm = _Alarm()
@@ -691,15 +698,24 @@ class _Object:
     def _in_use(self) -> Iterator[Any]:
         """The handle, which is not freed meanwhile."""
         with self._lock:
-            self._uses += 1
+            self._begin_use()
             try:
-                if self._closed:
-                    raise _Closed(f"this {type(self).__name__} is closed")
                 yield self._handle
             finally:
-                self._uses -= 1
-                if self._closed and self._uses == 0:
-                    self._free()
+                self._end_use()
+
+    def _begin_use(self) -> None:
+        """From here to _end_use the handle is not freed."""
+        with self._lock:
+            if self._closed:
+                raise _Closed(f"this {type(self).__name__} is closed")
+            self._uses += 1
+
+    def _end_use(self) -> None:
+        with self._lock:
+            self._uses -= 1
+            if self._closed and self._uses == 0:
+                self._free()
 
     def _call(self, function: Callable[..., int], *arguments: Any) -> int:
         """Calls a function of the library that does not wait. In a child, it does nothing: 0."""
@@ -843,6 +859,43 @@ class Watch(_Source):
         return True
 
 
+class Recording(_Object):
+    """A recording in place of a LAN, for tests of applications: the radars of a file live again in this process,
+    without a network, for a Watch with this local_address and for Streams on that.
+
+    The radars that announce themselves in its first two seconds are there from the first moment. It stands at that
+    moment until as many Streams listen as were asked for. Then everything comes in the recorded order, with the recorded
+    arrival. What a Stream has no room for waits until it is taken, and all else with it; a Stream that takes nothing for
+    a second loses what it has no room for. What is sent to the radars goes nowhere.
+    """
+
+    def __init__(self, path: Union[str, "os.PathLike[str]"], speed: float = 1, streams: int = 1) -> None:
+        """path: of a pcapng file of this machine's byte order. speed: so many times as fast; 0, as fast as the Streams
+        take it. streams: that are to listen before it begins; 0, as soon as a Watch hears it.
+
+        ValueError: a number is out of its range. OSError: the file cannot be opened, or is of another kind."""
+
+        def new(handle: Any) -> int:
+            return int(_recording_open(handle, os.fsencode(path), speed, streams))
+
+        super().__init__(new, _recording_free)
+
+    @property
+    def local_address(self) -> str:
+        """For Watch."""
+        return _quad(self._call(_recording_address))
+
+    @property
+    def is_over(self) -> bool:
+        """Everything has been handed over to the Streams, which may still have to take it."""
+        return bool(self._call(_recording_is_over))
+
+    @property
+    def dropped(self) -> int:
+        """How many datagrams Streams lost since they took nothing."""
+        return self._call(_recording_dropped)
+
+
 class Stream(_Source):
     """Receives one channel of one radar, wherever it goes: `for datagram in stream`, read().
 
@@ -955,12 +1008,35 @@ class Control(_Object):
         """Sends one datagram from the local address, or bytes over TCP.
 
         LookupError: there is no such radar now, or it has no such channel. OSError: ENETDOWN, there is no local
-        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent."""
+        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent.
+
+        Over TCP it waits for a peer that does not read. What ends that wait early, as Ctrl-C does, leaves the bytes to
+        go out when the peer reads again, or to be lost with the connection."""
+        if self._process != os.getpid():
+            return
         copy = bytes(data)
+        self._begin_use()
+        if threading.current_thread() is not threading.main_thread():
+            result = self._send(copy)
+        else:  # which signal handlers run on, but not within a call of the library
+            results: List[int] = []
+            helper = threading.Thread(target=lambda: results.append(self._send(copy)), daemon=True)
+            try:
+                helper.start()
+            except BaseException:
+                self._end_use()
+                raise
+            helper.join()
+            result = results[0]
+        if result == -errno.ENOENT:
+            raise LookupError(f"{self._name!r} is not there, or has no such channel")
+        _checked(result)
+
+    def _send(self, data: bytes) -> int:
         try:
-            self._call(_control_send, copy, len(copy))
-        except FileNotFoundError:
-            raise LookupError(f"{self._name!r} is not there, or has no such channel") from None
+            return int(_control_send(self._handle, data, len(data)))
+        finally:
+            self._end_use()
 
 
 def version() -> str:

@@ -29,9 +29,12 @@ enum Option : std::uint16_t {
 
 constexpr std::uint32_t kByteOrder = 0x1A2B3C4D;
 constexpr std::uint16_t kRawIp = 101;
+constexpr std::pair<std::uint16_t, Link> kLinks[] = {
+    {1, Link::Ethernet}, {113, Link::Cooked}, {276, Link::Cooked2}, {kRawIp, Link::Ip}, {228, Link::Ip}};
 constexpr std::uint32_t kLongestPacket = 65535;
-constexpr char kNanoseconds = 9;   // decimal places of a second
-constexpr std::size_t kFrame = 12; // type, and the length at both ends
+constexpr char kNanoseconds = 9;                     // decimal places of a second
+constexpr std::size_t kFrame = 12;                   // type, and the length at both ends
+constexpr std::uint64_t kLastSecond = 9'000'000'000; // that a time in nanoseconds has room for
 
 constexpr std::size_t padded(std::size_t length) {
     return (length + 3) / 4 * 4;
@@ -121,6 +124,27 @@ std::size_t blockLength(std::string_view bytes) {
     return isWhole ? length : 0;
 }
 
+/// Of an interface's block. Times of more than nanoseconds, which nobody has, are not read.
+Frames framesOf(std::string_view body) {
+    Frames frames;
+    for (const auto& [number, link] : kLinks)
+        if (number == valueAt<std::uint16_t>(body, 0))
+            frames.link = link;
+    forEachOption(from(body, 8), [&](unsigned int code, std::string_view value) {
+        if (code != kResolution || value.empty())
+            return;
+        const auto resolution = static_cast<unsigned char>(value[0]);
+        const bool isBinary = (resolution & 0x80) != 0; // else decimal places
+        unsigned int places = resolution & 0x7F;
+        if (places > (isBinary ? 30U : 9U))
+            frames.link.reset();
+        else
+            for (frames.ticks = 1; places > 0; --places)
+                frames.ticks *= isBinary ? 2 : 10;
+    });
+    return frames;
+}
+
 } // namespace
 
 std::string sectionBlock(std::string_view application) {
@@ -191,6 +215,33 @@ std::size_t wholeBlocks(std::string_view bytes) {
     while (const std::size_t next = blockLength(bytes.substr(length)))
         length += next;
     return length;
+}
+
+bool isSection(std::string_view block) {
+    return blockLength(block) != 0 && valueAt(block, 0) == kSection && valueAt(block, 8) == kByteOrder;
+}
+
+std::optional<Datagram> takeDatagram(std::vector<Frames>& interfaces, std::string_view block) {
+    if (blockLength(block) == 0)
+        return std::nullopt;
+    const std::string_view body = block.substr(8, block.size() - kFrame);
+    const std::uint32_t type = valueAt(block, 0);
+    if (type == kSection)
+        interfaces.clear();
+    else if (type == kInterface)
+        interfaces.push_back(framesOf(body));
+    if (type != kPacket || valueAt(body, 0) >= interfaces.size())
+        return std::nullopt;
+    const Frames& frames = interfaces[valueAt(body, 0)];
+    if (!frames.link)
+        return std::nullopt;
+    const Decoded decoded = decode(*frames.link, from(body, 20).substr(0, valueAt(body, 12)));
+    if (decoded.kind != Decoded::Kind::Datagram)
+        return std::nullopt;
+    const auto ticks = static_cast<std::uint64_t>(timeAt(body, 4).count());
+    const auto seconds = std::chrono::seconds(std::min(ticks / frames.ticks, kLastSecond));
+    const Time rest(static_cast<std::int64_t>(ticks % frames.ticks * 1'000'000'000 / frames.ticks));
+    return Datagram{seconds + rest, decoded.source, decoded.destination, decoded.payload};
 }
 
 std::size_t takeBlock(Notes& notes, std::string_view bytes) {

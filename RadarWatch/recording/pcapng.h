@@ -39,6 +39,19 @@ void appendTcpBlock(std::string& blocks, const Datagram& bytes);
 /// How many of @p bytes are whole blocks.
 std::size_t wholeBlocks(std::string_view bytes);
 
+/// Whether a block begins a file of this machine's byte order.
+bool isSection(std::string_view block);
+
+/// What the packets of an interface are.
+struct Frames {
+    std::optional<Link> link;        ///< none: of a kind that is not read
+    std::uint64_t ticks = 1'000'000; ///< of its times, a second
+};
+
+/// Takes a whole block. @param interfaces those of the blocks before, to which this may add one
+/// @return the datagram of a packet, as long as the block; nothing where it is none
+std::optional<Datagram> takeDatagram(std::vector<Frames>& interfaces, std::string_view block);
+
 /// What a file says beside its packets.
 struct Notes {
     struct Comment {

@@ -3,11 +3,10 @@
 #include <pcap/pcap.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <utility>
-#include <vector>
 
 namespace radar::recording {
 
@@ -18,19 +17,14 @@ constexpr std::pair<int, Link> kLinks[] = {{DLT_EN10MB, Link::Ethernet},
                                            {DLT_LINUX_SLL2, Link::Cooked2},
                                            {DLT_RAW, Link::Ip},
                                            {DLT_IPV4, Link::Ip}};
-constexpr std::size_t kLongestBlock = 1 << 24;      // no packet is longer, and more need not be in memory
 constexpr std::int64_t kLastSecond = 9'000'000'000; // that a time in nanoseconds has room for
 
-struct CloseFile {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
 File open(const std::string& path) {
-    File file(std::fopen(path.c_str(), "rbe"));
-    if (!file)
-        throw BrokenFile(path + ": " + std::strerror(errno));
-    return file;
+    try {
+        return openFile(path);
+    } catch (const std::system_error& refusal) {
+        throw BrokenFile(path + ": " + std::strerror(refusal.code().value()));
+    }
 }
 
 } // namespace
@@ -91,18 +85,13 @@ std::optional<Datagram> Reader::next() {
 
 Notes readNotes(const std::string& path) {
     Notes notes;
-    const File file = open(path);
-    std::vector<char> block(8);
-    while (std::fread(block.data(), 1, 8, file.get()) == 8) {
-        std::uint32_t length;
-        std::memcpy(&length, &block[4], sizeof length);
-        if (length < 8 || length > kLongestBlock)
-            break;
-        block.resize(length);
-        if (std::fread(&block[8], 1, length - 8, file.get()) != length - 8 ||
-            takeBlock(notes, {block.data(), block.size()}) == 0)
-            break;
-        block.resize(8);
+    try {
+        Blocks blocks(path);
+        for (std::string_view block = blocks.next(); !block.empty(); block = blocks.next())
+            takeBlock(notes, block);
+    } catch (const BrokenFile&) { // or of another kind: as far as it went
+    } catch (const std::system_error& refusal) {
+        throw BrokenFile(path + ": " + std::strerror(refusal.code().value()));
     }
     return notes;
 }

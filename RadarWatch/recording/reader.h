@@ -2,6 +2,7 @@
 /// Reads recordings: this library's, and those of other programs, pcap and pcapng.
 #pragma once
 
+#include <RadarWatch/recording/blocks.h>
 #include <RadarWatch/recording/packet.h>
 #include <RadarWatch/recording/pcapng.h>
 
@@ -9,17 +10,11 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 struct pcap; // libpcap's
 
 namespace radar::recording {
-
-/// A file that cannot be read, or not to its end; what() is one line with its path and the position.
-struct BrokenFile : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 /// The UDP datagrams over IPv4 of a file, in the order in which they stand in it. One thread at a time.
 class Reader {

@@ -1,13 +1,16 @@
 import itertools
+import os
+import pathlib
 import select
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
 import radarwatch
 from radarwatch import Control, Moved, Sequence, Started, Stopped, Stream, Watch, Why
-from support import LOCAL, NEVER_DRAWN, PATIENCE, comes_true, on_host, radar
+from support import LOCAL, NEVER_DRAWN, PATIENCE, SOURCES, comes_true, on_host, radar
 
 SPOKE = 12 + 512  # bytes of a simulated radar's datagram
 RECEIVER = """
@@ -66,7 +69,66 @@ class Streams(unittest.TestCase):
             self.assertEqual(next(stream).data[:4], b"SIMI")
 
 
+# A radar with a TCP service, on a host, that takes what comes there and never reads it.
+DEAF = """
+import runpy, select, socket, sys
+host = runpy.run_path(sys.argv[1])
+announcement = bytearray(host["announcement"](b"Deaf", 45, 2))
+announcement[22] = announcement[30] = 1  # the long form; there is a TCP service
+announcement[37:43] = socket.inet_aton("10.20.1.1") + (5000).to_bytes(2, "big")
+announcement[68] = 1  # its image control: a server
+server = socket.create_server(("10.20.1.1", 5000))
+discovery = host["Group"](host["DISCOVERY"], "10.20.1.1")
+connections = []
+while True:
+    for one in select.select([discovery.receiver, server], [], [])[0]:
+        if one is server:
+            connections.append(server.accept())
+        elif one.recv(65536) == host["QUERY"]:
+            discovery.send(bytes(announcement))
+"""
+SENDS = """
+import os, signal
+from radarwatch import Control, Watch
+watch = Watch("%s")
+control = Control(watch, "Deaf:TCP", "image-control")
+while True:
+    try:
+        control.send(b"x")
+        break
+    except (LookupError, OSError):
+        watch.next(0.1)
+
+def interrupt(*_):
+    if handled:
+        raise KeyboardInterrupt
+    handled.append(True)
+
+handled = []
+signal.signal(signal.SIGALRM, interrupt)
+signal.setitimer(signal.ITIMER_REAL, 0.2, 0.2)
+try:
+    while True:
+        control.send(bytes(1 << 24))
+except KeyboardInterrupt:
+    control.close()
+    print("interrupted", flush=True)
+"""
+
+
 class Controls(unittest.TestCase):
+    def test_are_interrupted_while_their_radar_does_not_read(self):
+        command = (sys.executable, "-c", DEAF, SOURCES / "examples" / "host.py")
+        with tempfile.TemporaryDirectory() as directory, on_host(1, *command) as deaf:
+            pathlib.Path(directory, "profile.ini").write_text("[Radar]\nTCPService = true\n")
+            environment = dict(os.environ, INIPROFILE_DIR=directory)
+            try:
+                sender = (sys.executable, "-W", "error", "-c", SENDS % LOCAL)
+                output = subprocess.run(sender, env=environment, check=True, timeout=PATIENCE, stdout=subprocess.PIPE).stdout
+                self.assertTrue(output.endswith(b"interrupted\n"), output)
+            finally:
+                deaf.terminate()
+
     def test_reach_their_radar(self):
         with Watch(LOCAL) as watch:
             self.assertTrue(comes_true(lambda: watch.find("radar-1")))

@@ -1,0 +1,52 @@
+/// @file
+/// Reads pcapng files block by block.
+#pragma once
+
+#include <RadarWatch/recording/pcapng.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace radar::recording {
+
+/// A file that cannot be read, or not to its end; what() is one line with its path and the position.
+struct BrokenFile : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct CloseFile {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+/// @throws std::system_error
+File openFile(const std::string& path);
+
+/// The blocks of a pcapng file of this machine's byte order. One thread at a time.
+class Blocks {
+public:
+    /// @throws std::system_error, BrokenFile for what does not begin as such a file does
+    explicit Blocks(const std::string& path);
+
+    /// The next one, valid until the next call; empty at the end. @throws BrokenFile
+    std::string_view next();
+
+    /// The datagram of the next packet that has one, valid as next() says; nothing at the end.
+    /// @throws BrokenFile
+    std::optional<Datagram> nextDatagram();
+
+private:
+    const std::string m_path;
+    File m_file;
+    std::uint64_t m_position = 0; // of the next block
+    std::vector<char> m_block;
+    std::vector<Frames> m_interfaces;
+};
+
+} // namespace radar::recording
