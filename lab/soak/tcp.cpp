@@ -99,10 +99,11 @@ Figures frozen(Testbed& testbed) {
     lab::Process server = startServer(testbed);
     ConnectedClient client(testbed);
     server.signal(SIGSTOP);
+    std::this_thread::sleep_for(100ms); // until it stands
     const std::string message(kLength, 'x');
     for (int i = 0; i < kMessages; ++i) {
         client.client().asyncSendData(message.data(), kLength);
-        std::this_thread::sleep_for(20s / kMessages);
+        std::this_thread::sleep_for(20'000ms / kMessages);
     }
     const int lost = client.counter().disconnected;
     long arrived = 0;
