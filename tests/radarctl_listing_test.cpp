@@ -137,7 +137,7 @@ TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeard) {
 
 TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {
     m_profile.write("");
-    const lab::Process north = startHost("host1", {"--name", "North"});
+    const auto north = serve("host1", "North", 16);
     const auto south = serve("host2", "South", 17);
     const std::string before = routes("host1");
     const Result list = runOn("host1", radarctl({"list", "--timeout", "30", "--verbose"}));

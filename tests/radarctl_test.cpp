@@ -341,7 +341,7 @@ TEST_F(Radarctl, EveryCommandEndsAtOnceOnASignal) {
         ASSERT_TRUE(comesTrue([&] { return hasSocket(tool); }));
         std::optional<int> ended;
         // A command that the library is just starting may swallow SIGINT: system() ignores it meanwhile.
-        EXPECT_TRUE(comesTrue([&] {
+        EXPECT_TRUE(comesTrue([&, number = number] {
             tool.signal(number);
             ended = tool.wait(number == SIGINT ? 1s : 10s);
             return ended.has_value();
