@@ -41,7 +41,15 @@ void hostNegotiator() {
     std::atomic<int> logins = 0;
     std::atomic<int> resets = 0;
     Source other(wire::kNegotiation);
-    HostNegotiator negotiator([&] { ++resets; }, [&](std::uint8_t) { ++logins; });
+    HostNegotiator negotiator(
+        [&] {
+            takeMemory();
+            ++resets;
+        },
+        [&](std::uint8_t) {
+            takeMemory();
+            ++logins;
+        });
     try {
         negotiator.asyncLogin(kOwnId);
     } catch (const std::system_error& error) {

@@ -107,6 +107,12 @@ private:
     net::detail::Descriptor m_socket;
 };
 
+/// What a listener does that needs memory.
+inline void takeMemory() {
+    static thread_local std::string s_taken;
+    std::string(100, 'x').swap(s_taken);
+}
+
 /// Between datagrams: the processor's queue of received ones is shared.
 inline void pace() {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -1,17 +1,15 @@
-// Every system call of the library but the TCP classes (tcp_fault_test.cpp) that can fail, each failing once.
+// What is said of every system call of the library but those of the TCP classes (tcp_fault_test.cpp) that can
+// fail.
 #include "fault_fixture.h"
 #include "profile_directory.h"
 
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/netiphelper.h>
-#include <UdpSocket/tcpsocket.h>
 #include <UdpSocket/transport/interfaces.h>
 #include <UdpSocket/transport/protocol_sockets.h>
 
-#include <functional>
 #include <set>
-#include <system_error>
 
 namespace {
 
@@ -176,27 +174,6 @@ TEST_F(SystemFault, FailedInterfaceQueriesAreReportedAndLeakNothing) {
     }
     const Fault fault("ioctl", ENODEV, 1, Fault::kAll);
     EXPECT_EQ(net::localMac(s_local), "");
-}
-
-TEST_F(SystemFault, WithoutAThreadClientsAndWatchersThrowAndLeakNothing) {
-    const auto throws = [](const char* what, int first, const std::function<void()>& make) {
-        const ProcessResources before = ProcessResources::now();
-        {
-            const Output output;
-            const Fault fault("pthread_create", EAGAIN, first);
-            EXPECT_THROW(make(), std::system_error) << what;
-        }
-        EXPECT_TRUE(comesTrue([&] { return ProcessResources::now() == before; })) << what;
-    };
-    for (const int first : {1, 2})
-        throws("TcpClient", first, [&] { net::TcpClient(nullptr, "127.0.0.1", 5000, 0); });
-    throws("MultiRadarClient", 1, [] { MultiRadarClient(); });
-    throws("tNetIPHelper", 1, [] { net::tNetIPHelper(false, "eth9", "10.5.0.9", "255.255.255.0"); });
-
-    HostNegotiator negotiator(nullptr, nullptr);
-    throws("HostNegotiator", 1, [&] { negotiator.asyncLogin(16); });
-    EXPECT_TRUE(negotiator.asyncLogin(16)) << "as if it had not been called before";
-    EXPECT_FALSE(negotiator.asyncLogin(16));
 }
 
 // That sockets and threads are refused to a display or host, resource_test shows; here is what they say

@@ -21,30 +21,37 @@ using tcp_test::Peer;
 
 constexpr const char* kGroup = "239.9.8.7";
 
-/// Counts, and needs no memory.
+/// Counts, after it has found memory.
 class Counter final : public net::iUdpDataListener, public net::iUdpCheckerListener {
 public:
     std::atomic<int> count = 0;
 
 private:
-    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override { ++count; }
-    void OnUdpCheckerIpFound(unsigned int) override { ++count; }
+    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override { add(); }
+    void OnUdpCheckerIpFound(unsigned int) override { add(); }
+    void add() {
+        takeMemory();
+        ++count;
+    }
 };
 
 class Visits final : public net::iTcpDataListener {
 public:
     std::atomic<int> connected = 0;
-    std::atomic<int> disconnected = 0;
     std::atomic<int> pieces = 0;
     std::atomic<int> lastFd = -1;
 
 private:
-    void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override { ++pieces; }
+    void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override {
+        takeMemory();
+        ++pieces;
+    }
     void OnTcpClientConnected(int fd, const char*, unsigned short) override {
+        takeMemory();
         lastFd = fd;
         ++connected;
     }
-    void OnTcpClientDisconnected(int, const char*, unsigned short) override { ++disconnected; }
+    void OnTcpClientDisconnected(int, const char*, unsigned short) override { takeMemory(); }
 };
 
 void interfaces() {

@@ -210,8 +210,16 @@ void UdpCheckerPrivate::store(unsigned int foundIp) {
             listeners = m_listeners;
         m_foundIp = foundIp;
     }
+    bool told = false;
+    const detail::ScopeExit tellAgain([&] { // after the next check, where memory ran out in a listener
+        if (told)
+            return;
+        detail::Lock lock(m_mutex);
+        m_foundIp = 0;
+    });
     for (iUdpCheckerListener* listener : listeners)
         listener->OnUdpCheckerIpFound(foundIp);
+    told = true;
 }
 
 UdpChecker::UdpChecker(const char* groupIp, unsigned short port, const char* expected)
