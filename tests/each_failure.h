@@ -56,7 +56,7 @@ bool soon(Condition condition) {
 /// The same, where it must come true in the end. What @p condition calls of the library may fail.
 template <class Condition>
 bool inTheEnd(Condition condition) {
-    return comesTrue(condition, std::chrono::seconds(10));
+    return comesTrue(condition, std::chrono::seconds(30));
 }
 /// Whether that text stands on standard error, which a scenario finds empty.
 bool isSaid(std::string_view text);
