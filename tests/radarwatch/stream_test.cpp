@@ -148,9 +148,13 @@ TEST_F(StreamTest, LosesNothingThatTheSystemHadTakenWhenItMoves) {
     Source source(m_host, kGroup, kPort);
     m_engine->tellImage(kGroup, kPort);
     ASSERT_TRUE(happens(*stream, Kind::Started));
+    Recorder witness; // has a datagram when the system has taken it for all
+    auto beside = makeIn<net::UdpReceiver>(m_lan.node("display"), &witness, inet_addr("10.20.2.1"), kGroup,
+                                           static_cast<unsigned short>(kPort), 65536);
     source.send(100);
-    const auto waitUntilTaken = [&] { std::this_thread::sleep_for(100ms); }; // nothing tells: nobody reads
-    waitUntilTaken();
+    for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(witness.next());
+    beside.reset();
     m_engine->tellImage(kOtherGroup, kPort);
     ASSERT_TRUE(happens(*stream, Kind::Moved, Why::Endpoint));
     source.send(10); // where nobody is any more
