@@ -34,10 +34,11 @@ public:
         if (spoke >= m_spokes.size())
             return;
         m_received += m_spokes[spoke].empty() ? 1 : 0;
+        m_isRound = m_isRound || !m_spokes[spoke].empty();
         m_spokes[spoke].assign(datagram.data + kHeader, datagram.data + datagram.size);
     }
-    // Nineteen of twenty spokes: some are lost on the way.
-    bool isComplete() const { return !m_spokes.empty() && m_received * 20 >= m_spokes.size() * 19; }
+    // Once round, and nineteen of twenty spokes there: some are lost on the way.
+    bool isComplete() const { return m_isRound && m_received * 20 >= m_spokes.size() * 19; }
 
     bool write(const char* file) const {
         std::vector<std::uint8_t> pixels(std::size_t{kSize} * kSize);
@@ -64,6 +65,7 @@ private:
 
     std::vector<std::vector<std::uint8_t>> m_spokes;
     std::size_t m_received = 0;
+    bool m_isRound = false; // a spoke has come again
 };
 
 } // namespace

@@ -53,7 +53,7 @@ Check checkSeconds(double least, const std::string& what) {
 
 std::string checkHostId(const std::string& text) {
     const char* words = "is no host id: 1, or 16 to 63";
-    return checkWholeNumber(1, 1, words)(text).empty() ? "" : checkWholeNumber(16, 63, words)(text);
+    return text == "1" ? "" : checkWholeNumber(16, 63, words)(text);
 }
 
 void Syntax::flag(const std::string& names, bool& given, const std::string& help) {
