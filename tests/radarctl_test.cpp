@@ -225,8 +225,8 @@ TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
     EXPECT_EQ(total["total"], true);
     EXPECT_EQ(total["dropped"], 0);
     m_lan.dropRate(m_lan.node("display"), 0);
-    EXPECT_EQ(run({"reset"}).status, 0);
-    EXPECT_TRUE(host.lineWith("reset asked for", 30s));
+    EXPECT_TRUE(comesTrue( // a datagram, which a busy machine may lose
+        [&] { return run({"reset"}).status == 0 && host.lineWith("reset asked for", 1s); }, 30s));
     EXPECT_GE(total["gap99Seconds"], total["medianGapSeconds"]);
     EXPECT_GT(total["medianGapSeconds"], 0);
 }
