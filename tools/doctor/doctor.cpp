@@ -6,6 +6,7 @@
 #include "../status_line.h"
 #include "../table.h"
 #include "bundle.h"
+#include "followed_image.h"
 #include "observation.h"
 
 #include <UdpSocket/udpsocket.h>
@@ -28,11 +29,14 @@ struct Options {
     bool list = false;
     double seconds = 10;
     LocalOptions local;
+    std::string follow; // name of a radar; empty: none is followed
     std::string bundle; // path; empty: none is wanted
     bool redact = false;
 };
 
-Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop) {
+/// @param followed may be null
+Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop,
+                    std::unique_ptr<FollowedImage> followed) {
     Observation seen;
     const std::vector<Interface> all = readInterfaces();
     seen.interfaces = all;
@@ -53,6 +57,9 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
     const unsigned long drops = reversePathDrops();
     seen.listening = listen(seen.interfaces, duration, quick, loop);
     seen.reversePathDrops = reversePathDrops() - drops;
+    if (followed)
+        seen.image = followed->seen();
+    followed.reset();
     seen.socketsAfter = readUdpSockets();
     seen.igmp = readIgmp();
     if (quick)
@@ -152,7 +159,10 @@ int examine(const Options& options, Output& output) {
         std::ostringstream text;
         text << "listening and asking for " << options.seconds << " s; Ctrl-C ends";
         status.show(text.str());
-        return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop);
+        return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop,
+                       options.follow.empty()
+                           ? nullptr
+                           : std::make_unique<FollowedImage>(options.follow, localAddress(options.local)));
     }();
     if (seen.listening.stopped) {
         std::fprintf(stderr, "radarctl: stopped before the examination was over\n");
@@ -172,7 +182,7 @@ int examine(const Options& options, Output& output) {
 
 std::optional<std::string> likelyCause(const std::string& interface, Loop& loop) {
     try {
-        const Observation seen = observe(interface, kQuickLook, true, loop);
+        const Observation seen = observe(interface, kQuickLook, true, loop, nullptr);
         if (seen.listening.stopped)
             return std::nullopt;
         for (const Finding& finding : judge(seen).findings)
@@ -196,6 +206,8 @@ void addDoctor(CommandLine& line) {
     syntax.option("--seconds", options->seconds, "S", "How long to listen and ask (default 10)",
                   checkSeconds(1, "time to look"));
     addLocalOptions(syntax, options->local);
+    syntax.option("--follow", options->follow, "RADAR",
+                  "Also receive that radar's image meanwhile: does a switch forget it after some minutes?");
     syntax.option("--bundle", options->bundle, "FILE.tar.gz",
                   "Also write what support needs to a file; what that will hold is listed first");
     syntax.flag("--redact", options->redact, "Replace addresses and names in the bundle");

@@ -17,6 +17,8 @@ Report judge(const Observation& seen) {
     add(judgeMachine(seen));
     add(judgeProfileKeys(seen));
     add(judgeHosts(seen));
+    if (seen.image)
+        add(judgeImage(*seen.image));
     if (std::ranges::none_of(all.findings, &Finding::isComplaint))
         add(judgeSilence(seen));
     std::ranges::stable_sort(all.findings, {},

@@ -126,6 +126,15 @@ struct Listening {
 /// Listens, asks, and listens on. @throws std::system_error when the machine allows no socket at all
 Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop);
 
+/// What came of the image of the radar that --follow names.
+struct ImageSeen {
+    std::string radar;
+    std::string interface {};    ///< where it was listened to last; empty: nowhere
+    std::uint64_t datagrams = 0; ///< or pieces of TCP
+    int forgotten = 0;           ///< times that it came again just after its group was left and joined again
+    bool isSilent = false;       ///< at the end, while the radar announces itself
+};
+
 // --------------------------------------------------------------------------------------------------- machine
 
 struct UdpSocketEntry {
@@ -188,6 +197,7 @@ struct Observation {
     std::vector<Interface> interfaces;
     std::set<std::string> ownHardware; ///< addresses of all interfaces, looked at or not
     Listening listening;
+    std::optional<ImageSeen> image;
     std::vector<UdpSocketEntry> socketsBefore; ///< before doctor made its own
     std::vector<UdpSocketEntry> socketsAfter;  ///< after doctor closed its own
     Profile profile;
@@ -216,6 +226,7 @@ Report judgeMachine(const Observation& seen);
 Report judgePorts(const Observation& seen);
 Report judgeFirewall(const Observation& seen);
 Report judgeHosts(const Observation& seen);
+Report judgeImage(const ImageSeen& image);
 /// What is left to say when no other finding explains why nothing is heard.
 Report judgeSilence(const Observation& seen);
 
