@@ -1,9 +1,10 @@
 // Calls of RadarWatch's C interface in any order, with radars that announce themselves and send: each byte of
 // the input is a call, and those that follow are its arguments. All in a network of its own, on the loopback
-// interface.
+// interface, or out of a recording.
 #include "support.h"
 
 #include <RadarWatch/radarwatch_c.h>
+#include <RadarWatch/recording/pcapng.h>
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/protocol/announcement.h>
 #include <lab/private_network.h>
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -32,6 +34,7 @@ constexpr int kPatience = 5; // milliseconds
 const in_addr_t kLoopback = htonl(INADDR_LOOPBACK);
 constexpr const char* kNames[] = {"North",  "South:User", "North:TCP",
                                   "\xFF\n", "",           "a name that no radar can have"};
+constexpr const char* kRecording = "/run/recording.pcapng"; // of the private network
 
 /// Sends as a radar's host does, but is heard on this computer.
 class Host {
@@ -108,6 +111,7 @@ public:
         std::ranges::for_each(m_watches, radar_watch_free);
         std::ranges::for_each(m_controls, radar_control_free);
         std::ranges::for_each(m_streams, radar_stream_free);
+        std::ranges::for_each(m_recordings, radar_recording_free);
     }
     Caller(const Caller&) = delete;
     Caller& operator=(const Caller&) = delete;
@@ -131,7 +135,7 @@ private:
     }
 
     void call() {
-        switch (m_input.below(20)) {
+        switch (m_input.below(23)) {
         case 0:
             return newWatch();
         case 1:
@@ -197,8 +201,15 @@ private:
         }
         case 18:
             return announce();
-        default:
+        case 19:
             return sendPicture();
+        case 20:
+            return openRecording();
+        case 21:
+            return release(any(m_recordings), radar_recording_free);
+        default:
+            known(radar_recording_is_over(any(m_recordings)));
+            fuzz::require(radar_recording_dropped(any(m_recordings)) >= -EINVAL);
         }
     }
 
@@ -210,7 +221,10 @@ private:
 
     void newWatch() {
         auto options = sized<radar_watch_options>();
-        options.local_address = m_input.below(4) == 0 ? 0 : kLoopback;
+        const unsigned origin = m_input.below(4);
+        options.local_address = origin == 0   ? 0
+                                : origin == 3 ? radar_recording_address(any(m_recordings))
+                                              : kLoopback;
         radar_watch*& watch = any(m_watches);
         release(watch, radar_watch_free);
         known(radar_watch_new(&watch, m_input.below(8) == 0 ? nullptr : &options));
@@ -291,12 +305,42 @@ private:
                     ntohs(endpoints[RADAR_IMAGE].port));
     }
 
+    void openRecording() {
+        radar_recording*& recording = any(m_recordings);
+        release(recording, radar_recording_free);
+        constexpr double kSpeeds[] = {0, 1, 1000, -1};
+        const double speed = kSpeeds[m_input.below(std::size(kSpeeds))];
+        const int streams = static_cast<int>(m_input.below(4)) - 1;
+        known(radar_recording_open(&recording, m_input.below(8) == 0 ? "/dev/null" : kRecording, speed,
+                                   streams));
+    }
+
     Input m_input;
     Host m_host;
     std::array<radar_watch*, kHandles> m_watches{};
     std::array<radar_stream*, kHandles> m_streams{};
     std::array<radar_control*, kHandles> m_controls{};
+    std::array<radar_recording*, kHandles> m_recordings{};
 };
+
+/// North, and its picture for a second.
+void writeRecording() {
+    using namespace std::chrono_literals;
+    const NetAddress host{kLoopback, htons(40000)};
+    const NetAddress discovery{::inet_addr(wire::kDiscovery.address), htons(wire::kDiscovery.port)};
+    std::string bytes =
+        radar::recording::sectionBlock("a fuzz target") + radar::recording::interfaceBlock("lo");
+    for (int i = 0; i < 100; ++i) {
+        const auto time = 1700000000s + i * 10ms;
+        if (i % 50 == 0)
+            radar::recording::appendDatagramBlock(
+                bytes, 0, {time, host, discovery, protocol::composeAnnouncement("North", 16, 2)}, "");
+        radar::recording::appendDatagramBlock(
+            bytes, 0, {time, host, plan::announcedEndpoint(16, &RadarAddress::imageStream, 0), "picture"},
+            "");
+    }
+    std::ofstream(kRecording, std::ios::binary) << bytes;
+}
 
 } // namespace
 
@@ -304,6 +348,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     lab::enterPrivateNetwork();
     // as an interface that leads to radars
     fuzz::require(std::system("ip route add 236.0.0.0/8 dev lo") == 0);
+    writeRecording();
     return 0;
 }
 
