@@ -174,10 +174,11 @@ Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, fal
     });
 }
 
-std::string Lan::linkLine(const Node& node, size_t interface) const {
+std::string Lan::linkLine(const Node& node, size_t interface, unsigned int index) const {
     return "link add name " + farEnd(node, interface) + " group " + kDeviceGroup +
            (leadsToLan(node, interface) ? " master lan0" : "") + " up type veth peer name " +
-           ethernet(interface) + " netns " + node.name() + "\n";
+           ethernet(interface) + (index == 0 ? "" : " index " + std::to_string(index)) + " netns " +
+           node.name() + "\n";
 }
 
 void Lan::connect(const Node& node, size_t interface) {
@@ -224,10 +225,10 @@ void Lan::unplug(const Node& node, size_t interface) {
     ip("link delete " + farEnd(node, interface) + "\n");
 }
 
-void Lan::plugIn(const Node& node, size_t interface) {
+void Lan::plugIn(const Node& node, size_t interface, unsigned int index) {
     {
         const Inside bridge = m_bridge.enter();
-        ip(linkLine(node, interface));
+        ip(linkLine(node, interface, index));
     }
     connect(node, interface);
     if (leadsToLan(node, interface))

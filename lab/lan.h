@@ -51,7 +51,8 @@ public:
     /// Deletes a node's interface, with its address and routes, as when an adapter is pulled out.
     void unplug(const Node& node, size_t interface = 0);
     /// Makes it again, with the same name, address and routes; to the system it is another one.
-    void plugIn(const Node& node, size_t interface = 0);
+    /// @param index the system's number for it; 0: the system chooses
+    void plugIn(const Node& node, size_t interface = 0, unsigned int index = 0);
 
     /// Drops that share of the packets that cross the bridge, for each receiver by itself.
     /// @param percent 0 to 100
@@ -63,7 +64,7 @@ public:
     void changeAddress(const Node& node, size_t interface, const std::string& address);
 
 private:
-    std::string linkLine(const Node& node, size_t interface) const;
+    std::string linkLine(const Node& node, size_t interface, unsigned int index = 0) const;
     void connect(const Node& node, size_t interface);
     void applyDropRates();
 

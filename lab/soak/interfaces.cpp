@@ -5,6 +5,7 @@
 
 #include <UdpSocket/base/scope_exit.h>
 
+#include <net/if.h>
 #include <nlohmann/json.hpp>
 
 namespace soak {
@@ -176,6 +177,17 @@ Figures displayReplaced(Testbed& testbed) {
     return withDisplayFault(testbed, unplug, plugIn);
 }
 
+Figures displaySameIndex(Testbed& testbed) {
+    std::map<std::string, unsigned int> indexes; // by node
+    const auto unplugKnown = [&](Testbed& lan, const lab::Node& node) {
+        node.run([&] { indexes[node.name()] = ::if_nametoindex("eth0"); });
+        unplug(lan, node);
+    };
+    return withDisplayFault(testbed, unplugKnown, [&](Testbed& lan, const lab::Node& node) {
+        lan.lan().plugIn(node, 0, indexes.at(node.name()));
+    });
+}
+
 Figures displayCarrier(Testbed& testbed) {
     return withDisplayFault(testbed, cut, restore);
 }
@@ -243,6 +255,9 @@ constexpr Fault kFaults[] = {
      "listed within a search and a query: 13 s searched, 10 s configured", interfaceLate},
     {"display-replaced", "Display's interface replaced",
      "deleted, made again 3 s later with the same address", "all receive within 10 s", displayReplaced},
+    {"display-same-index", "Display's interface back with its index",
+     "deleted, made again 3 s later with the same address and the system's same number",
+     "all receive within 10 s", displaySameIndex},
     {"display-carrier", "Display's carrier lost", "far end of the link down for 3 s",
      "all receive within 10 s", displayCarrier},
     {"display-address", "Display's address changed", "taken away, another one given 3 s later",
