@@ -32,7 +32,7 @@ bool askForBuffer(const net::detail::Descriptor& socket, std::size_t bytes) {
 
 std::shared_ptr<Inlet> Inlet::open(const Target& target, std::size_t receiveBuffer) {
     std::shared_ptr<Inlet> inlet(new Inlet);
-    inlet->m_device = target.device;
+    inlet->m_target = target;
     inlet->m_droppedBefore = countInterfaceDrops(readSystemFile(kInterfaces), target.device);
     bool opened;
     if (RecordedLan::isRecorded(target.localAddress))
@@ -105,7 +105,7 @@ std::uint64_t Inlet::droppedHere() const {
 }
 
 std::uint64_t Inlet::droppedAtInterface() const {
-    const std::uint64_t dropped = countInterfaceDrops(readSystemFile(kInterfaces), m_device);
+    const std::uint64_t dropped = countInterfaceDrops(readSystemFile(kInterfaces), m_target.device);
     return dropped - std::min(dropped, m_droppedBefore); // an interface that was replaced counts from zero
 }
 

@@ -29,6 +29,7 @@ public:
     ~Inlet();
 
     const net::detail::Descriptor& socket() const { return m_socket; }
+    const Target& target() const { return m_target; }
 
     /// Nothing more comes in: what waits can still be received, and a thread that waits for more comes back.
     void retire();
@@ -53,7 +54,7 @@ private:
     bool openTcp(const Target& target, std::size_t receiveBuffer);
 
     net::detail::Descriptor m_socket;
-    std::string m_device;
+    Target m_target;
     std::uint64_t m_droppedBefore = 0; // at the interface
     std::unique_ptr<Membership> m_membership;
     std::unique_ptr<TcpFeed> m_feed;

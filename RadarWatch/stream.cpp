@@ -22,6 +22,15 @@ constexpr milliseconds kWait = 500ms; // of a receive call, until it is seen whe
 constexpr milliseconds kFailurePause = 100ms;
 constexpr milliseconds kWithoutEnd = -1ms;
 
+/// Whether the socket for @p older can stand while the one for @p newer is made. It may have the port; and
+/// on an interface that came back with its index it would take the newer membership along.
+bool canStandBeside(const detail::Target& older, const detail::Target& newer) {
+    const bool cameBack = older.interfaceIndex == newer.interfaceIndex &&
+                          older.interfaceChange != newer.interfaceChange &&
+                          older.localAddress == newer.localAddress;
+    return newer.endpoint.type == detail::kUdp && !cameBack;
+}
+
 } // namespace
 
 StreamPrivate::StreamPrivate(std::string name, int channel, Stream::OnDatagram onDatagram,
@@ -106,12 +115,13 @@ detail::Arrivals StreamPrivate::arrivals() {
 void StreamPrivate::open(Time now) {
     InletPtr inlet;
     int error = 0;
-    if (m_follower.target().endpoint.type != detail::kUdp) {
-        retireNewest(); // which may have the port
+    const detail::Target& target = m_follower.target();
+    if (m_newest && !canStandBeside(m_newest->target(), target)) {
+        retireNewest();
         m_follower.lost();
     }
     try {
-        inlet = detail::Inlet::open(m_follower.target(), m_receiveBuffer);
+        inlet = detail::Inlet::open(target, m_receiveBuffer);
         error = errno;
     } catch (const std::system_error& refusal) { // no threads for TCP
         error = refusal.code().value();

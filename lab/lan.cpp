@@ -174,11 +174,14 @@ Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, fal
     });
 }
 
-std::string Lan::linkLine(const Node& node, size_t interface, unsigned int index) const {
-    return "link add name " + farEnd(node, interface) + " group " + kDeviceGroup +
-           (leadsToLan(node, interface) ? " master lan0" : "") + " up type veth peer name " +
-           ethernet(interface) + (index == 0 ? "" : " index " + std::to_string(index)) + " netns " +
-           node.name() + "\n";
+std::string Lan::linkLine(const Node& node, size_t interface) const {
+    return "link add name " + farEnd(node, interface) + portOptions(node, interface) +
+           " type veth peer name " + ethernet(interface) + " netns " + node.name() + "\n";
+}
+
+std::string Lan::portOptions(const Node& node, size_t interface) const {
+    return std::string(" group ") + kDeviceGroup + (leadsToLan(node, interface) ? " master lan0" : "") +
+           " up";
 }
 
 void Lan::connect(const Node& node, size_t interface) {
@@ -226,10 +229,15 @@ void Lan::unplug(const Node& node, size_t interface) {
 }
 
 void Lan::plugIn(const Node& node, size_t interface, unsigned int index) {
-    {
-        const Inside bridge = m_bridge.enter();
-        ip(linkLine(node, interface, index));
-    }
+    if (index != 0) // which ip passes over for a peer
+        node.run([&] {
+            ip("link add name " + ethernet(interface) + " index " + std::to_string(index) +
+               " type veth peer name " + farEnd(node, interface) + " netns " + m_bridge.name() + "\n");
+        });
+    m_bridge.run([&] {
+        ip(index != 0 ? "link set " + farEnd(node, interface) + portOptions(node, interface) + "\n"
+                      : linkLine(node, interface));
+    });
     connect(node, interface);
     if (leadsToLan(node, interface))
         m_bridge.run([&] { awaitForwarding(farEnd(node, interface)); });

@@ -64,7 +64,8 @@ public:
     void changeAddress(const Node& node, size_t interface, const std::string& address);
 
 private:
-    std::string linkLine(const Node& node, size_t interface, unsigned int index = 0) const;
+    std::string linkLine(const Node& node, size_t interface) const;
+    std::string portOptions(const Node& node, size_t interface) const;
     void connect(const Node& node, size_t interface);
     void applyDropRates();
 

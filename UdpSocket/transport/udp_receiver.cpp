@@ -193,8 +193,14 @@ void UdpReceiverPrivate::repair() {
     if (!removed && m_localIp == 0 && m_joined && ::if_indextoname(m_interface, name) != nullptr)
         return; // another interface may be the system's choice by now, but this one is there
     const unsigned int interface = detail::interfaceIndex(m_localIp, m_listened);
-    if (interface != 0 && (interface != m_interface || removed || !m_joined))
-        setUp(Attempt::Repair);
+    if (interface == 0 || (interface == m_interface && !removed && m_joined))
+        return;
+    if (removed) {
+        // Closed later, it would take the new socket's membership along: the system knows them by index.
+        detail::Lock lock(m_socketMutex);
+        m_socket.reset();
+    }
+    setUp(Attempt::Repair);
 }
 
 /// Whether the interface of the socket has been removed since, also when one of its index is there again.

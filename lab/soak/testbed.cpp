@@ -46,8 +46,14 @@ std::vector<double> secondsUntil(const std::vector<std::function<bool()>>& condi
     const auto start = Clock::now();
     std::vector<double> seconds(conditions.size(), -1);
     while (std::ranges::any_of(seconds, [](double value) { return value < 0; })) {
-        if (Clock::now() > start + patience)
-            throw RequirementFailed(what + ": not within " + std::to_string(patience.count()) + " s");
+        if (Clock::now() > start + patience) {
+            std::string missing; // of several
+            for (size_t i = 0; i < conditions.size() && conditions.size() > 1; ++i)
+                if (seconds[i] < 0)
+                    missing += (missing.empty() ? ", number " : ", ") + std::to_string(i + 1);
+            throw RequirementFailed(what + ": not within " + std::to_string(patience.count()) + " s" +
+                                    missing);
+        }
         for (size_t i = 0; i < conditions.size(); ++i)
             if (seconds[i] < 0 && conditions[i]())
                 seconds[i] = secondsSince(start);
