@@ -2,14 +2,12 @@
 
 #include <UdpSocket/protocol/radar_table.h>
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <malloc.h>
 
 namespace {
 
 using protocol::RadarTable;
-using testing::ElementsAre;
-using testing::IsEmpty;
 constexpr std::size_t kMax = RadarTable::kMaxNames;
 
 /// Runs @p action with memory for @p allocations only. @return whether that was enough
@@ -39,12 +37,6 @@ struct Table : RadarTable {
         for (std::size_t i = 0; i < count; ++i)
             ASSERT_EQ(put(name + " " + std::to_string(i), source), "added");
     }
-    std::vector<std::string> removed(Seconds now) {
-        std::vector<std::string> names;
-        for (const Removal& removal : expire(now))
-            names.push_back(removal.name + " " + std::to_string(removal.lastSeen));
-        return names;
-    }
     /// All that can be seen of it.
     std::vector<std::string> contents() const {
         std::vector<std::string> all;
@@ -57,28 +49,6 @@ struct Table : RadarTable {
 };
 
 // Which names stay and leave, the simulation shows (simulation/table_oracle.h).
-
-TEST(RadarTable, NamesStandInByteOrderAndLeaveInIt) {
-    Table table;
-    for (const char* name : {"b", "\xC3\x84", "", "B", "b:TCP"})
-        table.put(name, 1, 1000);
-    std::vector<std::string> names;
-    for (const auto& [name, entry] : table.entries())
-        names.push_back(name);
-    EXPECT_THAT(names, ElementsAre("", "B", "b", "b:TCP", "\xC3\x84"));
-    EXPECT_THAT(table.removed(1008), ElementsAre(" 1000", "B 1000", "b 1000", "b:TCP 1000", "\xC3\x84 1000"));
-    EXPECT_THAT(table.entries(), IsEmpty());
-}
-
-TEST(RadarTable, ANameGivesWayOnlyWhereTheNewcomersSourceStillHasFewerAfterwards) {
-    for (const std::size_t fewer : {2U, 3U}) {
-        Table table;
-        table.fill("a", 1, 2000);
-        table.fill("b", 2, 2000 - fewer);
-        table.fill("c", 3, kMax - table.entries().size());
-        EXPECT_EQ(table.put("new", 2), fewer == 2 ? "refused" : "added for a 1999");
-    }
-}
 
 TEST(RadarTable, UpdateByTheSameSourceNeedsNoMemory) {
     Table table;
@@ -108,23 +78,26 @@ TEST(RadarTable, OperationThatRunsOutOfMemoryLeavesTheTableAsItWas) {
         table.fill("b", 2, 19);
         table.put("c", 3);
     };
-    const auto update = [](const char* name, std::uint32_t source) {
-        return [=](Table& table) { table.update(name, {}, source, 5); };
-    };
     const struct {
         const char* what;
         bool full;
-        std::function<void(Table&)> happens;
+        std::string name; // empty: all expire
+        std::uint32_t source;
     } cases[] = {
-        {"new name of a new source", false, update("a new name, which needs memory", 4)},
-        {"new name of a known source", false, update("a new name, which needs memory", 2)},
-        {"new name in a full table", true, update("a new name, which needs memory", 4)},
-        {"name goes to a known source", false, update("b 0", 1)},
-        {"name goes to a new source", false, update("b 0", 4)},
-        {"only name of its source goes to another", false, update("c", 1)},
-        {"expiry", false, [](Table& table) { table.expire(8); }},
+        {"new name of a new source", false, "a new name, which needs memory", 4},
+        {"new name of a known source", false, "a new name, which needs memory", 2},
+        {"new name in a full table", true, "a new name, which needs memory", 4},
+        {"name goes to a known source", false, "b 0", 1},
+        {"only name of its source goes to a new one", false, "c", 4},
+        {"expiry", false, "", 0},
     };
-    for (const auto& [what, full, happens] : cases) {
+    for (const auto& [what, full, name, source] : cases) {
+        const auto happens = [&, &to = name, by = source](Table& table) {
+            if (to.empty())
+                table.expire(8);
+            else
+                table.update(to, {}, by, 5);
+        };
         Table undisturbed;
         prepare(undisturbed, full);
         const std::vector<std::string> before = undisturbed.contents();
@@ -134,7 +107,7 @@ TEST(RadarTable, OperationThatRunsOutOfMemoryLeavesTheTableAsItWas) {
             SCOPED_TRACE(what + (" with memory for " + std::to_string(allocations)));
             Table table;
             prepare(table, full);
-            done = succeedsWith(allocations, [&, &act = happens] { act(table); });
+            done = succeedsWith(allocations, [&] { happens(table); });
             if (!done) {
                 EXPECT_EQ(table.contents(), before);
                 happens(table);
@@ -143,7 +116,7 @@ TEST(RadarTable, OperationThatRunsOutOfMemoryLeavesTheTableAsItWas) {
             if (full) { // who gives way shows what else the table keeps
                 EXPECT_EQ(table.put("next", 2), "added for a long name, which needs memory 4074");
             }
-            EXPECT_EQ(table.removed(100).size(), undisturbed.entries().size());
+            EXPECT_EQ(table.expire(100).size(), undisturbed.entries().size());
         }
         EXPECT_GT(allocations, 1) << what << " needs memory";
     }
