@@ -112,7 +112,7 @@ void NegotiationOracle::kept(std::uint8_t id, const protocol::Negotiation& negot
 }
 
 void NegotiationOracle::look() const {
-    if (m_stage == Stage::Out || m_stage == Stage::Holding || m_host.frozenSince(m_last))
+    if (m_stage == Stage::Out || m_stage == Stage::Holding)
         return;
     const Time atMost = m_stage == Stage::Begun ? kSlack : kWait + kSlack;
     require(sinceLast() <= atMost, "a negotiation goes on");
@@ -121,9 +121,7 @@ void NegotiationOracle::look() const {
 void NegotiationOracle::lookAtBoth(const NegotiationOracle& other) const {
     if (!other.holds(1) || other.m_last > m_confirmed)
         return;
-    require(m_lan.lostBetween(m_host, other.m_host, m_confirmed) || other.m_host.frozenSince(m_confirmed) ||
-                m_host.frozenSince(m_confirmed),
-            "two hosts that hear each other do not both hold id 1");
+    require(m_lan.lostSince(m_confirmed), "two hosts that hear each other do not both hold id 1");
 }
 
 } // namespace simulation
