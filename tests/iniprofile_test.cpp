@@ -59,45 +59,39 @@ TEST_F(Profile, ValueIsFoundInEveryAcceptedNotation) {
 }
 
 TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
-    const struct {
-        const char* text;
-        const char* address;
-        bool isComplainedOf;
-    } cases[] = {
-        {"0x0a090001", "10.9.0.1", false},    {"10.9.0.1 x", "10.9.0.1", false},
-        {"0.0.0.0", "0.0.0.0", false},        {"", "0.0.0.0", false},
-        {"255.255.255.255", "0.0.0.0", true}, {"radar\x1B[2J", "0.0.0.0", true},
-    };
-    for (const auto& [text, address, isComplainedOf] : cases) {
+    for (const auto& [text, address] : {std::pair{"0x0a090001", "10.9.0.1"},
+                                        {"10.9.0.1 x", "10.9.0.1"},
+                                        {"0.0.0.0", "0.0.0.0"},
+                                        {"", "0.0.0.0"},
+                                        {"255.255.255.255", nullptr},
+                                        {"radar\x1B[2J", nullptr}}) {
         write(std::string("[Radar]\nIP = ") + text + "\n[Local]\nIP = " + text + "\n");
-        const std::string lines = errOf([&, address = address] {
-            EXPECT_STREQ(net::transAddr(net::settings::radarAddress()), address);
-            EXPECT_STREQ(net::transAddr(net::settings::localAddress().ip), address);
+        const std::string lines = errOf([&, expected = address != nullptr ? address : "0.0.0.0"] {
+            EXPECT_STREQ(net::transAddr(net::settings::radarAddress()), expected);
+            EXPECT_STREQ(net::transAddr(net::settings::localAddress().ip), expected);
         });
         const std::string end =
             " = " + net::detail::escaped(text) + " is no IPv4 address, taken as 0.0.0.0\n";
-        EXPECT_EQ(lines,
-                  isComplainedOf ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end : "");
+        EXPECT_EQ(lines, address == nullptr
+                             ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end
+                             : "");
     }
 }
 
 TEST_F(Profile, BooleanTakesTheUsualWordsAndElseTheDefault) {
-    const struct {
-        std::vector<std::string> texts;
-        bool withDefaultTrue;
-        bool withDefaultFalse;
-    } cases[] = {
-        {{"true", "YES", "On", "1"}, true, true},
-        {{"FALSE", "no", "oFF", "0"}, false, false},
-        {{"", "2", "enabled"}, true, false},
-    };
     const Output output;
-    for (const auto& [texts, withDefaultTrue, withDefaultFalse] : cases)
-        for (const std::string& text : texts) {
-            write("[Local]\nLoop = " + text + " ; comment\n");
-            EXPECT_EQ(GetProfileInfo_bool("Local", "Loop", "yes", "profile.ini"), withDefaultTrue) << text;
-            EXPECT_EQ(GetProfileInfo_bool("Local", "Loop", "", "profile.ini"), withDefaultFalse) << text;
-        }
+    const auto isTrue = [&](const std::string& text, const char* otherwise) {
+        write("[Local]\nLoop = " + text + " ; comment\n");
+        return GetProfileInfo_bool("Local", "Loop", otherwise, "profile.ini");
+    };
+    for (const char* otherwise : {"yes", ""}) {
+        for (const char* text : {"true", "YES", "On", "1"})
+            EXPECT_TRUE(isTrue(text, otherwise)) << text;
+        for (const char* text : {"FALSE", "no", "oFF", "0"})
+            EXPECT_FALSE(isTrue(text, otherwise)) << text;
+        for (const char* text : {"", "2", "enabled"})
+            EXPECT_EQ(isTrue(text, otherwise), *otherwise != '\0') << text;
+    }
     EXPECT_THAT(output.err(), HasSubstr("profile.ini:2: [Local] Loop is no boolean"));
 }
 
@@ -179,10 +173,9 @@ TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndIsQuotedInTheManual) {
     EXPECT_THAT(contents("configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
     write(example);
     EXPECT_EQ(reports(), "");
-    EXPECT_EQ(textOf("Radar", "IP"), "");
-    EXPECT_EQ(textOf("Radar", "TCPService"), "false");
+    EXPECT_EQ(textOf("Radar", "IP") + textOf("Local", "NetName"), "");
     EXPECT_EQ(textOf("Local", "IP"), "0.0.0.0");
-    EXPECT_EQ(textOf("Local", "NetName"), "");
+    EXPECT_EQ(textOf("Radar", "TCPService"), "false");
     EXPECT_EQ(textOf("Local", "MulticastLoop"), "false");
 }
 

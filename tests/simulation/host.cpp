@@ -16,8 +16,6 @@ void Host::start(Identity identity) {
     m_identity = std::move(identity);
     m_answer = nullptr;
     m_negotiation.emplace(protocol::IdDraw(m_lan.random().bits()), std::chrono::milliseconds(1000));
-    m_negotiation->login(20);
-    m_negotiation->withdraw(); // as where there is no thread for it
     require(m_negotiation->login(m_identity.wantedId) && !m_negotiation->login(20), "a login is begun once");
     m_oracle.began(m_identity.wantedId);
     m_lan.schedule(*this, 0, kNegotiate);
@@ -46,19 +44,12 @@ void Host::receive(const Datagram& datagram, std::size_t) {
         return;
     }
     const bool held = m_oracle.isHolder();
-    const std::uint8_t id = m_oracle.id();
     const Negotiation::Output output = m_negotiation->receive(datagram.bytes);
     m_oracle.took(datagram, output, *m_negotiation);
     if (output.message)
         send(*output.message);
     if (!held || m_oracle.isHolder())
         return;
-    if (m_lan.random().onceIn(20)) { // there is no thread to negotiate another
-        m_negotiation->keep();
-        m_oracle.kept(id, *m_negotiation);
-        ++m_lan.counts["ids kept, no thread for another"];
-        return;
-    }
     ++m_lan.counts[datagram.sender == number() ? "ids given up to an own objection" : "ids given up"];
     m_lan.note(*this, "gives its id up for", m_negotiation->hostId());
     m_lan.schedule(*this, 0, kNegotiate);

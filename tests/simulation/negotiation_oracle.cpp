@@ -93,22 +93,12 @@ void NegotiationOracle::took(const Datagram& datagram, const protocol::Negotiati
         --m_underWay;
     if (objection && !own)
         m_unclear = true;
-    if (!holding)
-        gaveUp(negotiation);
-    else if (m_underWay == 0)
+    if (!holding) {
+        require(isDrawn(negotiation.hostId()), "ids are drawn from 16 to 63");
+        began(negotiation.hostId());
+    } else if (m_underWay == 0) {
         m_unclear = false;
-}
-
-void NegotiationOracle::gaveUp(const protocol::Negotiation& negotiation) {
-    require(isDrawn(negotiation.hostId()), "ids are drawn from 16 to 63");
-    began(negotiation.hostId());
-}
-
-void NegotiationOracle::kept(std::uint8_t id, const protocol::Negotiation& negotiation) {
-    require(negotiation.state() == protocol::Negotiation::State::Holding && negotiation.hostId() == id,
-            "an id that nothing else was sent for can be kept");
-    m_stage = Stage::Holding;
-    m_id = id;
+    }
 }
 
 void NegotiationOracle::look() const {
