@@ -103,8 +103,10 @@ TEST_F(Profile, EveryBrokenLineIsReportedOnceWithItsNumber) {
     EXPECT_THAT(first, HasSubstr("profile.ini:5: a section without ], the keys below it are ignored\n"));
     EXPECT_EQ(linesIn(first), 3);
 
-    const std::string quotes = errOf([] { EXPECT_EQ(textOf("Local", "NetName"), "\"eth1\""); });
-    EXPECT_EQ(quotes, path().string() + "/profile.ini:4: [Local] NetName is taken with its quotes\n");
+    const auto quotes = [] { return errOf([] { EXPECT_EQ(textOf("Local", "NetName"), "\"eth1\""); }); };
+    EXPECT_EQ(quotes(), path().string() + "/profile.ini:4: [Local] NetName is taken with its quotes\n");
+    write("[Local]\nNetName = \"eth1\"\n");
+    EXPECT_EQ(quotes(), "") << "also when it has moved";
     write("[Local]\nIP 10.0.0.1\n\nNetName = 123.123.123.1234\n");
     EXPECT_EQ(textOf("Local", "NetName", 16), "123.123.123.1234");
     EXPECT_EQ(errOf([] { EXPECT_EQ(textOf("Local", "NetName", 15), "default"); }),

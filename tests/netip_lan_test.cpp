@@ -53,6 +53,15 @@ TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
         EXPECT_THAT(printed, HasSubstr(line));
 }
 
+TEST_F(NetworkManagement, ManualModePutsTheAddressOnTheAlias) {
+    ASSERT_TRUE(plugCable() && succeeds("ip addr add 10.5.0.70/24 dev eth0"));
+    NetIpLog listener;
+    tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.255.0");
+    helper.AddNetIPListener(&listener);
+    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
+    EXPECT_EQ(net::localIfaName(net::transAddr("10.5.0.9")), "eth0:0");
+}
+
 /// A NetworkManager of the test's own: its bus, its configuration, its profiles, its host name.
 bool startNetworkManager() {
     std::ofstream("/run/test/bus.conf")
