@@ -54,8 +54,9 @@ void Attacker::send(Datagram datagram) {
 }
 
 void Attacker::sendAnnouncement(const std::string& name) {
-    send(announcement(*this, address(9, 1 + below(3)), name, static_cast<std::uint8_t>(16 + below(48)),
-                      static_cast<Form>(below(kForms))));
+    const auto form = static_cast<Form>(below(kForms));
+    const auto id = static_cast<std::uint8_t>(16 + below(48));
+    send(announcement(*this, address(9, 1 + below(3)), name, id, form));
 }
 
 void Attacker::act() {
