@@ -1,7 +1,6 @@
 #include "table_oracle.h"
 
 #include <algorithm>
-#include <ranges>
 
 namespace simulation {
 
@@ -47,7 +46,8 @@ void TableOracle::took(const std::string& name, const Datagram& datagram, std::i
 }
 
 bool TableOracle::makesRoom(std::uint32_t source, const protocol::RadarTable::Update& update) {
-    const std::size_t most = std::ranges::max(std::views::values(m_namesOf));
+    const auto count = [](const auto& entry) { return entry.second; };
+    const std::size_t most = std::ranges::max_element(m_namesOf, {}, count)->second;
     if (most <= kProtected) {
         require(update.change == Change::Refused, "a source with 8 names or fewer gives up none");
     } else if (m_namesOf[source] + 1 >= most - 1) {
@@ -94,7 +94,8 @@ void TableOracle::queried(std::int64_t second, const std::vector<protocol::Radar
     std::erase_if(m_namesOf, [](const auto& entry) { return entry.second == 0; });
     for (const auto& [name, known] : m_listed)
         require(second - known.heard < kSilence, "a name silent for 8 seconds is removed by a query");
-    require(std::ranges::equal(std::views::keys(m_listed), std::views::keys(table.entries())),
+    const auto name = [](const auto& entry) -> const std::string& { return entry.first; };
+    require(std::ranges::equal(m_listed, table.entries(), {}, name, name),
             "a query removes silent names alone");
 }
 

@@ -38,9 +38,10 @@ public:
         if (second <= m_full + protocol::RadarTable::kSilence)
             return;
         for (const auto& [name, sighting] : state.radars)
-            require(std::ranges::any_of(
-                        kVariants,
-                        [&](auto variant) { return table.find(protocol::Name(name, variant)) != nullptr; }),
+            require(std::ranges::any_of(kVariants,
+                                        [&, announced = name](auto variant) {
+                                            return table.find(protocol::Name(announced, variant)) != nullptr;
+                                        }),
                     "a radar that is watched is listed");
         for (const auto& [name, entry] : table.entries())
             require(state.radars.contains(name) || state.radars.contains(protocol::announcedName(name)),
