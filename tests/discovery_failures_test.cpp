@@ -41,15 +41,7 @@ void hostNegotiator() {
     std::atomic<int> logins = 0;
     std::atomic<int> resets = 0;
     Source other(wire::kNegotiation);
-    HostNegotiator negotiator(
-        [&] {
-            takeMemory();
-            ++resets;
-        },
-        [&](std::uint8_t) {
-            takeMemory();
-            ++logins;
-        });
+    HostNegotiator negotiator([&] { takeMemory(), ++resets; }, [&](std::uint8_t) { takeMemory(), ++logins; });
     try {
         negotiator.asyncLogin(kOwnId);
     } catch (const std::system_error& error) {
@@ -96,19 +88,13 @@ void multiRadarClient() {
     client.removeListener(&locals);
 }
 
-/// The carrier of an interface of which there is nothing else.
-class Carrier {
-public:
-    Carrier() {
-        const Sound sound;
-        std::filesystem::create_directory("/sys/class/net/" + name());
-    }
-    static std::string name() { return "eth" + std::to_string(::getpid()); }
-    static void set(bool up) {
-        const Sound sound;
-        std::ofstream("/sys/class/net/" + name() + "/carrier") << up << '\n';
-    }
-};
+/// Of an interface of which there is nothing else.
+void setCarrier(const std::string& interface, bool up) {
+    const Sound sound;
+    const std::filesystem::path directory = "/sys/class/net/" + interface;
+    std::filesystem::create_directory(directory);
+    std::ofstream(directory / "carrier") << up << '\n';
+}
 
 class LastAddress final : public net::iNetIPListener {
 public:
@@ -119,15 +105,15 @@ private:
 };
 
 void netIpHelper() {
-    const Carrier carrier;
+    const std::string interface = "eth" + std::to_string(::getpid());
     LastAddress last;
-    net::tNetIPHelper helper(false, Carrier::name(), "10.5.0.9", "255.255.255.0");
+    net::tNetIPHelper helper(false, interface, "10.5.0.9", "255.255.255.0");
     helper.AddNetIPListener(&last);
-    Carrier::set(true);
+    setCarrier(interface, true);
     EXPECT_TRUE(inTheEnd([&] { return !last.none; }));
     net::tNetIPHelper::NetworkRestart();
     EXPECT_TRUE(inTheEnd([&] { return !last.none; }));
-    Carrier::set(false);
+    setCarrier(interface, false);
     EXPECT_TRUE(inTheEnd([&] { return last.none.load(); }));
     EXPECT_EQ(helper.GetNetIP(), "0.0.0.0");
     helper.RemoveNetIPListener(&last);

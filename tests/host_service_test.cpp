@@ -7,6 +7,7 @@
 #include <lab/lan.h>
 
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -27,9 +28,6 @@ protected:
         prefix.insert(prefix.end(), options.begin(), options.end());
         return node.start({.command = prefix});
     }
-    static void run(const lab::Node& node, const Words& command) {
-        EXPECT_EQ(node.start({.command = command}).wait(10s), 0) << command[0];
-    }
 
     lab::Lan m_lan{{lab::radarHost(1), lab::display(1)}};
     lab::Node& m_computer = m_lan.node("host1");
@@ -40,7 +38,8 @@ TEST_F(HostService, WaitsForAnAddressAndARouteAndSaysSoOnce) {
     lab::Process host = start(computer, {}, {"--name", "North"});
     EXPECT_TRUE(host.lineWith("waiting for an address and a route", 10s));
     m_lan.changeAddress(computer, 0, "");
-    run(computer, {"ip", "route", "add", "236.6.0.0/16", "dev", "eth0"});
+    EXPECT_EQ(computer.start({.command = {"ip", "route", "add", "236.6.0.0/16", "dev", "eth0"}}).wait(10s),
+              0);
     lab::Process second = start(computer, {}, {"--name", "South"});
     EXPECT_TRUE(second.lineWith("waiting", 10s)) << "there is a route, and no address";
     m_lan.changeAddress(computer, 0, "10.20.2.1/16");
@@ -69,10 +68,9 @@ public:
     const std::string& name() const { return m_name; }
     /// What it is told next; empty: nothing for a while.
     std::string next() const {
-        const timeval patience{30, 0};
-        ::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        pollfd waiting{m_socket.get(), POLLIN, 0};
         char text[512];
-        const ssize_t length = ::recv(m_socket.get(), text, sizeof text, 0);
+        const ssize_t length = ::poll(&waiting, 1, 30000) == 1 ? ::recv(waiting.fd, text, sizeof text, 0) : 0;
         return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
     }
 
@@ -104,11 +102,8 @@ TEST_F(HostService, TellsItsManagerWhenItAnswersAndThatItIsAlive) {
 }
 
 TEST_F(HostService, EndsWithACodeThatSaysWhetherAnotherStartCanHelp) {
-    const Words traced{"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "--output=/dev/null"};
-    const auto refusing = [&](const char* injection) {
-        Words words = traced;
-        words.push_back(injection);
-        return words;
+    const auto refusing = [](const char* injection) {
+        return Words{"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "--output=/dev/null", injection};
     };
     const struct {
         Words prefix;

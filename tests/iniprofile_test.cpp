@@ -1,74 +1,54 @@
 #include "profile_directory.h"
-#include "wait.h"
+#include "recorder.h"
 
 #include <IniProfile/iniprofile.h>
 #include <UdpSocket/base/descriptor.h>
 #include <UdpSocket/base/escape.h>
 #include <UdpSocket/settings/settings.h>
-#include <UdpSocket/udpsocket.h>
 
 #include <gmock/gmock.h>
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 namespace {
 
-using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 class Profile : public testing::Test, protected ProfileDirectory {
 protected:
-    static std::string textOf(const char* section, const char* key, int maxLength = 64) {
+    static std::string textOf(const char* section, const char* key, int maxLength = 400) {
         return GetProfileInfo(section, key, "default", maxLength, "profile.ini");
     }
     /// What a look-up of a key that is not there writes to standard error.
     static std::string reports() {
-        CaptureStderr();
-        EXPECT_EQ(textOf("No", "Such"), "default");
-        return GetCapturedStderr();
+        return errOf([] { EXPECT_EQ(textOf("No", "Such"), "default"); });
     }
+    static auto linesIn(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 };
 
 TEST_F(Profile, ValueIsFoundInEveryAcceptedNotation) {
     const std::string longName(300, 'n');
-    const struct {
-        const char* what;
-        std::string text;
-        std::string expected;
-    } cases[] = {
-        {"blanks around everything", " [ Local ] \n\t IP\t=  10.0.0.1  \n", "10.0.0.1"},
-        {"other letter case", "[LOCAL]\niP = 10.0.0.1\n", "10.0.0.1"},
-        {"indented under another key", "[Local]\nNetName = eth0\n    IP = 10.0.0.1\n", "10.0.0.1"},
-        {"CRLF and a byte order mark", "\xEF\xBB\xBF[Local]\r\nIP = 10.0.0.1\r\n", "10.0.0.1"},
-        {"CR alone", "; a\r[Local]\r\rNetName = eth0\rIP = 10.0.0.1\r", "10.0.0.1"},
-        {"no newline at the end", "[Local]\nIP = 10.0.0.1", "10.0.0.1"},
-        {"comments", "; a\n# b\n[Local] # c\nIP = 10.0.0.1 ; d\n#IP = 2\n;IP = 3\n", "10.0.0.1"},
-        {"comment signs inside a word", "[Local]\nIP = a;b#c\t# d\n", "a;b#c"},
-        {"blanks and separators inside", "[Local]\nIP = radar net: a=b\n", "radar net: a=b"},
-        {"long lines", "[Local]\nA = " + longName + " IP = 1\nIP = " + longName + " ;" + longName, longName},
-        {"last of two", "[Local]\nIP = 1\n[Radar]\nIP = 2\n[local]\nIP = 3\n", "3"},
-        {"only a comment as text", "[Local]\nIP = ; none\n", ""},
-        {"another section's key", "IP = 0\n[Radar]\nIP = 1\n[Local2]\nIP = 2\n", "default"},
+    const std::pair<std::string, std::string> cases[] = {
+        {" [ Local ] \n\t IP\t=  10.0.0.1  \n", "10.0.0.1"},
+        {"[LOCAL]\niP = 10.0.0.1", "10.0.0.1"},
+        {"[Local]\nNetName = eth0\n    IP = 10.0.0.1\n", "10.0.0.1"},
+        {"\xEF\xBB\xBF[Local]\r\nIP = 10.0.0.1\r\n", "10.0.0.1"},
+        {"; a\r[Local]\r\rNetName = eth0\rIP = 10.0.0.1\r", "10.0.0.1"},
+        {"; a\n# b\n[Local] # c\nIP = 10.0.0.1 ; d\n#IP = 2\n;IP = 3\n", "10.0.0.1"},
+        {"[Local]\nIP = radar net: a=b;c#d\t# e\n", "radar net: a=b;c#d"},
+        {"[Local]\nA = " + longName + " IP = 1\nIP = " + longName + " ;" + longName, longName},
+        {"[Local]\nIP = 1\n[Radar]\nIP = 2\n[local]\nIP = 3\n", "3"},
+        {"[Local]\nIP = ; none\n", ""},
+        {"IP = 0\n[Radar]\nIP = 1\n[Local2]\nIP = 2\n", "default"},
     };
-    for (const auto& [what, text, expected] : cases) {
+    for (const auto& [text, expected] : cases) {
         write(text);
-        CaptureStderr();
-        EXPECT_EQ(textOf("Local", "IP", 400), expected) << what;
-        EXPECT_THAT(GetCapturedStderr(), IsEmpty()) << what;
+        EXPECT_EQ(errOf([&, &value = expected] { EXPECT_EQ(textOf("Local", "IP"), value); }), "") << text;
     }
-}
-
-TEST_F(Profile, SectionIsFoundByItsWholeNameHoweverLongItIs) {
     for (const std::size_t length : {49U, 50U, 300U}) {
         const std::string name(length, 's');
         write("[ " + name + " ] ; comment\nIP = 1\n[" + name + "x]\nIP = 2\n");
@@ -78,109 +58,91 @@ TEST_F(Profile, SectionIsFoundByItsWholeNameHoweverLongItIs) {
     }
 }
 
-TEST_F(Profile, QuotesBelongToTheValueAndAreToldOnceForEachKey) {
-    const auto quotedValue = [&](const char* text, const char* key = "NetName") {
-        write(text);
-        CaptureStderr();
-        EXPECT_EQ(textOf("Local", key), "\"eth0\"");
-        return GetCapturedStderr();
-    };
-    EXPECT_EQ(quotedValue("[Local]\nNetName = \"eth0\"\n"),
-              path().string() + "/profile.ini:2: [Local] NetName is taken with its quotes\n");
-    EXPECT_EQ(quotedValue("[Local]\n\nNetName = \"eth0\"\n"), "") << "also when it has moved";
-    EXPECT_THAT(quotedValue("[Local]\nOther = \"eth0\"\n", "Other"), HasSubstr("Other is taken with"));
-}
-
 TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
-    const struct {
-        const char* text;
-        const char* address;
-        bool isComplainedOf;
-    } cases[] = {
-        {"10.9.0.1", "10.9.0.1", false},      {"10.9.1", "10.9.0.1", false},
-        {"0x0a090001", "10.9.0.1", false},    {"10.9.0.1 x", "10.9.0.1", false},
-        {"0.0.0.0", "0.0.0.0", false},        {"", "0.0.0.0", false},
-        {"255.255.255.255", "0.0.0.0", true}, {"10.9.0.256", "0.0.0.0", true},
-        {"radar\x1B[2J", "0.0.0.0", true},
-    };
-    for (const auto& [text, address, isComplainedOf] : cases) {
+    for (const auto& [text, address] : {std::pair{"0x0a090001", "10.9.0.1"},
+                                        {"10.9.0.1 x", "10.9.0.1"},
+                                        {"0.0.0.0", "0.0.0.0"},
+                                        {"", "0.0.0.0"},
+                                        {"255.255.255.255", nullptr},
+                                        {"radar\x1B[2J", nullptr}}) {
         write(std::string("[Radar]\nIP = ") + text + "\n[Local]\nIP = " + text + "\n");
-        CaptureStderr();
-        EXPECT_STREQ(net::transAddr(net::settings::radarAddress()), address) << text;
-        EXPECT_STREQ(net::transAddr(net::settings::localAddress().ip), address) << text;
-        const std::string lines = GetCapturedStderr();
+        const std::string lines = errOf([&, expected = address != nullptr ? address : "0.0.0.0"] {
+            EXPECT_STREQ(net::transAddr(net::settings::radarAddress()), expected);
+            EXPECT_STREQ(net::transAddr(net::settings::localAddress().ip), expected);
+        });
         const std::string end =
             " = " + net::detail::escaped(text) + " is no IPv4 address, taken as 0.0.0.0\n";
-        EXPECT_EQ(lines,
-                  isComplainedOf ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end : "");
+        EXPECT_EQ(lines, address == nullptr
+                             ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end
+                             : "");
     }
 }
 
 TEST_F(Profile, BooleanTakesTheUsualWordsAndElseTheDefault) {
-    const struct {
-        std::vector<std::string> texts;
-        bool withDefaultTrue;
-        bool withDefaultFalse;
-    } cases[] = {
-        {{"true", "YES", "On", "1"}, true, true},
-        {{"FALSE", "no", "oFF", "0"}, false, false},
-        {{"", "2", "enabled"}, true, false},
+    const Output output;
+    const auto isTrue = [&](const std::string& text, const char* otherwise) {
+        write("[Local]\nLoop = " + text + " ; comment\n");
+        return GetProfileInfo_bool("Local", "Loop", otherwise, "profile.ini");
     };
-    CaptureStderr();
-    for (const auto& [texts, withDefaultTrue, withDefaultFalse] : cases)
-        for (const std::string& text : texts) {
-            write("[Local]\nLoop = " + text + " ; comment\n");
-            EXPECT_EQ(GetProfileInfo_bool("Local", "Loop", "yes", "profile.ini"), withDefaultTrue) << text;
-            EXPECT_EQ(GetProfileInfo_bool("Local", "Loop", "", "profile.ini"), withDefaultFalse) << text;
-        }
-    EXPECT_THAT(GetCapturedStderr(), ContainsRegex("profile\\.ini:2: \\[Local\\] Loop is no boolean"));
-}
-
-TEST_F(Profile, ValueBeyondTheMaximumLengthIsReportedAndTheDefaultTaken) {
-    write("[Local]\nIP = 123.123.123.1234\n");
-    CaptureStderr();
-    EXPECT_EQ(textOf("Local", "IP", 16), "123.123.123.1234");
-    EXPECT_EQ(textOf("Local", "IP", 15), "default");
-    EXPECT_EQ(GetCapturedStderr(), path().string() + "/profile.ini:2: [Local] IP is longer than 15 bytes, "
-                                                     "the default is used\n");
+    for (const char* otherwise : {"yes", ""}) {
+        for (const char* text : {"true", "YES", "On", "1"})
+            EXPECT_TRUE(isTrue(text, otherwise)) << text;
+        for (const char* text : {"FALSE", "no", "oFF", "0"})
+            EXPECT_FALSE(isTrue(text, otherwise)) << text;
+        for (const char* text : {"", "2", "enabled"})
+            EXPECT_EQ(isTrue(text, otherwise), *otherwise != '\0') << text;
+    }
+    EXPECT_THAT(output.err(), HasSubstr("profile.ini:2: [Local] Loop is no boolean"));
 }
 
 TEST_F(Profile, EveryBrokenLineIsReportedOnceWithItsNumber) {
-    write("[Local]\nIP 10.0.0.1\n= nothing\nNetName = eth1\n[Local\nNetName = eth2\n");
+    write("[Local]\nIP 10.0.0.1\n= nothing\nNetName = \"eth1\"\n[Local\nNetName = eth2\n");
     const std::string first = reports();
     EXPECT_THAT(first, HasSubstr("profile.ini:2: neither a [section] nor key = value, ignored\n"));
     EXPECT_THAT(first, HasSubstr("profile.ini:3: neither a [section] nor key = value, ignored\n"));
     EXPECT_THAT(first, HasSubstr("profile.ini:5: a section without ], the keys below it are ignored\n"));
-    EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 3);
-    EXPECT_EQ(textOf("Local", "NetName"), "eth1");
-    EXPECT_THAT(reports(), IsEmpty()) << "the file is read at every look-up, each fault reported once";
+    EXPECT_EQ(linesIn(first), 3);
+
+    const auto quotes = [] { return errOf([] { EXPECT_EQ(textOf("Local", "NetName"), "\"eth1\""); }); };
+    EXPECT_EQ(quotes(), path().string() + "/profile.ini:4: [Local] NetName is taken with its quotes\n");
+    write("[Local]\nNetName = \"eth1\"\n");
+    EXPECT_EQ(quotes(), "") << "also when it has moved";
+    write("[Local]\nIP 10.0.0.1\n\nNetName = 123.123.123.1234\n");
+    EXPECT_EQ(textOf("Local", "NetName", 16), "123.123.123.1234");
+    EXPECT_EQ(errOf([] { EXPECT_EQ(textOf("Local", "NetName", 15), "default"); }),
+              path().string() +
+                  "/profile.ini:4: [Local] NetName is longer than 15 bytes, the default is used\n")
+        << "the file is read again, each fault reported once";
 }
 
 TEST_F(Profile, FileThatCannotBeReadIsReportedAndAMissingOneIsNot) {
-    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_EQ(reports(), "");
     write(std::string("[\0L\0]\0", 6));
     EXPECT_THAT(reports(), HasSubstr("no UTF-8 text"));
-    std::filesystem::remove(path() / "profile.ini");
-    std::filesystem::create_directory(path() / "profile.ini");
+    const std::filesystem::path file = path() / "profile.ini";
+    std::filesystem::remove(file);
+    std::filesystem::create_directory(file);
     EXPECT_THAT(reports(), HasSubstr("profile.ini: cannot be read (Is a directory)"));
-    std::filesystem::remove(path() / "profile.ini");
-    ASSERT_EQ(::mkfifo((path() / "profile.ini").c_str(), 0600), 0);
+    std::filesystem::remove(file);
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
     ::alarm(20); // ends the test if the file is waited for
     EXPECT_THAT(reports(), HasSubstr("profile.ini: cannot be read (it is a FIFO)"));
     ::alarm(0);
 }
 
 TEST_F(Profile, RelativePathIsInTheNamedOrElseTheCurrentDirectory) {
-    const std::string current = path() / "current.ini";
     write("[Local]\nIP = named\n");
     write("[Local]\nIP = current\n", "current.ini");
+    const auto inCurrent = [](const std::string& file) {
+        return GetProfileInfo("Local", "IP", "default", 16, file.c_str());
+    };
     EXPECT_EQ(textOf("Local", "IP"), "named");
-    EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, current.c_str()), "current");
+    EXPECT_EQ(inCurrent(path() / "current.ini"), "current");
     std::filesystem::current_path(path());
     ::setenv("INIPROFILE_DIR", "", 1);
-    EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, "current.ini"), "current");
+    EXPECT_EQ(inCurrent("current.ini"), "current");
     ::unsetenv("INIPROFILE_DIR");
-    EXPECT_EQ(GetProfileInfo("Local", "IP", "default", 16, "current.ini"), "current");
+    EXPECT_EQ(inCurrent("current.ini"), "current");
     std::filesystem::current_path("/");
 }
 
@@ -212,11 +174,10 @@ TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndIsQuotedInTheManual) {
     const std::string example = contents("profile.ini.example");
     EXPECT_THAT(contents("configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
     write(example);
-    EXPECT_THAT(reports(), IsEmpty());
-    EXPECT_EQ(textOf("Radar", "IP"), "");
-    EXPECT_EQ(textOf("Radar", "TCPService"), "false");
+    EXPECT_EQ(reports(), "");
+    EXPECT_EQ(textOf("Radar", "IP") + textOf("Local", "NetName"), "");
     EXPECT_EQ(textOf("Local", "IP"), "0.0.0.0");
-    EXPECT_EQ(textOf("Local", "NetName"), "");
+    EXPECT_EQ(textOf("Radar", "TCPService"), "false");
     EXPECT_EQ(textOf("Local", "MulticastLoop"), "false");
 }
 
@@ -225,15 +186,14 @@ TEST_F(Profile, ConcurrentLookUpsWorkAndReportsAreLimited) {
     for (int i = 0; i < 300; ++i)
         text += "broken\n";
     write(text);
-    CaptureStderr();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([] { EXPECT_EQ(textOf("Local", "NetName"), "eth0"); });
-    for (std::thread& thread : threads)
-        thread.join();
-    const std::string lines = GetCapturedStderr();
-    EXPECT_GT(std::count(lines.begin(), lines.end(), '\n'), 50);
-    EXPECT_LE(std::count(lines.begin(), lines.end(), '\n'), 100);
+    const Output output;
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back([] { EXPECT_EQ(textOf("Local", "NetName"), "eth0"); });
+    }
+    EXPECT_GT(linesIn(output.err()), 50);
+    EXPECT_LE(linesIn(output.err()), 100);
 }
 
 } // namespace

@@ -1,15 +1,11 @@
-#include "failing_memory.h"
 #include "netip_fixture.h"
 
-#include <atomic>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
 
 namespace {
-
-using testing::ExitedWithCode;
 
 /// Interfaces eth8 and eth9 of which there is nothing but a carrier file, and commands that do nothing.
 class NetworkFault : public testing::Test {
@@ -29,64 +25,22 @@ protected:
     }
 };
 
-NetIpLog* s_listener = nullptr; // of programs that end while they stand
-tNetIPHelper* s_helper = nullptr;
-
-/// @param pass long enough for the listener to be added before the first one
-void watch(std::chrono::milliseconds pass) {
-    setWatchPass(pass);
-    s_listener = new NetIpLog;
-    s_helper = new tNetIPHelper(false, "eth9", "10.5.0.9", "255.255.255.0");
-    s_helper->AddNetIPListener(s_listener);
-}
-
-TEST_F(NetworkFault, AProgramEndsWithItsOwnStatusWhileAWatchOrARestartStands) {
+TEST_F(NetworkFault, AProgramEndsWithItsOwnStatusWhileARestartWaitsUntilItMay) {
     setCarrier("eth9", true);
-    const std::pair<const char*, void (*)()> programs[] = {
-        {"a watch stands",
-         [] {
-             watch(500ms);
-             s_listener->lastBecomes("eth9 10.5.0.9");
-         }},
-        {"a restart on the watch's thread waits until it may",
-         [] {
-             tNetIPHelper::SetResetReady(false);
-             watch(500ms);
-             s_listener->reaches(2);
-         }},
-        {"a restart on a thread of the program waits until it may",
-         [] {
-             tNetIPHelper::SetResetReady(false);
-             watch(1h);
-             std::thread(&tNetIPHelper::NetworkRestart).detach();
-             s_listener->reaches(2);
-         }},
-    };
-    for (const auto& [what, begin] : programs) {
-        SCOPED_TRACE(what);
-        const auto program = [begin = begin] {
-            ::alarm(30);
-            begin();
-            std::exit(7);
-        };
-        EXPECT_EXIT(program(), ExitedWithCode(7), "");
-    }
-}
-
-std::unique_ptr<tNetIPHelper> s_static; // destroyed at the end of the program, and of a forked child
-
-TEST_F(NetworkFault, AForkedChildThatExitsEndsAtOnceAndTheWatchGoesOn) {
-    NetIpLog listener;
-    s_static = std::make_unique<tNetIPHelper>(false, "eth9", "10.5.0.9", "255.255.255.0");
-    s_static->AddNetIPListener(&listener);
-    const auto child = [] {
+    const auto program = [](bool onOwnThread) {
         ::alarm(30);
+        tNetIPHelper::SetResetReady(false);
+        setWatchPass(onOwnThread ? 1h : 500ms); // the listener is added before the first one
+        static NetIpLog* const s_listener = new NetIpLog;
+        static auto* const s_helper = new tNetIPHelper(false, "eth9", "10.5.0.9", "255.255.255.0");
+        s_helper->AddNetIPListener(s_listener);
+        if (onOwnThread)
+            std::thread(&tNetIPHelper::NetworkRestart).detach();
+        s_listener->reaches(2);
         std::exit(7);
     };
-    EXPECT_EXIT(child(), ExitedWithCode(7), "");
-    setCarrier("eth9", true);
-    EXPECT_TRUE(listener.lastBecomes("eth9 10.5.0.9"));
-    s_static.reset();
+    for (const bool onOwnThread : {false, true})
+        EXPECT_EXIT(program(onOwnThread), testing::ExitedWithCode(7), "");
 }
 
 /// Throws on the thread that made it, while told to.
@@ -124,28 +78,6 @@ TEST_F(NetworkFault, WhatAListenerThrowsReachesTheApplicationAndLeavesTheWatchWh
     const std::size_t told = listener.all().size();
     tNetIPHelper::NetworkRestart();
     EXPECT_EQ(listener.all().size(), told);
-}
-
-TEST_F(NetworkFault, EveryAllocationOfTheWatchMayFail) {
-    NetIpLog listener;
-    const Output output;
-    tNetIPHelper helper(true, "eth9", "10.5.0.9", "255.255.255.0");
-    helper.AddNetIPListener(&listener);
-    const auto plugAndPull = [&] {
-        setCarrier("eth9", true);
-        EXPECT_TRUE(listener.lastBecomes("eth9 10.5.0.9"));
-        setCarrier("eth9", false);
-        EXPECT_TRUE(listener.lastBecomes("eth9 0.0.0.0"));
-    };
-    long failed = 0;
-    for (bool hit = true; hit && !HasFailure(); failed += hit ? 1 : 0) {
-        SCOPED_TRACE(failed + 1);
-        const FailingMemory memory(failed + 1);
-        plugAndPull();
-        hit = memory.hit();
-    }
-    EXPECT_GT(failed, 10);
-    EXPECT_THAT(output.err(), HasSubstr("tNetIPHelper: a pass of the watch was lost: out of memory\n"));
 }
 
 TEST_F(NetworkFault, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAnother) {

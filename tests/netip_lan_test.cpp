@@ -56,18 +56,10 @@ TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
 TEST_F(NetworkManagement, ManualModePutsTheAddressOnTheAlias) {
     ASSERT_TRUE(plugCable() && succeeds("ip addr add 10.5.0.70/24 dev eth0"));
     NetIpLog listener;
-    const Output output;
     tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.255.0");
     helper.AddNetIPListener(&listener);
     EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
     EXPECT_EQ(net::localIfaName(net::transAddr("10.5.0.9")), "eth0:0");
-
-    ASSERT_TRUE(succeeds("ifconfig eth0:0 down && ip addr flush dev eth0"));
-    EXPECT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }))
-        << "set again after another program removes it";
-    const std::string printed = output.out();
-    EXPECT_THAT(printed, HasSubstr("eth0 DHCP closed, use 10.5.0.9 manual IP 10.5.0.9\r\n"));
-    EXPECT_THAT(printed, Not(HasSubstr("udhcpc")));
 }
 
 /// A NetworkManager of the test's own: its bus, its configuration, its profiles, its host name.

@@ -11,8 +11,6 @@ namespace {
 
 TEST(AddressPlan, RecordLayoutIsWhatApplicationsRead) {
     const RadarAddress& record = plan::defaultRecord();
-    EXPECT_EQ(text(record.imageStream), "236.6.7.8:6678") << "6878 when host 1 announces it";
-    EXPECT_EQ(text(record.arpaState), "236.6.7.19:6689") << "6889";
     for (unsigned i = 0; i < record.infoDev.size(); ++i) {
         EXPECT_EQ(text(record.infoDev[i]),
                   "236.6.11." + std::to_string(10 + i) + ":" + std::to_string(7600 + i));
@@ -23,22 +21,21 @@ TEST(AddressPlan, RecordLayoutIsWhatApplicationsRead) {
     EXPECT_EQ(dedicated.isMulti, 1);
     EXPECT_EQ(dedicated.multiNum, 2);
     EXPECT_EQ(text(dedicated.imageState), "234.5.6.75:34635");
-    EXPECT_EQ(text(dedicated.infoDev[9]), "234.5.6.96:34656");
 }
 
 TEST(AddressPlan, HostIdsOutsideThePlanHaveTheEndpointsOfHostOne) {
     EXPECT_EQ(text(plan::getOriginalImageEp(64, 1)), "236.6.7.16:6656");
-    for (const std::uint8_t id : std::initializer_list<std::uint8_t>{0, 1, 15, 64, 255})
+    for (const std::uint8_t id : std::initializer_list<std::uint8_t>{0, 15, 64, 255})
         EXPECT_EQ(text(plan::getInfoDevBaseEp(id)), "236.6.11.10:7600");
 }
 
 TEST(AddressPlan, ArpaPortsDetermineHostIds) {
-    struct {
+    const struct {
         std::uint16_t port;
         int id;
         bool matches;
         int computed;
-    } const cases[] = {
+    } cases[] = {
         {6688, 1, true, 1},    {6009, 16, true, 16},  {6041, 17, true, 17},  {7513, 63, true, 63},
         {7545, 0, true, 0x40}, {6010, 16, false, 16}, {6008, 0, false, 0xF}, {0, 0, false, 0x54},
     };
@@ -47,15 +44,9 @@ TEST(AddressPlan, ArpaPortsDetermineHostIds) {
         EXPECT_EQ(number.id, id) << port;
         EXPECT_EQ(number.portMatches, matches) << port;
         EXPECT_EQ(number.computed, computed) << port;
-    }
-}
-
-TEST(AddressPlan, RecordBelongsToAHostIdWhereItsArpaPortIsExactlyThatHosts) {
-    RadarAddress record{};
-    for (const auto& [port, id] :
-         {std::pair{6688, 1}, {6009, 16}, {7513, 63}, {6010, 0}, {7545, 0}, {0, 0}}) {
-        record.arpaStream.port = net::HtoNs(static_cast<std::uint16_t>(port));
-        EXPECT_EQ(plan::hostIdOf(record), id) << port;
+        RadarAddress record{};
+        record.arpaStream.port = net::HtoNs(port);
+        EXPECT_EQ(plan::hostIdOf(record), matches ? id : 0) << port;
     }
 }
 

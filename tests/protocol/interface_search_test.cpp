@@ -9,97 +9,60 @@ namespace {
 using protocol::InterfaceSearch;
 using Phase = InterfaceSearch::Phase;
 using Addresses = InterfaceSearch::Addresses;
-using std::chrono::milliseconds;
-constexpr Phase Pause = Phase::Pause, FirstBeacons = Phase::FirstBeacons,
-                SecondBeacons = Phase::SecondBeacons, Joining = Phase::Joining, Answers = Phase::Answers;
 
-/// A search with the times that applications meet: beacons 3 s and 3 s, joining 1 s, answers 2 s, pause 5 s.
+/// A search with the times that applications meet.
 class InterfaceSearchTest : public testing::Test {
 protected:
-    struct Step {
-        int at;          // milliseconds
-        Addresses there; // the machine has
-        Addresses heard; // since the step before
-        Phase then;
-        std::string told; // "beacon"/"answer", the address in force before, what the listeners are told
-    };
-
-    static InterfaceSearch::TimePoint moment(int at) { return m_start + milliseconds(at); }
-
-    void follow(const std::vector<Step>& steps) {
-        for (const Step& step : steps) {
-            SCOPED_TRACE("at " + std::to_string(step.at));
-            for (const std::uint32_t address : step.heard)
-                m_search.heard(address);
-            const auto result = m_search.advance(moment(step.at), step.there);
-            std::string told;
-            if (result) {
-                told = (result->byBeacon ? "beacon " : "answer ") + std::to_string(result->previous) + ":";
-                for (const std::uint32_t address : result->addresses)
-                    told += " " + std::to_string(address);
-                EXPECT_EQ(m_search.current(), result->addresses.back());
-            }
-            EXPECT_EQ(told, step.told);
-            EXPECT_EQ(m_search.phase(), step.then);
-            EXPECT_EQ(m_search.listening().empty(), step.then == Pause);
-        }
+    static InterfaceSearch::TimePoint moment(int milliseconds) {
+        return InterfaceSearch::TimePoint(std::chrono::hours(1)) + std::chrono::milliseconds(milliseconds);
     }
-    /// A search that began at @p at and hears no beacon: its steps up to the one in which it waits for
-    /// answers.
-    void searchUntilAnswers(int at, const Addresses& there) {
-        follow({{at, there, {}, FirstBeacons, ""},
-                {at + 3000, there, {}, Joining, ""},
-                {at + 4000, there, {}, Answers, ""}});
+    /// What the listeners are told at a moment, behind the address in force before; empty: nothing.
+    std::string advance(int milliseconds, const Addresses& there) {
+        const auto result = m_search.advance(moment(milliseconds), there);
+        if (!result)
+            return "";
+        std::string told =
+            (result->byBeacon ? "beacon " : "answer ") + std::to_string(result->previous) + ":";
+        for (const std::uint32_t address : result->addresses)
+            told += " " + std::to_string(address);
+        return told;
     }
 
-    static constexpr InterfaceSearch::TimePoint m_start{std::chrono::hours(1)};
     InterfaceSearch m_search{net::detail::SearchTiming{}};
 };
 
-// Addresses that come, go or are configured: simulation/search_oracle.h.
+// What the addresses hear, and which of them come, go or are configured: simulation/search_oracle.h.
 
-TEST_F(InterfaceSearchTest, BeaconsHeardInTwoPeriodsInARowSettleItWithoutAQuery) {
-    follow({{0, {1, 2}, {}, FirstBeacons, ""},
-            {2999, {1, 2}, {2}, FirstBeacons, ""},
-            {3000, {1, 2}, {}, SecondBeacons, ""},
-            {5999, {1, 2}, {1, 2}, SecondBeacons, ""}, // 1 was silent in the first period
-            {6000, {1, 2}, {}, Pause, "beacon 0: 2"}});
-}
-
-TEST_F(InterfaceSearchTest, SilenceInOnePeriodLeadsToAQueryOnEveryAddress) {
-    follow({{0, {1, 2}, {}, FirstBeacons, ""},
-            {3000, {1, 2}, {2}, SecondBeacons, ""},
-            {6000, {1, 2}, {}, Joining, ""}});
-    EXPECT_EQ(m_search.listening(), (Addresses{1, 2}));
-    follow({{6999, {1, 2}, {}, Joining, ""},
-            {7000, {1, 2}, {}, Answers, ""},
-            {8999, {1, 2}, {1}, Answers, ""},
-            {9000, {1, 2}, {}, Pause, "answer 0: 1"}});
-}
-
-TEST_F(InterfaceSearchTest, WhatIsHeardSinceJoiningCountsAsAnAnswer) {
-    follow({{0, {1, 2}, {}, FirstBeacons, ""},
-            {2999, {1, 2}, {}, FirstBeacons, ""},
-            {3000, {1, 2, 3}, {}, Joining, ""}, // 3 came too late
-            {4000, {1, 2, 3}, {1, 3}, Answers, ""},
-            {6000, {1, 2, 3}, {2}, Pause, "answer 0: 1 2"}});
-    EXPECT_EQ(m_search.current(), 2U) << "told in ascending order, and the last one stays in force";
-}
-
-TEST_F(InterfaceSearchTest, AddressIsLeftWhereOnlyAnotherOneHearsARadar) {
-    searchUntilAnswers(0, {1, 2});
-    follow({{6000, {1, 2}, {2}, Pause, "answer 0: 2"},
-            {11000, {1, 2}, {}, FirstBeacons, ""},
-            {14000, {1, 2}, {1}, SecondBeacons, ""},
-            {17000, {1, 2}, {1}, Pause, "beacon 2: 1"}});
-}
-
-TEST_F(InterfaceSearchTest, PeriodLastsFromTheOpeningOfItsSockets) {
-    follow({{0, {1}, {}, FirstBeacons, ""}});
+TEST_F(InterfaceSearchTest, EachPhaseLastsItsTimeFromTheOpeningOfItsSockets) {
+    const Addresses both{1, 2};
+    const Addresses andALateOne{1, 2, 3};
+    EXPECT_EQ(advance(0, both), "");
     m_search.listeningSince(moment(700));
-    follow({{3699, {1}, {}, FirstBeacons, ""}, {3700, {1}, {}, Joining, ""}});
-    m_search.listeningSince(moment(4000));
-    follow({{4999, {1}, {}, Joining, ""}, {5000, {1}, {}, Answers, ""}, {7000, {1}, {}, Pause, ""}});
+    m_search.heard(2);
+    const auto lastsUntil = [&](int end, Phase phase) {
+        EXPECT_EQ(advance(end - 1, andALateOne), "");
+        EXPECT_EQ(m_search.phase(), phase);
+        EXPECT_EQ(m_search.listening(), phase == Phase::SecondBeacons ? Addresses{2} : both);
+        return advance(end, andALateOne);
+    };
+    EXPECT_EQ(lastsUntil(3700, Phase::FirstBeacons), "");
+    EXPECT_EQ(lastsUntil(6700, Phase::SecondBeacons), "");
+    m_search.listeningSince(moment(7000));
+    m_search.heard(2);
+    EXPECT_EQ(lastsUntil(8000, Phase::Joining), "");
+    m_search.heard(1);
+    m_search.heard(3);
+    EXPECT_EQ(lastsUntil(10000, Phase::Answers), "answer 0: 1 2") << "what came since joining counts, too";
+    EXPECT_EQ(m_search.current(), 2U) << "told in ascending order, and the last one stays in force";
+    EXPECT_TRUE(m_search.listening().empty());
+
+    EXPECT_EQ(advance(14999, both), "");
+    EXPECT_EQ(m_search.phase(), Phase::Pause);
+    for (const int end : {15000, 18000}) {
+        EXPECT_EQ(advance(end, both), "");
+        m_search.heard(1);
+    }
+    EXPECT_EQ(advance(21000, both), "beacon 2: 1") << "left where only another one hears a radar";
 }
 
 } // namespace

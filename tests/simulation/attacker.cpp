@@ -7,13 +7,11 @@ namespace {
 constexpr std::uint32_t kFloodNames = 4096 + 400;
 constexpr std::uint32_t kFloodNewcomers = 100; // the last of them, each from a source of its own
 constexpr std::uint32_t kFloodPerMillisecond = 2;
-constexpr Time kKeepPeriod = 4000;
 
 } // namespace
 
-Attacker::Attacker(Lan& lan, std::vector<Interface> on, const std::vector<std::string>& radars,
-                   std::uint32_t keptNames)
-    : Node("attacker", std::move(on)), m_lan(lan), m_radars(radars), m_keptNames(keptNames) {
+Attacker::Attacker(Lan& lan, std::vector<Interface> on, const std::vector<std::string>& radars)
+    : Node("attacker", std::move(on)), m_lan(lan), m_radars(radars) {
     lan.add(*this);
 }
 
@@ -21,11 +19,6 @@ void Attacker::start(std::uint32_t rate) {
     m_rate = rate;
     m_lan.switchOn(*this);
     m_lan.schedule(*this, 1000, kAct);
-    for (std::uint32_t i = 0; i < m_keptNames; ++i)
-        m_kept.push_back(m_lan.keep(announcement(m_lan, *this, address(0, 100 + i % 100),
-                                                 "kept" + std::to_string(i), 20, Form::Long)));
-    if (!m_kept.empty())
-        m_lan.schedule(*this, 0, kKeepNames);
 }
 
 void Attacker::flood(std::uint32_t sources) {
@@ -33,7 +26,7 @@ void Attacker::flood(std::uint32_t sources) {
         return;
     m_floodLeft = kFloodNames;
     m_floodSources = sources;
-    m_floodInterface = anyInterface();
+    m_floodInterface = below(interfaces.size());
     m_lan.schedule(*this, 0, kFlood);
 }
 
@@ -42,48 +35,39 @@ void Attacker::timer(int which) {
         if (m_lan.random().onceIn(m_rate))
             act();
         m_lan.schedule(*this, 1000, kAct);
-    } else if (which == kKeepNames) {
-        for (const DatagramId id : m_kept)
-            m_lan.send(*this, 0, id);
-        m_lan.schedule(*this, kKeepPeriod, kKeepNames);
-    } else {
-        const auto source = [this] {
-            return m_floodLeft > kFloodNewcomers ? address(9, 1 + m_floodLeft % m_floodSources)
-                                                 : address(8, m_floodLeft);
-        };
-        for (std::uint32_t i = 0; i < kFloodPerMillisecond && m_floodLeft > 0; ++i, --m_floodLeft)
-            m_lan.send(*this, m_floodInterface,
-                       m_lan.keep(announcement(m_lan, *this, source(), "F" + std::to_string(m_forged++), 63,
-                                               Form::Short)));
-        if (m_floodLeft > 0)
-            m_lan.schedule(*this, 1, kFlood);
+        return;
     }
+    for (std::uint32_t i = 0; i < kFloodPerMillisecond && m_floodLeft > 0; ++i, --m_floodLeft) {
+        const std::uint32_t source = m_floodLeft > kFloodNewcomers
+                                         ? address(9, 1 + m_floodLeft % m_floodSources)
+                                         : address(8, m_floodLeft);
+        m_lan.send(
+            *this, m_floodInterface,
+            m_lan.keep(announcement(*this, source, "F" + std::to_string(m_forged++), 63, Form::Short)));
+    }
+    if (m_floodLeft > 0)
+        m_lan.schedule(*this, 1, kFlood);
 }
 
-void Attacker::sendAnnouncement(const std::string& name, std::uint32_t source) {
-    const auto id = static_cast<std::uint8_t>(16 + m_lan.random().below(48));
-    const auto form = static_cast<Form>(m_lan.random().below(kForms));
-    m_lan.send(*this, anyInterface(), m_lan.keep(announcement(m_lan, *this, source, name, id, form)));
+void Attacker::send(Datagram datagram) {
+    m_lan.send(*this, below(interfaces.size()), m_lan.keep(std::move(datagram)));
 }
 
-void Attacker::sendNegotiation(std::string_view bytes) {
-    m_lan.send(*this, anyInterface(), m_lan.keep(negotiation(*this, bytes)));
+void Attacker::sendAnnouncement(const std::string& name) {
+    const auto form = static_cast<Form>(below(kForms));
+    const auto id = static_cast<std::uint8_t>(16 + below(48));
+    send(announcement(*this, address(9, 1 + below(3)), name, id, form));
 }
 
 void Attacker::act() {
-    Random& random = m_lan.random();
-    const auto anyId = [&] {
-        return random.onceIn(3) ? std::uint8_t{1} : static_cast<std::uint8_t>(16 + random.below(48));
-    };
-    const auto anyCode = [&] { return static_cast<char>(1 + random.below(3)); };
-    switch (random.below(9)) {
+    const auto anyId = [&] { return static_cast<std::uint8_t>(below(3) == 0 ? 1 : 16 + below(48)); };
+    switch (below(9)) {
     case 0: // new names
-        for (std::uint32_t i = random.below(20); i > 0; --i)
-            sendAnnouncement("F" + std::to_string(m_forged++), address(9, 1 + random.below(3)));
+        for (std::uint32_t i = below(20); i > 0; --i)
+            sendAnnouncement("F" + std::to_string(m_forged++));
         break;
     case 1: // a radar's name
-        sendAnnouncement(m_radars[random.below(static_cast<std::uint32_t>(m_radars.size()))],
-                         address(9, 1 + random.below(3)));
+        sendAnnouncement(m_radars[below(m_radars.size())]);
         break;
     case 2:
         sendNegotiation(bytes::message(bytes::kObjection, anyId()));
@@ -93,22 +77,22 @@ void Attacker::act() {
             sendNegotiation(bytes::message(bytes::kObjection, id));
         break;
     case 4: // whatever byte a holder looks at, several at once
-        for (std::uint32_t i = random.below(4); i > 0; --i)
-            sendNegotiation(bytes::message(anyCode(), anyId(), random.onceIn(2) ? std::uint8_t{1} : anyId()));
+        for (std::uint32_t i = below(4); i > 0; --i)
+            sendNegotiation(bytes::message(static_cast<char>(1 + below(3)), anyId(),
+                                           m_lan.random().onceIn(2) ? std::uint8_t{1} : anyId()));
         break;
     case 5:
-        m_lan.send(*this, anyInterface(), m_lan.keep(beacon(*this)));
+        send(beacon(*this));
         break;
     case 6:
-        m_lan.send(*this, anyInterface(), m_lan.keep(noise(*this, Traffic::Announcement)));
-        m_lan.send(*this, anyInterface(), m_lan.keep(noise(*this, Traffic::Beacon)));
+        send(noise(*this));
         break;
     case 7: // a reset, and what is none
         sendNegotiation("\x20\xA1");
         sendNegotiation("\x20\xA1x");
         break;
     default:
-        m_lan.send(*this, anyInterface(), m_lan.keep(query(*this, interfaces[0].address)));
+        send(query(*this, interfaces[0].address));
     }
 }
 

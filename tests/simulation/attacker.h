@@ -9,8 +9,7 @@ namespace simulation {
 
 class Attacker : public Node {
 public:
-    Attacker(Lan& lan, std::vector<Interface> on, const std::vector<std::string>& radars,
-             std::uint32_t keptNames);
+    Attacker(Lan& lan, std::vector<Interface> on, const std::vector<std::string>& radars);
 
     /// @param rate about one act in so many seconds
     void start(std::uint32_t rate);
@@ -22,12 +21,13 @@ public:
     void timer(int which) override;
 
 private:
-    enum Timer { kAct, kFlood, kKeepNames };
+    enum Timer { kAct, kFlood };
 
     void act();
-    void sendAnnouncement(const std::string& name, std::uint32_t source);
-    void sendNegotiation(std::string_view bytes);
-    std::size_t anyInterface() { return m_lan.random().below(static_cast<std::uint32_t>(interfaces.size())); }
+    void send(Datagram datagram);
+    void sendAnnouncement(const std::string& name);
+    void sendNegotiation(std::string_view bytes) { send(negotiation(*this, bytes)); }
+    std::uint32_t below(std::size_t end) { return m_lan.random().below(static_cast<std::uint32_t>(end)); }
 
     Lan& m_lan;
     const std::vector<std::string>& m_radars; // names in use
@@ -36,8 +36,6 @@ private:
     std::uint32_t m_floodLeft = 0;
     std::uint32_t m_floodSources = 1;
     std::size_t m_floodInterface = 0;
-    const std::uint32_t m_keptNames; // forged names that are kept alive
-    std::vector<DatagramId> m_kept;
 };
 
 } // namespace simulation

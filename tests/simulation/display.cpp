@@ -8,9 +8,8 @@ namespace simulation {
 
 using protocol::InterfaceSearch;
 
-Display::Display(Lan& lan, std::string name, std::vector<Interface> on, Counts& counts)
-    : Node(std::move(name), std::move(on)), m_lan(lan), m_tableOracle(lan, counts),
-      m_searchOracle(lan, *this, counts) {
+Display::Display(Lan& lan, std::string name, std::vector<Interface> on)
+    : Node(std::move(name), std::move(on)), m_lan(lan), m_tableOracle(lan), m_searchOracle(lan) {
     lan.add(*this);
 }
 
@@ -31,8 +30,8 @@ void Display::start(Habits habits) {
 }
 
 void Display::setAddress(std::size_t interface, std::uint32_t address) {
-    m_searchOracle.moved(interfaces[interface].address);
     interfaces[interface].address = address;
+    m_searchOracle.moved();
     m_lan.note(*this, address == 0 ? "loses its address on interface" : "has another address on interface",
                static_cast<std::uint32_t>(interface + 1));
 }
@@ -42,7 +41,10 @@ void Display::timer(int which) {
         search();
         return;
     }
-    query();
+    m_tableOracle.queried(second(), m_table->expire(second()), *m_table);
+    if (m_watchOracle)
+        m_watchOracle->queried(second(), *m_table);
+    queryThrough(m_search->current());
     m_searchOracle.look(localAddresses());
     m_lan.schedule(*this, m_habits.queryPeriod, kQuery);
 }
@@ -70,14 +72,14 @@ void Display::receive(const Datagram& datagram, std::size_t interface) {
 
 void Display::takeAnnouncement(const Datagram& datagram) {
     const auto announcement = protocol::readAnnouncement(datagram.bytes, {false, m_habits.tcpService});
-    require(announcement.has_value() == (datagram.name != kNoName), "an announcement is recognised as one");
+    require(announcement.has_value() == !datagram.name.empty(), "an announcement is recognised as one");
     if (!announcement)
         return;
-    const NameId meant[] = {datagram.name, m_habits.tcpService ? datagram.tcpName : kNoName};
-    require(announcement->listingCount == (meant[1] == kNoName ? 1 : 2), "each service has a name");
+    const std::string meant[] = {datagram.name, m_habits.tcpService ? datagram.tcpName : ""};
+    require(announcement->listingCount == (meant[1].empty() ? 1 : 2), "each service has a name");
     for (std::size_t i = 0; i < announcement->listingCount; ++i) {
         const auto& [name, record] = announcement->listings[i];
-        require(name.view() == m_lan.nameText(meant[i]), "names are listed as announced");
+        require(name.view() == meant[i], "names are listed as announced");
         const auto update = m_table->update(name, record, datagram.source, second());
         m_tableOracle.took(meant[i], datagram, second(), update, *m_table);
     }
@@ -85,36 +87,10 @@ void Display::takeAnnouncement(const Datagram& datagram) {
         m_watchOracle->took(*announcement, datagram.source, second(), *m_table);
 }
 
-void Display::query() {
-    m_tableOracle.queried(second(), m_table->expire(second()), *m_table);
-    if (m_watchOracle)
-        m_watchOracle->queried(second(), *m_table);
-    sendThrough(m_search->current(), simulation::query(*this, m_search->current()));
-}
-
-void Display::sendThrough(std::uint32_t address, const Datagram& datagram) {
-    for (std::size_t i = 0; i < interfaces.size(); ++i) {
-        if (address == 0 || interfaces[i].address != address)
-            continue;
-        if (datagram.traffic != Traffic::Query) {
-            m_lan.send(*this, i, m_lan.keep(datagram));
-            return;
-        }
-        const auto known = m_queries.find(address);
-        m_lan.send(*this, i,
-                   known != m_queries.end() ? known->second
-                                            : m_queries.emplace(address, m_lan.keep(datagram)).first->second);
-    }
-}
-
-void Display::renumberOne() {
-    const auto& entries = m_table->entries();
-    if (entries.empty())
-        return;
-    const auto chosen =
-        std::next(entries.begin(), m_lan.random().below(static_cast<std::uint32_t>(entries.size())));
-    const std::uint8_t id = plan::hostIdOf(chosen->second.record);
-    sendThrough(m_search->current(), negotiation(*this, bytes::message(bytes::kObjection, id)));
+void Display::queryThrough(std::uint32_t address) {
+    for (std::size_t i = 0; i < interfaces.size(); ++i)
+        if (address != 0 && interfaces[i].address == address)
+            m_lan.send(*this, i, m_lan.keep(query(*this, address)));
 }
 
 Display::Addresses Display::localAddresses() const {
@@ -130,7 +106,7 @@ void Display::search() {
         m_search->configure(m_configured);
         m_probesHeard.clear();
         m_searchOracle.configured(m_configured);
-        m_lan.note(*this, "goes by its configured address", 0);
+        m_lan.note(*this, "goes by its configured address");
         m_lan.schedule(*this, 1000, kSearch);
         return;
     }
@@ -159,17 +135,16 @@ void Display::search() {
 }
 
 void Display::enterPhase(const Addresses& local) {
-    const InterfaceSearch::TimePoint now{std::chrono::milliseconds(m_lan.now())};
     if (m_search->phase() == Phase::Answers) {
         m_searchOracle.queries();
         for (const std::uint32_t address : m_search->listening())
-            sendThrough(address, simulation::query(*this, address));
+            queryThrough(address);
         return;
     }
     m_probesHeard.clear();
     m_searchOracle.listens(m_search->phase() == Phase::Joining ? Traffic::Announcement : Traffic::Beacon,
                            m_search->listening(), local);
-    m_search->listeningSince(now);
+    m_search->listeningSince(InterfaceSearch::TimePoint(std::chrono::milliseconds(m_lan.now())));
 }
 
 } // namespace simulation

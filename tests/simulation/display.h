@@ -22,7 +22,7 @@ public:
         bool tcpService;
     };
 
-    Display(Lan& lan, std::string name, std::vector<Interface> on, Counts& counts);
+    Display(Lan& lan, std::string name, std::vector<Interface> on);
 
     void start(Habits habits);
     void stop() { m_lan.switchOff(*this); }
@@ -30,8 +30,6 @@ public:
     void setAddress(std::size_t interface, std::uint32_t address);
     /// Puts an address in force without a search. @param address 0: searches again
     void configure(std::uint32_t address) { m_configured = address; }
-    /// Tells the host behind one of the listed names to give up its id.
-    void renumberOne();
 
     bool takes(Traffic traffic) const override {
         return traffic == Traffic::Announcement || traffic == Traffic::Beacon;
@@ -45,12 +43,11 @@ private:
     using Addresses = protocol::InterfaceSearch::Addresses;
 
     void takeAnnouncement(const Datagram& datagram);
-    void query();
     void search();
     void enterPhase(const Addresses& local);
     Addresses localAddresses() const;
     bool isListening(Traffic traffic, std::uint32_t address) const;
-    void sendThrough(std::uint32_t address, const Datagram& datagram);
+    void queryThrough(std::uint32_t address);
     std::int64_t second() const { return (m_lan.now() + m_clockOffset) / 1000; }
 
     Lan& m_lan;
@@ -63,7 +60,6 @@ private:
     std::optional<protocol::RadarTable> m_table;
     std::optional<protocol::InterfaceSearch> m_search;
     Addresses m_probesHeard;
-    std::map<std::uint32_t, DatagramId> m_queries; // by address
 };
 
 } // namespace simulation

@@ -2,7 +2,6 @@
 /// A radar host: negotiates an id, and answers queries as the radar of that id.
 #pragma once
 
-#include "counts.h"
 #include "lan.h"
 #include "messages.h"
 #include "negotiation_oracle.h"
@@ -22,7 +21,7 @@ public:
         bool beacons; ///< sends a beacon a second
     };
 
-    Host(Lan& lan, std::vector<Host*>& all, std::string name, std::vector<Interface> on, Counts& counts);
+    Host(Lan& lan, std::vector<Host*>& all, std::string name, Interface on);
 
     void start(Identity identity);
     void stop();
@@ -33,7 +32,6 @@ public:
     void receive(const Datagram& datagram, std::size_t interface) override;
     void timer(int which) override;
 
-    const Identity& identity() const { return m_identity; }
     const NegotiationOracle& oracle() const { return m_oracle; }
 
 private:
@@ -41,15 +39,15 @@ private:
 
     void negotiate();
     void serve(std::uint8_t id);
+    void send(const wire::Negotiation& message);
 
     Lan& m_lan;
     const std::vector<Host*>& m_all;
-    Counts& m_counts;
     NegotiationOracle m_oracle;
-    const DatagramId m_beacon;
     Identity m_identity{};
     std::optional<protocol::Negotiation> m_negotiation;
-    std::optional<DatagramId> m_answer;
+    const Datagram* m_answer = nullptr;
+    const Datagram* m_beacon = nullptr;
 };
 
 } // namespace simulation

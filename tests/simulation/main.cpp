@@ -64,19 +64,21 @@ int main(int argc, char** argv) {
     const std::vector<Outcome> outcomes = simulateAll(options);
     Counts sum;
     for (std::size_t hour = 0; hour < outcomes.size(); ++hour) {
-        const Outcome& outcome = outcomes[hour];
-        if (!outcome.failure.empty()) {
-            std::printf("%sseed %llu: does not hold: %s\nagain: scripts/simulate --scenario %s --seed %llu "
-                        "--seconds %lld\n",
-                        outcome.steps.c_str(), static_cast<unsigned long long>(options.seed + hour),
-                        outcome.failure.c_str(), options.scenario.c_str(),
-                        static_cast<unsigned long long>(options.seed + hour),
+        const auto& [failure, steps, counts] = outcomes[hour];
+        const std::string seed = std::to_string(options.seed + hour);
+        if (!failure.empty()) {
+            std::printf("%sseed %s: does not hold: %s\n"
+                        "again: scripts/simulate --scenario %s --seed %s --seconds %lld\n",
+                        steps.c_str(), seed.c_str(), failure.c_str(), options.scenario.c_str(), seed.c_str(),
                         static_cast<long long>(options.seconds));
             return 1;
         }
-        sum = sum + outcome.counts;
+        for (const auto& [what, count] : counts)
+            sum[what] += count;
     }
-    std::printf("%s LAN, %u times %lld seconds from seed %llu: %s\n", options.scenario.c_str(), options.hours,
-                static_cast<long long>(options.seconds), static_cast<unsigned long long>(options.seed),
-                text(sum).c_str());
+    std::printf("%s LAN, %u times %lld seconds from seed %llu:", options.scenario.c_str(), options.hours,
+                static_cast<long long>(options.seconds), static_cast<unsigned long long>(options.seed));
+    for (const auto& [what, count] : sum)
+        std::printf(" %llu %s;", static_cast<unsigned long long>(count), what.data());
+    std::printf("\n");
 }

@@ -8,8 +8,8 @@ std::uint32_t address(int segment, std::uint32_t number) {
     return 10U | static_cast<std::uint32_t>(segment + 1) << 8 | (number >> 8) << 16 | (number & 0xFF) << 24;
 }
 
-Datagram announcement(Lan& lan, const Node& sender, std::uint32_t source, const std::string& name,
-                      std::uint8_t hostId, Form form) {
+Datagram announcement(const Node& sender, std::uint32_t source, const std::string& name, std::uint8_t hostId,
+                      Form form) {
     const bool user = form == Form::User || form == Form::UserTcp;
     const bool tcp = form == Form::Tcp || form == Form::UserTcp;
     std::string bytes = protocol::composeAnnouncement(name, hostId, form == Form::Short ? 1 : 2);
@@ -23,9 +23,8 @@ Datagram announcement(Lan& lan, const Node& sender, std::uint32_t source, const 
     const std::string listed = name.substr(0, 16);
     Datagram datagram{Traffic::Announcement, std::move(bytes), sender.number(), source,
                       "announcement of " + name + ", id " + std::to_string(hostId)};
-    datagram.name = lan.nameId(user ? listed + ":User" : listed);
-    if (tcp)
-        datagram.tcpName = lan.nameId(listed + ":TCP");
+    datagram.name = user ? listed + ":User" : listed;
+    datagram.tcpName = tcp ? listed + ":TCP" : "";
     datagram.arpaPort =
         __builtin_bswap16(static_cast<std::uint16_t>(hostId == 1 ? 6688 : 6009 + 32 * (hostId - 16)));
     datagram.sign = true;
@@ -50,10 +49,9 @@ Datagram beacon(const Node& sender) {
     return datagram;
 }
 
-Datagram noise(const Node& sender, Traffic traffic) {
-    const bool announced = traffic == Traffic::Announcement;
-    Datagram datagram{traffic, std::string(announced ? 222 : 8, 'x'), sender.number(), 0, "noise"};
-    datagram.sign = announced; // the length alone counts
+Datagram noise(const Node& sender) {
+    Datagram datagram{Traffic::Announcement, std::string(222, 'x'), sender.number(), 0, "noise"};
+    datagram.sign = true; // the length alone counts
     return datagram;
 }
 

@@ -14,13 +14,13 @@ enum class Form { Short, Long, User, Tcp, UserTcp };
 inline constexpr std::uint32_t kForms = 5;
 
 /// @param name 20 characters at most
-Datagram announcement(Lan& lan, const Node& sender, std::uint32_t source, const std::string& name,
-                      std::uint8_t hostId, Form form);
+Datagram announcement(const Node& sender, std::uint32_t source, const std::string& name, std::uint8_t hostId,
+                      Form form);
 Datagram query(const Node& sender, std::uint32_t source);
 Datagram negotiation(const Node& sender, std::string_view bytes);
 Datagram beacon(const Node& sender);
 /// What is no message, but as long as an announcement.
-Datagram noise(const Node& sender, Traffic traffic);
+Datagram noise(const Node& sender);
 
 /// The messages of the negotiation, byte by byte.
 namespace bytes {

@@ -93,26 +93,16 @@ void NegotiationOracle::took(const Datagram& datagram, const protocol::Negotiati
         --m_underWay;
     if (objection && !own)
         m_unclear = true;
-    if (!holding)
-        gaveUp(negotiation);
-    else if (m_underWay == 0)
+    if (!holding) {
+        require(isDrawn(negotiation.hostId()), "ids are drawn from 16 to 63");
+        began(negotiation.hostId());
+    } else if (m_underWay == 0) {
         m_unclear = false;
-}
-
-void NegotiationOracle::gaveUp(const protocol::Negotiation& negotiation) {
-    require(isDrawn(negotiation.hostId()), "ids are drawn from 16 to 63");
-    began(negotiation.hostId());
-}
-
-void NegotiationOracle::kept(std::uint8_t id, const protocol::Negotiation& negotiation) {
-    require(negotiation.state() == protocol::Negotiation::State::Holding && negotiation.hostId() == id,
-            "an id that nothing else was sent for can be kept");
-    m_stage = Stage::Holding;
-    m_id = id;
+    }
 }
 
 void NegotiationOracle::look() const {
-    if (m_stage == Stage::Out || m_stage == Stage::Holding || m_host.frozenSince(m_last))
+    if (m_stage == Stage::Out || m_stage == Stage::Holding)
         return;
     const Time atMost = m_stage == Stage::Begun ? kSlack : kWait + kSlack;
     require(sinceLast() <= atMost, "a negotiation goes on");
@@ -121,9 +111,7 @@ void NegotiationOracle::look() const {
 void NegotiationOracle::lookAtBoth(const NegotiationOracle& other) const {
     if (!other.holds(1) || other.m_last > m_confirmed)
         return;
-    require(m_lan.lostBetween(m_host, other.m_host, m_confirmed) || other.m_host.frozenSince(m_confirmed) ||
-                m_host.frozenSince(m_confirmed),
-            "two hosts that hear each other do not both hold id 1");
+    require(m_lan.lostSince(m_confirmed), "two hosts that hear each other do not both hold id 1");
 }
 
 } // namespace simulation

@@ -23,8 +23,6 @@ public:
     /// After the host took @p datagram.
     void took(const Datagram& datagram, const protocol::Negotiation::Output& output,
               const protocol::Negotiation& negotiation);
-    /// Instead of another, the host holds on to @p id.
-    void kept(std::uint8_t id, const protocol::Negotiation& negotiation);
     void switchedOff() { m_stage = Stage::Out; }
     /// At any time.
     void look() const;
@@ -33,12 +31,10 @@ public:
 
     bool holds(std::uint8_t id) const { return m_stage == Stage::Holding && m_id == id; }
     bool isHolder() const { return m_stage == Stage::Holding; }
-    std::uint8_t id() const { return m_id; }
 
 private:
     enum class Stage { Out, Begun, Probed, Confirmed, Holding };
 
-    void gaveUp(const protocol::Negotiation& negotiation);
     Time sinceLast() const { return m_lan.now() - m_last; }
 
     const Lan& m_lan;

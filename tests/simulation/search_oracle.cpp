@@ -12,8 +12,6 @@ constexpr Time kJoin = 1000;
 constexpr Time kPause = 5000;
 constexpr Time kLook = 1000; // how soon a pause notices other addresses
 constexpr Time kSlack = 5;
-constexpr Time kMaxGap = 1900;     // of signs that cannot miss a listening period
-constexpr Time kMaxSettle = 24000; // a search missed by a moment, a pause, and the next: 9 + 5 + 9 seconds
 
 SearchOracle::Addresses inBoth(const SearchOracle::Addresses& a, const SearchOracle::Addresses& b) {
     SearchOracle::Addresses both;
@@ -29,19 +27,16 @@ void SearchOracle::switchedOn() {
     m_searchEnd = m_lan.now() - kPause;
     m_current = 0;
     m_found = false;
-    m_runs.clear();
 }
 
 void SearchOracle::listens(Traffic traffic, const Addresses& to, const Addresses& local) {
     const Time now = m_lan.now();
-    const bool searching = !m_periods.empty() && m_periods.back().to == 0;
-    if (searching) {
-        m_periods.back().to = now;
-        m_periods.back().localAtEnd = local;
-        require(now - m_periods.back().from >= kListening, "a listening period lasts 3 seconds");
-        require(m_display.frozenSince(m_periods.back().from) ||
-                    now - m_periods.back().from <= kListening + kSlack,
-                "a listening period ends after 3 seconds");
+    if (isSearching()) {
+        Period& period = m_periods.back();
+        period.to = now;
+        period.localAtEnd = local;
+        require(now - period.from >= kListening, "a listening period lasts 3 seconds");
+        require(now - period.from <= kListening + kSlack, "a listening period ends after 3 seconds");
     } else if (!to.empty()) {
         require(now - m_searchEnd >= kPause || local != m_searched, "searches pause for 5 seconds");
         m_periods.clear();
@@ -52,14 +47,9 @@ void SearchOracle::listens(Traffic traffic, const Addresses& to, const Addresses
 }
 
 void SearchOracle::heard(std::uint32_t address, const Datagram& sign) {
-    const Time now = m_lan.now();
-    if (!m_periods.empty() && m_periods.back().to == 0 && m_periods.back().traffic == sign.traffic &&
+    if (isSearching() && m_periods.back().traffic == sign.traffic &&
         m_periods.back().addresses.contains(address))
         m_periods.back().heard.insert(address);
-    Run& run = m_runs[address].try_emplace(sign.traffic, Run{now, now}).first->second;
-    if (now - run.last > kMaxGap || m_display.frozenSince(run.since))
-        run.since = now;
-    run.last = now;
 }
 
 /// The addresses that the search leads to.
@@ -102,10 +92,11 @@ void SearchOracle::ended(const protocol::InterfaceSearch::Result* told) {
         require(told->previous == m_current, "the address in force so far is told");
         require(told->byBeacon == (m_periods.back().traffic == Traffic::Beacon), "beacons are told as such");
         m_current = *found.rbegin();
-        ++(told->byBeacon ? m_counts.foundByBeacon : m_counts.foundByAnswer);
     }
-    m_counts.confirmed += confirmed ? 1 : 0;
-    m_counts.inVain += found.empty() ? 1 : 0;
+    ++m_lan.counts[confirmed        ? "searches that confirmed"
+                   : found.empty()  ? "searches in vain"
+                   : told->byBeacon ? "searches led by beacons"
+                                    : "searches led by answers"];
     m_found = !found.empty();
     m_searchEnd = m_lan.now();
 }
@@ -114,44 +105,24 @@ void SearchOracle::configured(std::uint32_t address) {
     m_periods.clear();
     m_searched.clear(); // the next search need not wait
     m_searchEnd = m_lan.now();
-    m_runs.clear();
     m_current = address;
 }
 
 void SearchOracle::foundNoAddress() {
-    if (!m_periods.empty() && m_periods.back().to == 0)
+    if (isSearching())
         return; // a search runs its time
     m_searched.clear();
     m_found = false;
     m_searchEnd = m_lan.now();
 }
 
-void SearchOracle::look(const Addresses& local) {
-    const Time now = m_lan.now();
-    const bool searching = !m_periods.empty() && m_periods.back().to == 0;
-    const Time paused = now - m_searchEnd;
-    if (!searching && !m_display.frozenSince(m_searchEnd)) {
-        require(paused <= kPause + kSlack, "a pause ends after 5 seconds");
-        require(local == m_searched || std::min(paused, now - m_moved) <= kLook + kSlack,
-                "other local addresses end a pause");
-    }
-    const auto isRun = [&](const Run& run) {
-        return now - run.last <= kMaxGap && now - run.since >= kMaxSettle &&
-               !m_display.frozenSince(run.since);
-    };
-    const bool heardAllTheTime = std::ranges::any_of(m_runs, [&](const auto& entry) {
-        return local.contains(entry.first) &&
-               std::ranges::any_of(entry.second, [&](const auto& run) { return isRun(run.second); });
-    });
-    if (!heardAllTheTime)
+void SearchOracle::look(const Addresses& local) const {
+    if (isSearching())
         return;
-    ++m_counts.heardAllTheTime;
-    require(m_current != 0, "a radar that is heard all the time is found");
-    const auto current = m_runs.find(m_current);
-    require(current == m_runs.end() ||
-                std::ranges::any_of(current->second,
-                                    [&](const auto& run) { return now - run.second.last <= kMaxSettle; }),
-            "the address in force is one that heard a radar");
+    const Time paused = m_lan.now() - m_searchEnd;
+    require(paused <= kPause + kSlack, "a pause ends after 5 seconds");
+    require(local == m_searched || std::min(paused, m_lan.now() - m_moved) <= kLook + kSlack,
+            "other local addresses end a pause");
 }
 
 } // namespace simulation

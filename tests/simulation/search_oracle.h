@@ -2,7 +2,6 @@
 /// What must hold of a display's search for the radars' interface, by what it listened to and what came.
 #pragma once
 
-#include "counts.h"
 #include "lan.h"
 
 #include <UdpSocket/protocol/interface_search.h>
@@ -15,14 +14,12 @@ namespace simulation {
 /// heard some, and where none heard some twice asks on every address: a second after joining, two before the
 /// end. What heard a radar, and is still there, is told in ascending order, unless the last search found one
 /// and the address in force is among them. The next search begins after 5 seconds, or as soon as the local
-/// addresses are others than those searched. So: where a radar is heard all the time, the address in force is
-/// one that heard some.
+/// addresses are others than those searched.
 class SearchOracle {
 public:
     using Addresses = std::set<std::uint32_t>;
 
-    SearchOracle(const Lan& lan, const Node& display, Counts& counts)
-        : m_lan(lan), m_display(display), m_counts(counts) {}
+    explicit SearchOracle(Lan& lan) : m_lan(lan) {}
 
     void switchedOn();
     /// The display listens to something else from now on. @param to empty: to nothing
@@ -37,12 +34,9 @@ public:
     /// There is no local address to search.
     void foundNoAddress();
     /// At any time.
-    void look(const Addresses& local);
-    /// An address was taken away, or leads elsewhere.
-    void moved(std::uint32_t address) {
-        m_runs.erase(address);
-        m_moved = m_lan.now();
-    }
+    void look(const Addresses& local) const;
+    /// An address came, went or changed.
+    void moved() { m_moved = m_lan.now(); }
 
     std::uint32_t current() const { return m_current; }
 
@@ -55,17 +49,11 @@ private:
         Addresses heard;
         Addresses localAtEnd; ///< what is gone by then does not count
     };
-    /// Signs of one kind through one address, none missing for long.
-    struct Run {
-        Time since;
-        Time last;
-    };
 
+    bool isSearching() const { return !m_periods.empty() && m_periods.back().to == 0; }
     Addresses judge() const;
 
-    const Lan& m_lan;
-    const Node& m_display;
-    Counts& m_counts;
+    Lan& m_lan;
     std::vector<Period> m_periods; // of the search in progress or ended last
     Time m_queried = -1;
     Time m_searchEnd = 0; // of the last
@@ -73,7 +61,6 @@ private:
     Addresses m_searched; // the local addresses when the last search began
     std::uint32_t m_current = 0;
     bool m_found = false;
-    std::map<std::uint32_t, std::map<Traffic, Run>> m_runs;
 };
 
 } // namespace simulation

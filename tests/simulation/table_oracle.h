@@ -2,10 +2,8 @@
 /// What must hold of a display's radar table, by the announcements that reached it and its queries.
 #pragma once
 
-#include "counts.h"
 #include "lan.h"
 
-#include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/radar_table.h>
 
 namespace simulation {
@@ -16,10 +14,10 @@ namespace simulation {
 /// source has fewer all the same and that source more than 8; otherwise it is refused.
 class TableOracle {
 public:
-    TableOracle(const Lan& lan, Counts& counts) : m_lan(lan), m_counts(counts) {}
+    explicit TableOracle(Lan& lan) : m_lan(lan) {}
 
     /// After @p table took the record that @p datagram announces under @p name.
-    void took(NameId name, const Datagram& datagram, std::int64_t second,
+    void took(const std::string& name, const Datagram& datagram, std::int64_t second,
               const protocol::RadarTable::Update& update, const protocol::RadarTable& table);
     /// After a query at @p second.
     void queried(std::int64_t second, const std::vector<protocol::RadarTable::Removal>& removals,
@@ -28,24 +26,20 @@ public:
 
 private:
     struct Known {
-        bool listed = false;
-        std::int64_t heard = 0;
-        std::uint32_t source = 0;
-        std::uint64_t entered = 0;
+        std::uint32_t source;
+        std::int64_t heard;
+        std::uint64_t entered;
     };
+    using Listed = std::map<std::string, Known, std::less<>>;
 
-    Known& known(NameId name);
-    void list(NameId name, std::uint32_t source);
-    void unlist(NameId name);
-    void tookWhenFull(NameId name, std::uint32_t source, const protocol::RadarTable::Update& update);
+    void remove(Listed::iterator entry);
+    /// @return whether the newcomer is listed
+    bool makesRoom(std::uint32_t source, const protocol::RadarTable::Update& update);
 
-    const Lan& m_lan;
-    Counts& m_counts;
-    std::vector<Known> m_known; // by name
-    std::vector<NameId> m_listed;
+    Lan& m_lan;
+    Listed m_listed;
     std::map<std::uint32_t, std::size_t> m_namesOf; // by source
     std::uint64_t m_entries = 0;
-    std::uint64_t m_queries = 0;
 };
 
 } // namespace simulation
