@@ -1,4 +1,5 @@
 // What a Watch tells of a LAN.
+#include "../faults.h"
 #include "watch_fixture.h"
 
 #include <UdpSocket/protocol/address_plan.h>
@@ -49,13 +50,17 @@ TEST_F(WatchOnLan, TellsComingsChangesAndConflictsInOrder) {
 }
 
 TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
-    const auto north = serve(m_host1, "North", 16);
     const auto watching = watch(Watch::Options{net::transAddr("10.20.2.9")}); // which this computer has not
     EXPECT_FALSE(watching->renumber("North") || watching->reset());
     m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
     EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
     EXPECT_EQ(watching->localAddress().origin, Origin::Options);
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    {
+        const Fault fault("getifaddrs", EMFILE);
+        EXPECT_TRUE(comesTrue([&] { return fault.hit(); }));
+    }
+    const auto north = serve(m_host1, "North", 16);
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1") << "no address was taken for lost";
     m_lan.changeAddress(m_display, 0, "");
     EXPECT_EQ(next(*watching), "lost 10.20.2.9");
     EXPECT_EQ(watching->localAddress().origin, Origin::None);
