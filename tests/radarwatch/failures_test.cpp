@@ -143,10 +143,6 @@ void control() {
     }));
 }
 
-void pool() {
-    const radar::Pool made({2});
-}
-
 // Quiet is what is asked again within a second, what the system counts besides, and what a membership makes
 // up for.
 const std::vector<std::string_view> kLooks = {"getifaddrs", "poll",      "recv",           "recvfrom",
@@ -157,7 +153,7 @@ const std::vector<std::string_view> kLooksAndCounters = {
 const Scenario kScenarios[] = {
     {"WatchRead", &watchRead, kLooks, true},
     {"WatchCalledBack", &watchCalledBack, kLooks, true},
-    {"Pool", &pool},
+    {"Pool", [] { radar::Pool({2}); }},
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
