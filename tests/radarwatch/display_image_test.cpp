@@ -7,7 +7,6 @@
 #include <png.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <vector>
 
 namespace {
@@ -27,26 +26,22 @@ TEST(DisplayImage, DrawsTheSimulatorsTargetsOnItsSea) {
     image.version = PNG_IMAGE_VERSION;
     ASSERT_TRUE(png_image_begin_read_from_file(&image, file.c_str()));
     image.format = PNG_FORMAT_GRAY;
-    ASSERT_EQ(image.width, 1024U);
-    ASSERT_EQ(image.height, 1024U);
+    ASSERT_TRUE(image.width == 1024 && image.height == 1024);
     std::vector<std::uint8_t> pixels(PNG_IMAGE_SIZE(image));
     ASSERT_TRUE(png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr));
 
-    // Targets begin at (-3, 2), (1.5, -4) and (4, 3) nautical miles from the centre, of 6 to each side, and
-    // are slow.
-    const double pixelsAMile = 512 / 6.0;
+    // Nautical miles from the centre, of 6 to each side. Targets begin here, and are slow.
     const auto brightest = [&](double east, double north) {
-        const int x = 512 + static_cast<int>(east * pixelsAMile);
-        const int y = 512 - static_cast<int>(north * pixelsAMile);
+        const int x = 512 + static_cast<int>(east * 512 / 6);
+        const int y = 512 - static_cast<int>(north * 512 / 6);
         std::uint8_t best = 0;
         for (int row = y - 12; row <= y + 12; ++row)
             for (int column = x - 12; column <= x + 12; ++column)
                 best = std::max(best, pixels[static_cast<std::size_t>(row * 1024 + column)]);
         return best;
     };
-    EXPECT_EQ(brightest(-3, 2), 0xF0);
-    EXPECT_EQ(brightest(1.5, -4), 0xF0);
-    EXPECT_EQ(brightest(4, 3), 0xF0);
+    for (const auto& [east, north] : {std::pair(-3.0, 2.0), {1.5, -4.0}, {4.0, 3.0}})
+        EXPECT_EQ(brightest(east, north), 0xF0);
     EXPECT_EQ(brightest(-3, -2), 0x08) << "the sea";
     EXPECT_EQ(pixels[0], 0) << "beyond the range";
 }

@@ -4,19 +4,17 @@
 
 #include <RadarWatch/stream_private.h>
 
-#include "../wait.h"
-
 #include <arpa/inet.h>
 #include <net/if.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <list>
 #include <mutex>
 #include <thread>
 
-/// Tells the situation and ticks fifty times a second, on a thread in the network of its maker.
+/// Tells the situation on the thread that makes or changes something, and ticks fifty times a second on one
+/// of its own.
 class FakeEngine : public radar::detail::Engine {
 public:
     FakeEngine() {
@@ -32,16 +30,12 @@ public:
 
     void follow(const std::string&, std::shared_ptr<radar::detail::Follower> follower) override {
         const std::lock_guard lock(m_mutex);
-        m_followers.push_back({std::move(follower), 0});
+        follower->onSituation(m_situation);
+        m_followers.push_back(std::move(follower));
     }
     void unfollow(const radar::detail::Follower* follower) override {
         const std::lock_guard lock(m_mutex);
-        m_followers.remove_if([&](const auto& one) { return one.first.get() == follower; });
-    }
-
-    void unfollowAll() {
-        const std::lock_guard lock(m_mutex);
-        m_followers.clear();
+        m_followers.remove_if([&](const auto& one) { return one.get() == follower; });
     }
 
     /// Changes the situation.
@@ -49,9 +43,10 @@ public:
     void tell(Change change) {
         const std::lock_guard lock(m_mutex);
         change(m_situation);
-        ++m_version;
+        for (const auto& follower : m_followers)
+            follower->onSituation(m_situation);
     }
-    /// North's image is there from now on.
+    /// North's image is there from now on, and its control.
     void tellImage(const char* address, std::uint16_t port, std::uint8_t type = 0) {
         tell([&](radar::detail::Situation& situation) {
             radar::Radar radar;
@@ -63,34 +58,18 @@ public:
         });
     }
 
-    /// Waits until every follower knows of the last change.
-    void awaitTold() {
-        EXPECT_TRUE(comesTrue([this] {
-            const std::lock_guard lock(m_mutex);
-            return std::ranges::all_of(m_followers,
-                                       [this](const auto& one) { return one.second == m_version; });
-        }));
-    }
-
 private:
     void run() {
-        while (!m_ending) {
-            {
-                const std::lock_guard lock(m_mutex);
-                for (auto& [follower, told] : m_followers) {
-                    if (std::exchange(told, m_version) != m_version)
-                        follower->onSituation(m_situation);
-                    follower->onTick(std::chrono::steady_clock::now());
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        for (; !m_ending; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+            const std::lock_guard lock(m_mutex);
+            for (const auto& follower : m_followers)
+                follower->onTick(std::chrono::steady_clock::now());
         }
     }
 
-    std::mutex m_mutex; // guards the next three
+    std::mutex m_mutex; // guards the next two
     radar::detail::Situation m_situation;
-    unsigned m_version = 1;
-    std::list<std::pair<std::shared_ptr<radar::detail::Follower>, unsigned>> m_followers;
+    std::list<std::shared_ptr<radar::detail::Follower>> m_followers;
     std::atomic<bool> m_ending = false;
     std::thread m_thread;
 };

@@ -4,6 +4,8 @@
 
 #include <arpa/inet.h>
 
+#include <tuple>
+
 namespace radar::detail {
 namespace {
 
@@ -25,28 +27,37 @@ class Script {
 public:
     explicit Script(std::chrono::milliseconds pace = 100ms) : m_pace(pace) {}
 
-    void aim(const Target& at) { m_follower.aim(at, Why::None); }
-    void aimAtNothing(Why lacking) { m_follower.aim(std::nullopt, lacking); }
-
-    /// @param sending whether datagrams come @param others sockets in the group @param error of a socket
-    void pass(int seconds, bool sending, unsigned others = 0, int error = 0) {
-        for (int i = 0; i < seconds; ++i) {
-            const auto end = m_now + 1s;
-            for (; sending && m_next <= end; m_next += m_pace) {
+    Script& aim(const Target& at) {
+        m_follower.aim(at, Why::None);
+        return *this;
+    }
+    Script& radarLeaves() {
+        m_follower.aim(std::nullopt, Why::RadarLeft);
+        return *this;
+    }
+    Script& sends(int seconds) {
+        for (const auto end = m_now + seconds * 1s; m_now < end; step()) {
+            m_now += 1s;
+            for (; m_next <= m_now; m_next += m_pace) {
                 if (m_arrivals.count++ > 0)
                     m_arrivals.longestGap = std::max(m_arrivals.longestGap, m_next - m_arrivals.last);
                 m_arrivals.last = m_next;
             }
-            m_next = std::max(m_next, sending ? m_next : end);
-            m_now = end;
-            step(others, error);
         }
+        return *this;
+    }
+    /// @param others sockets in the group @param error of a socket
+    Script& isSilent(int seconds, unsigned others = 0, int error = 0) {
+        for (const auto end = m_now + seconds * 1s; m_now < end; step(others, error))
+            m_now += 1s;
+        m_next = std::max(m_next, m_now);
+        return *this;
     }
 
     std::vector<std::string> takeLog() { return std::exchange(m_log, {}); }
 
 private:
-    void step(unsigned others, int error) {
+    void step(unsigned others = 0, int error = 0) {
         const auto act =
             m_follower.step(m_now, std::exchange(m_arrivals, {m_arrivals.count, m_arrivals.last, 0s}));
         if (act == StreamFollower::Act::Open && error == 0)
@@ -80,98 +91,57 @@ private:
 };
 
 TEST(StreamFollower, ListensWhereTheRadarIs) {
-    Script script;
-    script.pass(3, false);
-    EXPECT_THAT(script.takeLog(), IsEmpty());
-    script.aim(target());
-    script.pass(2, true);
-    script.aim(target("236.6.7.64"));
-    script.pass(2, true);
-    Target replaced = target("236.6.7.64");
+    const Target moved = target("236.6.7.64");
+    Target replaced = moved;
     replaced.interfaceChange = 1;
-    script.aim(replaced);
-    script.pass(2, true);
-    replaced.localAddress = inet_addr("10.20.2.2");
-    script.aim(replaced);
-    script.pass(2, true);
-    script.aim(replaced); // told again
-    script.pass(2, true);
+    Target readdressed = replaced;
+    readdressed.localAddress = inet_addr("10.20.2.2");
+    Script script;
+    script.isSilent(3).aim(target()).sends(2).aim(moved).sends(2).aim(replaced).sends(2);
+    script.aim(readdressed).sends(2).aim(readdressed).sends(2); // told again
     EXPECT_THAT(script.takeLog(),
                 ElementsAre("4 Started", "6 Moved Endpoint", "8 Moved Interface", "10 Moved LocalAddress"));
 }
 
 TEST(StreamFollower, StaysWithARadarThatIsNotListedAsLongAsItSends) {
     Script script;
-    script.aim(target());
-    script.pass(2, true);
-    script.aimAtNothing(Why::RadarLeft);
-    script.pass(10, true);
-    script.aim(target());
-    script.pass(2, true);
-    EXPECT_THAT(script.takeLog(), ElementsAre("1 Started"));
-    script.aimAtNothing(Why::RadarLeft);
-    script.pass(5, false);
-    script.aim(target());
-    script.pass(1, false);
-    EXPECT_THAT(script.takeLog(), ElementsAre("16 Stopped RadarLeft", "20 Started"));
+    script.aim(target()).sends(2).radarLeaves().sends(10).aim(target()).sends(2);
+    script.radarLeaves().isSilent(5).aim(target()).isSilent(1);
+    EXPECT_THAT(script.takeLog(), ElementsAre("1 Started", "16 Stopped RadarLeft", "20 Started"));
 }
 
 TEST(StreamFollower, TellsOnceThatASocketIsRefusedAndAsksAgain) {
     Script script;
-    script.aim(target());
-    script.pass(3, false, 0, EMFILE);
-    script.pass(2, false, 0, ENODEV);
-    script.pass(2, true);
+    script.aim(target()).isSilent(3, 0, EMFILE).isSilent(2, 0, ENODEV).sends(2);
     EXPECT_THAT(script.takeLog(), ElementsAre("1 Refused", "4 Refused", "6 Started"));
 }
 
 TEST(StreamFollower, RemindsASwitchWhenDataHaveStopped) {
     Script script;
-    script.aim(target());
-    script.pass(10, true);
-    script.pass(690, false); // silent from second 10 on
+    script.aim(target()).sends(10).isSilent(690);
     EXPECT_THAT(script.takeLog(), ElementsAre("1 Started", "12 Silent", "13 rejoined", "20 rejoined",
                                               "70 rejoined", "670 rejoined"));
-    script.pass(2, true);
-    EXPECT_THAT(script.takeLog(), ElementsAre("701 Resumed"));
-    script.pass(3, false);
-    script.pass(2, true);
-    EXPECT_THAT(script.takeLog(), ElementsAre("704 Silent", "705 rejoined", "706 Resumed SwitchForgot"));
+    script.sends(2).isSilent(3).sends(2);
+    EXPECT_THAT(script.takeLog(),
+                ElementsAre("701 Resumed", "704 Silent", "705 rejoined", "706 Resumed SwitchForgot"));
 }
 
 TEST(StreamFollower, LeavesNoGroupWithoutReason) {
-    struct Case {
-        const char* what;
-        Target at;
-        bool sentBefore;
-        unsigned others;
-        std::vector<std::string> expected;
-    };
-    const Case cases[] = {
-        {"no data yet", target(), false, 0, {"1 Started"}},
-        {"others in the group", target(), true, 2, {"1 Started", "7 Silent", "8 Silent OthersJoined"}},
-        {"TCP", target("10.20.1.1", kTcpClient), true, 0, {"1 Started", "7 Silent"}},
-        {"unicast", target("10.20.2.1"), true, 0, {"1 Started", "7 Silent"}},
-    };
-    for (const Case& one : cases) {
-        Script script;
-        script.aim(one.at);
-        script.pass(5, one.sentBefore);
-        script.pass(30, false, one.others);
-        EXPECT_EQ(script.takeLog(), one.expected) << one.what;
-    }
+    EXPECT_THAT(Script().aim(target()).isSilent(35).takeLog(), ElementsAre("1 Started")) << "no data yet";
+    EXPECT_THAT(Script().aim(target()).sends(5).isSilent(30, 2).takeLog(),
+                ElementsAre("1 Started", "7 Silent", "8 Silent OthersJoined"));
+    for (const Target& noGroup : {target("10.20.1.1", kTcpClient), target("10.20.2.1")})
+        EXPECT_THAT(Script().aim(noGroup).sends(5).isSilent(30).takeLog(),
+                    ElementsAre("1 Started", "7 Silent"));
 }
 
 TEST(StreamFollower, TakesNoUsualGapForASilence) {
     for (const auto pace : {2500ms, 3500ms, 5000ms, 7500ms}) {
         Script script(pace);
-        script.aim(target());
-        script.pass(25, true);
-        script.takeLog(); // at first nobody knows what is usual
-        script.pass(295, true);
-        EXPECT_THAT(script.takeLog(), IsEmpty()) << pace.count();
-        script.pass(30, false);
-        EXPECT_THAT(script.takeLog(), testing::Contains(testing::HasSubstr("Silent"))) << pace.count();
+        script.aim(target()).sends(25).takeLog(); // at first nobody knows what is usual
+        EXPECT_THAT(script.sends(295).takeLog(), IsEmpty()) << pace.count();
+        EXPECT_THAT(script.isSilent(30).takeLog(), testing::Contains(testing::HasSubstr("Silent")))
+            << pace.count();
     }
 }
 
@@ -185,13 +155,8 @@ TEST(Target, IsTheEndpointOfTheVariantThatWasAskedFor) {
     radar.tcp.emplace().imageStream = endpoint("10.20.1.1", 9000, kTcpClient);
     Situation situation{inet_addr("10.20.2.1"), "eth0", 2, 0, radar};
 
-    struct Case {
-        const char* name;
-        int channel;
-        int number;
-        std::uint16_t port; // 0: no target
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, int, int, std::uint16_t> cases[] = {
+        // name, channel, number, port; 0: no target
         {"North", Image, 0, 6032},
         {"North", Image, 1, 6035},
         {"North", Image, 2, 0},
@@ -205,10 +170,9 @@ TEST(Target, IsTheEndpointOfTheVariantThatWasAskedFor) {
         {"North:User", Image, 0, 0},
     };
     Why lacking;
-    for (const Case& one : cases) {
-        const auto found = targetOf(situation, one.name, one.channel, one.number, lacking);
-        EXPECT_EQ(found ? ntohs(found->endpoint.port) : 0, one.port)
-            << one.name << " " << one.channel << " " << one.number;
+    for (const auto& [name, channel, number, port] : cases) {
+        const auto found = targetOf(situation, name, channel, number, lacking);
+        EXPECT_EQ(found ? ntohs(found->endpoint.port) : 0, port) << name << " " << channel << " " << number;
         EXPECT_EQ(lacking, found ? Why::None : Why::NoEndpoint);
     }
     situation.interfaceIndex = 0;

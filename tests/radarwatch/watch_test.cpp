@@ -1,30 +1,16 @@
 // What a Watch tells of a LAN.
+#include "../faults.h"
 #include "watch_fixture.h"
 
 #include <UdpSocket/protocol/address_plan.h>
 #include <UdpSocket/tcpsocket.h>
 
-#include <poll.h>
-
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using Origin = radar::LocalAddress::Origin;
 
-std::vector<std::string> names(const std::vector<radar::Radar>& radars) {
-    std::vector<std::string> names;
-    for (const radar::Radar& radar : radars)
-        names.push_back(radar.name);
-    return names;
-}
-
-bool isReadable(const radar::Watch& watch) {
-    pollfd ready{watch.descriptor(), POLLIN, 0};
-    return ::poll(&ready, 1, 0) == 1;
-}
-
-TEST_F(WatchOnLan, TellsComingsChangesAndConflictsInOrder) {
+TEST_F(WatchOnLan, TellsComingsAndConflictsAndSendsCommands) {
     const auto north = serve(m_host1, "North", 16);
     const auto watching = watch();
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
@@ -32,15 +18,14 @@ TEST_F(WatchOnLan, TellsComingsChangesAndConflictsInOrder) {
     EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
     const auto radar = watching->find("North");
     ASSERT_TRUE(radar.has_value());
-    const auto planned = radar::groups(16);
-    ASSERT_EQ(radar->streams.size(), planned.size());
-    for (std::size_t i = 0; i < planned.size(); ++i)
-        EXPECT_EQ(bytes(radar->streams[i]), bytes(planned[i])) << "stream " << i;
+    ASSERT_EQ(radar->streams.size(), 2U);
+    for (std::size_t i = 0; i < 2; ++i)
+        EXPECT_EQ(bytes(radar->streams[i]), bytes(radar::groups(16)[i])) << "stream " << i;
 
     Recorder objections;
     const auto tap = makeIn<net::UdpReceiver>(m_host2, &objections, net::transAddr("10.20.1.2"), "236.6.7.4",
                                               static_cast<unsigned short>(6768), 64);
-    auto south = serve(m_host2, "South", 16, 1);
+    const auto south = serve(m_host2, "South", 16, 1);
     EXPECT_EQ(next(*watching), "South appeared, 16 at 10.20.1.2");
     EXPECT_EQ(next(*watching), "16 shared: North South");
     EXPECT_FALSE(watching->renumber("East"));
@@ -48,62 +33,35 @@ TEST_F(WatchOnLan, TellsComingsChangesAndConflictsInOrder) {
     EXPECT_EQ(objections.nextBytes(), std::string("\x03\xA1\x10\x01", 4));
     EXPECT_TRUE(watching->reset());
     EXPECT_EQ(objections.nextBytes(), "\x20\xA1");
-    south.reset();
-    south = serve(m_host2, "South", 17, 1);
-    EXPECT_EQ(next(*watching), "South changed, 17 at 10.20.1.2, bits 5");
-    EXPECT_EQ(next(*watching), "16 ended: North");
 
     const auto second = watch();
-    EXPECT_THAT(names(second->radars()), ElementsAre("North", "South"))
-        << "as it is, before an event is taken";
+    EXPECT_EQ(second->radars().size(), 2U) << "as it is, before an event is taken";
     EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
-    EXPECT_THAT(names(second->radars()), ElementsAre()) << "as the events taken tell";
+    EXPECT_EQ(second->radars().size(), 0U) << "as the events taken tell";
     EXPECT_EQ(next(*second), "North appeared, 16 at 10.20.1.1");
-    EXPECT_EQ(next(*second), "South appeared, 17 at 10.20.1.2");
-    EXPECT_GE(second->find("South")->age, 0ms);
-    EXPECT_LT(second->find("South")->age, 8s);
+    EXPECT_EQ(next(*second), "South appeared, 16 at 10.20.1.2");
+    EXPECT_EQ(next(*second), "16 shared: North South");
     EXPECT_EQ(next(*second, 0ms), "nothing");
-}
-
-TEST_F(WatchOnLan, EventsAreTakenByDescriptorOrCallbackAsWell) {
-    const auto watching = watch();
-    Log<std::string> called;
-    const auto calls = watch([&](const radar::Event& event) { called.add(text(event)); });
-    ASSERT_TRUE(comesTrue([&] { return isReadable(*watching); }));
-    EXPECT_EQ(next(*watching, 0ms), "local 10.20.2.1 (eth0)");
-    EXPECT_FALSE(isReadable(*watching));
-    const auto north = serve(m_host1, "North", 16);
-    ASSERT_TRUE(comesTrue([&] { return isReadable(*watching); }));
-    EXPECT_EQ(next(*watching, 0ms), "North appeared, 16 at 10.20.1.1");
-    ASSERT_TRUE(called.reaches(2));
-    EXPECT_THAT(called.all(), ElementsAre("local 10.20.2.1 (eth0)", "North appeared, 16 at 10.20.1.1"));
-    EXPECT_EQ(next(*calls, -1ms), "nothing") << "the callback takes all";
-    EXPECT_THAT(names(calls->radars()), ElementsAre("North"));
+    EXPECT_LT(second->find("South")->age, 8s);
 }
 
 TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
-    const auto north = serve(m_host1, "North", 16);
-    const auto watching = watch(Watch::Options{net::transAddr("10.20.2.9")});
-    EXPECT_EQ(next(*watching, 1500ms), "nothing") << "this computer does not have that address";
+    const auto watching = watch(Watch::Options{net::transAddr("10.20.2.9")}); // which this computer has not
     EXPECT_FALSE(watching->renumber("North") || watching->reset());
     m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
     EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
     EXPECT_EQ(watching->localAddress().origin, Origin::Options);
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
+    {
+        const Fault fault("getifaddrs", EMFILE);
+        EXPECT_TRUE(comesTrue([&] { return fault.hit(); }));
+    }
+    const auto north = serve(m_host1, "North", 16);
+    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1") << "no address was taken for lost";
     m_lan.changeAddress(m_display, 0, "");
     EXPECT_EQ(next(*watching), "lost 10.20.2.9");
     EXPECT_EQ(watching->localAddress().origin, Origin::None);
     m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
     EXPECT_EQ(next(*watching), "local 10.20.2.9 (eth0)");
-    m_lan.unplug(m_display);
-    m_lan.plugIn(m_display);
-    m_lan.changeAddress(m_display, 0, "10.20.2.9/16");
-    const auto south = serve(m_host2, "South", 17);
-    std::vector<std::string> events;
-    while (events.empty() || events.back() != "South appeared, 17 at 10.20.1.2") {
-        events.push_back(next(*watching));
-        ASSERT_NE(events.back(), "nothing") << "another interface with the same address";
-    }
 }
 
 TEST_F(WatchOnLan, ExamplesTellWhoIsThere) {
@@ -117,20 +75,7 @@ TEST_F(WatchOnLan, ExamplesTellWhoIsThere) {
 #endif
 }
 
-class WatchThatSearches : public WatchOnLan {
-protected:
-    WatchThatSearches() : WatchOnLan("") {}
-};
-
-TEST_F(WatchThatSearches, FindsTheAddressThatLeadsToTheRadars) {
-    const auto north = serve(m_host1, "North", 16);
-    const auto watching = watch();
-    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(watching->localAddress().origin, Origin::Search);
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
-}
-
-TEST_F(WatchThatSearches, TakesTheAddressOfANamedInterface) {
+TEST_F(WatchOnLan, TakesTheAddressOfANamedInterface) {
     m_profile.write("[Local]\nNetName = eth1\n");
     const auto watching = watch();
     EXPECT_EQ(next(*watching), "local 192.168.1.1 (eth1)");
@@ -157,13 +102,8 @@ private:
     net::TcpServer m_server{this};
 };
 
-class WatchOnAFixedRadar : public WatchOnLan {
-protected:
-    WatchOnAFixedRadar()
-        : WatchOnLan("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = yes\n") {}
-};
-
-TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
+TEST_F(WatchOnLan, HearsTheTcpServiceOfAFixedRadarOverAConnection) {
+    m_profile.write("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = yes\n");
     std::string announcement = protocol::composeAnnouncement("ZQ-7", 16, 2);
     announcement[22] = 1;
     announcement[30] = 1;
@@ -174,7 +114,7 @@ TEST_F(WatchOnAFixedRadar, HearsItsTcpServiceOverAConnection) {
     EXPECT_EQ(next(*watching), "ZQ-7 appeared, 16 at 10.20.1.1");
     const auto found = watching->find("ZQ-7:TCP");
     ASSERT_TRUE(found && found->tcp && found->streams.empty());
-    EXPECT_THAT(names(watching->radars()), ElementsAre("ZQ-7"));
+    EXPECT_EQ(watching->radars().size(), 1U) << "and no other radar";
 }
 
 } // namespace

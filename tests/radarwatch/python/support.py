@@ -3,7 +3,6 @@
 import contextlib
 import os
 import pathlib
-import signal
 import subprocess
 import sys
 import time
@@ -25,23 +24,18 @@ def comes_true(condition, patience=PATIENCE):
     return True
 
 
-def on_host(number, *command, **options):
-    """Starts a command on one of the hosts."""
-    return subprocess.Popen(["ip", "netns", "exec", f"host{number}", *command], **options)
-
-
 @contextlib.contextmanager
 def radar(number, name, host_id, *arguments):
     """A further radar on one of the hosts, which serves when this begins."""
-    command = (RADARCTL, "host", "--name", name, "--id", str(host_id), *arguments)
-    with on_host(number, *command, stdout=subprocess.PIPE) as process:
+    command = ("ip", "netns", "exec", f"host{number}", RADARCTL, "host", "--name", name, "--id", str(host_id))
+    with subprocess.Popen((*command, *arguments), stdout=subprocess.PIPE) as process:
         try:
             for line in process.stdout:
                 if line.startswith(b"serving "):
                     break
             else:
                 raise AssertionError(f"{name!r} does not serve")
-            yield process
+            yield
         finally:
             process.terminate()
             process.communicate()
@@ -62,19 +56,13 @@ class Python:
         self.process.kill()
         self.process.communicate()
 
-    def await_ready(self):
+    def end(self, signal=None):
+        """Exit status, output after "ready", error output; by a signal that comes while it waits."""
         if "ready\n" not in self.process.stdout:  # after what the library prints
             raise AssertionError(self.process.stderr.read())
-        # In poll, or about to be: then the signal is seen before.
-        comes_true(lambda: "do_sys_poll" in self._waits_in() or "poll" in self._waits_in(), 1)
-
-    def _waits_in(self):
-        return pathlib.Path(f"/proc/{self.process.pid}/wchan").read_text()
-
-    def signal(self, number):
-        os.kill(self.process.pid, number)
-
-    def end(self):
-        """Exit status, output, error output."""
+        if signal:
+            stat = pathlib.Path(f"/proc/{self.process.pid}/stat")
+            comes_true(lambda: stat.read_text().split()[2] == "S")
+            self.process.send_signal(signal)
         output, errors = self.process.communicate(timeout=PATIENCE)
         return self.process.returncode, output, errors
