@@ -19,7 +19,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,22 +26,11 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
-#include <map>
 
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-
-std::vector<std::string> linesOf(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 /// What the process takes of a processor during half a second.
 std::chrono::milliseconds processorTime() {
@@ -104,73 +92,44 @@ TEST_F(Program, ForkedChildThatExitsEndsAtOnceAndItsParentNoticesNothing) {
     EXPECT_EQ(everything->server.numOfClients(), 1);
 }
 
-TEST_F(Program, ShutSocketCostsNeitherAProcessorNorALine) {
-    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
-    net::UdpSocket socket(&m_recorder, 64);
-    socket.SetGroupRecvSockAddr(m_local, kGroup, 5001);
-    const Output output;
-    for (int fd = 3; fd < 64; ++fd)
-        ::shutdown(fd, SHUT_RD);
-    EXPECT_LT(processorTime(), 250ms);
-    EXPECT_LT(output.err().size(), 2000U);
-}
-
-/// Runs in a callback.
-class InCallback : public net::iUdpDataListener {
-public:
-    explicit InCallback(std::function<void()> action) : m_action(std::move(action)) {}
-    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
-        m_action();
-        m_done = true;
-    }
-    std::atomic<bool> m_done = false;
-
-private:
-    const std::function<void()> m_action;
-};
-
 TEST_F(Program, SignalsOfFaultsAndProfilersReachCallbacksAndNoOthersDo) {
-    sigset_t blocked;
-    std::string name(16, '\0');
-    InCallback listener([&] {
-        ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
-    });
+    struct Looks final : net::iUdpDataListener {
+        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
+            ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+            ::pthread_getname_np(::pthread_self(), name, sizeof name);
+            done = true;
+        }
+        sigset_t blocked{};
+        char name[16]{};
+        std::atomic<bool> done = false;
+    } listener;
     const net::UdpReceiver receiver(&listener, m_local, kGroup, 5000, 64);
     sendLooped();
-    ASSERT_TRUE(comesTrue([&] { return listener.m_done.load(); }));
+    ASSERT_TRUE(comesTrue([&] { return listener.done.load(); }));
     for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGPROF})
-        EXPECT_FALSE(sigismember(&blocked, open)) << open;
+        EXPECT_FALSE(sigismember(&listener.blocked, open)) << open;
     for (const int shut : {SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGHUP})
-        EXPECT_TRUE(sigismember(&blocked, shut)) << shut;
-    EXPECT_STREQ(name.c_str(), "radar-recv");
+        EXPECT_TRUE(sigismember(&listener.blocked, shut)) << shut;
+    EXPECT_STREQ(listener.name, "radar-recv");
 }
 
-std::atomic<int> s_interruptions;
-
 TEST_F(Program, InterruptedCallsAreTimeOuts) {
+    static std::atomic<int> interruptions = 0;
     struct sigaction count {};
-    count.sa_handler = [](int) { ++s_interruptions; }; // a receive with a time-out fails with EINTR
+    count.sa_handler = [](int) { ++interruptions; }; // a receive with a time-out fails with EINTR
     ASSERT_EQ(::sigaction(SIGPROF, &count, nullptr), 0);
     const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
     Everything everything(&m_recorder, m_local, kPort);
-    Addresses found;
-    net::UdpChecker checker(kGroup, 5000, "text");
-    checker.addListener(&found);
     ASSERT_TRUE(comesTrue([&] { return everything.server.isConnected() && everything.tcp.isConnected(); }));
     const Output output;
-    for (int i = 0; i < 100; ++i) {
+    while (interruptions < 1000) {
         for (const pid_t thread : otherThreads())
             ::syscall(SYS_tgkill, ::getpid(), thread, SIGPROF);
-        std::this_thread::sleep_for(2ms);
+        std::this_thread::sleep_for(2ms); // between the signals
     }
-    EXPECT_GT(s_interruptions, 500);
     EXPECT_EQ(output.err(), "");
     EXPECT_TRUE(everything.tcp.isConnected());
     EXPECT_EQ(everything.server.numOfClients(), 1);
-    m_sender.setMulticastLoop(true);
-    EXPECT_TRUE(comesTrue([&] { return m_sender.sendData("text", 4) == 4 && found.reaches(1, 100ms); }))
-        << "no probe was ended";
 }
 
 TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
@@ -238,21 +197,6 @@ TEST_F(Program, StandingTransmitQueueHoldsUpNeitherQueriesNorDestruction) {
     EXPECT_LT(output.err().size(), 2000U * 300) << "the lines are bounded";
 }
 
-TEST_F(Program, SecondsOfTheTableTickWithTheWallClock) {
-    const auto wallClock = [] {
-        return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-    };
-    const auto begin = wallClock();
-    EXPECT_TRUE(comesTrue([&] {
-        const auto before = wallClock();
-        const std::chrono::seconds now(net::detail::now());
-        if (before == wallClock()) {
-            EXPECT_EQ(now.count(), before.count());
-        }
-        return before > begin + 1s || HasFailure();
-    }));
-}
-
 TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {
     const std::pair<std::string, const char*> cases[] = {
         {"North mast", "North mast"},
@@ -283,33 +227,28 @@ TEST(Lines, AThousandASecondOfAKindAppearAndTheOthersAreCounted) {
     EXPECT_EQ(print(1), "line\n");
 }
 
-class SetsAddress : public iMultiRadarCheckerListener {
-public:
-    explicit SetsAddress(MultiRadarClient& client) : m_client(client) {}
-    void OnLocalIpChanged(unsigned int localIp) override {
-        m_called = true;
-        std::this_thread::sleep_for(20ms); // the destructor begins
-        m_client.setLocalIP(localIp + 1);
-    }
-    std::atomic<bool> m_called = false;
-
-private:
-    MultiRadarClient& m_client;
-};
-
 TEST_F(Program, ListenerMaySetTheAddressWhileTheClientIsDestroyed) {
+    struct SetsAddress final : iMultiRadarCheckerListener {
+        void OnLocalIpChanged(unsigned int localIp) override {
+            called = true;
+            EXPECT_TRUE(comesTrue([&] { return destroyed.load(); }));
+            client->setLocalIP(localIp + 1);
+        }
+        MultiRadarClient* client = nullptr;
+        std::atomic<bool> called = false;
+        std::atomic<bool> destroyed = false;
+    };
     const ProfileDirectory profile;
     for (int i = 0; i < 3; ++i) {
-        auto client = std::make_unique<MultiRadarClient>();
-        SetsAddress listener(*client);
-        client->addListener(&listener);
-        client->setLocalIP(net::transAddr("127.0.0.1"));
-        EXPECT_TRUE(comesTrue([&] { return listener.m_called.load(); }, 60s));
-        client.reset();
+        SetsAddress listener;
+        MultiRadarClient client;
+        listener.client = &client;
+        client.addListener(&listener);
+        client.setLocalIP(net::transAddr("127.0.0.1"));
+        EXPECT_TRUE(comesTrue([&] { return listener.called.load(); }, 60s));
+        listener.destroyed = true; // from now on, before the listener looks again
     }
 }
-
-// -------------------------------------------------------------------------------------------- negotiators
 
 TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread) {
     net::detail::Timing timing;
@@ -331,9 +270,6 @@ TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread)
     EXPECT_THROW(negotiator->syncLogin(20), std::runtime_error) << "it reaches the application";
     EXPECT_EQ(outOf([&] { EXPECT_EQ(negotiator->syncLogin(21), 0); }), "syncLogin:Already login\n")
         << "the id is held all the same";
-    EXPECT_EQ(outOf([&] { EXPECT_FALSE(negotiator->asyncLogin(21)); }), "asyncLogin:Already login\n");
-    negotiator.reset();
-    EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
 }
 
 TEST_F(Program, LoginThatIsUnderWayEndsWithItsNegotiator) {
@@ -342,14 +278,13 @@ TEST_F(Program, LoginThatIsUnderWayEndsWithItsNegotiator) {
     net::detail::setTiming(timing);
     const auto threads = otherThreads();
     std::atomic<int> logins = 0;
-    auto negotiator = std::make_unique<HostNegotiator>(nullptr, [&](std::uint8_t) { ++logins; });
-    ASSERT_TRUE(negotiator->asyncLogin(20));
-    negotiator.reset();
+    {
+        HostNegotiator negotiator(nullptr, [&](std::uint8_t) { ++logins; });
+        ASSERT_TRUE(negotiator.asyncLogin(20));
+    }
     EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
     EXPECT_EQ(logins, 0);
 }
-
-// ----------------------------------------------------------------------------------------------- receivers
 
 class ReceiverOnAnInterface : public Program {
 protected:
@@ -423,11 +358,15 @@ TEST_F(ReceiverOnAnInterface, RouteCommandHasNoTerminalAndEndsByItself) {
     ::setenv("PATH", path.c_str(), 1);
     EXPECT_GE(took, 3s);
     EXPECT_LT(took, 40s) << "the command sleeps for a minute";
-    const auto lines = linesOf(seen);
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_THAT(lines[0], HasSubstr("0000000000000000")) << "no signal is blocked";
-    EXPECT_EQ(std::stoul(lines[1].substr(lines[1].find('\t')), nullptr, 16) >> (SIGPIPE - 1) & 1, 0U);
-    EXPECT_EQ(lines[2], "/dev/null");
+    std::ifstream file(seen);
+    std::string name;
+    unsigned long blocked = 1;
+    unsigned long ignored = ~0UL;
+    std::string input;
+    file >> name >> std::hex >> blocked >> name >> ignored >> input;
+    EXPECT_EQ(blocked, 0U);
+    EXPECT_EQ(ignored >> (SIGPIPE - 1) & 1, 0U);
+    EXPECT_EQ(input, "/dev/null");
 }
 
 } // namespace
