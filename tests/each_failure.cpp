@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <new>
 #include <optional>
 #include <system_error>
@@ -53,41 +52,27 @@ void enterNetwork(int place) {
     ::close(network);
 }
 
-/// Without a word in any class, for these reasons or for any: to wait in vain is no failure, what is told to
-/// an interface that was replaced is told again, and the rest is asked again later, or done without.
-const std::map<std::string_view, std::vector<int>> kAlwaysQuiet = {
-    {"EPOLL_CTL_DEL", {}},
-    {"SO_KEEPALIVE and the like", {}},
-    {"accept4", {EAGAIN, EINTR}},
-    {"close", {}},
-    {"epoll_wait", {EINTR}},
-    {"getsockname", {}},
-    {"getsockopt", {}},
-    {"if_indextoname", {}},
-    {"if_nametoindex", {}},
-    {"netlink bind", {}},
-    {"netlink socket", {}},
-    {"poll", {EINTR}},
-    {"posix_spawn", {}},
-    {"recv", {EAGAIN, EINTR}},
-    {"recvfrom", {EAGAIN, EINTR}},
-    {"recvmmsg", {EAGAIN, EINTR}},
-    {"send", {EINTR}},
-    {"sendmmsg", {ENETUNREACH, ENODEV}},
-    {"sendmsg", {EINTR}},
-    {"sendto", {ENETUNREACH, ENODEV}},
-    {"shutdown", {}},
-    {"socket that asks for a route", {}},
-    {"stat", {}},
-    {"waitpid", {}},
-};
-
+/// Without a word in any class: to wait in vain is no failure, what is told to an interface that was replaced
+/// is told again, and the rest is asked again later, or done without.
 bool isQuiet(const Scenario& scenario, const Fault::Call& call) {
-    if (std::ranges::count(scenario.quiet, call.name) > 0)
-        return true;
-    const auto always = kAlwaysQuiet.find(call.name);
-    return always != kAlwaysQuiet.end() &&
-           (always->second.empty() || std::ranges::count(always->second, call.code) > 0);
+    using Names = std::vector<std::string_view>;
+    static const Names waiting = {"accept4",  "epoll_wait", "poll", "recv",
+                                  "recvfrom", "recvmmsg",   "send", "sendmsg"};
+    static const Names repeated = {"sendmmsg", "sendto"};
+    static const Names always = {
+        "EPOLL_CTL_DEL", "SO_KEEPALIVE and the like",
+        "close",         "getsockname",
+        "getsockopt",    "if_indextoname",
+        "posix_spawn",   "if_nametoindex",
+        "netlink bind",  "netlink socket",
+        "shutdown",      "socket that asks for a route",
+        "stat",          "waitpid",
+    };
+    const auto isOneOf = [&](const Names& names) { return std::ranges::count(names, call.name) > 0; };
+    const bool inVain = call.code == EAGAIN || call.code == EINTR;
+    const bool gone = call.code == ENETUNREACH || call.code == ENODEV;
+    return isOneOf(scenario.quiet) || isOneOf(always) || (inVain && isOneOf(waiting)) ||
+           (gone && isOneOf(repeated));
 }
 
 std::string textOf(int file) {

@@ -22,36 +22,28 @@ constexpr const char* kGroup = "239.9.8.7";
 constexpr unsigned short kTcpPort = 7000;
 
 /// Counts, after it has found memory.
-class Counter final : public net::iUdpDataListener, public net::iUdpCheckerListener {
+class Counter final : public net::iUdpDataListener,
+                      public net::iUdpCheckerListener,
+                      public net::iTcpDataListener {
 public:
-    std::atomic<int> count = 0;
+    std::atomic<int> count = 0; // of what came
+    std::atomic<int> connected = 0;
+    std::atomic<int> lastFd = -1;
 
 private:
     void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override { add(); }
     void OnUdpCheckerIpFound(unsigned int) override { add(); }
-    void add() {
-        takeMemory();
-        ++count;
-    }
-};
-
-class Visits final : public net::iTcpDataListener {
-public:
-    std::atomic<int> connected = 0;
-    std::atomic<int> pieces = 0;
-    std::atomic<int> lastFd = -1;
-
-private:
-    void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override {
-        takeMemory();
-        ++pieces;
-    }
+    void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override { add(); }
     void OnTcpClientConnected(int fd, const char*, unsigned short) override {
         takeMemory();
         lastFd = fd;
         ++connected;
     }
     void OnTcpClientDisconnected(int, const char*, unsigned short) override { takeMemory(); }
+    void add() {
+        takeMemory();
+        ++count;
+    }
 };
 
 void interfaces() {
@@ -109,7 +101,7 @@ void udpChecker() {
 }
 
 void tcpServer() {
-    Visits visits;
+    Counter visits;
     std::optional<Peer> peer;
     net::TcpServer server(&visits);
     EXPECT_TRUE(server.connect(kLocal, kTcpPort, 5) || server.connect(kLocal, kTcpPort, 5));
@@ -126,10 +118,10 @@ void tcpServer() {
     server.closeClient(visits.lastFd);
     EXPECT_TRUE(inTheEnd([&] {
         const Sound sound;
-        const int before = visits.pieces;
+        const int before = visits.count;
         const Peer visitor(kTcpPort);
         visitor.send("hello");
-        return soon([&] { return visits.pieces > before; }) ||
+        return soon([&] { return visits.count > before; }) ||
                isSaid("select::rfds"); // which ends the accepting
     }));
     server.disconnect();
@@ -139,7 +131,7 @@ void tcpServer() {
 /// One client reads what it is sent, and one does not, so that a rest of it is kept.
 void tcpServerWithMuchToSend() {
     constexpr int kMessage = 8 << 20; // more than a connection holds
-    Visits visits;
+    Counter visits;
     net::TcpServer server(&visits);
     EXPECT_TRUE(server.connect(kLocal, kTcpPort, 5) || server.connect(kLocal, kTcpPort, 5));
     std::optional<Peer> attentive;
@@ -181,20 +173,20 @@ void tcpClient() {
         const Sound sound;
         listening.emplace(kTcpPort);
     }
-    Visits visits;
+    Counter visits;
     net::TcpClient client(&visits, kLocal, kTcpPort, net::transAddr(kLocal));
     client.connectOnce();
     client.sendData("a", 1);
     client.sendMultipleDatas({{"b", 1}, {"c", 1}});
     client.asyncSendData("d", 1);
     EXPECT_TRUE(inTheEnd([&] { // with connections that it makes by itself
-        const int before = visits.pieces;
+        const int before = visits.count;
         return soon([&] {
             while (listening->isCalled())
                 peers.push_back(listening->accept());
             for (const Peer& peer : peers)
                 peer.send("hello");
-            return visits.pieces > before;
+            return visits.count > before;
         });
     }));
     client.notifyForQuit();

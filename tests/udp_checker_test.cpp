@@ -50,7 +50,7 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextToEachLis
     Addresses twice;
     Addresses late;
     Addresses removed;
-    lab::Process first = beacon("a", "radar");
+    lab::Process first = beacon("a", "radar\\000"); // its zero byte may come, too
     net::UdpChecker checker(kGroup, kPort, "radar");
     for (Addresses* listener : {&twice, &twice, &removed, &removed})
         checker.addListener(listener);
@@ -78,25 +78,6 @@ TEST_F(UdpCheckerOnTwoInterfaces, IgnoresOtherAndLongerTexts) {
     witness.addListener(&ofOther);
     EXPECT_TRUE(ofOther.reaches(1));
     EXPECT_THAT(addresses.all(), ElementsAre());
-}
-
-TEST_F(UdpCheckerOnTwoInterfaces, ReportsTheAddressThatReceivedTheTextLastWithItsZeroByteToo) {
-    const auto once = [](const char* cable) {
-        return std::system(("ip netns exec " + std::string(cable) +
-                            " sh -c \"printf 'radar\\000' | socat -u - UDP-DATAGRAM:236.6.7.30:6730\"")
-                               .c_str()) == 0;
-    };
-    Addresses addresses;
-    net::UdpChecker checker(kGroup, kPort, "radar");
-    checker.addListener(&addresses);
-    EXPECT_TRUE(comesTrue(
-        [&] { // both within one check, the lower address last
-            once("b");
-            once("a");
-            const auto all = addresses.all();
-            return !all.empty() && all.back() == "10.1.0.1";
-        },
-        30s));
 }
 
 TEST_F(UdpCheckerOnTwoInterfaces, IsGoneAtOnceInAProbeAndInAPause) {

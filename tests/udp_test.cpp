@@ -92,24 +92,14 @@ TEST_F(Udp, OnlyTheAllOnesAddressIsBroadcastAndOnlyTheMulticastRangeIsJoined) {
         EXPECT_EQ(errors.find("IP_ADD_MEMBERSHIP") != std::string::npos, joins) << address;
     }
     const Fault fault("SO_BROADCAST", EPERM, 1, 2);
-    const char* const refused = ",\\(255.255.255.255,5000\\)>:\n\tfunction\\[setsockopt::SO_BROADCAST\\].*";
+    const auto refused = [](const char* function) {
+        return MatchesRegex(socketError(function, "255.255.255.255,5000", "setsockopt::SO_BROADCAST",
+                                        "1,Operation not permitted"));
+    };
     EXPECT_THAT(errOf([&] { net::UdpSender("255.255.255.255", 5000, m_local, 0); }),
-                MatchesRegex(".*UdpSenderPrivate,266" + std::string(refused)));
+                refused("UdpSenderPrivate"));
     EXPECT_THAT(errOf([&] { net::UdpReceiver(nullptr, m_local, "255.255.255.255", 5000, 64); }),
-                MatchesRegex(".*UdpReceiverPrivate,454" + std::string(refused)));
-}
-
-TEST_F(Udp, DatagramIsSentAgainWhereTheInterfaceWasReplaced) {
-    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
-    net::UdpSender sender(kGroup, 5000, m_local, 0);
-    sender.setMulticastLoop(true);
-    for (const int gone : {ENODEV, ENETUNREACH})
-        for (const std::string call : {"sendto", "sendmmsg"}) {
-            const Fault fault(call, gone);
-            EXPECT_EQ(call == "sendto" ? sender.sendData("x", 1) : sender.sendMultipleDatas({{"x", 1}}), 1);
-            EXPECT_TRUE(fault.hit());
-            EXPECT_EQ(m_recorder.nextBytes(), "x");
-        }
+                refused("UdpReceiverPrivate"));
 }
 
 TEST_F(Udp, DiscoveryReceiversHaveRoomForAFullPlanOfAnswersOrSaySo) {
@@ -204,22 +194,34 @@ TEST(LocalInterfaces, AreNoneWhereTheSystemCannotListThem) {
 
 TEST_F(Udp, RouteIsAddedWithSudoThenWithoutAndOnlyForAValidAddress) {
     ASSERT_EQ(std::system("ip addr add 10.1.0.7/24 dev eth0 label eth0:1"), 0);
-    const ProfileDirectory bin; // "sudo" and "route" write down how they were called; "sudo" fails
+    const ProfileDirectory bin; // "sudo" and "route" write down how they were called; "sudo" hangs
     const std::string log = bin.path() / "calls";
-    for (const std::string name : {"sudo", "route"}) {
-        bin.write("#!/bin/sh\necho " + name + " \"$@\" >> " + log + "\n[ " + name + " = route ]\n", name);
+    for (const auto& [name, state, end] :
+         {std::tuple{"sudo", "grep -E 'SigBlk|SigIgn' /proc/self/status; readlink /proc/self/fd/0",
+                     "exec sleep 60"},
+          {"route", ":", ":"}}) {
+        bin.write("#!/bin/sh\n{ echo " + std::string(name) + " \"$@\"; " + state + "; } >> " + log + "\n" +
+                      end + "\n",
+                  name);
         std::filesystem::permissions(bin.path() / name, std::filesystem::perms::owner_all);
     }
     const std::string path = ::getenv("PATH");
     ::setenv("PATH", (bin.path().string() + ":" + path).c_str(), 1);
+    std::signal(SIGPIPE, SIG_IGN);
     const std::string unsafe = "10.1.0.1 ; touch " + (bin.path() / "injected").string();
     const net::UdpReceiver unsafeReceiver(&m_recorder, m_local, unsafe.c_str(), 5000, 64);
-    const net::UdpReceiver receiver(nullptr, net::transAddr("10.1.0.7"), kGroup, 5000, 64);
+    std::optional<net::UdpReceiver> receiver;
+    EXPECT_LT(timeOf([&] { receiver.emplace(nullptr, net::transAddr("10.1.0.7"), kGroup, 5000, 64); }), 40s)
+        << "the command sleeps for a minute";
     ::setenv("PATH", path.c_str(), 1);
     std::ifstream calls(log);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(calls), {}),
-              "sudo route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"
-              "route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n");
+    EXPECT_THAT(std::string(std::istreambuf_iterator<char>(calls), {}),
+                MatchesRegex("sudo route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"
+                             "SigBlk:\t0000000000000000\n"
+                             "SigIgn:\t............[02468ace]...\n"
+                             "/dev/null\n"
+                             "route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"))
+        << "with no signal blocked, nor SIGPIPE ignored";
     EXPECT_FALSE(std::filesystem::exists(bin.path() / "injected"));
     net::UdpSender("10.1.0.1", 5000, m_local, 0).sendData("received", 8);
     EXPECT_EQ(m_recorder.nextBytes(), "received");
