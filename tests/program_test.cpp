@@ -157,24 +157,6 @@ TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
     ::close(saved);
 }
 
-TEST_F(Program, StandingTransmitQueueHoldsUpNeitherQueriesNorDestruction) {
-    ASSERT_EQ(std::system("tc qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000"), 0);
-    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
-    const Output output;
-    EXPECT_LT(timeOf([&] {
-                  MultiRadarClientPrivate client;
-                  EXPECT_TRUE(comesTrue([&] {
-                      client.query();
-                      return output.err().find("function[sendto],code[11,") != std::string::npos;
-                  }));
-                  for (int i = 0; i < 3000; ++i)
-                      client.query();
-              }),
-              10s);
-    std::system("tc qdisc del dev eth0 root");
-    EXPECT_LT(output.err().size(), 2000U * 300) << "the lines are bounded";
-}
-
 TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {
     const std::pair<std::string, const char*> cases[] = {
         {"North mast", "North mast"},
@@ -269,23 +251,18 @@ protected:
     }
 };
 
-TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceComesBackWithTheSameIndexOrAnother) {
+TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsReplaced) {
     const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
     EXPECT_TRUE(comesTrue([&] { return hears(); }));
-    for (const char* const index : {"$(ip -o link show eth0 | cut -d: -f1)", "777"}) {
-        ASSERT_EQ(std::system(("set -e; index=" + std::string(index) + R"(; ip link del eth0
-            ip link add eth0 index $index type veth peer name far
-            ip link set far up; ip addr add 10.1.0.1/24 brd + dev eth0; ip link set eth0 up
-            ip route add 224.0.0.0/4 dev eth0)")
-                                  .c_str()),
-                  0);
-        // Another member of the group on the new interface, so that it is not the membership that is missed.
-        Recorder other;
-        const net::UdpReceiver masks(&other, m_local, kGroup, 5000, 64);
-        while (m_recorder.next(0ms)) {
-        }
-        EXPECT_TRUE(comesTrue([&] { return hears(); })) << index;
+    ASSERT_EQ(std::system(R"(set -e
+        ip link del eth0
+        ip link add eth0 index 777 type veth peer name far
+        ip link set far up; ip addr add 10.1.0.1/24 brd + dev eth0; ip link set eth0 up
+        ip route add 224.0.0.0/4 dev eth0)"),
+              0);
+    while (m_recorder.next(0ms)) {
     }
+    EXPECT_TRUE(comesTrue([&] { return hears(); }));
 }
 
 TEST_F(ReceiverOnAnInterface, TakesUpALateAddressWhileDatagramsArriveFromElsewhere) {

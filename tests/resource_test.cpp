@@ -68,8 +68,14 @@ TEST_F(Resources, ObjectsMadeWithoutDescriptorsWorkOnceSomeAreFree) {
         60s));
     EXPECT_TRUE(comesTrue(
         [&] { return all->sender.sendData("heard", 5) == 5 && m_recorder.nextBytes(500ms) == "heard"; }));
-    EXPECT_TRUE(all->server.connect("127.0.0.1", kPort, 5));
-    EXPECT_TRUE(comesTrue([&] { return all->tcp.isConnected(); }));
+    const Fault fault("accept4", EMFILE, 1, 2);
+    EXPECT_GE(timeOf([&] {
+                  EXPECT_TRUE(all->server.connect("127.0.0.1", kPort, 5));
+                  EXPECT_TRUE(all->tcp.connectOnce());
+                  EXPECT_TRUE(comesTrue([&] { return all->server.isConnected(); }));
+              }),
+              200ms)
+        << "with a pause after each failed accept";
 }
 
 TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {

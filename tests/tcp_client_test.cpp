@@ -171,22 +171,6 @@ TEST(TcpClient, AnIdleLinkIsProbedUnlessAutoConnectIsOff) {
     EXPECT_EQ(quiet.peer->read(1), "x") << "nothing came before";
 }
 
-TEST(TcpClient, ConnectsByItselfAndAgainAfterTheServerRestarts) {
-    tickQuickly();
-    const unsigned short port = freePort();
-    Notes notes;
-    const TcpClient client(&notes, kLocal, port, 0);
-    for (size_t round = 1; round <= 2; ++round) {
-        {
-            const Listening server(port);
-            const Peer peer = server.accept();
-            EXPECT_TRUE(comesTrue([&] { return client.isConnected(); }));
-        }
-        EXPECT_TRUE(notes.disconnected.reaches(round));
-        EXPECT_EQ(notes.connected.all().size(), round);
-    }
-}
-
 TEST(TcpClient, ReplacingAConnectionAnnouncesItsEndFirst) {
     const Output output;
     Connected c;
