@@ -26,6 +26,8 @@ struct Scenario {
     std::vector<std::string_view> quiet = {};
     /// The same of allocations.
     bool quietMemory = false;
+    /// Texts that one failing call or another must bring to standard output or error.
+    std::vector<std::string> said = {};
 };
 
 inline void PrintTo(const Scenario& scenario, std::ostream* stream) {

@@ -127,24 +127,14 @@ Result failure() {
 }
 
 const char* optionName(int level, int option) {
-    static constexpr struct {
-        int level;
-        int option;
-        const char* name;
-    } kOptions[] = {
-        {SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR"},
-        {SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST"},
-        {SOL_SOCKET, SO_RCVBUF, "SO_RCVBUF"},
-        {SOL_SOCKET, SO_RCVTIMEO, "SO_RCVTIMEO"},
-        {SOL_SOCKET, SO_SNDTIMEO, "SO_SNDTIMEO"},
-        {SOL_SOCKET, SO_BINDTODEVICE, "SO_BINDTODEVICE"},
-        {IPPROTO_IP, IP_ADD_MEMBERSHIP, "IP_ADD_MEMBERSHIP"},
-        {IPPROTO_IP, IP_MULTICAST_IF, "IP_MULTICAST_IF"},
-        {IPPROTO_IP, IP_MULTICAST_LOOP, "IP_MULTICAST_LOOP"},
-        {IPPROTO_IP, IP_MULTICAST_ALL, "IP_MULTICAST_ALL"},
+    static constexpr std::pair<int, const char*> kNames[] = {
+        {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_BROADCAST, "SO_BROADCAST"}, {SO_RCVBUF, "SO_RCVBUF"},
+        {SO_RCVTIMEO, "SO_RCVTIMEO"},   {SO_SNDTIMEO, "SO_SNDTIMEO"},   {SO_BINDTODEVICE, "SO_BINDTODEVICE"},
     };
-    for (const auto& [known, number, name] : kOptions)
-        if (known == level && number == option)
+    if (level == IPPROTO_IP)
+        return "setsockopt";
+    for (const auto& [number, name] : kNames)
+        if (level == SOL_SOCKET && number == option)
             return name;
     return "SO_KEEPALIVE and the like";
 }
@@ -172,10 +162,11 @@ Function* realOf(Function*, const char* name) {
 #define PLACE __builtin_return_address(0)
 #define REPLACEMENT extern "C" __attribute__((visibility("default")))
 
-#define REPLACE(result, name, parameters, exceptions, arguments)                                             \
+// What is behind the arguments is the name of the call, where it has one of its own.
+#define REPLACE(result, name, parameters, exceptions, arguments, ...)                                        \
     REPLACEMENT result name parameters exceptions {                                                          \
         REAL(name);                                                                                          \
-        return fails(#name, PLACE) ? failure<result>() : real arguments;                                     \
+        return fails(#name, PLACE __VA_OPT__(, ) __VA_ARGS__) ? failure<result>() : real arguments;          \
     }
 
 REPLACE(int, socketpair, (int family, int type, int protocol, int* ends), noexcept,
@@ -211,30 +202,14 @@ REPLACE(ssize_t, read, (int fd, void* data, size_t length), , (fd, data, length)
 REPLACE(int, stat, (const char* path, struct stat* state), noexcept, (path, state))
 REPLACE(int, system, (const char* command), , (command))
 REPLACE(pid_t, waitpid, (pid_t process, int* status, int options), , (process, status, options))
-
-REPLACEMENT int socket(int family, int type, int protocol) noexcept {
-    REAL(socket);
-    return fails("socket", PLACE, socketName(family, type, protocol)) ? failure<int>()
-                                                                      : real(family, type, protocol);
-}
-REPLACEMENT int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-    REAL(bind);
-    return fails("bind", PLACE, address->sa_family == AF_NETLINK ? "netlink bind" : nullptr)
-               ? failure<int>()
-               : real(fd, address, length);
-}
-REPLACEMENT int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-    REAL(setsockopt);
-    return fails("setsockopt", PLACE, optionName(level, option)) ? failure<int>()
-                                                                 : real(fd, level, option, value, length);
-}
-
-REPLACEMENT int epoll_ctl(int set, int operation, int fd, epoll_event* event) noexcept {
-    REAL(epoll_ctl);
-    return fails("epoll_ctl", PLACE, operation == EPOLL_CTL_DEL ? "EPOLL_CTL_DEL" : nullptr)
-               ? failure<int>()
-               : real(set, operation, fd, event);
-}
+REPLACE(int, socket, (int family, int type, int protocol), noexcept, (family, type, protocol),
+        socketName(family, type, protocol))
+REPLACE(int, bind, (int fd, const sockaddr* address, socklen_t length), noexcept, (fd, address, length),
+        address->sa_family == AF_NETLINK ? "netlink bind" : nullptr)
+REPLACE(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t length), noexcept,
+        (fd, level, option, value, length), optionName(level, option))
+REPLACE(int, epoll_ctl, (int set, int operation, int fd, epoll_event* event), noexcept,
+        (set, operation, fd, event), operation == EPOLL_CTL_DEL ? "EPOLL_CTL_DEL" : nullptr)
 
 // These report their errors by what they return.
 REPLACEMENT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

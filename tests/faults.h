@@ -24,8 +24,6 @@ public:
     Fault(const Fault&) = delete;
     Fault& operator=(const Fault&) = delete;
 
-    static constexpr int kAll = 1 << 30;
-
     /// Whether a call has failed.
     bool hit() const;
 

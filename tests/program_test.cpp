@@ -18,46 +18,18 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <future>
-#include <map>
 
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-
-std::vector<std::string> linesOf(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-/// What the process takes of a processor during half a second.
-std::chrono::milliseconds processorTime() {
-    const auto now = [] {
-        rusage usage{};
-        ::getrusage(RUSAGE_SELF, &usage);
-        const auto of = [](const timeval& time) {
-            return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
-        };
-        return std::chrono::duration_cast<std::chrono::milliseconds>(of(usage.ru_utime) + of(usage.ru_stime));
-    };
-    const auto before = now();
-    std::this_thread::sleep_for(500ms);
-    return now() - before;
-}
 
 /// The ids of all threads but the calling one.
 std::vector<pid_t> otherThreads() {
@@ -75,10 +47,7 @@ protected:
     Recorder m_recorder;
     net::UdpSender m_sender{kGroup, 5000, m_local, 0};
 
-    void sendLooped() {
-        m_sender.setMulticastLoop(true);
-        m_sender.sendData("x", 1);
-    }
+    Program() { m_sender.setMulticastLoop(true); }
 };
 
 TEST_F(Program, ForkedChildThatExitsEndsAtOnceAndItsParentNoticesNothing) {
@@ -96,81 +65,54 @@ TEST_F(Program, ForkedChildThatExitsEndsAtOnceAndItsParentNoticesNothing) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
 
     const Output output;
-    EXPECT_LT(processorTime(), 250ms) << "no thread spins";
+    const std::clock_t before = std::clock(); // the processor's time
+    std::this_thread::sleep_for(500ms);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 4) << "no thread spins";
     EXPECT_EQ(output.err(), "");
-    sendLooped();
+    m_sender.sendData("x", 1);
     EXPECT_EQ(m_recorder.nextBytes(), "x");
     EXPECT_TRUE(everything->tcp.isConnected() && everything->tcp.sendData("y", 1));
     EXPECT_EQ(everything->server.numOfClients(), 1);
 }
 
-TEST_F(Program, ShutSocketCostsNeitherAProcessorNorALine) {
-    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
-    net::UdpSocket socket(&m_recorder, 64);
-    socket.SetGroupRecvSockAddr(m_local, kGroup, 5001);
-    const Output output;
-    for (int fd = 3; fd < 64; ++fd)
-        ::shutdown(fd, SHUT_RD);
-    EXPECT_LT(processorTime(), 250ms);
-    EXPECT_LT(output.err().size(), 2000U);
-}
-
-/// Runs in a callback.
-class InCallback : public net::iUdpDataListener {
-public:
-    explicit InCallback(std::function<void()> action) : m_action(std::move(action)) {}
-    void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
-        m_action();
-        m_done = true;
-    }
-    std::atomic<bool> m_done = false;
-
-private:
-    const std::function<void()> m_action;
-};
-
 TEST_F(Program, SignalsOfFaultsAndProfilersReachCallbacksAndNoOthersDo) {
-    sigset_t blocked;
-    std::string name(16, '\0');
-    InCallback listener([&] {
-        ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
-    });
+    struct Looks final : net::iUdpDataListener {
+        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
+            ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+            ::pthread_getname_np(::pthread_self(), name, sizeof name);
+            done = true;
+        }
+        sigset_t blocked{};
+        char name[16]{};
+        std::atomic<bool> done = false;
+    } listener;
     const net::UdpReceiver receiver(&listener, m_local, kGroup, 5000, 64);
-    sendLooped();
-    ASSERT_TRUE(comesTrue([&] { return listener.m_done.load(); }));
+    m_sender.sendData("x", 1);
+    ASSERT_TRUE(comesTrue([&] { return listener.done.load(); }));
     for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGPROF})
-        EXPECT_FALSE(sigismember(&blocked, open)) << open;
+        EXPECT_FALSE(sigismember(&listener.blocked, open)) << open;
     for (const int shut : {SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGHUP})
-        EXPECT_TRUE(sigismember(&blocked, shut)) << shut;
-    EXPECT_STREQ(name.c_str(), "radar-recv");
+        EXPECT_TRUE(sigismember(&listener.blocked, shut)) << shut;
+    EXPECT_STREQ(listener.name, "radar-recv");
 }
-
-std::atomic<int> s_interruptions;
 
 TEST_F(Program, InterruptedCallsAreTimeOuts) {
+    static std::atomic<int> interruptions = 0;
     struct sigaction count {};
-    count.sa_handler = [](int) { ++s_interruptions; }; // a receive with a time-out fails with EINTR
+    count.sa_handler = [](int) { ++interruptions; }; // a receive with a time-out fails with EINTR
     ASSERT_EQ(::sigaction(SIGPROF, &count, nullptr), 0);
     const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
     Everything everything(&m_recorder, m_local, kPort);
-    Addresses found;
-    net::UdpChecker checker(kGroup, 5000, "text");
-    checker.addListener(&found);
     ASSERT_TRUE(comesTrue([&] { return everything.server.isConnected() && everything.tcp.isConnected(); }));
     const Output output;
-    for (int i = 0; i < 100; ++i) {
+    while (interruptions < 1000) {
         for (const pid_t thread : otherThreads())
             ::syscall(SYS_tgkill, ::getpid(), thread, SIGPROF);
-        std::this_thread::sleep_for(2ms);
+        std::this_thread::sleep_for(2ms); // between the signals
     }
-    EXPECT_GT(s_interruptions, 500);
     EXPECT_EQ(output.err(), "");
     EXPECT_TRUE(everything.tcp.isConnected());
     EXPECT_EQ(everything.server.numOfClients(), 1);
-    m_sender.setMulticastLoop(true);
-    EXPECT_TRUE(comesTrue([&] { return m_sender.sendData("text", 4) == 4 && found.reaches(1, 100ms); }))
-        << "no probe was ended";
 }
 
 TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
@@ -195,7 +137,9 @@ TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
     std::fflush(stdout);
     const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     ::dup2(ends[1], STDOUT_FILENO);
+    ::close(ends[1]);
     std::setvbuf(stdout, nullptr, _IONBF, 0);
+    std::signal(SIGPIPE, SIG_IGN);
 
     std::thread prints([&] { client.query(); });
     const auto looksUp = std::async(std::launch::async, [&] {
@@ -207,50 +151,10 @@ TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
     });
     EXPECT_EQ(looksUp.wait_for(10s), std::future_status::ready);
 
-    ::fcntl(ends[0], F_SETFL, 0);
-    std::thread reads([&] {
-        for (char byte[4096]; ::read(ends[0], byte, sizeof byte) > 0;) {
-        }
-    });
+    ::close(ends[0]); // which ends the printing
     prints.join();
     ::dup2(saved, STDOUT_FILENO);
-    ::close(ends[1]);
-    reads.join();
-    ::close(ends[0]);
     ::close(saved);
-}
-
-TEST_F(Program, StandingTransmitQueueHoldsUpNeitherQueriesNorDestruction) {
-    ASSERT_EQ(std::system("tc qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000"), 0);
-    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n");
-    const Output output;
-    EXPECT_LT(timeOf([&] {
-                  MultiRadarClientPrivate client;
-                  EXPECT_TRUE(comesTrue([&] {
-                      client.query();
-                      return output.err().find("function[sendto],code[11,") != std::string::npos;
-                  }));
-                  for (int i = 0; i < 3000; ++i)
-                      client.query();
-              }),
-              10s);
-    std::system("tc qdisc del dev eth0 root");
-    EXPECT_LT(output.err().size(), 2000U * 300) << "the lines are bounded";
-}
-
-TEST_F(Program, SecondsOfTheTableTickWithTheWallClock) {
-    const auto wallClock = [] {
-        return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-    };
-    const auto begin = wallClock();
-    EXPECT_TRUE(comesTrue([&] {
-        const auto before = wallClock();
-        const std::chrono::seconds now(net::detail::now());
-        if (before == wallClock()) {
-            EXPECT_EQ(now.count(), before.count());
-        }
-        return before > begin + 1s || HasFailure();
-    }));
 }
 
 TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {
@@ -283,39 +187,40 @@ TEST(Lines, AThousandASecondOfAKindAppearAndTheOthersAreCounted) {
     EXPECT_EQ(print(1), "line\n");
 }
 
-class SetsAddress : public iMultiRadarCheckerListener {
-public:
-    explicit SetsAddress(MultiRadarClient& client) : m_client(client) {}
-    void OnLocalIpChanged(unsigned int localIp) override {
-        m_called = true;
-        std::this_thread::sleep_for(20ms); // the destructor begins
-        m_client.setLocalIP(localIp + 1);
-    }
-    std::atomic<bool> m_called = false;
-
-private:
-    MultiRadarClient& m_client;
-};
-
 TEST_F(Program, ListenerMaySetTheAddressWhileTheClientIsDestroyed) {
+    struct SetsAddress final : iMultiRadarCheckerListener {
+        void OnLocalIpChanged(unsigned int localIp) override {
+            called = true;
+            EXPECT_TRUE(comesTrue([&] { return destroyed.load(); }));
+            client->setLocalIP(localIp + 1);
+        }
+        MultiRadarClient* client = nullptr;
+        std::atomic<bool> called = false;
+        std::atomic<bool> destroyed = false;
+    };
     const ProfileDirectory profile;
     for (int i = 0; i < 3; ++i) {
-        auto client = std::make_unique<MultiRadarClient>();
-        SetsAddress listener(*client);
-        client->addListener(&listener);
-        client->setLocalIP(net::transAddr("127.0.0.1"));
-        EXPECT_TRUE(comesTrue([&] { return listener.m_called.load(); }, 60s));
-        client.reset();
+        SetsAddress listener;
+        MultiRadarClient client;
+        listener.client = &client;
+        client.addListener(&listener);
+        client.setLocalIP(net::transAddr("127.0.0.1"));
+        EXPECT_TRUE(comesTrue([&] { return listener.called.load(); }, 60s));
+        listener.destroyed = true; // from now on, before the listener looks again
     }
 }
 
-// -------------------------------------------------------------------------------------------- negotiators
-
 TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread) {
+    const auto threads = otherThreads();
     net::detail::Timing timing;
+    timing.objection = 1h;
+    net::detail::setTiming(timing);
+    { // a login is under way when its negotiator ends
+        HostNegotiator ended(nullptr, [](std::uint8_t) { ADD_FAILURE(); });
+        ASSERT_TRUE(ended.asyncLogin(20));
+    }
     timing.objection = 50ms;
     net::detail::setTiming(timing);
-    const auto threads = otherThreads();
     const auto held = std::make_shared<int>(0); // by the callback object
     std::atomic<bool> destroyed = false;
     std::unique_ptr<HostNegotiator> negotiator;
@@ -331,25 +236,7 @@ TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread)
     EXPECT_THROW(negotiator->syncLogin(20), std::runtime_error) << "it reaches the application";
     EXPECT_EQ(outOf([&] { EXPECT_EQ(negotiator->syncLogin(21), 0); }), "syncLogin:Already login\n")
         << "the id is held all the same";
-    EXPECT_EQ(outOf([&] { EXPECT_FALSE(negotiator->asyncLogin(21)); }), "asyncLogin:Already login\n");
-    negotiator.reset();
-    EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
 }
-
-TEST_F(Program, LoginThatIsUnderWayEndsWithItsNegotiator) {
-    net::detail::Timing timing;
-    timing.objection = 1h;
-    net::detail::setTiming(timing);
-    const auto threads = otherThreads();
-    std::atomic<int> logins = 0;
-    auto negotiator = std::make_unique<HostNegotiator>(nullptr, [&](std::uint8_t) { ++logins; });
-    ASSERT_TRUE(negotiator->asyncLogin(20));
-    negotiator.reset();
-    EXPECT_TRUE(comesTrue([&] { return otherThreads() == threads; }));
-    EXPECT_EQ(logins, 0);
-}
-
-// ----------------------------------------------------------------------------------------------- receivers
 
 class ReceiverOnAnInterface : public Program {
 protected:
@@ -358,76 +245,36 @@ protected:
         timing.receiverRepair = 100ms;
         net::detail::setTiming(timing);
     }
-
-    bool receivesAgain() {
-        net::UdpSender sender(kGroup, 5000, m_local, 0);
-        sender.setMulticastLoop(true);
-        while (m_recorder.next(0ms)) {
-        }
-        return comesTrue([&] {
-            sender.sendData("x", 1);
-            return m_recorder.next(50ms).has_value();
-        });
+    bool hears() {
+        m_sender.sendData("x", 1);
+        return m_recorder.next(20ms).has_value();
     }
 };
 
-TEST_F(ReceiverOnAnInterface, HearsAgainWhenTheInterfaceComesBackWithTheSameIndex) {
+TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsReplaced) {
     const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
-    EXPECT_TRUE(receivesAgain());
+    EXPECT_TRUE(comesTrue([&] { return hears(); }));
     ASSERT_EQ(std::system(R"(set -e
-        index=$(cat /sys/class/net/eth0/ifindex 2>/dev/null || ip -o link show eth0 | cut -d: -f1)
         ip link del eth0
-        ip link add eth0 index $index type veth peer name far
+        ip link add eth0 index 777 type veth peer name far
         ip link set far up; ip addr add 10.1.0.1/24 brd + dev eth0; ip link set eth0 up
         ip route add 224.0.0.0/4 dev eth0)"),
               0);
-    Recorder
-        other; // a member of the group on the new interface: the membership's absence cannot be seen by that
-    const net::UdpReceiver masks(&other, m_local, kGroup, 5000, 64);
-    EXPECT_TRUE(receivesAgain());
+    while (m_recorder.next(0ms)) {
+    }
+    EXPECT_TRUE(comesTrue([&] { return hears(); }));
 }
 
 TEST_F(ReceiverOnAnInterface, TakesUpALateAddressWhileDatagramsArriveFromElsewhere) {
     const net::UdpReceiver receiver(&m_recorder, net::transAddr("10.7.0.1"), kGroup, 5000, 64);
-    m_sender.setMulticastLoop(true);
     const net::UdpReceiver other(nullptr, m_local, kGroup, 5001, 64); // joins the group on eth0
-    const auto hears = [&] {                                          // datagrams arrive all the time
-        m_sender.sendData("x", 1);
-        return m_recorder.next(20ms).has_value();
-    };
-    EXPECT_TRUE(comesTrue(hears)) << "one whose join was refused hears what arrives all the same";
+    EXPECT_TRUE(comesTrue([&] { return hears(); })) << "one whose join was refused hears what arrives";
     ASSERT_EQ(std::system("ip link add late type veth peer name farlate && ip link set farlate up && "
                           "ip addr add 10.7.0.1/24 dev late && ip link set late up"),
               0);
-    EXPECT_TRUE(comesTrue([&] { // tied to its own interface, it hears eth0 no more
-        for (int i = 0; i < 10; ++i)
-            if (hears())
-                return false;
-        return true;
-    }));
+    int unheard = 0; // tied to its own interface, it hears eth0 no more
+    EXPECT_TRUE(comesTrue([&] { return (unheard = hears() ? 0 : unheard + 1) == 10; }));
     std::system("ip link del late");
-}
-
-TEST_F(ReceiverOnAnInterface, RouteCommandHasNoTerminalAndEndsByItself) {
-    const ProfileDirectory directory;
-    const std::string seen = directory.path() / "seen";
-    directory.write("#!/bin/sh\n[ $0 = " + std::string(directory.path() / "sudo") +
-                        " ] && { grep -E 'SigBlk|SigIgn' /proc/self/status; readlink /proc/self/fd/0; } > " +
-                        seen + "\nexec sleep 60\n",
-                    "sudo");
-    std::filesystem::permissions(directory.path() / "sudo", std::filesystem::perms::owner_all);
-    const std::string path = std::getenv("PATH");
-    ::setenv("PATH", (directory.path().string() + ":" + path).c_str(), 1);
-    std::signal(SIGPIPE, SIG_IGN);
-    const auto took = timeOf([&] { const net::UdpReceiver receiver(nullptr, m_local, kGroup, 5000, 64); });
-    ::setenv("PATH", path.c_str(), 1);
-    EXPECT_GE(took, 3s);
-    EXPECT_LT(took, 40s) << "the command sleeps for a minute";
-    const auto lines = linesOf(seen);
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_THAT(lines[0], HasSubstr("0000000000000000")) << "no signal is blocked";
-    EXPECT_EQ(std::stoul(lines[1].substr(lines[1].find('\t')), nullptr, 16) >> (SIGPIPE - 1) & 1, 0U);
-    EXPECT_EQ(lines[2], "/dev/null");
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 
 #include <netinet/in.h>
-
+#include <poll.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -25,7 +25,6 @@
 namespace tcp_test {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 using net::detail::Descriptor;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -81,8 +80,6 @@ public:
         return bytes;
     }
     void endOwnDirection() const { ::shutdown(fd(), SHUT_WR); }
-    /// Whether it stands and nothing waits to be read.
-    bool isOpen() const { return ::recv(fd(), nullptr, 0, MSG_DONTWAIT | MSG_PEEK) < 0 && errno == EAGAIN; }
     /// Whether the stream ends in time, with FIN or RST; what comes before is dropped.
     bool ends() const {
         errno = 0;
@@ -95,68 +92,52 @@ private:
     Descriptor m_socket;
 };
 
-/// A plain listening socket on a port that the system chose.
+/// A plain listening socket.
 class Listening {
 public:
-    Listening() {
-        EXPECT_EQ(m_socket.on(::bind, 0), 0);
+    /// @param port 0: the system chooses
+    explicit Listening(unsigned short port = 0) {
+        EXPECT_EQ(m_socket.on(::bind, port), 0);
         EXPECT_EQ(::listen(m_socket.fd(), 100), 0);
     }
     unsigned short port() const { return m_socket.port(); }
+    bool isCalled() const {
+        pollfd caller{m_socket.fd(), POLLIN, 0};
+        return ::poll(&caller, 1, 0) > 0;
+    }
     Peer accept() const { return Peer(Descriptor(::accept4(m_socket.fd(), nullptr, nullptr, SOCK_CLOEXEC))); }
 
 private:
     Peer m_socket;
 };
 
-/// While it lives, its thread's calls are interrupted every millisecond, by a signal that restarts none.
-class Interrupted {
-public:
-    Interrupted() {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        ::sigaction(SIGUSR1, &action, nullptr);
-        m_interrupter = std::jthread([thread = ::pthread_self()](const std::stop_token& stop) {
-            for (; !stop.stop_requested(); std::this_thread::sleep_for(1ms))
-                ::pthread_kill(thread, SIGUSR1);
-        });
-    }
-
-private:
-    std::jthread m_interrupter;
-};
-
-/// Has two threads send frames of letters, interrupted all the time, to a peer that reads slowly.
-/// @param send sends one frame. @return what is wrong with what arrives; empty: nothing
+/// Whether frames that two threads send to a peer that reads slowly all arrive, and whole. Their calls are
+/// interrupted every millisecond, by a signal that restarts none. @param send sends one frame
 template <class Send>
-std::string tornOrLost(const Peer& peer, Send send) {
+bool arriveWhole(const Peer& peer, Send send) {
     constexpr size_t kFrame = 100000;
     constexpr int kFrames = 60; // of each thread
-    std::atomic<int> refused = 0;
-    std::vector<std::thread> senders;
+    std::vector<std::jthread> senders;
     for (const char letter : {'a', 'b'})
         senders.emplace_back([&, frame = std::string(kFrame, letter)] {
-            const Interrupted interrupted;
             for (int i = 0; i < kFrames; ++i)
-                refused += !send(frame.data(), static_cast<unsigned>(frame.size()));
+                EXPECT_TRUE(send(frame.data(), static_cast<unsigned>(frame.size())));
         });
-    std::string received;
-    while (received.size() < 2 * kFrames * kFrame) {
-        const std::string piece = peer.read(50000, 0);
-        if (piece.empty())
-            break;
-        received += piece;
-        std::this_thread::sleep_for(100us);
-    }
-    for (std::thread& sender : senders)
-        sender.join();
-    for (size_t at = 0; at < received.size(); at += kFrame)
-        if (received.compare(at, kFrame, std::string(kFrame, received[at])) != 0)
-            return "frame " + std::to_string(at / kFrame) + " is torn";
-    if (refused != 0 || received.size() != 2 * kFrames * kFrame)
-        return std::to_string(refused) + " frames refused, " + std::to_string(received.size()) +
-               " bytes there";
-    return {};
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, nullptr);
+    std::jthread interrupter([&](const std::stop_token& stop) {
+        for (; !stop.stop_requested(); std::this_thread::sleep_for(1ms))
+            for (std::jthread& sender : senders)
+                ::pthread_kill(sender.native_handle(), SIGUSR1);
+    });
+    int whole = 0;
+    for (std::string frame = peer.read(kFrame);
+         frame == std::string(kFrame, frame[0]) && ++whole < 2 * kFrames; frame = peer.read(kFrame))
+        std::this_thread::sleep_for(1ms);
+    interrupter.request_stop();
+    interrupter.join();
+    return whole == 2 * kFrames;
 }
 
 /// A port that nobody listens on.
@@ -168,9 +149,9 @@ inline unsigned short freePort() {
 class Notes : public net::iTcpDataListener {
 public:
     virtual ~Notes() = default;
-    std::function<void(int fd)> onConnected;
-    std::function<void(int fd)> onDisconnected;
-    std::function<void(int fd)> onData;
+    std::function<void(int fd)> onConnected = [](int) {};
+    std::function<void(int fd)> onDisconnected = [](int) {};
+    std::function<void(int fd)> onData = [](int) {};
     Log<std::string> connected; // "5 127.0.0.1:4000", the first number being the descriptor
     Log<std::string> disconnected;
 
@@ -190,18 +171,15 @@ private:
     }
     void OnTcpDataReceived(int fd, const char*, unsigned short, const char* data, int len) override {
         m_received.add(std::string(data, static_cast<size_t>(len)));
-        if (onData)
-            onData(fd);
+        onData(fd);
     }
     void OnTcpClientConnected(int fd, const char* addr, unsigned short port) override {
         connected.add(note(fd, addr, port));
-        if (onConnected)
-            onConnected(fd);
+        onConnected(fd);
     }
     void OnTcpClientDisconnected(int fd, const char* addr, unsigned short port) override {
         disconnected.add(note(fd, addr, port));
-        if (onDisconnected)
-            onDisconnected(fd);
+        onDisconnected(fd);
     }
 
     Log<std::string> m_received;

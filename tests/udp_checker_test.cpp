@@ -12,7 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr const char* kGroup = "236.6.7.30";
 constexpr unsigned short kPort = 6730;
@@ -51,7 +50,7 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextToEachLis
     Addresses twice;
     Addresses late;
     Addresses removed;
-    lab::Process first = beacon("a", "radar");
+    lab::Process first = beacon("a", "radar\\000"); // its zero byte may come, too
     net::UdpChecker checker(kGroup, kPort, "radar");
     for (Addresses* listener : {&twice, &twice, &removed, &removed})
         checker.addListener(listener);
@@ -72,44 +71,26 @@ TEST_F(UdpCheckerOnTwoInterfaces, IgnoresOtherAndLongerTexts) {
     const lab::Process other = beacon("a", "sonar");
     const lab::Process longer = beacon("b", "radar\\0x");
     Addresses addresses;
+    Addresses ofOther;
     net::UdpChecker checker(kGroup, kPort, "radar");
     checker.addListener(&addresses);
-    EXPECT_FALSE(addresses.reaches(1, 1300ms)) << "in two checks";
+    net::UdpChecker witness(kGroup, kPort, "sonar");
+    witness.addListener(&ofOther);
+    EXPECT_TRUE(ofOther.reaches(1));
+    EXPECT_THAT(addresses.all(), ElementsAre());
 }
 
-TEST_F(UdpCheckerOnTwoInterfaces, ReportsTheAddressThatReceivedTheTextLastWithItsZeroByteToo) {
-    const auto once = [](const char* cable) {
-        return std::system(("ip netns exec " + std::string(cable) +
-                            " sh -c \"printf 'radar\\000' | socat -u - UDP-DATAGRAM:236.6.7.30:6730\"")
-                               .c_str()) == 0;
-    };
-    Addresses addresses;
-    net::UdpChecker checker(kGroup, kPort, "radar");
-    checker.addListener(&addresses);
-    EXPECT_TRUE(comesTrue(
-        [&] { // both within one check, the lower address last
-            once("b");
-            once("a");
-            const auto all = addresses.all();
-            return !all.empty() && all.back() == "10.1.0.1";
-        },
-        30s));
-}
-
-TEST_F(UdpCheckerOnTwoInterfaces, FailedProbeIsReportedAndDestructionIsQuick) {
+TEST_F(UdpCheckerOnTwoInterfaces, IsGoneAtOnceInAProbeAndInAPause) {
     net::detail::setTiming({});
     const Output output;
-    std::optional<net::UdpChecker> noGroup(std::in_place, "10.9.9.9", kPort, "radar");
+    std::optional<net::UdpChecker> pausing(std::in_place, "10.9.9.9", kPort, "radar"); // no group to join
     std::optional<net::UdpChecker> probing(std::in_place, kGroup, kPort, "radar");
     EXPECT_TRUE(comesTrue([&] {
-        return output.err().find(",(10.9.9.9,6730)>:\n\tfunction[setsockopt::IP_ADD_MEMBERSHIP],code[22,") !=
-                   std::string::npos &&
+        return output.err().find("(10.9.9.9,6730)") != std::string::npos &&
                std::system("ip maddr show | grep -q 236.6.7.30") == 0;
     }));
-    EXPECT_LT(timeOf([&] { noGroup.reset(); }), 4s) << "not the pause's 5 s";
+    EXPECT_LT(timeOf([&] { pausing.reset(); }), 4s) << "not the pause's 5 s";
     EXPECT_LT(timeOf([&] { probing.reset(); }), 1800ms) << "not the probes' 2 s";
-    EXPECT_THAT(output.err(), HasSubstr("SocketError<UdpSocket/udpsocket.cpp,operator(),"));
-    EXPECT_THAT(output.err(), testing::Not(HasSubstr(kGroup)));
 }
 
 } // namespace
