@@ -32,10 +32,9 @@ public:
     }
 
     void pause(std::chrono::milliseconds time) { m_time += time; }
-    void datagram(const std::string& from, const wire::Group& group, const std::string& bytes,
-                  std::uint16_t sourcePort = 40000) {
+    void datagram(const std::string& from, const wire::Group& group, const std::string& bytes) {
         packet(17, from, group.address,
-               word(sourcePort) + word(group.port) + word(8 + bytes.size()) + word(0) + bytes);
+               word(40000) + word(group.port) + word(8 + bytes.size()) + word(0) + bytes);
     }
     /// The next bytes of one direction of a connection.
     void segment(const std::string& from, std::uint16_t fromPort, const std::string& to, std::uint16_t toPort,
