@@ -112,8 +112,6 @@ const Case kCases[] = {
     {"Healthy", [](Observation&) {}, {}},
     {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
      {{Id::NoAddress, "no network interface"}}},
-    {"CutCable", [](Observation& s) { loseQueries(s); s.interfaces[0].carrier = false; s.listening.results[kEth1].looped = 5; },
-     {{Id::NoCarrier, "eth0 has no carrier; plug in"}}},
     {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
          for (auto& [source, route] : s.routesToRadars) route = {"", ENETUNREACH}; },
      {{Id::RpFilter, "since its way back leads nowhere"}}},
@@ -123,8 +121,6 @@ const Case kCases[] = {
     {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
      {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "of both, the host and the displays here"}}},
     {"RouteToOneGroupOfADisplay", [](Observation& s) { routeDiscovery(s, "eth1", "eth0"); }, {}},
-    {"RouteToOneGroupOfAHost", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth1", "eth0"); },
-     {{Id::LeftOverRoute, "ip route del 236.6.7.5 dev eth1"}, {Id::HostHere, ""}}},
     {"FirstRouteToAGroupIsTaken", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth0", "eth1"); }, {{Id::HostHere, ""}}},
     {"HostHereDoesNotLoop", [](Observation& s) { runHostHere(s); s.profile.multicastLoop = true; },
      {{Id::HostHere, "profile.ini of that host"}}},
@@ -167,8 +163,6 @@ const Case kCases[] = {
      {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},
     {"OwnAddressSeenOnTheWire", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::1"};
          s.listening.hardware[{kEth0, transAddr("10.20.1.1")}] = {"02::2"}; }, {}},
-    {"OwnAddressElsewhere", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::3"}; },
-     {{Id::SameAddress, "02::3"}}},
     {"LateAnswers", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 3500ms); },
      {{Id::LateAnswers, "\"Slow\" (10.20.1.3) answers so late that a display's search"}}},
     {"AnswersInTime", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 1900ms); }, {}},
