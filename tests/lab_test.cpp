@@ -31,26 +31,23 @@ TEST(Process, IsStoppedWithAllThatItStarted) {
 }
 
 /// The program "lan". The private network of the test plays the machine.
-class LanProgram : public testing::Test {
-protected:
-    static std::vector<std::string> lan(const std::vector<std::string>& arguments) {
-        std::vector<std::string> command{LAN_PROGRAM, "--hosts", "2", "--radarctl", "/bin/sh"};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return command;
-    }
+std::vector<std::string> lan(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{LAN_PROGRAM, "--hosts", "2", "--radarctl", "/bin/sh"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
 
-    /// Interfaces, named networks and processes.
-    static std::set<std::string> machine() {
-        std::set<std::string> found;
-        std::error_code none;
-        for (const char* directory : {"/sys/class/net", "/run/netns", "/proc"})
-            for (const auto& entry : std::filesystem::directory_iterator(directory, none))
-                found.insert(entry.path());
-        return found;
-    }
-};
+/// Interfaces, named networks and processes.
+std::set<std::string> machine() {
+    std::set<std::string> found;
+    std::error_code none;
+    for (const char* directory : {"/sys/class/net", "/run/netns", "/proc"})
+        for (const auto& entry : std::filesystem::directory_iterator(directory, none))
+            found.insert(entry.path());
+    return found;
+}
 
-TEST_F(LanProgram, LeavesNothingBehindHoweverItEnds) {
+TEST(LanProgram, LeavesNothingBehindHoweverItEnds) {
     const auto before = machine();
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGKILL}) {
         {
@@ -64,7 +61,7 @@ TEST_F(LanProgram, LeavesNothingBehindHoweverItEnds) {
     }
 }
 
-TEST_F(LanProgram, RunsTheCommandOnTheDisplayAndNeedsNoPrivilegeWhereUserNamespacesAreAllowed) {
+TEST(LanProgram, RunsTheCommandOnTheDisplayAndNeedsNoPrivilegeWhereUserNamespacesAreAllowed) {
     std::filesystem::copy(LAN_PROGRAM, "/run/lan"); // other users may not be able to read the build directory
     auto command =
         lan({"--drop", "10", "--", "sh", "-c", "cat /sys/class/net/eth1/carrier; ip netns; exit 5"});
@@ -80,7 +77,7 @@ TEST_F(LanProgram, RunsTheCommandOnTheDisplayAndNeedsNoPrivilegeWhereUserNamespa
     EXPECT_THAT(unprivileged.output(), HasSubstr("\nhost2"));
 }
 
-TEST_F(LanProgram, ExplainsInOneLineThatNamespacesAreNotPermitted) {
+TEST(LanProgram, ExplainsInOneLineThatNamespacesAreNotPermitted) {
     auto command = lan({"true"});
     // In a user namespace of its own, in which network namespaces are forbidden.
     command.insert(command.begin(), {"unshare", "--user", "--map-root-user", "sh", "-c",

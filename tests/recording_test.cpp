@@ -236,12 +236,9 @@ protected:
     /// Plays up to a second of the recording, and answers what was said about ids.
     std::vector<std::string> playTo(ReplayedRadar& radar, int second) {
         std::vector<std::string> said;
-        for (const auto end = ReplayedRadar::TimePoint(std::chrono::seconds(second + 100)); m_now <= end;
-             m_now += 100ms) {
-            const auto output = radar.advance(m_now.time_since_epoch() - 100s, kLead, m_now);
-            if (output.message)
+        for (const auto end = m_begin + std::chrono::seconds(second); m_now <= end; m_now += 100ms)
+            if (const auto output = radar.advance(m_now - m_begin, kLead, m_now); output.message)
                 said.emplace_back(wire::text(*output.message));
-        }
         return said;
     }
 
@@ -250,7 +247,8 @@ protected:
         return found ? text(*found) : "none";
     }
 
-    ReplayedRadar::TimePoint m_now{97s}; // the recording begins at 100 s
+    const ReplayedRadar::TimePoint m_begin{100s}; // of the recording
+    ReplayedRadar::TimePoint m_now = m_begin - 3s;
 };
 
 TEST_F(Replayed, RadarClaimsItsIdAndAnswersWhileItWasThere) {
@@ -290,7 +288,7 @@ TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
         EXPECT_EQ(radar.answer(), composeAnnouncement("North", 30, 2)) << "as in the recording";
         EXPECT_EQ(target(radar, arpaOf(30)), text(arpaOf(30)));
     }
-    m_now = ReplayedRadar::TimePoint(97s);
+    m_now = m_begin - 3s;
     ReplayedRadar radar(contents.radars().front(), 40, 1, kObjection);
     EXPECT_THAT(playTo(radar, 1), ElementsAre("\x01\xA1\x28\x01", "\x02\xA1\x28\x01"));
     EXPECT_EQ(radar.answer(), composeAnnouncement("North", 40, 2));
