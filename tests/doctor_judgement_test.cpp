@@ -186,8 +186,9 @@ TEST(Judgement, NamesTheCauseAndNoOther) {
         for (const auto& [id, part] : row.expected)
             EXPECT_THAT(found[id], testing::HasSubstr(part));
         for (const auto& [id, texts] : found)
-            EXPECT_TRUE(std::ranges::any_of(row.expected, [&](const auto& each) { return each.first == id; }))
-                << texts;
+            EXPECT_TRUE(std::ranges::any_of(row.expected, [id = id](const auto& each) {
+                return each.first == id;
+            })) << texts;
     }
 }
 
