@@ -32,10 +32,9 @@ public:
     }
 
     void pause(std::chrono::milliseconds time) { m_time += time; }
-    void datagram(const std::string& from, const wire::Group& group, const std::string& bytes,
-                  std::uint16_t sourcePort = 40000) {
+    void datagram(const std::string& from, const wire::Group& group, const std::string& bytes) {
         packet(17, from, group.address,
-               word(sourcePort) + word(group.port) + word(8 + bytes.size()) + word(0) + bytes);
+               word(40000) + word(group.port) + word(8 + bytes.size()) + word(0) + bytes);
     }
     /// The next bytes of one direction of a connection.
     void segment(const std::string& from, std::uint16_t fromPort, const std::string& to, std::uint16_t toPort,
@@ -56,12 +55,14 @@ public:
             "fields", "-E", "occurrence=a", "-E", "aggregator=|"};
         for (const std::string& field : fields)
             command.insert(command.end(), {"-e", field});
-        lab::Process tshark({.command = command, .outputFile = path("fields"), .errorFile = path("errors")});
-        EXPECT_EQ(tshark.wait(std::chrono::seconds(60)), 0) << contents("errors");
-        EXPECT_EQ(contents("errors").find("Lua"), std::string::npos) << contents("errors");
+        lab::Process tshark({.command = command, .errorFile = path("errors")});
+        EXPECT_EQ(tshark.wait(std::chrono::seconds(60)), 0);
+        std::ifstream file(path("errors"));
+        const std::string errors{std::istreambuf_iterator<char>(file), {}};
+        EXPECT_EQ(errors.find("Lua"), std::string::npos) << errors;
 
         std::vector<Frame> frames;
-        std::istringstream lines(contents("fields"));
+        std::istringstream lines(tshark.output());
         for (std::string line; std::getline(lines, line);) {
             std::istringstream values(line);
             Frame& frame = frames.emplace_back();
@@ -93,11 +94,6 @@ private:
         m_file << bytes;
     }
     std::string path(const char* name) const { return m_directory / name; }
-    std::string contents(const char* name) const {
-        std::ifstream file(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
     const std::filesystem::path m_directory;
     std::ofstream m_file;
     std::chrono::milliseconds m_time{1'000'000'000'000};

@@ -9,7 +9,6 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <ostream>
 
 namespace {
 
@@ -73,8 +72,8 @@ void runHostHere(Observation& seen) {
 }
 
 void routeDiscovery(Observation& seen, const char* first, const char* second) {
-    seen.groupRoutes = {{transAddr(wire::kDiscovery.address), first},
-                        {transAddr(wire::kDiscovery.address), second}};
+    const auto group = transAddr(wire::kDiscovery.address);
+    seen.groupRoutes = {{group, first}, {group, second}};
 }
 
 void loseQueries(Observation& seen) {
@@ -108,23 +107,11 @@ struct Case {
     void (*change)(Observation&);
     std::vector<std::pair<Id, const char*>> expected; ///< findings, and a part of each one's texts
 };
-void PrintTo(const Case& row, std::ostream* stream) {
-    *stream << row.name;
-}
-
 // clang-format off
 const Case kCases[] = {
     {"Healthy", [](Observation&) {}, {}},
     {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
      {{Id::NoAddress, "no network interface"}}},
-    {"CutCable", [](Observation& s) { loseQueries(s); s.interfaces[0].carrier = false; s.listening.results[kEth1].looped = 5; },
-     {{Id::NoCarrier, "eth0 has no carrier; plug in"}}},
-    {"NoAddress", [](Observation& s) { loseHosts(s); s.interfaces[0].addresses.clear(); s.listening.results.erase(kEth0); },
-     {{Id::NoAddress, "eth0 has no IPv4 address"}}},
-    {"WrongNetwork", [](Observation& s) { s.interfaces[0].addresses = {{transAddr("192.168.77.1"), kMask24}}; },
-     {{Id::WrongSubnet, "announcements from 10.20.1.1, eth0 has 192.168.77.1/24"}}},
-    {"TwoPaths", [](Observation& s) { s.interfaces[1].addresses = {{transAddr("10.20.2.2"), kMask16}}; hear(s, "North", "10.20.1.1", 20, kEth1); },
-     {{Id::TwoPaths, "heard through eth0, eth1"}}},
     {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
          for (auto& [source, route] : s.routesToRadars) route = {"", ENETUNREACH}; },
      {{Id::RpFilter, "since its way back leads nowhere"}}},
@@ -134,14 +121,11 @@ const Case kCases[] = {
     {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
      {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "of both, the host and the displays here"}}},
     {"RouteToOneGroupOfADisplay", [](Observation& s) { routeDiscovery(s, "eth1", "eth0"); }, {}},
-    {"RouteToOneGroupOfAHost", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth1", "eth0"); },
-     {{Id::LeftOverRoute, "ip route del 236.6.7.5 dev eth1"}, {Id::HostHere, ""}}},
     {"FirstRouteToAGroupIsTaken", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth0", "eth1"); }, {{Id::HostHere, ""}}},
     {"HostHereDoesNotLoop", [](Observation& s) { runHostHere(s); s.profile.multicastLoop = true; },
      {{Id::HostHere, "profile.ini of that host"}}},
     {"DisplaysHereDoNotLoop", [](Observation& s) { runHostHere(s); hear(s, "Own", "10.20.2.1", 22); },
      {{Id::HostHere, "profile.ini of displays here"}}},
-    {"HostHereIsHeard", [](Observation& s) { runHostHere(s); hear(s, "Own", "10.20.2.1", 22); s.profile.multicastLoop = true; }, {}},
 
     {"FirewallByEffect", [](Observation& s) { loseQueries(s); s.rules.error = "needs root"; },
      {{Id::Firewall, "as root"}, {Id::FirewallUnread, "needs root"}}},
@@ -179,9 +163,6 @@ const Case kCases[] = {
      {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},
     {"OwnAddressSeenOnTheWire", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::1"};
          s.listening.hardware[{kEth0, transAddr("10.20.1.1")}] = {"02::2"}; }, {}},
-    {"OwnAddressElsewhere", [](Observation& s) { s.ownHardware = {"02::1"}; s.listening.hardware[{kEth0, transAddr("10.20.2.1")}] = {"02::3"}; },
-     {{Id::SameAddress, "02::3"}}},
-    {"SameName", [](Observation& s) { hear(s, "North", "10.20.1.2", 22); }, {{Id::SameName, "\"North\" (10.20.1.1) and \"North\" (10.20.1.2)"}}},
     {"LateAnswers", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 3500ms); },
      {{Id::LateAnswers, "\"Slow\" (10.20.1.3) answers so late that a display's search"}}},
     {"AnswersInTime", [](Observation& s) { hear(s, "Slow", "10.20.1.3", 0, kEth0, 1900ms); }, {}},
@@ -190,32 +171,26 @@ const Case kCases[] = {
     {"LostAnswers", [](Observation& s) { hear(s, "East", "10.20.1.3", 23, kEth0, 5ms, 2); }, {{Id::LostAnswers, "\"East\" (10.20.1.3) answers only some of the queries"}}},
     {"QueriesBeforeTheFirstAnswerDoNotCount", [](Observation& s) { auto& north = s.listening.hosts.begin()->second.times; north.erase(north.begin(), north.begin() + 2); },
      {}},
-    {"IdContest", [](Observation& s) { s.listening.objections[20] = 3; s.listening.claims[transAddr("10.20.1.1")] = {20, 21}; },
-     {{Id::IdContest, "objections 3 for id 20; 10.20.1.1 claimed 2 ids"}}},
     {"ObjectionThatSettlesIt", [](Observation& s) { s.listening.objections[20] = 1; s.listening.claims[transAddr("10.20.1.1")] = {20}; }, {}},
-    {"Nobody", [](Observation& s) { loseHosts(s); for (auto& [index, result] : s.listening.results) result.igmpQueries = 0; },
-     {{Id::NoRadar, "nobody answers"}, {Id::NoQuerier, "no IGMP query in 10.0 s"}}},
 };
 // clang-format on
 
-class DoctorJudgement : public testing::TestWithParam<Case> {};
-
-TEST_P(DoctorJudgement, NamesTheCauseAndNoOther) {
-    Observation seen = healthy();
-    GetParam().change(seen);
-    std::map<Id, std::string> found;
-    for (const Finding& finding : judge(seen).findings)
-        found[finding.id] += finding.what + "; " + finding.remedy + "; " + finding.measured + "\n";
-    std::set<Id> expected;
-    for (const auto& [id, part] : GetParam().expected) {
-        expected.insert(id);
-        EXPECT_THAT(found[id], testing::HasSubstr(part));
+TEST(Judgement, NamesTheCauseAndNoOther) {
+    for (const Case& row : kCases) {
+        SCOPED_TRACE(row.name);
+        Observation seen = healthy();
+        row.change(seen);
+        std::map<Id, std::string> found;
+        for (const Finding& finding : judge(seen).findings)
+            found[finding.id] += finding.what + "; " + finding.remedy + "; " + finding.measured + "\n";
+        for (const auto& [id, part] : row.expected)
+            EXPECT_THAT(found[id], testing::HasSubstr(part));
+        for (const auto& [id, texts] : found)
+            EXPECT_TRUE(std::ranges::any_of(row.expected, [id = id](const auto& each) {
+                return each.first == id;
+            })) << texts;
     }
-    for (const auto& [id, texts] : found)
-        EXPECT_TRUE(expected.contains(id)) << texts;
 }
-INSTANTIATE_TEST_SUITE_P(On, DoctorJudgement, testing::ValuesIn(kCases),
-                         [](const auto& row) { return row.param.name; });
 
 TEST(Judgement, HostHereComesFirstWhereNothingElseIsHeard) {
     Observation seen = healthy();
