@@ -26,8 +26,8 @@ protected:
     EachCall() {
         using namespace std::chrono_literals;
         net::detail::Timing timing;
-        timing.search = {5ms, 5ms, 40ms, 5ms};
-        timing.addressLook = 10ms;
+        timing.search = {5ms, 5ms, 40ms, 200ms}; // seldom, since each starts threads and commands
+        timing.addressLook = 50ms;
         timing.objection = 10ms;
         timing.receiverRepair = 20ms;
         timing.checkerProbe = 15ms;

@@ -131,7 +131,7 @@ const char* optionName(int level, int option) {
         {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_BROADCAST, "SO_BROADCAST"}, {SO_RCVBUF, "SO_RCVBUF"},
         {SO_RCVTIMEO, "SO_RCVTIMEO"},   {SO_SNDTIMEO, "SO_SNDTIMEO"},   {SO_BINDTODEVICE, "SO_BINDTODEVICE"},
     };
-    if (level == IPPROTO_IP)
+    if (level == IPPROTO_IP && option != IP_DROP_MEMBERSHIP)
         return "setsockopt";
     for (const auto& [number, name] : kNames)
         if (level == SOL_SOCKET && number == option)
