@@ -248,6 +248,32 @@ TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
     EXPECT_EQ(told.wait(60s), 0) << told.output();
 }
 
+TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
+    // Queries are answered at once, and groups reported without repeating it, before the switch forgets.
+    ASSERT_EQ(std::system(R"(set -e
+        ip netns exec display sysctl -q net.ipv4.conf.eth0.igmpv2_unsolicited_report_interval=100
+        ip -n lan link set lan0 type bridge mcast_query_response_interval 100
+        ip -n lan link set lan0 type bridge mcast_snooping 1 mcast_startup_query_count 1
+        ip -n lan link set lan0 type bridge mcast_querier 1
+        bridge -n lan link set dev display-eth0 mcast_flood off)"),
+              0);
+    lab::Process host = m_lan.node("host1").start(
+        {.command = {RADARCTL, "host", "--name", "North", "--id", "20", "--simulate"}});
+    ASSERT_TRUE(host.lineWith("serving", 30s));
+    lab::Process doctor = m_lan.node("display").start(
+        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "10"}});
+    EXPECT_TRUE(comesTrue([] {
+        return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
+    })) << doctor.output();
+    for (int i = 0; i < 10; ++i) {
+        std::this_thread::sleep_for(100ms);
+        std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
+    }
+    EXPECT_EQ(doctor.wait(60s), 1);
+    EXPECT_THAT(doctor.output(), AllOf(testing::StartsWith("fault switch-forgets"),
+                                       HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
+}
+
 TEST(FirstMinute, HasNoFalseAlarm) {
     lab::Process lan(
         {.command = {LAN_PROGRAM, "--hosts", "3", "--", RADARCTL, "doctor", "--seconds", kSeconds}});

@@ -256,6 +256,7 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
         const std::string out = path(redacted ? "redacted" : "bundle");
         const Result doctor =
             run({"doctor", "--seconds", "3", "--bundle", file, redacted ? "--redact" : "--verbose"});
+        EXPECT_EQ(doctor.status, 0) << doctor.output;
         EXPECT_THAT(doctor.errors, HasSubstr("discovery.pcapng"));
         EXPECT_THAT(shell("tar -tzf " + file + " | head -1 && mkdir " + out + " && tar -xzf " + file +
                           " -C " + out + " && ls " + out),

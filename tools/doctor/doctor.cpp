@@ -34,10 +34,12 @@ struct Options {
     bool redact = false;
 };
 
-/// @param followed may be null
+/// @param socketsBefore read before anything that is called with it was made
+/// @param followed      may be null
 Observation observe(const std::string& only, Seconds duration, bool quick, Loop& loop,
-                    std::unique_ptr<FollowedImage> followed) {
+                    std::vector<UdpSocketEntry> socketsBefore, std::unique_ptr<FollowedImage> followed) {
     Observation seen;
+    seen.socketsBefore = std::move(socketsBefore);
     const std::vector<Interface> all = readInterfaces();
     seen.interfaces = all;
     for (const Interface& interface : all)
@@ -50,7 +52,6 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
             throw Failure(kUsage, "no network is behind interface \"" + printable(only) + "\"");
     }
     seen.profile = readProfile(quick ? 400ms : 2s);
-    seen.socketsBefore = readUdpSockets();
     seen.discoveryRoute = routeTo(net::transAddr(wire::kDiscovery.address), all);
     seen.groupsRoute = routeTo(net::transAddr("236.6.255.255"), all); // which nobody uses
     seen.groupRoutes = readGroupRoutes();
@@ -149,6 +150,7 @@ int examine(const Options& options, Output& output) {
         return kFound;
     }
     Loop loop;
+    std::vector<UdpSocketEntry> socketsBefore = readUdpSockets(); // the bundle has some, too
     std::unique_ptr<Bundle> bundle;
     if (!options.bundle.empty()) {
         bundle = std::make_unique<Bundle>(options.bundle, options.redact);
@@ -160,6 +162,7 @@ int examine(const Options& options, Output& output) {
         text << "listening and asking for " << options.seconds << " s; Ctrl-C ends";
         status.show(text.str());
         return observe(interfaceOf(options.local), Seconds(options.seconds), false, loop,
+                       std::move(socketsBefore),
                        options.follow.empty()
                            ? nullptr
                            : std::make_unique<FollowedImage>(options.follow, localAddress(options.local)));
@@ -182,7 +185,7 @@ int examine(const Options& options, Output& output) {
 
 std::optional<std::string> likelyCause(const std::string& interface, Loop& loop) {
     try {
-        const Observation seen = observe(interface, kQuickLook, true, loop, nullptr);
+        const Observation seen = observe(interface, kQuickLook, true, loop, readUdpSockets(), nullptr);
         if (seen.listening.stopped)
             return std::nullopt;
         for (const Finding& finding : judge(seen).findings)
