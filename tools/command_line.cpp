@@ -52,8 +52,8 @@ Check checkSeconds(double least, const std::string& what) {
 }
 
 std::string checkHostId(const std::string& text) {
-    const char* words = "is no host id: 1, or 16 to 63";
-    return text == "1" ? "" : checkWholeNumber(16, 63, words)(text);
+    static const Check check = checkWholeNumber(16, 63, "is no host id: 1, or 16 to 63");
+    return text == "1" ? "" : check(text);
 }
 
 void Syntax::flag(const std::string& names, bool& given, const std::string& help) {
