@@ -3,7 +3,7 @@
 namespace doctor {
 
 FollowedImage::FollowedImage(const std::string& radar, unsigned int localIp)
-    : m_seen{.radar = radar}, m_watch({.localAddress = localIp}),
+    : m_seen{.radar = radar}, m_watch(radar::Watch::Options{.localAddress = localIp}),
       m_stream(
           m_watch, radar, radar::Image, [](const radar::Datagram&) {},
           [this](const radar::StreamEvent& event) { take(event); }) {}
