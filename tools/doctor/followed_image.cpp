@@ -3,7 +3,7 @@
 namespace doctor {
 
 FollowedImage::FollowedImage(const std::string& radar, unsigned int localIp)
-    : m_seen{.radar = radar}, m_watch(radar::Watch::Options{.localAddress = localIp}),
+    : m_seen{.radar = radar, .interface = {}}, m_watch(radar::Watch::Options{.localAddress = localIp}),
       m_stream(
           m_watch, radar, radar::Image, [](const radar::Datagram&) {},
           [this](const radar::StreamEvent& event) { take(event); }) {}
@@ -18,9 +18,10 @@ void FollowedImage::take(const radar::StreamEvent& event) {
 }
 
 ImageSeen FollowedImage::seen() const {
+    const std::uint64_t datagrams = m_stream.statistics().datagrams;
     const std::lock_guard lock(m_mutex);
     ImageSeen seen = m_seen;
-    seen.datagrams = m_stream.statistics().datagrams;
+    seen.datagrams = datagrams;
     return seen;
 }
 

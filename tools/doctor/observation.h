@@ -129,7 +129,7 @@ Listening listen(const std::vector<Interface>& interfaces, Seconds duration, boo
 /// What came of the image of the radar that --follow names.
 struct ImageSeen {
     std::string radar;
-    std::string interface {};    ///< where it was listened to last; empty: nowhere
+    std::string interface;       ///< where it was listened to last; empty: nowhere
     std::uint64_t datagrams = 0; ///< or pieces of TCP
     int forgotten = 0;           ///< times that it came again just after its group was left and joined again
     bool isSilent = false;       ///< at the end, while the radar announces itself
