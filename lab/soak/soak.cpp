@@ -112,11 +112,9 @@ public:
             return now.memory <= m_max.memory + m_max.memory / 10 + kSlack &&
                    now.descriptors <= m_max.descriptors && now.threads <= m_max.threads;
         };
-        secondsUntil(settled, 30s,
-                     "the display gives back what it took (" + text(m_max) + " before, " +
-                         text(resourcesOf(m_process)) + " now)");
+        secondsUntil(settled, 30s, "the display gives back what it took (" + now() + ")");
     }
-    std::string now() const { return text(resourcesOf(m_process)); }
+    std::string now() const { return text(resourcesOf(m_process)) + ", at most " + text(m_max) + " before"; }
 
 private:
     static std::string text(const Resources& resources) {
@@ -146,20 +144,24 @@ private:
     size_t m_taken = 0;
 };
 
+/// A fault that does not hold is counted, and the mix goes on: hours are there to see what grows.
 bool runMix(const std::vector<Fault>& faults, const Options& options, Report& report) {
     report.say("seed %u\n", options.seed);
     Testbed testbed(options.full, true);
     Growth growth(testbed.watch().process().pid());
     FaultSequence sequence(faults, options.seed);
+    int made = 0;
+    std::string failed;
     const auto start = Clock::now();
     while (secondsSince(start) < options.minutes * 60) {
         const Fault& fault = sequence.next();
         std::this_thread::sleep_for(sequence.pause());
         report.begin(fault);
+        ++made;
+        Trials once{fault, {}, {}};
+        if (!report.end(runOnce(fault, testbed, once)))
+            failed.append(failed.empty() ? "" : ", ").append(fault.name);
         try {
-            Trials once{fault, {}, {}};
-            if (!report.end(runOnce(fault, testbed, once)))
-                throw RequirementFailed("it did not hold");
             secondsUntil([&] { return testbed.watch().lists(kPermanentRadar); }, 30s,
                          "the display lists the permanent radar");
             if (sequence.allWereMade())
@@ -167,16 +169,17 @@ bool runMix(const std::vector<Fault>& faults, const Options& options, Report& re
             else
                 growth.warmUp(); // each fault may need other memory the first time
         } catch (const std::exception& error) {
-            report.say("soak: %s: %s\nsoak: to repeat: --mix --minutes %g --seed %u\n", fault.name,
+            report.say("soak: after %s: %s\nsoak: to repeat: --mix --minutes %g --seed %u\n", fault.name,
                        error.what(), options.minutes, options.seed);
             return false;
         }
     }
+    report.say("%d faults; did not hold: %s\n", made, failed.empty() ? "none" : failed.c_str());
     report.say("the display holds %s; %s; seed %u\n", growth.now().c_str(),
                sequence.allWereMade() ? "nothing has grown since every fault was made once"
                                       : "too short to tell whether anything grows",
                options.seed);
-    return true;
+    return failed.empty();
 }
 
 } // namespace
