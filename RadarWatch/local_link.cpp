@@ -92,7 +92,10 @@ const char* LocalLink::openReceiver(std::uint32_t localIp, const Interface& inte
     net::detail::bindToDevice(m_receiver, interface.device());
     if (!net::detail::bindTo(m_receiver, net::detail::makeAddress(group, wire::kDiscovery.port)))
         return "bind";
-    return net::detail::joinGroup(m_receiver, group, localIp) ? nullptr : "IP_ADD_MEMBERSHIP";
+    if (!net::detail::joinGroup(m_receiver, group, localIp))
+        return "IP_ADD_MEMBERSHIP";
+    m_joined = interface.index;
+    return nullptr;
 }
 
 const char* LocalLink::openSender(std::uint32_t localIp) {
@@ -106,6 +109,9 @@ const char* LocalLink::openSender(std::uint32_t localIp) {
 }
 
 void LocalLink::close() {
+    if (m_joined != 0)
+        net::detail::leaveGroup(m_receiver, ::inet_addr(wire::kDiscovery.address), m_joined);
+    m_joined = 0;
     m_receiver.reset();
     m_sender.reset();
 }

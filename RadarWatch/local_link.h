@@ -47,6 +47,7 @@ private:
     const char* openSender(std::uint32_t localIp);
 
     net::detail::Descriptor m_receiver;
+    unsigned m_joined = 0; // index of the interface on which the receiver is in the group; 0: none
     net::detail::Descriptor m_sender;
     bool m_isRecorded = false;
 };

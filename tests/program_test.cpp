@@ -256,6 +256,12 @@ TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsRepla
     EXPECT_TRUE(comesTrue([&] { return hears(); }));
     for (const char* index : {"another", "the same"}) {
         SCOPED_TRACE(index);
+        const pid_t child = ::fork(); // has every descriptor of the time before
+        if (child == 0) {
+            ::alarm(60);
+            ::pause();
+            ::_exit(0);
+        }
         ASSERT_EQ(std::system(R"(set -e
             ip link del eth0
             ip link add eth0 index 777 type veth peer name far
@@ -265,6 +271,11 @@ TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsRepla
         while (m_recorder.next(0ms)) {
         }
         EXPECT_TRUE(comesTrue([&] { return hears(); }));
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+        while (m_recorder.next(0ms)) {
+        }
+        EXPECT_TRUE(comesTrue([&] { return hears(); })) << "after the child's end";
     }
 }
 

@@ -32,6 +32,11 @@ bool joinGroup(const Descriptor& socket, in_addr_t group, in_addr_t interfaceAdd
     return setOption(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership(group, interfaceAddress));
 }
 
+bool leaveGroup(const Descriptor& socket, in_addr_t group, unsigned int interface) {
+    const ip_mreqn membership{in_addr{group}, {}, static_cast<int>(interface)};
+    return setOption(socket, IPPROTO_IP, IP_DROP_MEMBERSHIP, membership);
+}
+
 bool bindToDevice(const Descriptor& socket, const std::string& device) {
     ifreq request{};
     device.copy(request.ifr_name, sizeof request.ifr_name - 1);

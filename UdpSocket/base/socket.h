@@ -52,6 +52,10 @@ inline ip_mreq membership(in_addr_t group, in_addr_t interfaceAddress) {
 
 bool bindTo(const Descriptor& socket, const sockaddr_in& address);
 bool joinGroup(const Descriptor& socket, in_addr_t group, in_addr_t interfaceAddress);
+/// Closing a socket leaves its group only when its last descriptor is closed, a forked child's as well; where
+/// the interface has come back with its index by then, that takes the membership of a newer socket along.
+/// @param interface index, also of one that is gone
+bool leaveGroup(const Descriptor& socket, in_addr_t group, unsigned int interface);
 
 /// @param device its name without an alias suffix; one that is too long is cut, and refused by the system
 bool bindToDevice(const Descriptor& socket, const std::string& device);

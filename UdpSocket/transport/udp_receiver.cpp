@@ -189,17 +189,16 @@ void UdpReceiverPrivate::repair() {
         return;
     }
     const bool removed = wasInterfaceRemoved();
+    if (removed && m_joined) { // at once, if possible before the interface is back, see leaveGroup()
+        detail::leaveGroup(m_socket, m_listened, m_interface);
+        m_joined = false;
+    }
     char name[IF_NAMESIZE];
     if (!removed && m_localIp == 0 && m_joined && ::if_indextoname(m_interface, name) != nullptr)
         return; // another interface may be the system's choice by now, but this one is there
     const unsigned int interface = detail::interfaceIndex(m_localIp, m_listened);
     if (interface == 0 || (interface == m_interface && !removed && m_joined))
         return;
-    if (removed) {
-        // Closed later, it would take the new socket's membership along: the system knows them by index.
-        detail::Lock lock(m_socketMutex);
-        m_socket.reset();
-    }
     setUp(Attempt::Repair);
 }
 
