@@ -55,7 +55,7 @@ Figures displayFrozen(Testbed& testbed) {
     watch.process().signal(SIGSTOP);
     const auto stopped = Clock::now();
     first.signal(SIGKILL);
-    const lab::Process second = testbed.startHost(testbed.host(), comes, 22);
+    const auto second = testbed.serve(testbed.host(), comes, 22); // asks nobody: no answer is kept for later
     std::this_thread::sleep_until(stopped + 20s);
     watch.process().signal(SIGCONT);
     const auto seconds =

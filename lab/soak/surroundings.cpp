@@ -54,11 +54,13 @@ Figures sudoHangs(Testbed& testbed) {
     std::filesystem::create_directory(directory);
     std::ofstream(directory / "sudo") << "#!/bin/sh\nexec sleep 600\n";
     std::filesystem::permissions(directory / "sudo", std::filesystem::perms::owner_all);
-    const char* path = std::getenv("PATH");
+    const char* known = std::getenv("PATH");
+    const std::string path = known == nullptr ? "/usr/sbin:/usr/bin" : known;
+    const net::detail::ScopeExit asBefore([&] { ::setenv("PATH", path.c_str(), 1); });
+    ::setenv("PATH", (directory.string() + ":" + path).c_str(), 1);
     const auto start = Clock::now();
-    Watch watch(testbed.display(), "",
-                {"PATH=" + directory.string() + ":" + (path == nullptr ? "/usr/sbin:/usr/bin" : path)});
-    secondsUntil([&] { return watch.lists(kPermanentRadar); }, 90s, "the display lists the radar");
+    const Client client(testbed.display(), "0.0.0.0"); // in this process: radarctl runs no sudo
+    secondsUntil([&] { return client.lists(kPermanentRadar); }, 90s, "the display lists the radar");
     return {{"s until listed", secondsSince(start), 28}};
 }
 
