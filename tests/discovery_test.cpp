@@ -61,7 +61,8 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
     net::detail::Timing timing;
     timing.clientTick = 50ms;
     net::detail::setTiming(timing);
-    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n[Radar]\nIP = 10.1.0.1\nTCPService = true\n");
+    const ProfileDirectory profile("[Local]\nNetName = eth0\n[Radar]\nIP = 10.1.0.1\nTCPService = true\n");
+    const Output output;
     tcp_test::Notes radar;
     net::TcpServer server(&radar);
     ASSERT_TRUE(server.connect(wire::kDiscovery.port, 1));
@@ -79,6 +80,7 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
     server.sendData(announcement.data() + 100, 122);
     EXPECT_TRUE(comesTrue([&] { return received(wire::kTcpWanted); }));
     EXPECT_EQ(client.getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
+    EXPECT_THAT(output.out(), testing::HasSubstr("LocalIP (eth0): 0.0.0.0\n"));
 }
 
 TEST(HostServerDeathTest, WrongConfigurationEndsTheProcess) {

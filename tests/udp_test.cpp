@@ -126,6 +126,7 @@ TEST_F(Udp, DiscoveryReceiversHaveRoomForAFullPlanOfAnswersOrSaySo) {
 }
 
 TEST_F(Udp, DescriptorsAreCloseOnExecAndClosedAtOnceWithTheirOwners) {
+    ::close(STDIN_FILENO); // as some services are started: no socket takes its place
     auto fastest = std::chrono::steady_clock::duration::max();
     for (int i = 0; i < 10; ++i)
         fastest = std::min(fastest, timeOf([&] {
@@ -170,6 +171,13 @@ TEST_F(Udp, SocketSendsAndReceivesWhenSetUpInThatOrderAndReportsEmptyDatagrams) 
     peer.sendData("unheard", 7);
     EXPECT_EQ(witness.nextBytes(), "unheard");
     EXPECT_FALSE(m_recorder.next(0ms)) << "a new set-up ends what was before";
+
+    const long threads = ProcessResources::now().threads;
+    socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+    net::UdpReceiver told(&m_recorder, m_local, kGroup, 5001, 64);
+    socket.notifyForQuit();
+    told.notifyForQuit();
+    EXPECT_TRUE(comesTrue([&] { return ProcessResources::now().threads == threads; }));
 }
 
 TEST(ShellCommand, PrintsOnlyWhatSucceeded) {
