@@ -147,6 +147,7 @@ TEST_F(RecordingFile, IsReadAsItWasWritten) {
     EXPECT_EQ(notes.comments[0].text, "North came");
     EXPECT_EQ(notes.comments[0].time, 1s);
     EXPECT_EQ(notes.comments[1].text, "North left");
+    EXPECT_EQ(notes.comments[1].time, 7s);
     EXPECT_EQ(notes.statistics.at(0).dropped, 5U);
     EXPECT_EQ(notes.tcp.begin()->second.bytes, 5U);
 }
