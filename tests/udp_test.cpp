@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 
@@ -126,7 +127,6 @@ TEST_F(Udp, DiscoveryReceiversHaveRoomForAFullPlanOfAnswersOrSaySo) {
 }
 
 TEST_F(Udp, DescriptorsAreCloseOnExecAndClosedAtOnceWithTheirOwners) {
-    ::close(STDIN_FILENO); // as some services are started: no socket takes its place
     auto fastest = std::chrono::steady_clock::duration::max();
     for (int i = 0; i < 10; ++i)
         fastest = std::min(fastest, timeOf([&] {
@@ -233,6 +233,13 @@ TEST_F(Udp, RouteIsAddedWithSudoThenWithoutAndOnlyForAValidAddress) {
     EXPECT_FALSE(std::filesystem::exists(bin.path() / "injected"));
     net::UdpSender("10.1.0.1", 5000, m_local, 0).sendData("received", 8);
     EXPECT_EQ(m_recorder.nextBytes(), "received");
+
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(0);
+    const Fault fault("posix_spawn", EAGAIN, 1, 2);
+    receiver.emplace(nullptr, m_local, kGroup, 5000, 64);
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child) << "is not taken for a command that did not start";
 }
 
 } // namespace
