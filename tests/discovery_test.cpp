@@ -85,7 +85,8 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
 
 TEST(HostServerDeathTest, WrongConfigurationEndsTheProcess) {
     for (const std::uint8_t id : std::initializer_list<std::uint8_t>{2, 15, 64}) {
-        EXPECT_EXIT((::dup2(2, 1), HostServer("R", id, 1U)), testing::KilledBySignal(SIGABRT),
+        EXPECT_EXIT((::dup2(2, 1), std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ), HostServer("R", id, 1U)),
+                    testing::KilledBySignal(SIGABRT),
                     "Error with Host id:" + std::to_string(id) +
                         "\n.*UdpSocket/hostserver.cpp.*Assertion `false' failed");
         EXPECT_DEATH((::dup2(2, 1), HostServer("R", id, RadarAddress{})),

@@ -60,7 +60,7 @@ TEST_F(Profile, ValueIsFoundInEveryAcceptedNotation) {
 
 TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
     for (const auto& [text, address] : {std::pair{"0x0a090001", "10.9.0.1"},
-                                        {"10.9.0.1 x", "10.9.0.1"},
+                                        {"10.9.0.1 + 16 al", "10.9.0.1"},
                                         {"0.0.0.0", "0.0.0.0"},
                                         {"", "0.0.0.0"},
                                         {"255.255.255.255", nullptr},

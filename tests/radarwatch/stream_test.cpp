@@ -253,15 +253,17 @@ TEST_F(StreamTest, RemindsASwitchThatForgotIt) {
     ASSERT_TRUE(comesTrueWithData(receives));
     const std::string forget =
         "bridge mdb del dev lan0 port display-eth0 grp " + std::string(kGroup) + " temp 2> /dev/null";
-    ASSERT_TRUE(comesTrueWithData([&] {
-        onTheBridge(forget); // again, where a report was on its way
-        return !receives() && event;
-    }));
-    EXPECT_EQ(event->kind, Kind::Silent);
-    ASSERT_TRUE(comesTrueWithData([&] { return receives() && event; }));
-    EXPECT_EQ(event->kind, Kind::Resumed);
-    EXPECT_EQ(event->why, Why::SwitchForgot);
-    EXPECT_EQ(event->endpoint.ip, inet_addr(kGroup));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(comesTrueWithData([&] {
+            onTheBridge(forget); // again, where a report was on its way
+            return !receives() && event;
+        }));
+        EXPECT_EQ(event->kind, Kind::Silent);
+        ASSERT_TRUE(comesTrueWithData([&] { return receives() && event; }));
+        EXPECT_EQ(event->kind, Kind::Resumed);
+        EXPECT_EQ(event->why, Why::SwitchForgot);
+        EXPECT_EQ(event->endpoint.ip, inet_addr(kGroup));
+    }
 }
 
 TEST_F(StreamTest, SaysThatOthersHoldTheGroup) {
