@@ -165,7 +165,7 @@ TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {
          "2J",
          "\\xC2\\x9B"
          "2J"}, // U+009B
-        {"\xC3\xA9\xC2\xA0\xFF\xC2", "\xC3\xA9\xC2\xA0\xFF\xC2"},
+        {"\xC2\x80\xC3\xA9\xC2\xA0\xFF\xC2", "\\xC2\\x80\xC3\xA9\xC2\xA0\xFF\xC2"},
     };
     for (const auto& [text, shown] : cases)
         EXPECT_EQ(net::detail::escaped(text), shown);

@@ -130,6 +130,7 @@ TEST_F(StreamTest, LosesNothingThatTheSystemHadTakenWhenItMoves) {
 TEST_F(StreamTest, CountsDropsAlsoOfSocketsThatAreClosed) {
     StreamOptions options;
     options.receiveBuffer = 4096;
+    options.sequence.emplace();
     const auto stream = reader(options);
     m_engine->tellImage(kGroup, kPort);
     m_source.send(1000);
@@ -139,6 +140,10 @@ TEST_F(StreamTest, CountsDropsAlsoOfSocketsThatAreClosed) {
     }
     const std::size_t taken = readNumbers(*stream, 1000).size();
     EXPECT_EQ(stream->statistics().droppedAtSocket, 1000 - taken);
+    m_engine->tellImage(kGroup, kPort);
+    m_source.send();
+    EXPECT_EQ(readNumbers(*stream, 1).size(), 1U);
+    EXPECT_EQ(stream->statistics().missing, 1000 - taken);
 }
 
 TEST_F(StreamTest, ReaderLearnsOfDatagramsAndEventsByItsDescriptorAndByReturning) {
