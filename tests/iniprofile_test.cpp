@@ -76,6 +76,8 @@ TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
                              ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end
                              : "");
     }
+    write("[Radar]\nIP = 10.9.0.1 + 17 all\n");
+    EXPECT_THAT(errOf([] { EXPECT_EQ(net::settings::radarAddress(), 0U); }), HasSubstr("than 16 bytes"));
 }
 
 TEST_F(Profile, BooleanTakesTheUsualWordsAndElseTheDefault) {
