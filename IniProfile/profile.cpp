@@ -84,7 +84,7 @@ char* Parser::feed(char* buffer, size_t size) {
         return nullptr;
 
     nextLine();
-    std::string_view fed = m_line.substr(0, size - 2);
+    std::string_view fed = m_line;
     if (m_line.starts_with('[')) {
         const size_t end = m_line.find(']');
         if (end == std::string_view::npos)

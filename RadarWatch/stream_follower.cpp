@@ -183,8 +183,6 @@ void StreamFollower::closed() {
     m_open.reset();
     m_told.reset();
     m_flow = Flow::Waiting;
-    m_rejoins = 0;
-    m_othersTold = false;
 }
 
 void StreamFollower::rejoined(Time now) {

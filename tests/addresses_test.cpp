@@ -9,7 +9,8 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(Addresses, InvalidTextIsTranslatedToAllOnes) {
+TEST(Addresses, AreInNetworkOrderAndAllOnesForInvalidText) {
+    EXPECT_EQ(net::transAddr("1.2.3.4"), net::HtoNl(0x01020304));
     EXPECT_EQ(net::transAddr("radar"), 0xFFFFFFFFU);
     EXPECT_STREQ(net::transAddr(net::transAddr("236.6.7.8")), "236.6.7.8");
 }

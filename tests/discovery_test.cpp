@@ -18,13 +18,13 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-TEST(Search, SettlesOnTheAddressThatReceivesBeaconsInBothPeriodsAndReportsItOnce) {
+TEST(Search, SettlesOnTheAddressThatReceivesBeaconsOrAnswersAndReportsItOnce) {
     net::detail::Timing timing;
     timing.search = {500ms, 200ms, 2000ms, 300ms};
     net::detail::setTiming(timing);
     const ProfileDirectory profile("[Local]\nNetName = no such interface\n");
     lab::Lan lan({lab::radarHost(1), lab::display(2, 1)});
-    const lab::Process beacons = lan.node("host1").start(
+    lab::Process beacons = lan.node("host1").start(
         {.command = {"sh", "-c",
                      "while printf aabbccdd; do sleep 0.2; done | socat -u - UDP-DATAGRAM:236.6.7.20:6720"}});
     Addresses addresses;
@@ -32,6 +32,13 @@ TEST(Search, SettlesOnTheAddressThatReceivesBeaconsInBothPeriodsAndReportsItOnce
     client->addListener(&addresses);
     EXPECT_TRUE(addresses.reaches(1, 35s));
     EXPECT_THAT(addresses.all(), ElementsAre("10.20.2.1"));
+
+    beacons.stop();
+    const auto host = makeIn<HostServer>(lan.node("host1"), "North", std::uint8_t{16}, 2U);
+    Addresses byAnswers;
+    const auto other = makeIn<MultiRadarClient>(lan.node("display"));
+    other->addListener(&byAnswers);
+    EXPECT_TRUE(byAnswers.reaches(1, 35s));
 }
 
 using HostServerTest = OneInterface;
@@ -61,7 +68,8 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
     net::detail::Timing timing;
     timing.clientTick = 50ms;
     net::detail::setTiming(timing);
-    const ProfileDirectory profile("[Local]\nIP = 10.1.0.1\n[Radar]\nIP = 10.1.0.1\nTCPService = true\n");
+    const ProfileDirectory profile("[Local]\nNetName = eth0\n[Radar]\nIP = 10.1.0.1\nTCPService = true\n");
+    const Output output;
     tcp_test::Notes radar;
     net::TcpServer server(&radar);
     ASSERT_TRUE(server.connect(wire::kDiscovery.port, 1));
@@ -79,11 +87,13 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
     server.sendData(announcement.data() + 100, 122);
     EXPECT_TRUE(comesTrue([&] { return received(wire::kTcpWanted); }));
     EXPECT_EQ(client.getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
+    EXPECT_THAT(output.out(), testing::HasSubstr("LocalIP (eth0): 0.0.0.0\n"));
 }
 
 TEST(HostServerDeathTest, WrongConfigurationEndsTheProcess) {
     for (const std::uint8_t id : std::initializer_list<std::uint8_t>{2, 15, 64}) {
-        EXPECT_EXIT((::dup2(2, 1), HostServer("R", id, 1U)), testing::KilledBySignal(SIGABRT),
+        EXPECT_EXIT((::dup2(2, 1), std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ), HostServer("R", id, 1U)),
+                    testing::KilledBySignal(SIGABRT),
                     "Error with Host id:" + std::to_string(id) +
                         "\n.*UdpSocket/hostserver.cpp.*Assertion `false' failed");
         EXPECT_DEATH((::dup2(2, 1), HostServer("R", id, RadarAddress{})),

@@ -60,7 +60,7 @@ TEST_F(Profile, ValueIsFoundInEveryAcceptedNotation) {
 
 TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
     for (const auto& [text, address] : {std::pair{"0x0a090001", "10.9.0.1"},
-                                        {"10.9.0.1 x", "10.9.0.1"},
+                                        {"10.9.0.1 + 16 al", "10.9.0.1"},
                                         {"0.0.0.0", "0.0.0.0"},
                                         {"", "0.0.0.0"},
                                         {"255.255.255.255", nullptr},
@@ -76,6 +76,8 @@ TEST_F(Profile, ConfiguredAddressIsWhatTransAddrMakesOfTheText) {
                              ? "profile.ini: [Radar] IP" + end + "profile.ini: [Local] IP" + end
                              : "");
     }
+    write("[Radar]\nIP = 10.9.0.1 + 17 all\n");
+    EXPECT_THAT(errOf([] { EXPECT_EQ(net::settings::radarAddress(), 0U); }), HasSubstr("than 16 bytes"));
 }
 
 TEST_F(Profile, BooleanTakesTheUsualWordsAndElseTheDefault) {

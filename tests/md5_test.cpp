@@ -25,6 +25,9 @@ std::string digestOf(void* message, unsigned int size, unsigned int split) {
     unsigned char kept[16];
     MD5().MD5Encode(kept, context.state, sizeof kept);
     EXPECT_THAT(kept, testing::ElementsAreArray(digest)) << "the context keeps its last state";
+    unsigned int state[4];
+    MD5().MD5Decode(state, kept, sizeof kept);
+    EXPECT_THAT(state, testing::ElementsAreArray(context.state));
     std::ostringstream text;
     for (const unsigned int byte : digest)
         text << std::hex << std::setw(2) << std::setfill('0') << byte;

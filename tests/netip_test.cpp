@@ -129,6 +129,10 @@ TEST_F(NetworkManagement, DestructionCancelsTheRestartThatTheInstanceBegan) {
     other.AddNetIPListener(&listener);
     ASSERT_TRUE(listener.reaches(2));
 
+    NetIpLog nextLog;
+    auto next = std::make_unique<tNetIPHelper>(false, "eth8", "10.5.0.8", "255.255.255.0");
+    next->AddNetIPListener(&nextLog);
+    ASSERT_TRUE(nextLog.reaches(2));
     tNetIPHelper::SetResetReady(false);
     auto starter = std::make_unique<tNetIPHelper>(false, "eth0", "10.5.0.8", "255.255.255.0");
     ASSERT_TRUE(plugCable());
@@ -137,6 +141,8 @@ TEST_F(NetworkManagement, DestructionCancelsTheRestartThatTheInstanceBegan) {
     starter.reset();
     EXPECT_EQ(recordedCommands(), "");
     ASSERT_TRUE(listener.reaches(4)) << "the other one goes on";
+    EXPECT_EQ(nextLog.all().size(), 2U) << "its turn did not come";
+    next.reset();
 
     tNetIPHelper::SetResetReady(true);
     queued.get();

@@ -182,6 +182,7 @@ TEST(TcpServer, AClientThatEndsItsOwnDirectionStillGetsWhatWasToBeSent) {
             EXPECT_TRUE(sent.get());
         }
         EXPECT_EQ(peer.read(1), "") << "and then its end";
+        EXPECT_TRUE(comesTrue([fd = fd] { return ::fcntl(fd, F_GETFD) == -1; })) << "its number is free";
         EXPECT_EQ(s.notes.disconnected.all().size(), 1U);
     }
 }

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 
@@ -170,6 +171,13 @@ TEST_F(Udp, SocketSendsAndReceivesWhenSetUpInThatOrderAndReportsEmptyDatagrams) 
     peer.sendData("unheard", 7);
     EXPECT_EQ(witness.nextBytes(), "unheard");
     EXPECT_FALSE(m_recorder.next(0ms)) << "a new set-up ends what was before";
+
+    const long threads = ProcessResources::now().threads;
+    socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+    net::UdpReceiver told(&m_recorder, m_local, kGroup, 5001, 64);
+    socket.notifyForQuit();
+    told.notifyForQuit();
+    EXPECT_TRUE(comesTrue([&] { return ProcessResources::now().threads == threads; }));
 }
 
 TEST(ShellCommand, PrintsOnlyWhatSucceeded) {
@@ -225,6 +233,13 @@ TEST_F(Udp, RouteIsAddedWithSudoThenWithoutAndOnlyForAValidAddress) {
     EXPECT_FALSE(std::filesystem::exists(bin.path() / "injected"));
     net::UdpSender("10.1.0.1", 5000, m_local, 0).sendData("received", 8);
     EXPECT_EQ(m_recorder.nextBytes(), "received");
+
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(0);
+    const Fault fault("posix_spawn", EAGAIN, 1, 2);
+    receiver.emplace(nullptr, m_local, kGroup, 5000, 64);
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child) << "is not taken for a command that did not start";
 }
 
 } // namespace

@@ -105,6 +105,7 @@ TEST(Sightings, VariantsBelongToTheirRadar) {
     lan.hear(offer);
     lan.hear(AnnouncementBytes(offer).at(31, endpoint("10.1.2.3", 80)));
     EXPECT_TRUE(lan.state().find("North:TCP") != nullptr && lan.state().find("North:User") == nullptr);
+    EXPECT_EQ(lan.state().find("South:TCP"), nullptr);
     lan.hear(AnnouncementBytes(222, "North").at(22, 1).at(73, 1).at(150, endpoint("239.1.1.1", 9009)));
     EXPECT_THAT(lan.run(1s),
                 ElementsAre("North appeared, 16 at 10.1.0.1", "North changed, 16 at 10.1.0.1, bits 16",

@@ -130,6 +130,7 @@ TEST_F(StreamTest, LosesNothingThatTheSystemHadTakenWhenItMoves) {
 TEST_F(StreamTest, CountsDropsAlsoOfSocketsThatAreClosed) {
     StreamOptions options;
     options.receiveBuffer = 4096;
+    options.sequence.emplace();
     const auto stream = reader(options);
     m_engine->tellImage(kGroup, kPort);
     m_source.send(1000);
@@ -139,6 +140,10 @@ TEST_F(StreamTest, CountsDropsAlsoOfSocketsThatAreClosed) {
     }
     const std::size_t taken = readNumbers(*stream, 1000).size();
     EXPECT_EQ(stream->statistics().droppedAtSocket, 1000 - taken);
+    m_engine->tellImage(kGroup, kPort);
+    m_source.send();
+    EXPECT_EQ(readNumbers(*stream, 1).size(), 1U);
+    EXPECT_EQ(stream->statistics().missing, 1000 - taken);
 }
 
 TEST_F(StreamTest, ReaderLearnsOfDatagramsAndEventsByItsDescriptorAndByReturning) {
@@ -253,15 +258,17 @@ TEST_F(StreamTest, RemindsASwitchThatForgotIt) {
     ASSERT_TRUE(comesTrueWithData(receives));
     const std::string forget =
         "bridge mdb del dev lan0 port display-eth0 grp " + std::string(kGroup) + " temp 2> /dev/null";
-    ASSERT_TRUE(comesTrueWithData([&] {
-        onTheBridge(forget); // again, where a report was on its way
-        return !receives() && event;
-    }));
-    EXPECT_EQ(event->kind, Kind::Silent);
-    ASSERT_TRUE(comesTrueWithData([&] { return receives() && event; }));
-    EXPECT_EQ(event->kind, Kind::Resumed);
-    EXPECT_EQ(event->why, Why::SwitchForgot);
-    EXPECT_EQ(event->endpoint.ip, inet_addr(kGroup));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(comesTrueWithData([&] {
+            onTheBridge(forget); // again, where a report was on its way
+            return !receives() && event;
+        }));
+        EXPECT_EQ(event->kind, Kind::Silent);
+        ASSERT_TRUE(comesTrueWithData([&] { return receives() && event; }));
+        EXPECT_EQ(event->kind, Kind::Resumed);
+        EXPECT_EQ(event->why, Why::SwitchForgot);
+        EXPECT_EQ(event->endpoint.ip, inet_addr(kGroup));
+    }
 }
 
 TEST_F(StreamTest, SaysThatOthersHoldTheGroup) {

@@ -1,3 +1,4 @@
+import ctypes
 import gc
 import multiprocessing
 import os
@@ -40,6 +41,9 @@ class Radars(unittest.TestCase):
             first = watch.find("radar-1")
             self.assertEqual(first.streams[0].image, radarwatch.groups(first.host_id)[0].image)
             self.assertEqual(first.source, "10.20.1.1")
+            raw = radarwatch._Entry()
+            watch._call(radarwatch._watch_find, b"radar-1", ctypes.byref(raw))
+            self.assertEqual(raw.size, ctypes.sizeof(raw), "for the next call")
 
             with radar(2, any_bytes, NEVER_DRAWN, "--streams", "2"):
                 told = await_event(watch, Appeared, east).radar
