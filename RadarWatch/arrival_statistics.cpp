@@ -26,7 +26,8 @@ constexpr unsigned kSubBits = 3;
 constexpr std::uint64_t kLongest = (std::uint64_t{1} << 32) - 1; // units
 
 std::size_t bucketOf(nanoseconds gap) {
-    const std::uint64_t units = std::min(static_cast<std::uint64_t>(gap.count()) >> kUnitBits, kLongest);
+    const auto units =
+        static_cast<std::size_t>(std::min(static_cast<std::uint64_t>(gap.count()) >> kUnitBits, kLongest));
     if (units < 1U << kSubBits)
         return units;
     const auto octave = static_cast<unsigned>(std::bit_width(units)) - kSubBits - 1;
@@ -38,7 +39,8 @@ nanoseconds gapOf(std::size_t bucket) {
     std::uint64_t twice = 2 * bucket + 1; // units
     if (bucket >= 1U << kSubBits) {
         const std::size_t octave = (bucket >> kSubBits) - 1;
-        twice = (2 * ((bucket & ((1U << kSubBits) - 1)) + (1U << kSubBits)) + 1) << octave;
+        const std::uint64_t middle = 2 * ((bucket & ((1U << kSubBits) - 1)) + (1U << kSubBits)) + 1;
+        twice = middle << octave; // too long for the size of 32 bits
     }
     return nanoseconds(twice << (kUnitBits - 1));
 }

@@ -241,7 +241,7 @@ bool RecordedLan::waitUntil(std::optional<Clock::time_point> moment) {
 void RecordedLan::rest(Clock::time_point until, int socket) {
     const auto pause = std::max(std::chrono::nanoseconds(until - Clock::now()), 0ns);
     const auto seconds = std::chrono::floor<std::chrono::seconds>(pause);
-    const timespec limit{seconds.count(), (pause - seconds).count()};
+    const timespec limit{seconds.count(), static_cast<long>((pause - seconds).count())};
     pollfd ready[] = {{m_wakeup.descriptor(), POLLIN, 0}, {socket, POLLOUT, 0}};
     ::ppoll(ready, std::size(ready), &limit, nullptr);
     if (ready[0].revents != 0)

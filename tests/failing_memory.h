@@ -3,6 +3,8 @@
 /// the place of the standard library's; what malloc gives otherwise is not touched.
 #pragma once
 
+#include <limits>
+
 /// While the object lives, allocations by operator new fail with std::bad_alloc. There can be one at a time.
 class FailingMemory {
 public:
@@ -11,7 +13,7 @@ public:
         kOwn,    ///< only that one: the application's
         kAll,
     };
-    static constexpr long kEver = 1L << 40;
+    static constexpr long kEver = std::numeric_limits<long>::max();
 
     /// @param first the first allocation that fails, counted from 1 over all the threads meant
     /// @param count how many fail from there on

@@ -40,7 +40,7 @@ Loop::Event Loop::wait(std::chrono::nanoseconds timeout) {
     for (const int descriptor : m_watched)
         sources.push_back({descriptor, POLLIN, 0});
     const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
-    const timespec limit{seconds.count(), (timeout - seconds).count()};
+    const timespec limit{seconds.count(), static_cast<long>((timeout - seconds).count())};
     if (::ppoll(sources.data(), sources.size(), timeout.count() < 0 ? nullptr : &limit, nullptr) <= 0)
         return Event::TimeOut;
     signalfd_siginfo signal;

@@ -271,7 +271,7 @@ private:
     static void sleepUntil(Clock::time_point moment) {
         const auto sinceBoot = moment.time_since_epoch();
         const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceBoot);
-        const timespec end{seconds.count(), (sinceBoot - seconds).count()};
+        const timespec end{seconds.count(), static_cast<long>((sinceBoot - seconds).count())};
         while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR)
             continue;
     }

@@ -55,7 +55,7 @@ std::optional<Datagram> Reader::next() {
     for (;;) {
         pcap_pkthdr* header = nullptr;
         const unsigned char* bytes = nullptr;
-        const long position = std::ftell(::pcap_file(m_file.get()));
+        const off_t position = ::ftello(::pcap_file(m_file.get()));
         const int result = ::pcap_next_ex(m_file.get(), &header, &bytes);
         if (result == PCAP_ERROR_BREAK)
             return std::nullopt;
