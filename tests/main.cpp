@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
 // Asked by LeakSanitizer at the end of a process. A forked child leaves its parent's objects as they are, and
 // what only a thread of the parent held looks lost there.
 extern "C" __attribute__((visibility("default"))) int
-__lsan_is_turned_off();      // NOLINT(bugprone-reserved-identifier): it is the sanitizer's name
-int __lsan_is_turned_off() { // NOLINT(bugprone-reserved-identifier)
+__lsan_is_turned_off();      // NOLINT(clang-diagnostic-reserved-identifier): it is the sanitizer's name
+int __lsan_is_turned_off() { // NOLINT(clang-diagnostic-reserved-identifier)
     return s_testProcess != 0 && ::getpid() != s_testProcess ? 1 : 0;
 }

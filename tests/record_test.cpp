@@ -147,6 +147,7 @@ TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     ASSERT_TRUE(comesTrue([&] { return shell(drops) != "0\n"; }, 60s));
     recorder.signal(SIGCONT);
     ASSERT_TRUE(grows("file", 2500000)) << "more than the system had kept";
+    const std::uint64_t droppedBySystem = std::stoull(shell(drops));
     EXPECT_THAT(end(recorder), testing::Not(HasSubstr("dropped: none")));
 
     std::uint64_t missing = 0;
@@ -164,8 +165,9 @@ TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     EXPECT_GT(missing, 0U);
     const auto found = info("file")["interfaces"];
     ASSERT_EQ(found.size(), 1U);
-    EXPECT_GE(found[0]["dropped"].get<std::uint64_t>(), missing); // announcements are not numbered
-    EXPECT_LE(found[0]["dropped"].get<std::uint64_t>(), missing + 30);
+    const auto dropped = found[0]["dropped"].get<std::uint64_t>();
+    EXPECT_GE(dropped, droppedBySystem); // more may be missing: a simulator that stood still skips numbers
+    EXPECT_LE(dropped, missing + 30);    // announcements are not numbered
 }
 
 TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {
