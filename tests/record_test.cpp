@@ -90,7 +90,7 @@ TEST_F(Recording, LivesAgain) {
         {
             const lab::Process south = startHost("host2", "South", "30", "24");
             happened.push_back(events(display, 1).at(0));
-            ASSERT_TRUE(grows("first", 2000000)); // so that a display hears its targets, too
+            ASSERT_TRUE(grows("first", 1000000)); // so that a display hears its targets, too
         }
         EXPECT_EQ(run({"renumber", "North"}).status, 0);
         for (const std::string& event : events(display, 2)) // North moved, and South left
