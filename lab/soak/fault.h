@@ -25,13 +25,20 @@ class RequirementFailed : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// What a fault asks of the machine.
+enum class Load {
+    Light,     ///< hardly any processor time: several tries run at once, each on a LAN of its own
+    Heavy,     ///< one try at a time
+    ManyHosts, ///< one at a time, with the 48 additional hosts
+};
+
 struct Fault {
     const char* name; ///< on the command line
     const char* title;
     const char* procedure;
     const char* requirement;
     Figures (*run)(Testbed&);
-    bool needsManyHosts = false; ///< the 48 additional ones
+    Load load = Load::Light;
 };
 
 // The faults of each source file.

@@ -272,26 +272,29 @@ constexpr Fault kFaults[] = {
      "up to 100,000 a second for 15 s (60 s with --full), with shell, terminal and JSON tricks, and every "
      "64th with the "
      "name of a real radar",
-     "the real radars stay listed, the table holds 4096 names at most, look-ups stay fast", announcements},
+     "the real radars stay listed, the table holds 4096 names at most, look-ups stay fast", announcements,
+     Load::Heavy},
     {"flood-full", "Radar that comes when forged names fill the table",
      "10,000 forged a second, every 64th with the name of a listed radar",
-     "it is listed within 5 s, and both stay listed", tableFull},
+     "it is listed within 5 s, and both stay listed", tableFull, Load::Heavy},
     {"flood-objections", "Forged objections",
      "to every id in turn, up to 100,000 a second for 10 s (60 s with --full)",
      "the host stays listed, a display that starts meanwhile lists it within 5 s; it answers within 2 s "
      "afterwards, "
      "and has an id 5 s later",
-     objections},
+     objections, Load::Heavy},
     {"flood-resets", "Forged resets", "up to 100,000 a second for 10 s (60 s with --full)",
      "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
      "and 8 s; "
      "it answers within 2 s afterwards",
-     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kNegotiation, forgedReset); }},
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kNegotiation, forgedReset); },
+     Load::Heavy},
     {"flood-queries", "Forged queries", "up to 100,000 a second for 10 s (60 s with --full)",
      "the host stays listed under its id, displays and hosts that start meanwhile find each other within 5 s "
      "and 8 s; "
      "it answers within 2 s afterwards",
-     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kDiscovery, forgedQuery); }},
+     [](Testbed& testbed) { return floodWithoutReason(testbed, wire::kDiscovery, forgedQuery); },
+     Load::Heavy},
 };
 
 } // namespace

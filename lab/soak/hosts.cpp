@@ -188,7 +188,7 @@ constexpr Fault kFaults[] = {
      "nothing is promised; radarctl doctor names it (`same-id`)", oneId},
     {"host-crowd", "48 hosts negotiate at once",
      "each claims another id of the plan, while the holder of id 1 objects to all",
-     "each holds the id that it claimed, within 5 s", manyHosts, true},
+     "each holds the id that it claimed, within 5 s", manyHosts, Load::ManyHosts},
 };
 
 } // namespace

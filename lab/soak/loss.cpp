@@ -179,9 +179,9 @@ constexpr Fault kFaults[] = {
      "packets dropped at random for 30 s (10 min with --full), 48 radars, a query a second",
      "no radar is missing; only what was not heard is", loseTwentieth},
     {"burst", "Burst of answers", "49 hosts answer one query while the display is stopped for 20 ms",
-     "no answer is lost, and all are listed within 2.5 s", burst},
+     "no answer is lost, and all are listed within 2.5 s", burst, Load::Heavy},
     {"queue-stands", "Transmit queue that stands", "a computer's link shaped to 8 kbit/s, and asked for more",
-     "no query, no answer and no destructor waits for room", queueStands},
+     "no query, no answer and no destructor waits for room", queueStands, Load::Heavy},
 };
 
 } // namespace

@@ -35,38 +35,33 @@ bool holds(const Figure& figure) {
 
 /// "1.0 / 2.0 / 3.1 s until listed; ...": the least, the median and the most of each figure.
 std::string summary(const Trials& trials) {
+    std::vector<Figures> tries;
+    std::string failures;
+    for (const auto& [figures, failure] : trials.results)
+        if (failure.empty())
+            tries.push_back(figures);
+        else
+            failures += "; **failed**: " + failure;
     std::string text;
-    for (size_t i = 0; !trials.figures.empty() && i < trials.figures.front().size(); ++i) {
+    for (size_t i = 0; !tries.empty() && i < tries.front().size(); ++i) {
         std::vector<double> values;
-        for (const Figures& one : trials.figures)
+        for (const Figures& one : tries)
             values.push_back(one[i].value);
         std::ranges::sort(values);
-        text += (i == 0 ? "" : "; ") + number(values.front());
+        text += "; " + number(values.front());
         if (values.size() > 1)
             text += " / " + number(values[values.size() / 2]) + " / " + number(values.back());
-        text += " " + trials.figures.front()[i].what;
-        const double limit = trials.figures.front()[i].limit;
+        text += " " + tries.front()[i].what;
+        const double limit = tries.front()[i].limit;
         if (const auto beyond = std::ranges::count_if(values, [&](double value) { return value > limit; });
             beyond > 0)
             text += " (**" + std::to_string(beyond) + " of " + std::to_string(values.size()) + " beyond " +
                     number(limit) + "**)";
     }
-    for (const std::string& failure : trials.failures)
-        text += (text.empty() ? "" : "; ") + ("**failed**: " + failure);
-    return text;
+    return (text + failures).substr(2);
 }
 
 } // namespace
-
-Result runOnce(const Fault& fault, Testbed& testbed, Trials& trials) {
-    try {
-        trials.figures.push_back(fault.run(testbed));
-        return {trials.figures.back(), ""};
-    } catch (const std::exception& error) {
-        trials.failures.emplace_back(error.what());
-        return {{}, error.what()};
-    }
-}
 
 Report::Report() : m_output(::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w")) {
     if (m_output == nullptr)
@@ -115,8 +110,8 @@ void writeTable(const std::string& page, const std::vector<Trials>& table, const
            << ".\n\n| fault | how it was made | what must hold | tried | seen |\n|---|---|---|---|---|\n";
     for (const Trials& trials : table)
         output << "| " << trials.fault.title << " | " << trials.fault.procedure << " | "
-               << trials.fault.requirement << " | " << trials.figures.size() + trials.failures.size() << " | "
-               << summary(trials) << " |\n";
+               << trials.fault.requirement << " | " << trials.results.size() << " | " << summary(trials)
+               << " |\n";
     if (!output.flush())
         throw std::system_error(errno, std::generic_category(), page);
 }

@@ -2,7 +2,7 @@
 /// What the faults' trials have shown, on standard output and in the page that keeps the table.
 #pragma once
 
-#include "fault.h"
+#include "trial.h"
 
 #include <cstdio>
 #include <string>
@@ -13,17 +13,8 @@ namespace soak {
 /// All trials of one fault.
 struct Trials {
     Fault fault;
-    std::vector<Figures> figures;
-    std::vector<std::string> failures; ///< those that gave no figures
+    std::vector<Result> results;
 };
-
-/// The result of one trial.
-struct Result {
-    Figures figures;
-    std::string failure; ///< empty: it gave figures
-};
-
-Result runOnce(const Fault& fault, Testbed& testbed, Trials& trials);
 
 /// The lines that the program prints. They go where standard output goes when the object is made.
 class Report {

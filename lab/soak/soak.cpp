@@ -3,6 +3,7 @@
 #include "report.h"
 #include "tcp_server_process.h"
 #include "testbed.h"
+#include "trial.h"
 
 #include <UdpSocket/base/descriptor.h>
 #include <lab/private_network.h>
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <random>
 
 namespace {
@@ -24,6 +26,7 @@ using namespace soak;
 
 constexpr int kMisuse = 2;
 constexpr int kTriesForThePage = 5; // at least: fewer show no spread
+constexpr int kTrialsAtOnce = 5;
 
 struct Options {
     std::vector<std::string> rows{"*"};
@@ -81,11 +84,16 @@ bool runTable(const std::vector<Fault>& faults, const Options& options, Report& 
     const std::string conditions = machineState() + (options.full ? ", --full" : "");
     bool allHold = true;
     for (const Fault& fault : faults) {
-        Trials trials{fault, {}, {}};
-        for (int i = 0; i < options.times; ++i) {
-            Testbed testbed(options.full, fault.needsManyHosts);
+        const int atOnce = fault.load == Load::Light ? kTrialsAtOnce : 1;
+        Trials trials{fault, {}};
+        std::deque<Trial> running;
+        for (int started = 0; started < options.times || !running.empty();) {
+            for (; started < options.times && std::ssize(running) < atOnce; ++started)
+                running.emplace_back(fault, options.full);
             report.begin(fault);
-            allHold = report.end(runOnce(fault, testbed, trials)) && allHold;
+            trials.results.push_back(running.front().result());
+            running.pop_front();
+            allHold = report.end(trials.results.back()) && allHold;
         }
         table.push_back(std::move(trials));
     }
@@ -158,8 +166,7 @@ bool runMix(const std::vector<Fault>& faults, const Options& options, Report& re
         std::this_thread::sleep_for(sequence.pause());
         report.begin(fault);
         ++made;
-        Trials once{fault, {}, {}};
-        if (!report.end(runOnce(fault, testbed, once)))
+        if (!report.end(runOnce(fault, testbed)))
             failed.append(failed.empty() ? "" : ", ").append(fault.name);
         try {
             secondsUntil([&] { return testbed.watch().lists(kPermanentRadar); }, 30s,
