@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -60,6 +61,8 @@ public:
             throw std::runtime_error("inotify");
     }
     ~Profile() { std::filesystem::remove_all(m_path); }
+
+    std::filesystem::path file() const { return m_path / "profile.ini"; }
 
     /// Since the last call.
     int timesOpened() {
@@ -118,6 +121,14 @@ void handleAnnouncement(benchmark::State& state) {
     state.counters["allocations"] =
         static_cast<double>(s_allocations - before) / static_cast<double>(state.iterations());
     state.counters["profile opens"] = s_profile->timesOpened();
+}
+
+/// What looking whether the profile has changed, which each announcement does, costs by itself.
+void statProfile(benchmark::State& state) {
+    const std::string path = s_profile->file();
+    struct stat status {};
+    for (auto _ : state)
+        benchmark::DoNotOptimize(::stat(path.c_str(), &status));
 }
 
 void getAddress(benchmark::State& state) {
@@ -205,6 +216,7 @@ int main(int argc, char** argv) {
             ->Repetitions(bench::repetitions());
     };
     add("one long announcement|library", handleAnnouncement, 0);
+    add("one long announcement|stat of profile.ini", statProfile, 0);
     add("getAddress, 1 entry|library", getAddress, 1);
     add("getAddress, 147 entries|library", getAddress, kEntries);
     add("getRadar as texts, 147 entries|library", getRadarTexts, kEntries);

@@ -27,9 +27,9 @@ class RequirementFailed : public std::runtime_error {
 
 /// What a fault asks of the machine.
 enum class Load {
-    Light,     ///< hardly any processor time: several tries run at once, each on a LAN of its own
-    Heavy,     ///< one try at a time
-    ManyHosts, ///< one at a time, with the 48 additional hosts
+    Light,     ///< hardly any processor time: many are tried at once, each on a LAN of its own
+    Heavy,     ///< nothing is tried beside it
+    ManyHosts, ///< heavy, and on a LAN with the 48 additional hosts
 };
 
 struct Fault {

@@ -26,7 +26,7 @@ using namespace soak;
 
 constexpr int kMisuse = 2;
 constexpr int kTriesForThePage = 5; // at least: fewer show no spread
-constexpr int kTrialsAtOnce = 5;
+constexpr size_t kLightTrialsAtOnce = 15;
 
 struct Options {
     std::vector<std::string> rows{"*"};
@@ -79,27 +79,36 @@ std::vector<Fault> selectFaults(const std::vector<std::string>& patterns) {
     return faults;
 }
 
-bool runTable(const std::vector<Fault>& faults, const Options& options, Report& report) {
-    std::vector<Trials> table;
-    const std::string conditions = machineState() + (options.full ? ", --full" : "");
+/// Tries the faults of a table that are as light, or as heavy, as told. @return whether all hold
+bool runTrials(std::vector<Trials>& table, bool light, const Options& options, Report& report) {
+    std::vector<Trials*> trials; // of each try
+    for (Trials& row : table)
+        if ((row.fault.load == Load::Light) == light)
+            trials.insert(trials.end(), static_cast<size_t>(options.times), &row);
+    std::deque<Trial> running;
     bool allHold = true;
-    for (const Fault& fault : faults) {
-        const int atOnce = fault.load == Load::Light ? kTrialsAtOnce : 1;
-        Trials trials{fault, {}};
-        std::deque<Trial> running;
-        for (int started = 0; started < options.times || !running.empty();) {
-            for (; started < options.times && std::ssize(running) < atOnce; ++started)
-                running.emplace_back(fault, options.full);
-            report.begin(fault);
-            trials.results.push_back(running.front().result());
-            running.pop_front();
-            allHold = report.end(trials.results.back()) && allHold;
-        }
-        table.push_back(std::move(trials));
+    for (size_t ended = 0; ended < trials.size(); ++ended) {
+        while (running.size() < (light ? kLightTrialsAtOnce : 1) && ended + running.size() < trials.size())
+            running.emplace_back(trials[ended + running.size()]->fault, options.full);
+        Trials& row = *trials[ended];
+        report.begin(row.fault);
+        row.results.push_back(running.front().result());
+        running.pop_front();
+        allHold = report.end(row.results.back()) && allHold;
     }
+    return allHold;
+}
+
+bool runTable(const std::vector<Fault>& faults, const Options& options, Report& report) {
+    const std::string conditions = machineState() + (options.full ? ", --full" : "");
+    std::vector<Trials> table;
+    for (const Fault& fault : faults)
+        table.push_back({fault, {}});
+    const bool lightHold = runTrials(table, true, options, report);
+    const bool heavyHold = runTrials(table, false, options, report);
     if (!options.table.empty())
         writeTable(options.table, table, conditions);
-    return allHold;
+    return lightHold && heavyHold;
 }
 
 /// Whether the permanent display holds more resources than when each fault had been made once.
