@@ -1,30 +1,38 @@
 // The Wireshark dissector: its fields must be what the library reads.
 
-#include "capture.h"
 #include "profile_directory.h"
+#include "records.h"
+
+#include <RadarWatch/recording/pcapng.h>
+#include <tools/endpoints.h>
 
 #include <UdpSocket/protocol/address_plan.h>
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
+#include <lab/process.h>
+
 #include <gmock/gmock.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
 
 namespace {
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
+
+/// One frame: the value of each requested field, several of one field joined by '|'.
+using Frame = std::map<std::string, std::string>;
 
 const std::string kPrefix = "udpsocket.announcement.";
 constexpr const char* kWarnings = "_ws.expert.message"; // in order, joined by '|'
-const std::pair<plan::EndpointField, const char*> kEndpointNames[] = {
-    {&RadarAddress::imageStream, "image"},      {&RadarAddress::imageCtrl, "image_control"},
-    {&RadarAddress::imageState, "image_state"}, {&RadarAddress::arpaStream, "arpa"},
-    {&RadarAddress::arpaCtrl, "arpa_control"},  {&RadarAddress::arpaState, "arpa_state"},
-    {&RadarAddress::imageOriginal, "original"},
-};
 
 std::string endpointName(plan::EndpointField field) {
-    return std::ranges::find(kEndpointNames, field, &std::pair<plan::EndpointField, const char*>::first)
-        ->second;
+    std::string name = std::ranges::find(kEndpointNames, field, &EndpointName::endpoint)->name;
+    std::ranges::replace(name, '-', '_');
+    return name;
 }
 
 void put(Frame& frame, const std::string& name, const NetAddress& endpoint) {
@@ -53,9 +61,7 @@ void putAnnouncement(Frame& frame, std::string_view datagram) {
     const bool isLong = datagram.size() == wire::kLongAnnouncement.length;
     const std::string_view name = datagram.substr(wire::kName.offset, wire::kName.width);
     frame[kPrefix + "name"] = name.substr(0, name.find('\0'));
-    std::uint32_t radarIp = 0;
-    std::memcpy(&radarIp, datagram.data() + wire::kRadarIp.offset, sizeof radarIp);
-    frame[kPrefix + "radar_ip"] = net::transAddr(radarIp);
+    frame[kPrefix + "radar_ip"] = net::transAddr(wire::addressAt(datagram, wire::kRadarIp));
     frame[kPrefix + "streams"] = isLong ? "2" : "1";
     std::uint8_t id = 0;
     for (const wire::EndpointPlace& place :
@@ -94,11 +100,13 @@ Frame expected(std::string_view datagram) {
     return frame;
 }
 
-std::string unhex(const std::string& hex) {
-    std::string bytes;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return bytes;
+std::string hex(std::string_view bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+        constexpr const char* kDigits = "0123456789abcdef";
+        text += {kDigits[static_cast<std::uint8_t>(byte) >> 4], kDigits[byte & 15]};
+    }
+    return text;
 }
 
 /// An announcement with an extension, whose bytes differ from each other.
@@ -138,23 +146,57 @@ constexpr const char* kHost2 = "10.20.1.2";
 
 class Dissector : public testing::Test {
 protected:
-    std::vector<Frame> read() {
+    std::string path(const char* file) const { return m_directory.path() / file; }
+    /// Dissects a file twice, as Wireshark does.
+    std::vector<Frame> read(const char* file) const {
         std::vector<std::string> fields = messageFields();
-        fields.insert(fields.end(), {"frame.number", "udp.payload", "_ws.col.Info", kWarnings,
-                                     "udpsocket.query_in", "udpsocket.answer_in", "udpsocket.response_time",
-                                     "udpsocket.claim_in", "udpsocket.objection_in"});
-        return m_capture.read(fields);
+        fields.insert(fields.end(),
+                      {"_ws.col.Info", kWarnings, "udpsocket.query_in", "udpsocket.answer_in",
+                       "udpsocket.response_time", "udpsocket.claim_in", "udpsocket.objection_in"});
+        std::vector<std::string> command = {
+            "tshark", "-2",     "-n", "-r",           path(file), "-X",          "lua_script:" DISSECTOR,
+            "-T",     "fields", "-E", "occurrence=a", "-E",       "aggregator=|"};
+        for (const std::string& field : fields)
+            command.insert(command.end(), {"-e", field});
+        lab::Process tshark({.command = command, .errorFile = path("errors")});
+        EXPECT_EQ(tshark.wait(60s), 0);
+        const std::string errors = m_directory.read("errors");
+        EXPECT_EQ(errors.find("Lua"), std::string::npos) << errors;
+
+        std::vector<Frame> frames;
+        std::istringstream lines(tshark.output());
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream values(line);
+            Frame& frame = frames.emplace_back();
+            for (const std::string& field : fields)
+                std::getline(values, frame[field], '\t');
+        }
+        return frames;
     }
-    void query() { m_capture.datagram(kDisplay, wire::kDiscovery, std::string(wire::text(wire::kQuery))); }
+    /// Dissects the datagrams so far.
+    std::vector<Frame> read() const {
+        m_directory.write(m_recording, "recording");
+        return read("recording");
+    }
+    void datagram(const char* from, const wire::Group& group, std::string_view bytes) {
+        m_time += 1ms;
+        radar::recording::appendDatagramBlock(
+            m_recording, 0, {m_time, endpoint(from, 40000), endpoint(group.address, group.port), bytes}, "");
+        m_datagrams.emplace_back(bytes);
+    }
+    void query() { datagram(kDisplay, wire::kDiscovery, wire::text(wire::kQuery)); }
     void negotiate(const char* from, const wire::Code& code, std::uint8_t id) {
-        m_capture.datagram(from, wire::kNegotiation, std::string(wire::text(wire::Negotiation{code, id})));
+        datagram(from, wire::kNegotiation, wire::text(wire::Negotiation{code, id}));
     }
     void announce(const char* from, const std::string& name, std::uint8_t id, unsigned streams) {
-        m_capture.datagram(from, wire::kDiscovery, announcement(name, id, streams));
+        datagram(from, wire::kDiscovery, announcement(name, id, streams));
     }
 
     const ProfileDirectory m_directory;
-    Capture m_capture{m_directory.path()};
+    std::vector<std::string> m_datagrams;
+    std::string m_recording =
+        radar::recording::sectionBlock("a test") + radar::recording::interfaceBlock("eth0");
+    radar::recording::Time m_time = 1700000000s;
 };
 
 TEST_F(Dissector, DecodesEveryMessageAsTheLibraryDoes) {
@@ -165,25 +207,24 @@ TEST_F(Dissector, DecodesEveryMessageAsTheLibraryDoes) {
     query();
     announce(kHost1, "North", 1, 1);
     announce(kHost2, "South mast", 40, 2);
-    m_capture.pause(std::chrono::milliseconds(1100)); // an objection within a second would answer the claim
+    m_time += 1100ms; // an objection within a second would answer the claim
     negotiate(kDisplay, wire::kObjection, 40);
-    m_capture.datagram(kDisplay, wire::kNegotiation, std::string(wire::text(wire::kReset)));
-    m_capture.datagram(kHost1, wire::kBeacon, std::string(wire::kBeaconMarker));
-    m_capture.datagram(kHost2, wire::kDiscovery, fullAnnouncement());
-    m_capture.datagram(kHost1, {"236.6.7.9", 6878}, std::string(wire::text(wire::kQuery)));
+    datagram(kDisplay, wire::kNegotiation, wire::text(wire::kReset));
+    datagram(kHost1, wire::kBeacon, wire::kBeaconMarker);
+    datagram(kHost2, wire::kDiscovery, fullAnnouncement());
+    datagram(kHost1, {"236.6.7.9", 6878}, wire::text(wire::kQuery));
 
     std::vector<Frame> frames = read();
     ASSERT_EQ(frames.size(), 12U);
     EXPECT_EQ(frames.back()["udpsocket.code"], "") << "other groups have these ports, too";
     frames.pop_back();
-    for (const Frame& frame : frames) {
-        Frame wanted = expected(unhex(frame.at("udp.payload")));
-        for (const std::string& name : messageFields())
-            EXPECT_EQ(frame.at(name), wanted[name]) << name << " of frame " << frame.at("frame.number");
-    }
     std::string texts;
-    for (const Frame& frame : frames)
-        texts += frame.at("_ws.col.Info") + "\n";
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        Frame wanted = expected(m_datagrams[i]);
+        for (const std::string& name : messageFields())
+            EXPECT_EQ(frames[i].at(name), wanted[name]) << name << " of frame " << i + 1;
+        texts += frames[i].at("_ws.col.Info") + "\n";
+    }
     EXPECT_THAT(texts, testing::StartsWith("Probe of host id 1\nObjection to host id 1\nProbe of host id 40\n"
                                            "Confirm of host id 40\nQuery\n"
                                            "Announcement: North, host id 1, 1 stream\n"
@@ -244,12 +285,11 @@ TEST_F(Dissector, WarnsOfWhatTheProtocolForbids) {
     for (const auto& [datagram, before] : announcements)
         cases.push_back({wire::kDiscovery, datagram, before + "Announcement without a query"});
     for (const Case& each : cases)
-        m_capture.datagram(kHost1, each.group, each.datagram);
-    std::map<std::string, std::string> warnings; // by datagram
-    for (const Frame& frame : read())
-        warnings[unhex(frame.at("udp.payload"))] = frame.at(kWarnings);
-    for (const Case& each : cases)
-        EXPECT_EQ(warnings[each.datagram], each.warnings) << testing::PrintToString(each.datagram);
+        datagram(kHost1, each.group, each.datagram);
+    const std::vector<Frame> frames = read();
+    ASSERT_EQ(frames.size(), cases.size());
+    for (std::size_t i = 0; i < cases.size(); ++i)
+        EXPECT_EQ(frames[i].at(kWarnings), cases[i].warnings) << testing::PrintToString(cases[i].datagram);
 }
 
 TEST_F(Dissector, WarnsOfTwoRadarsWithOneIdOrName) {
@@ -272,23 +312,27 @@ TEST_F(Dissector, WarnsOfTwoRadarsWithOneIdOrName) {
 }
 
 TEST_F(Dissector, FindsMessagesInATcpStream) {
-    const auto fromRadar = [this](const std::string& bytes) {
-        m_capture.segment(kHost1, wire::kDiscovery.port, kDisplay, 50000, bytes);
-    };
-    const auto fromDisplay = [this](const wire::Code& code) {
-        m_capture.segment(kDisplay, 50000, kHost1, wire::kDiscovery.port, std::string(wire::text(code)));
-    };
     const std::string datagram =
         announcement("ZQ-7", 20, 2, {{wire::kExtended.offset, "\x01"}, {wire::kTcpOffered.offset, "\x01"}});
-    fromDisplay(wire::kQuery);
-    fromRadar(datagram.substr(0, 100));
-    fromRadar(datagram.substr(100));
-    fromDisplay(wire::kTcpWanted);
-    fromRadar(std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x') +
-              announcement("R", 21, 2));
+    const std::string reply =
+        std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x');
+    std::string segments; // from the radar: I, to it: O
+    for (const auto& [direction, bytes] :
+         std::initializer_list<std::pair<char, std::string>>{{'O', std::string(wire::text(wire::kQuery))},
+                                                             {'I', datagram.substr(0, 100)},
+                                                             {'I', datagram.substr(100)},
+                                                             {'O', std::string(wire::text(wire::kTcpWanted))},
+                                                             {'I', reply + announcement("R", 21, 2)}})
+        segments += direction + (" " + hex(bytes)) + "\n";
+    m_directory.write(segments, "segments");
+    const std::string ports = std::to_string(wire::kDiscovery.port) + ",50000";
+    lab::Process capture({.command = {"text2pcap", "-q", "-r", "^(?<dir>[IO]) (?<data>[0-9a-f]+)$", "-4",
+                                      kHost1 + (std::string(",") + kDisplay), "-T", ports, path("segments"),
+                                      path("capture")}});
+    ASSERT_EQ(capture.wait(60s), 0) << capture.output();
 
     std::map<std::string, Frame> frames; // by text
-    for (const Frame& frame : read())
+    for (const Frame& frame : read("capture"))
         frames[frame.at("_ws.col.Info")] = frame;
     Frame frame = frames["Announcement: ZQ-7, host id 20, 2 streams"];
     for (const auto& [name, value] : expected(datagram))

@@ -261,26 +261,19 @@ TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
         {.command = {RADARCTL, "host", "--name", "North", "--id", "20", "--simulate"}});
     ASSERT_TRUE(host.lineWith("serving", 30s));
     lab::Process doctor = m_lan.node("display").start(
-        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "10"}});
-    EXPECT_TRUE(comesTrue([] {
-        return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
-    })) << doctor.output();
-    for (int i = 0; i < 10; ++i) {
-        std::this_thread::sleep_for(100ms);
-        std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
+        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "15"}});
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_TRUE(comesTrue([] {
+            return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
+        })) << doctor.output();
+        for (int i = 0; i < 10; ++i) { // again, where a report was on its way
+            std::this_thread::sleep_for(100ms);
+            std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
+        }
     }
     EXPECT_EQ(doctor.wait(60s), 1);
     EXPECT_THAT(doctor.output(), AllOf(testing::StartsWith("fault switch-forgets"),
-                                       HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
-}
-
-TEST(FirstMinute, HasNoFalseAlarm) {
-    lab::Process lan(
-        {.command = {LAN_PROGRAM, "--hosts", "3", "--", RADARCTL, "doctor", "--seconds", kSeconds}});
-    EXPECT_EQ(lan.wait(60s), 0);
-    EXPECT_THAT(lan.output(), AllOf(HasSubstr("lan: waiting until 3 hosts serve"),
-                                    HasSubstr("\"radar-3\" (10.20.1.3): host id 18"),
-                                    HasSubstr("nothing to complain about")));
+                                       HasSubstr("joined again: 2"), HasSubstr("the image of \"North\"")));
 }
 
 } // namespace

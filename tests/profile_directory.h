@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -30,6 +31,10 @@ public:
     const std::filesystem::path& path() const { return m_path; }
     void write(const std::string& text, const std::string& file = "profile.ini") const {
         std::ofstream(m_path / file, std::ios::binary) << text;
+    }
+    std::string read(const std::string& file) const {
+        std::ifstream stream(m_path / file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
     }
 
 private:

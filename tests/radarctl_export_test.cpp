@@ -11,10 +11,7 @@ using testing::Contains;
 
 class Export : public Radarctl {
 protected:
-    std::string text() const {
-        std::ifstream file(m_file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string text() const { return m_profile.read("collector/radar.prom"); }
     bool isAlone() const {
         return std::distance(std::filesystem::directory_iterator(m_file.parent_path()), {}) == 1;
     }

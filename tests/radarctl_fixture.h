@@ -3,7 +3,7 @@
 #pragma once
 
 #include "profile_directory.h"
-#include "wait.h"
+#include "recorder.h"
 
 #include <UdpSocket/hostserver.h>
 
@@ -55,13 +55,11 @@ protected:
         return host;
     }
     Result runOn(const char* node, const Words& command) {
-        const std::string errors = m_profile.path() / "errors";
-        lab::Process process = m_lan.node(node).start({.command = command, .errorFile = errors});
+        m_profile.write("", "errors"); // it is appended to
+        lab::Process process =
+            m_lan.node(node).start({.command = command, .errorFile = m_profile.path() / "errors"});
         const int status = process.wait(40s).value_or(-1);
-        std::ifstream file(errors);
-        const std::string written{std::istreambuf_iterator<char>(file), {}};
-        std::filesystem::remove(errors); // it is appended to
-        return {status, process.output(), written};
+        return {status, process.output(), m_profile.read("errors")};
     }
     /// radarctl on the display.
     Result run(Words arguments) { return runOn("display", radarctl(std::move(arguments))); }
@@ -69,8 +67,7 @@ protected:
     /// A host of this program, which need not negotiate its id.
     std::unique_ptr<HostServer> serve(const char* node, const char* name, std::uint8_t id,
                                       std::uint32_t streams = 1) {
-        const lab::Inside inside = m_lan.node(node).enter();
-        return std::make_unique<HostServer>(name, id, streams);
+        return makeIn<HostServer>(m_lan.node(node), name, id, streams);
     }
 
     const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};

@@ -1,6 +1,5 @@
 // What people meet at the terminal: tables, keys, hints, and what a search leaves behind.
 #include "radarctl_fixture.h"
-#include "recorder.h"
 
 #include <UdpSocket/protocol/wire.h>
 

@@ -1,9 +1,7 @@
 #include "radarctl_fixture.h"
-#include "recorder.h"
 
 #include <csignal>
 #include <fstream>
-#include <map>
 #include <set>
 
 namespace {
@@ -96,33 +94,6 @@ TEST_F(Radarctl, ReportsWhatTheSystemDoesNotAllow) {
         EXPECT_EQ(full.status, 1);
         EXPECT_THAT(lines(full.errors), ElementsAre(StartsWith("radarctl: cannot write the output")));
     }
-}
-
-TEST_F(Radarctl, SimulatedImageHasTheFieldsOfItsPage) {
-    Recorder received;
-    const auto receiver =
-        makeIn<net::UdpReceiver>(m_lan.node("display"), &received, net::transAddr("10.20.2.1"), "236.6.7.8",
-                                 static_cast<unsigned short>(6878), 65536);
-    const lab::Process host = startHost("host1", {"--name", "North", "--id", "1", "--simulate"});
-    const std::string datagram = received.nextBytes();
-    std::map<std::string, std::string> fields;
-    std::size_t length = 0;
-    std::ifstream page(SIMULATOR_PAGE);
-    for (std::string line; std::getline(page, line);) {
-        std::istringstream row(line);
-        std::string bar, name;
-        std::size_t offset = 0, bytes = 0;
-        if (row >> bar >> offset >> bar >> bytes >> bar >> name) {
-            EXPECT_EQ(offset, length) << line;
-            fields[name] = datagram.substr(offset, bytes);
-            length = offset + bytes;
-        }
-    }
-    EXPECT_EQ(datagram.size(), length);
-    EXPECT_EQ(fields["mark"], "SIMI");
-    EXPECT_EQ(fields["sequence"], std::string(4, '\0'));
-    EXPECT_EQ(fields["spoke"], std::string(2, '\0'));
-    EXPECT_EQ(fields["spokes"], std::string("\4\0", 2)) << "1024";
 }
 
 TEST_F(Radarctl, TheExamplesOfAHostAndADisplayFollowARenumbering) {

@@ -1,7 +1,6 @@
 // radarctl record, replay and info, on the virtual LAN.
 
 #include "radarctl_fixture.h"
-#include "recorder.h"
 #include "records.h"
 
 #include <RadarWatch/recording/contents.h>
@@ -150,18 +149,14 @@ TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     const std::uint64_t droppedBySystem = std::stoull(shell(drops));
     EXPECT_THAT(end(recorder), testing::Not(HasSubstr("dropped: none")));
 
-    std::uint64_t missing = 0;
-    std::uint32_t last = 0;
-    Reader reader(path("file"));
-    while (const auto datagram = reader.next()) {
-        std::uint32_t sequence = 0;
-        if (!datagram->payload.starts_with("SIMI"))
-            continue;
-        std::memcpy(&sequence, datagram->payload.data() + 4, sizeof sequence);
-        sequence = net::NtoHl(sequence);
-        missing += last == 0 ? 0 : sequence - last - 1;
-        last = sequence;
-    }
+    const NetAddress image = plan::announcedEndpoint(20, &RadarAddress::imageStream, 0);
+    const std::vector<std::string> images = payloadsOf(path("file")).at(Contents::keyOf(image));
+    const auto sequence = [](const std::string& datagram) {
+        std::uint32_t number = 0;
+        std::memcpy(&number, datagram.data() + 4, sizeof number);
+        return net::NtoHl(number);
+    };
+    const auto missing = sequence(images.back()) - sequence(images.front()) + 1 - images.size();
     EXPECT_GT(missing, 0U);
     const auto found = info("file")["interfaces"];
     ASSERT_EQ(found.size(), 1U);

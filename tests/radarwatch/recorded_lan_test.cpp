@@ -12,9 +12,6 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
 
 namespace {
@@ -145,15 +142,12 @@ TEST_F(RecordedLan, EndsWithItsLastCopy) {
         });
     };
     EXPECT_TRUE(has(StreamEvent::Kind::Started));
-    const ::pid_t child = ::fork();
-    if (child == 0) {
+    const auto child = [&] {
         recording.reset();
         { const Recording last = std::move(copy); }
-        std::_Exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        std::_Exit(7);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(7), "");
     recording.reset();
     EXPECT_EQ(watch.localAddress().address, copy.localAddress());
     copy = radar::openRecording(record(1), 0, 0);

@@ -10,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -72,14 +71,6 @@ protected:
         std::optional<StreamEvent> event;
         EXPECT_TRUE(comesTrue([&] { return (event = stream.nextEvent()).has_value(); }));
         return event.value_or(StreamEvent{});
-    }
-    /// Whether it comes true while the image is sent.
-    template <class Condition>
-    bool comesTrueWithData(Condition condition) {
-        return comesTrue([&] {
-            m_source.send();
-            return condition();
-        });
     }
     /// Reads until so many have come, or none comes for a second.
     static std::vector<std::uint32_t> readNumbers(Stream& stream, std::size_t wanted) {
@@ -230,47 +221,6 @@ TEST_F(StreamTest, FiftyStreamsShareAPoolOfTwoThreads) {
     EXPECT_TRUE(comesTrue([&] { return threads() <= before; }));
 }
 
-/// @param network that the bridge stands in
-int onTheBridge(const std::string& command) {
-    const net::detail::Descriptor network(::open("/run/netns/lan", O_RDONLY | O_CLOEXEC));
-    const lab::Inside inside(network);
-    return std::system(command.c_str());
-}
-
-TEST_F(StreamTest, RemindsASwitchThatForgotIt) {
-    // Sends a group only to ports from which a membership was reported. Whether hosts still listen it asks
-    // once, and they report within 100 ms.
-    ASSERT_EQ(onTheBridge("ip link set lan0 type bridge mcast_startup_query_count 1 "
-                          "mcast_query_response_interval 10 && "
-                          "ip link set lan0 type bridge mcast_snooping 1 mcast_querier 1 && "
-                          "bridge link set dev display-eth0 mcast_flood off"),
-              0);
-    m_engine->tellImage(kGroup, kPort);
-    const auto stream = reader();
-    EXPECT_EQ(next(*stream).kind, Kind::Started);
-    std::optional<StreamEvent> event;
-    radar::Datagram datagrams[Stream::kMostAtOnce];
-    const auto receives = [&] {
-        const std::size_t received = stream->read(datagrams, std::size(datagrams), 5ms);
-        event = stream->nextEvent();
-        return received > 0;
-    };
-    ASSERT_TRUE(comesTrueWithData(receives));
-    const std::string forget =
-        "bridge mdb del dev lan0 port display-eth0 grp " + std::string(kGroup) + " temp 2> /dev/null";
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(comesTrueWithData([&] {
-            onTheBridge(forget); // again, where a report was on its way
-            return !receives() && event;
-        }));
-        EXPECT_EQ(event->kind, Kind::Silent);
-        ASSERT_TRUE(comesTrueWithData([&] { return receives() && event; }));
-        EXPECT_EQ(event->kind, Kind::Resumed);
-        EXPECT_EQ(event->why, Why::SwitchForgot);
-        EXPECT_EQ(event->endpoint.ip, inet_addr(kGroup));
-    }
-}
-
 TEST_F(StreamTest, SaysThatOthersHoldTheGroup) {
     m_engine->tellImage(kGroup, kPort);
     Recorder recorder;
@@ -286,14 +236,13 @@ TEST_F(StreamTest, SaysThatOthersHoldTheGroup) {
     EXPECT_EQ(event.others, 1U);
 }
 
-class TcpPeer : public net::iTcpDataListener {
-public:
+/// What a TCP peer has received.
+class TcpPeer : public net::iTcpDataListener, public Log<std::string> {
     void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int length) override {
-        m_received.add(std::string(data, static_cast<std::size_t>(length)));
+        add(std::string(data, static_cast<std::size_t>(length)));
     }
     void OnTcpClientConnected(int, const char*, unsigned short) override {}
     void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
-    Log<std::string> m_received;
 };
 
 TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
@@ -324,13 +273,12 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
         for (int serving = 0; serving < 2; ++serving) { // the second time, the connections are lost
             const lab::Inside inside = m_host.enter();
             EXPECT_TRUE(server->connect("10.20.1.1", 9000, 8));
-            peer.m_received.clear();
+            peer.clear();
             EXPECT_TRUE(comesTrue([&] {
-                return server->numOfClients() == 2 && control->send("set", 3) &&
-                       peer.m_received.reaches(1, 50ms);
+                return server->numOfClients() == 2 && control->send("set", 3) && peer.reaches(1, 50ms);
             }));
         }
-        EXPECT_EQ(peer.m_received.all()[0], "set");
+        EXPECT_EQ(peer.all()[0], "set");
         server->sendData("picture", 7);
         EXPECT_TRUE(received.reaches(1));
         EXPECT_EQ(received.all()[0], "picture");
@@ -352,9 +300,8 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
         comesTrue([&] { return isConnected() && client->sendData("more", 4) && received.reaches(1, 50ms); }));
     EXPECT_EQ(received.all()[0].substr(0, 4), "more");
     stream.reset(); // which has the port
-    peer.m_received.clear();
-    EXPECT_TRUE(comesTrue(
-        [&] { return isConnected() && control->send("set", 3) && peer.m_received.reaches(1, 50ms); }));
+    peer.clear();
+    EXPECT_TRUE(comesTrue([&] { return isConnected() && control->send("set", 3) && peer.reaches(1, 50ms); }));
     EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("function[bind]")));
     m_engine->tell([](radar::detail::Situation& situation) { situation.interfaceIndex = 0; });
     EXPECT_TRUE(isRefused(ENETDOWN));

@@ -4,7 +4,6 @@
 
 #include <RadarWatch/radarstream.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -119,8 +118,7 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
     };
     EXPECT_TRUE(streams());
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const auto child = [&] {
         ::alarm(60);
         const bool idle = !watching->next(-1ms) && watching->radars().empty() && !watching->reset() &&
                           stream->read(&datagram, 1, -1ms) == 0;
@@ -134,10 +132,8 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
         hears = next(*own) == "local 10.20.2.1 (eth0)" && next(*own) == "North appeared, 16 at 10.20.1.1";
 #endif
         ::_exit(idle && hears ? 7 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(7), "");
     EXPECT_TRUE(streams());
     EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
     const auto south = serve(m_host2, "South", 17);
@@ -145,17 +141,14 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
 }
 
 TEST_F(WatchLife, ProgramMayEndWhileWatchesStand) {
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const auto program = [this] {
         ::alarm(60);
         static const auto s_watching = watch();
         new auto(watch([](const radar::Event&) {}));
         s_watching->next(10s);
         std::exit(7);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+    };
+    EXPECT_EXIT(program(), testing::ExitedWithCode(7), "");
 }
 
 } // namespace

@@ -2,12 +2,14 @@
 
 import os
 import pathlib
+import re
+import runpy
 import subprocess
 import sys
 import tempfile
 import unittest
 
-from support import PATIENCE, SOURCES, radar
+from support import LOCAL, PATIENCE, SOURCES, radar
 
 EXAMPLES = SOURCES / "examples" / "python"
 PAGE = (SOURCES / "docs" / "radarwatch-python.md").read_text()
@@ -50,6 +52,23 @@ class Examples(unittest.TestCase):
         expected = ["'radar-1' sends its image to 236.6.7.35:6003", "Statistics(datagrams=", "Appeared(radar=Radar("]
         for program, text in zip(self.shown, expected, strict=True):
             self.assertTrue(any(text in line for line in program.stdout), text)
+
+    def test_a_simulated_image_has_the_fields_of_its_page(self):
+        image = runpy.run_path(SOURCES / "examples" / "host.py")["Group"](("236.6.7.8", 6878), LOCAL)
+        with image.sender, image.receiver, radar(2, "South", 1, "--simulate"):
+            image.receiver.settimeout(PATIENCE)
+            datagram = image.receiver.recv(65536)
+        page = (SOURCES / "docs" / "simulator.md").read_text()
+        rows = re.findall(r"^\| (\d+) \| (\d+) \| (\w+)", page, re.MULTILINE)
+        fields = {}
+        length = 0
+        for offset, size, name in rows:
+            self.assertEqual(int(offset), length, name)
+            length += int(size)
+            fields[name] = datagram[int(offset) : length]
+        self.assertEqual(len(datagram), length)
+        self.assertEqual((fields["mark"], fields["spokes"]), (b"SIMI", (1024).to_bytes(2, "big")))
+        self.assertEqual((fields["sequence"], fields["spoke"]), (bytes(4), bytes(2)), "the first one")
 
     def test_watch_in_c_tells_of_radars_and_their_image(self):
         expected = {"local found: \n", "appeared: North, image on 236.6.8.3 port 6451\n", "image: 1 million bytes\n"}

@@ -2,35 +2,31 @@
 
 import ctypes
 import os
+import re
 import subprocess
+import typing
 import unittest
 
 import radarwatch
 from support import LOCAL, SOURCES
 
-STRUCTURES = {
-    "endpoint": radarwatch._Endpoint,
-    "entry": radarwatch._Entry,
-    "local": radarwatch._Local,
-    "event": radarwatch._Event,
-    "watch_options": radarwatch._WatchOptions,
-    "stream_options": radarwatch._StreamOptions,
-    "datagram": radarwatch._Datagram,
-    "stream_event": radarwatch._StreamEvent,
-    "statistics": radarwatch._Statistics,
-}
+STRUCTURES = [kind for kind in vars(radarwatch).values() if isinstance(kind, type) and "_fields_" in vars(kind)]
 ENUMERATIONS = {
     "ORIGIN": radarwatch.Origin,
     "REASON": radarwatch.Reason,
     "CHANGED": radarwatch.Change,
     "WHY": radarwatch.Why,
 }
-EVENTS = ["appeared", "changed", "left", "conflict", "conflict_ended", "local_found", "local_changed", "local_lost"]
-STREAM_EVENTS = ["started", "moved", "silent", "resumed", "stopped", "refused"]
+
+
+def in_c(kind):
+    """StreamEvent -> stream_event"""
+    return re.sub("(?<!^)(?=[A-Z])", "_", kind.__name__.strip("_")).lower()
 
 
 def assertions():
-    for name, structure in STRUCTURES.items():
+    for structure in STRUCTURES:
+        name = in_c(structure)
         yield f"sizeof(radar_{name}) == {ctypes.sizeof(structure)}"
         for field, kind in structure._fields_:
             yield f"offsetof(radar_{name}, {field}) == {getattr(structure, field).offset}"
@@ -42,10 +38,9 @@ def assertions():
         yield f"RADAR_{name.upper().replace('-', '_')} == {i}"
     yield f"RADAR_INFORMATION_DEVICE == {radarwatch._FIRST_DEVICE} && RADAR_CHANNELS == {radarwatch._CHANNELS}"
     yield f"RADAR_MOST_AT_ONCE == {radarwatch._MOST_AT_ONCE}"
-    for i, name in enumerate(EVENTS):
-        yield f"RADAR_{name.upper()} == {i}"
-    for i, name in enumerate(STREAM_EVENTS):
-        yield f"RADAR_STREAM_{name.upper()} == {i}"
+    for prefix, kinds in (("", radarwatch.Event), ("STREAM_", radarwatch.StreamEvent)):
+        for i, kind in enumerate(typing.get_args(kinds)):
+            yield f"RADAR_{prefix}{in_c(kind).upper()} == {i}"
     for i, name in enumerate(radarwatch._KINDS):
         yield f"RADAR_{name.upper().replace('-', '_')} == {i}"
 

@@ -5,7 +5,7 @@ import unittest
 
 import radarwatch
 from radarwatch import Appeared, Recording, Stopped, Stream, Watch, Why
-from support import PATIENCE, RADARCTL, comes_true, radar
+from support import RADARCTL, await_event, comes_true, radar
 
 
 class Recordings(unittest.TestCase):
@@ -16,11 +16,8 @@ class Recordings(unittest.TestCase):
             subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         events = []
         with Recording(path, speed=0) as recording, Watch(recording.local_address) as watch:
-            event = watch.next(PATIENCE)
-            while not (isinstance(event, Appeared) and event.radar.name == "North"):
-                self.assertIsNotNone(event)
-                event = watch.next(PATIENCE)
-            self.assertEqual(event.radar.streams[0].image, radarwatch.groups(30)[0].image)
+            north = await_event(watch, Appeared, "North").radar
+            self.assertEqual(north.streams[0].image, radarwatch.groups(30)[0].image)
             self.assertFalse(recording.is_over)
             datagrams = []
             with Stream(watch, "North", on_event=events.append) as stream:

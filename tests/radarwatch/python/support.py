@@ -24,6 +24,18 @@ def comes_true(condition, patience=PATIENCE):
     return True
 
 
+def await_event(watch, kind, name=None):
+    """The next event of that kind, of the radar of that name."""
+    passed = []
+    while True:
+        event = watch.next(PATIENCE)
+        if event is None:
+            raise AssertionError(f"no {kind.__name__} after {passed}")
+        passed.append(event)
+        if isinstance(event, kind) and (name is None or event.radar.name == name):
+            return event
+
+
 @contextlib.contextmanager
 def radar(number, name, host_id, *arguments):
     """A further radar on one of the hosts, which serves when this begins."""

@@ -9,19 +9,7 @@ import unittest
 
 import radarwatch
 from radarwatch import Appeared, Change, Changed, Left, LocalFound, Origin, Reason, Watch
-from support import LOCAL, NEVER_DRAWN, PATIENCE, Python, comes_true, radar
-
-
-def await_event(watch, kind, name=None):
-    """The next event of that kind, of the radar of that name."""
-    passed = []
-    while True:
-        event = watch.next(PATIENCE)
-        if event is None:
-            raise AssertionError(f"no {kind.__name__} after {passed}")
-        passed.append(event)
-        if isinstance(event, kind) and (name is None or event.radar.name == name):
-            return event
+from support import LOCAL, NEVER_DRAWN, PATIENCE, Python, await_event, comes_true, radar
 
 
 def resources():
@@ -33,6 +21,7 @@ class Radars(unittest.TestCase):
         any_bytes = b"\xff\x1b[2J \xe2\x82\xac"
         east = any_bytes.decode("utf-8", "surrogateescape")
         with Watch(LOCAL) as watch:
+            self.assertTrue(select.select([watch], [], [], PATIENCE)[0])
             self.assertEqual(await_event(watch, LocalFound).local.origin, Origin.OPTIONS)
             self.assertEqual(watch.local_address().interface, "eth0")
             both = {await_event(watch, Appeared).radar.name for _ in range(2)}
@@ -40,7 +29,7 @@ class Radars(unittest.TestCase):
             self.assertEqual([radar.name for radar in watch.radars()], ["radar-1", "radar-2"])
             first = watch.find("radar-1")
             self.assertEqual(first.streams[0].image, radarwatch.groups(first.host_id)[0].image)
-            self.assertEqual(first.source, "10.20.1.1")
+            self.assertEqual((first.source, first.streams[0].image.kind), ("10.20.1.1", "udp"))
             raw = radarwatch._Entry()
             watch._call(radarwatch._watch_find, b"radar-1", ctypes.byref(raw))
             self.assertEqual(raw.size, ctypes.sizeof(raw), "for the next call")
@@ -59,20 +48,8 @@ class Radars(unittest.TestCase):
             self.assertIsNone(watch.find(east))
             self.assertFalse(watch.renumber(east))
 
-    def test_of_a_host_id_have_groups(self):
-        image = radarwatch.groups(16)[0].image
-        self.assertEqual((str(image), image.kind), ("236.6.7.35:6003", "udp"))
-        self.assertEqual(len(radarwatch.groups(1)[1].information_devices), 10)
-        with self.assertRaises(ValueError):
-            radarwatch.groups(15)
-
 
 class Events(unittest.TestCase):
-    def test_are_seen_by_select(self):
-        with Watch(LOCAL) as watch:
-            self.assertTrue(select.select([watch], [], [], PATIENCE)[0])
-            self.assertIsNotNone(watch.next(0))
-
     def test_end_by_a_time_and_by_close(self):
         watch = Watch("127.0.0.1")  # where no radar is
         self.assertIsInstance(watch.next(PATIENCE), LocalFound)
@@ -184,6 +161,7 @@ class Objects(unittest.TestCase):
     def test_are_refused_with_errors_of_python(self):
         with Watch(LOCAL) as watch:
             for wrong in (
+                lambda: radarwatch.groups(15),
                 lambda: Watch("10.20.2"),
                 lambda: radarwatch.Stream(watch, "North", "picture"),
                 lambda: radarwatch.Stream(watch, "North", number=2),
