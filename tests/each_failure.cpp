@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <optional>
 #include <system_error>
@@ -76,14 +77,8 @@ bool isQuiet(const Scenario& scenario, const Fault::Call& call) {
 }
 
 std::string textOf(int file) {
-    std::string all;
-    char piece[4096];
-    while (const ssize_t count = ::pread(file, piece, sizeof piece, static_cast<off_t>(all.size()))) {
-        if (count < 0)
-            break;
-        all.append(piece, static_cast<std::size_t>(count));
-    }
-    return all;
+    std::ifstream stream("/proc/self/fd/" + std::to_string(file));
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 /// What a process tells the one that waits for it.

@@ -1,18 +1,8 @@
 // radarctl host as a service manager runs it: from a cold boot on, watched, and started again when that can
 // help.
-#include "wait.h"
-
-#include <UdpSocket/base/descriptor.h>
-
 #include <lab/lan.h>
 
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <cstddef>
-#include <filesystem>
 
 namespace {
 
@@ -50,53 +40,38 @@ TEST_F(HostService, WaitsForAnAddressAndARouteAndSaysSoOnce) {
     EXPECT_EQ(output.find("waiting"), output.rfind("waiting")) << output;
 }
 
-/// The other end of NOTIFY_SOCKET, in a computer's network.
-class Manager {
-public:
-    Manager(const lab::Node& node, std::string name) : m_name(std::move(name)) {
-        const lab::Inside inside = node.enter(); // to which abstract names belong
-        m_socket = net::detail::Descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{AF_UNIX, {}};
-        m_name.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (m_name[0] == '@')
-            address.sun_path[0] = '\0';
-        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + m_name.size());
-        EXPECT_EQ(::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
-    }
-    ~Manager() { std::filesystem::remove(m_name); }
-
-    const std::string& name() const { return m_name; }
-    /// What it is told next; empty: nothing for a while.
-    std::string next() const {
-        pollfd waiting{m_socket.get(), POLLIN, 0};
-        char text[512];
-        const ssize_t length = ::poll(&waiting, 1, 30000) == 1 ? ::recv(waiting.fd, text, sizeof text, 0) : 0;
-        return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
-    }
-
-private:
-    std::string m_name;
-    net::detail::Descriptor m_socket;
-};
+/// The other end of NOTIFY_SOCKET: prints a line for each message.
+lab::Process startManager(const lab::Node& node, const std::string& name) {
+    lab::Process manager = node.start({.command = {"python3", "-uc", R"(
+import socket, sys
+manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+manager.bind(sys.argv[1].replace('@', '\0'))
+print('ready')
+while True:
+    print(manager.recv(512).decode().replace('\n', '; ')))",
+                                                   name}});
+    EXPECT_TRUE(manager.lineWith("ready", 30s));
+    return manager;
+}
 
 TEST_F(HostService, TellsItsManagerWhenItAnswersAndThatItIsAlive) {
-    const std::string path = std::filesystem::temp_directory_path() / ("notify" + std::to_string(::getpid()));
-    const Manager abstract(m_computer, "@notify");
+    const std::string path = "/run/notify";
+    lab::Process abstract = startManager(m_computer, "@notify");
     const lab::Process other = start(m_computer, {"env", "NOTIFY_SOCKET=@notify"}, {"--name", "South"});
-    const Manager manager(m_computer, path);
+    lab::Process manager = startManager(m_computer, path);
     const auto began = std::chrono::steady_clock::now();
     lab::Process host = start(m_computer, {"env", "NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=400000"},
                               {"--name", "North", "--id", "20"});
-    for (const Manager* told : {&abstract, &manager})
-        EXPECT_EQ(told->next(), "STATUS=negotiating a host id");
-    std::string told;
+    for (lab::Process* told : {&abstract, &manager})
+        EXPECT_EQ(told->nextLine(30s), "STATUS=negotiating a host id");
+    std::optional<std::string> told;
     do
-        told = manager.next();
+        told = manager.nextLine(30s);
     while (told == "WATCHDOG=1");
-    EXPECT_EQ(told, "READY=1\nSTATUS=serving North as host id 20, 1 stream");
+    EXPECT_EQ(told, "READY=1; STATUS=serving North as host id 20, 1 stream");
     EXPECT_GE(std::chrono::steady_clock::now() - began, 2s) << "before the id was held";
     for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(manager.next(), "WATCHDOG=1");
+        EXPECT_EQ(manager.nextLine(30s), "WATCHDOG=1");
     EXPECT_GE(std::chrono::steady_clock::now() - began, 2800ms) << "told more often than needed";
     EXPECT_EQ(host.stop(), 0);
 }

@@ -14,11 +14,9 @@ protected:
         auto timing = net::detail::timing();
         timing.watchPass = timing.restartCarrier = 2ms;
         net::detail::setTiming(timing);
-        ASSERT_TRUE(succeeds("mkdir -p /run/test/bin && cd /run/test/bin && "
-                             "for name in ifconfig nmcli service udhcpc; do ln -s /bin/true $name; done && "
-                             "mount -t tmpfs none /sys/class/net && mkdir /sys/class/net/eth8 "
+        replaceCommands("true");
+        ASSERT_TRUE(succeeds("mount -t tmpfs none /sys/class/net && mkdir /sys/class/net/eth8 "
                              "/sys/class/net/eth9"));
-        ::setenv("PATH", ("/run/test/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
     }
     static void setCarrier(const std::string& interface, bool up) {
         std::ofstream("/sys/class/net/" + interface + "/carrier") << up << '\n';
@@ -81,8 +79,7 @@ TEST_F(NetworkFault, WhatAListenerThrowsReachesTheApplicationAndLeavesTheWatchWh
 }
 
 TEST_F(NetworkFault, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAnother) {
-    std::filesystem::remove("/run/test/bin/ifconfig");
-    std::ofstream("/run/test/bin/ifconfig") << R"(#!/bin/sh
+    replaceCommands(R"(
         mkdir /run/test/running || touch /run/test/overlap
         echo >> /run/test/count
         if [ "$1 $2" = "eth8:0 10.5.0.8" ]; then
@@ -92,9 +89,7 @@ TEST_F(NetworkFault, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAnother)
                 sleep 0.05
             done
         fi
-        rmdir /run/test/running
-        )";
-    ASSERT_TRUE(succeeds("chmod +x /run/test/bin/ifconfig"));
+        rmdir /run/test/running)");
     const Output output;
     NetIpLog busyLog;
     NetIpLog otherLog;

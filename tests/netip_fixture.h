@@ -53,6 +53,15 @@ inline void setWatchPass(std::chrono::milliseconds pass) {
     net::detail::setTiming(timing);
 }
 
+/// Puts a script first in PATH, in place of each command that the library runs.
+inline void replaceCommands(const std::string& script) {
+    std::filesystem::create_directories("/run/test/bin");
+    std::ofstream("/run/test/bin/ifconfig") << "#!/bin/sh\n" << script << "\n";
+    ASSERT_TRUE(succeeds("cd /run/test/bin && chmod +x ifconfig && "
+                         "for name in nmcli service udhcpc; do ln -sf ifconfig $name; done"));
+    ::setenv("PATH", ("/run/test/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
+}
+
 /// A veth pair "eth0" and "far0", the latter in the namespace "far" with 10.5.0.1; a directory of the test's
 /// own on /run, which is private; and nobody's resolver configuration but the test's.
 class NetworkManagement : public testing::Test {
@@ -60,7 +69,7 @@ protected:
     void SetUp() override {
         setWatchPass(200ms); // instead of a second
         ASSERT_TRUE(succeeds(R"(set -e
-            mkdir -p /run/test/bin
+            mkdir -p /run/test
             touch /run/test/resolv.conf /run/test/commands
             mount --bind /run/test/resolv.conf /etc/resolv.conf
             ip netns add far
@@ -71,14 +80,9 @@ protected:
     static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
     static bool pullCable() { return succeeds("ip -n far link set far0 down"); }
 
-    /// Puts stubs first in PATH, which only record "name|argument|argument".
+    /// Commands only record "name|argument|argument".
     static void installStubs() {
-        std::ofstream("/run/test/bin/ifconfig") << R"(#!/bin/sh
-            { printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> /run/test/commands
-            )";
-        ASSERT_TRUE(succeeds("cd /run/test/bin && chmod +x ifconfig && "
-                             "for name in nmcli service udhcpc; do ln -s ifconfig $name; done"));
-        ::setenv("PATH", ("/run/test/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
+        replaceCommands(R"({ printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> /run/test/commands)");
     }
     static std::string recordedCommands() { return outputOf("cat /run/test/commands"); }
 };

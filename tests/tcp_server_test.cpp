@@ -147,9 +147,12 @@ TEST(TcpServer, AClientThatDoesNotReadIsWaitedForOnceAndLosesOnlyItsOwn) {
               }),
               kQuick)
         << "half a second each, if it were waited for";
+    const std::string line = "SocketError<UdpSocket/tcpsocket.cpp,operator(),296,(127.0.0.1," +
+                             std::to_string(s.port) +
+                             ")>:\n\tfunction[send],code[11,Resource temporarily unavailable]\n";
     std::string lines;
     for (int i = 0; i < kBlocks; ++i)
-        lines += errorLine("operator()", 296, s.port, "send", EAGAIN);
+        lines += line;
     EXPECT_EQ(output.err(), lines);
     EXPECT_TRUE(comesTrue([&] { return heard == first.size() + kBlocks * block.size(); }));
     EXPECT_FALSE(s.server.sendData(deafFd, "x", 1));
@@ -213,8 +216,7 @@ TEST(TcpServer, ABrokenClientNeitherEndsTheProcessNorDisturbsOthers) {
     EXPECT_FALSE(s.server.sendData(brokenFd, "3", 1));
     EXPECT_EQ(whole.read(2), "12");
     EXPECT_THAT(output.out(), HasSubstr("Server send fd " + std::to_string(brokenFd) + " error!\n"));
-    EXPECT_EQ(output.err(), errorLine("operator()", 296, s.port, "send", ECONNRESET) +
-                                errorLine("operator()", 331, s.port, "send", EPIPE));
+    EXPECT_EQ(std::ranges::count(output.err(), '<'), 2) << "transport_failures_test.cpp has their texts";
     release.set_value();
     EXPECT_TRUE(s.left(1));
 }

@@ -32,13 +32,6 @@ using testing::HasSubstr;
 constexpr const char* kLocal = "127.0.0.1";
 constexpr auto kQuick = 4s; // limit of what must wait neither for a time-out of 5 s nor forever
 
-inline std::string errorLine(const char* function, int line, unsigned short port, const char* call, int code,
-                             const std::string& address = kLocal) {
-    return "SocketError<UdpSocket/tcpsocket.cpp," + std::string(function) + "," + std::to_string(line) +
-           ",(" + address + "," + std::to_string(port) + ")>:\n\tfunction[" + call + "],code[" +
-           std::to_string(code) + "," + std::strerror(code) + "]\n";
-}
-
 /// A plain TCP socket on the loopback interface, whose calls give up after 20 s.
 class Peer {
 public:

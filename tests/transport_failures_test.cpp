@@ -5,10 +5,12 @@
 #include "tcp_support.h"
 
 #include <UdpSocket/tcpsocket.h>
+#include <UdpSocket/transport/interfaces.h>
 #include <UdpSocket/transport/protocol_sockets.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -48,9 +50,11 @@ private:
 
 void interfaces() {
     const unsigned int local = net::transAddr(kLocalAddress);
+    const std::set<unsigned int> addresses = net::localIpSet();
+    EXPECT_TRUE(addresses == std::set{local} || addresses == std::set{0U});
     EXPECT_TRUE(inTheEnd([&] {
-        std::vector<std::string> addresses;
-        net::GetIpByDomainName("localhost", addresses);
+        std::vector<std::string> resolved;
+        net::GetIpByDomainName("localhost", resolved);
         char mac[32] = "";
         char name[] = "eth0";
         net::getMac(mac, name);

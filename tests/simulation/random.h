@@ -3,21 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <random>
 
 namespace simulation {
 
-/// SplitMix64.
+/// An engine that the C++ standard fixes; its distributions are each library's own.
 class Random {
 public:
-    explicit Random(std::uint64_t seed) : m_state(seed) {}
+    explicit Random(std::uint64_t seed) : m_engine(seed) {}
 
-    std::uint64_t bits() {
-        m_state += 0x9E3779B97F4A7C15;
-        std::uint64_t mixed = m_state;
-        mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9;
-        mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EB;
-        return mixed ^ (mixed >> 31);
-    }
+    std::uint64_t bits() { return m_engine(); }
     /// From 0 to @p end - 1. @param end at least 1
     std::uint32_t below(std::uint32_t end) {
         return static_cast<std::uint32_t>(((bits() >> 32) * end) >> 32);
@@ -26,7 +21,7 @@ public:
     bool onceIn(std::uint32_t times) { return below(times) == 0; }
 
 private:
-    std::uint64_t m_state;
+    std::mt19937_64 m_engine;
 };
 
 } // namespace simulation
