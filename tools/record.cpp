@@ -121,7 +121,7 @@ std::string commentOf(const Event& event) {
 }
 
 /// Keeps a connection to a radar's TCP service, and records what comes.
-class Tap : public net::iTcpDataListener {
+class Tap final : public net::iTcpDataListener {
 public:
     Tap(Recorder& recorder, const NetAddress& server, unsigned int localIp)
         : m_recorder(recorder), m_server(server), m_client(this, server, localIp) {}

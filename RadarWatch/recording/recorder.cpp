@@ -151,8 +151,9 @@ void Recorder::run() {
         const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
         ready.clear();
         for (int i = 0; i < count; ++i) {
-            ending = ending || events[i].data.u64 == kEnd;
-            ready.push_back(events[i].data.u64);
+            const std::uint64_t number = events[i].data.u64; // a copy, as an epoll_event is packed
+            ending = ending || number == kEnd;
+            ready.push_back(number);
         }
         sockets::runStep("recording: datagrams", [&] {
             sockets::Lock lock(m_mutex);
