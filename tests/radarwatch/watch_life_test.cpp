@@ -127,7 +127,7 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
         bool hears = true;
 // ThreadSanitizer lets no forked child start a thread, and AddressSanitizer's allocator keeps the locks that
 // threads of the parent held.
-#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+#ifndef SANITIZED
         auto own = watch();
         hears = next(*own) == "local 10.20.2.1 (eth0)" && next(*own) == "North appeared, 16 at 10.20.1.1";
 #endif
