@@ -305,7 +305,8 @@ TEST_F(Dissector, WarnsOfTwoRadarsWithOneIdOrName) {
         all += frame.at("_ws.col.Info") + ": " + frame.at(kWarnings) + "\n";
     EXPECT_THAT(all, testing::ContainsRegex("Host id 40 is also that of .+ at 10.20.1.1 \\(frame 2\\)"));
     EXPECT_THAT(all, HasSubstr("Host id 40 at 10.20.1.1 has this name, too"));
-    EXPECT_THAT(all, HasSubstr("Announcement: A\\x1B[2J, host id 40"));
+    // One backslash of ours, which newer versions double.
+    EXPECT_THAT(all, testing::ContainsRegex("Announcement: A(\\\\)+x1B.2J, host id 40"));
     EXPECT_EQ(all.find('\x1b'), std::string::npos) << "names cannot draw on the terminal";
     EXPECT_THAT(all, HasSubstr("Objection to host id 30: \n"))
         << "an answer to the probe, not an order to renumber";
