@@ -353,7 +353,8 @@ what makes a Stream cheaper where several datagrams wait already, as in "saturat
 {page_table(limit_head, limits)}
 
 Each long announcement looks whether `profile.ini` has changed, since `TCPService` in it decides how the announcement is read:
-the `stat` beside it is most of its time.
+the `stat` beside it is most of its time. A message to the 95 clients that read and were idle takes the system alone what
+"raw, not waiting" shows, sends that leave out whoever has no room.
 
 ## Discovery
 
