@@ -128,18 +128,24 @@ void failAllocation(const Scenario& scenario, int number, std::size_t, Verdict& 
 
 using Fail = void (*)(const Scenario&, int number, std::size_t reason, Verdict&);
 
+/// What fails in one process: a call or an allocation, by its number from 1, for the reason with this index.
+struct Turn {
+    int number;
+    std::size_t reason;
+};
+
 /// A process that plays the scenario.
 class Trial {
 public:
-    Trial(const Scenario& scenario, Fail fail, int number, std::size_t reason)
-        : m_number(number), m_output{::memfd_create("output", MFD_CLOEXEC),
-                                     ::memfd_create("errors", MFD_CLOEXEC)},
+    Trial(const Scenario& scenario, Fail fail, Turn turn, int place)
+        : m_turn(turn), m_output{::memfd_create("output", MFD_CLOEXEC),
+                                 ::memfd_create("errors", MFD_CLOEXEC)},
           m_verdict(new (::mmap(nullptr, sizeof(Verdict), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
                                 -1, 0)) Verdict) {
         std::fflush(nullptr);
         m_process = ::fork();
         if (m_process == 0)
-            run(scenario, fail, reason);
+            run(scenario, fail, place);
     }
     ~Trial() {
         ::munmap(m_verdict, sizeof(Verdict));
@@ -149,26 +155,27 @@ public:
     Trial(const Trial&) = delete;
     Trial& operator=(const Trial&) = delete;
 
-    Verdict await() {
-        int status = 0;
-        ::waitpid(m_process, &status, 0);
+    pid_t process() const { return m_process; }
+    Turn turn() const { return m_turn; }
+    /// @param status with which the process has ended
+    Verdict verdict(int status) const {
         EXPECT_TRUE(status == 0 && m_verdict->ended)
-            << "number " << m_number << ", " << m_verdict->failed << ": "
+            << "number " << m_turn.number << ", " << m_verdict->failed << ": "
             << (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "it hangs\n" : "it fails\n") << output();
         return *m_verdict;
     }
     std::string output() const { return textOf(m_output[0]) + textOf(m_output[1]); }
 
 private:
-    [[noreturn]] void run(const Scenario& scenario, Fail fail, std::size_t reason) {
+    [[noreturn]] void run(const Scenario& scenario, Fail fail, int place) {
         ::alarm(kDeadline);
-        enterNetwork(m_number % kAtOnce);
+        enterNetwork(place);
         for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
             ::dup2(m_output[stream - STDOUT_FILENO], stream);
         std::thread([] {}).join(); // ThreadSanitizer starts one of its own with the first
         const ProcessResources before = ProcessResources::now();
         const int failuresBefore = failures();
-        fail(scenario, m_number, reason, *m_verdict);
+        fail(scenario, m_turn.number, m_turn.reason, *m_verdict);
         EXPECT_TRUE(comesTrue([&] {
             const ProcessResources after = ProcessResources::now();
             // The thread that was joined may have been counted.
@@ -185,7 +192,7 @@ private:
         return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
     }
 
-    const int m_number;
+    const Turn m_turn;
     const int m_output[2]; // files that take its standard streams
     Verdict* const m_verdict;
     pid_t m_process = -1;
@@ -195,25 +202,45 @@ private:
 std::vector<std::string> failEach(const Scenario& scenario, Fail fail, std::vector<std::string> expected,
                                   std::size_t mostReasons = 10) {
     makeNetworks();
+    std::optional<Trial> trials[kAtOnce]; // each in the network of its place
+    std::vector<Turn> reasons;            // further ones, of calls that have failed for their first
+    int last = 0;
+    bool over = false;
+    const auto next = [&]() -> std::optional<Turn> {
+        if (reasons.empty())
+            return over || last == kMost ? std::nullopt : std::optional(Turn{++last, 0});
+        const Turn turn = reasons.back();
+        reasons.pop_back();
+        return turn;
+    };
     int played = 0;
-    int last = 1;
-    for (bool over = false; !over && last < kMost; last += kAtOnce)
-        for (std::size_t reason = 0, reasons = 1; reason < reasons; ++reason) {
-            std::optional<Trial> trials[kAtOnce];
-            for (int i = 0; i < kAtOnce; ++i)
-                trials[i].emplace(scenario, fail, last + i, reason);
-            for (auto& trial : trials) {
-                const Verdict verdict = trial->await();
-                over = over || verdict.over;
-                reasons = std::max(reasons, std::min(verdict.reasons, mostReasons));
-                std::erase_if(expected, [output = trial->output()](const std::string& text) {
-                    return output.find(text) != std::string::npos;
-                });
-                ++played;
-            }
-        }
+    for (;;) {
+        for (int place = 0; place < kAtOnce; ++place)
+            if (!trials[place])
+                if (const auto turn = next())
+                    trials[place].emplace(scenario, fail, *turn, place);
+        int status = 0;
+        const pid_t ended = ::waitpid(-1, &status, 0);
+        if (ended == -1)
+            break; // no process is left
+        const auto trial = std::ranges::find_if(
+            trials, [&](const auto& running) { return running && running->process() == ended; });
+        if (trial == std::end(trials))
+            continue; // what one of them has left behind
+        const Verdict verdict = (*trial)->verdict(status);
+        const Turn turn = (*trial)->turn();
+        over = over || verdict.over;
+        for (std::size_t reason = 1; turn.reason == 0 && reason < std::min(verdict.reasons, mostReasons);
+             ++reason)
+            reasons.push_back({turn.number, reason});
+        std::erase_if(expected, [output = (*trial)->output()](const std::string& text) {
+            return output.find(text) != std::string::npos;
+        });
+        trial->reset();
+        ++played;
+    }
     std::printf("%s: %d processes, %s\n", scenario.name, played,
-                last < kMost ? "to the end" : "not to the end, which is beyond 200");
+                over ? "to the end" : "not to the end, which is beyond 200");
     return expected;
 }
 
