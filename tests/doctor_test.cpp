@@ -25,8 +25,8 @@ struct Host {
     std::uint8_t id;
 };
 
-// of looking: five queries, and time enough behind a pause of the machine
-constexpr const char* kSeconds = "2";
+// of looking: three queries, and time enough behind a pause of the machine
+constexpr const char* kSeconds = "1.2";
 
 /// How a network is broken, and the findings that doctor must report. There is a row for each thing that is
 /// looked at; doctor_judgement_test has what else may follow from it.
@@ -261,19 +261,17 @@ TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
         {.command = {RADARCTL, "host", "--name", "North", "--id", "20", "--simulate"}});
     ASSERT_TRUE(host.lineWith("serving", 30s));
     lab::Process doctor = m_lan.node("display").start(
-        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "15"}});
-    for (int times = 0; times < 2; ++times) {
-        EXPECT_TRUE(comesTrue([] {
-            return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
-        })) << doctor.output();
-        for (int i = 0; i < 10; ++i) { // again, where a report was on its way
-            std::this_thread::sleep_for(100ms);
-            std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
-        }
+        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "8"}});
+    EXPECT_TRUE(comesTrue([] {
+        return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
+    })) << doctor.output();
+    for (int i = 0; i < 10; ++i) { // again, where a report was on its way
+        std::this_thread::sleep_for(100ms);
+        std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
     }
     EXPECT_EQ(doctor.wait(60s), 1);
     EXPECT_THAT(doctor.output(), AllOf(testing::StartsWith("fault switch-forgets"),
-                                       HasSubstr("joined again: 2"), HasSubstr("the image of \"North\"")));
+                                       HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
 }
 
 } // namespace

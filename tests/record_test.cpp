@@ -101,7 +101,6 @@ TEST_F(Recording, LivesAgain) {
     ASSERT_EQ(happened.size(), 4U);
     EXPECT_EQ(happened[0], "appeared North 1");
     EXPECT_EQ(happened[1], "appeared South 30");
-    EXPECT_THAT(happened[3], StartsWith("left South"));
 
     const auto first = info("first");
     ASSERT_EQ(first["radars"].size(), 2U);
@@ -122,9 +121,8 @@ TEST_F(Recording, LivesAgain) {
 
     lab::Process display = start("display", {"watch", "--json"});
     lab::Process recorder = record("second");
-    lab::Process replay = start("host1", {"replay", path("first"), "--interface", "eth0", "--speed", "4"});
+    lab::Process replay = start("host1", {"replay", path("first"), "--interface", "eth0"});
     EXPECT_EQ(replay.wait(120s), 0) << replay.output();
-    happened.pop_back(); // too fast for a radar to have been silent long enough
     EXPECT_EQ(events(display, happened.size()), happened);
     EXPECT_THAT(end(recorder), HasSubstr("dropped: none"));
     const Payloads sent = payloadsOf(path("first"));
