@@ -177,6 +177,7 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
     EXPECT_EQ(next("changed", "hostId")["radar"]["hostId"], 21);
     EXPECT_TRUE(text.lineWith("= South id 21 ", 30s));
 
+    north.reset(); // before its successor answers: a host has one name
     north = serve("host1", "Renamed", 20);
     south.reset();
     text.signal(SIGSTOP);
