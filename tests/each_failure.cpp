@@ -221,8 +221,10 @@ std::vector<std::string> failEach(const Scenario& scenario, Fail fail, std::vect
                     trials[place].emplace(scenario, fail, *turn, place);
         int status = 0;
         const pid_t ended = ::waitpid(-1, &status, 0);
-        if (ended == -1)
-            break; // no process is left
+        if (ended == -1) {
+            EXPECT_EQ(errno, ECHILD) << "no process is left";
+            break;
+        }
         const auto trial = std::ranges::find_if(
             trials, [&](const auto& running) { return running && running->process() == ended; });
         if (trial == std::end(trials))
