@@ -84,8 +84,9 @@ public:
 ///   has returned, so that direct sends still fail inside; what asyncSendData takes is sent afterwards. Data
 ///   of the previous connection may still be in its listener's hands then.
 /// - OnTcpClientDisconnected comes on the auto-connect thread within half a second of the loss, or, when
-///   connectOnce replaces a connection before that, on its caller's thread ahead of the next Connected. It
-///   may call everything. Nothing received on the lost connection is delivered behind it, but a delivery in
+///   connectOnce replaces a connection before that, on its caller's thread ahead of the next Connected, which
+///   waits until it has returned. It may call everything, connectOnce included, but must not wait for another
+///   thread that connects. Nothing received on the lost connection is delivered behind it, but a delivery in
 ///   progress may overlap it. Otherwise events of two connections overlap only when several threads connect.
 ///
 /// Constructing a client makes the whole process ignore SIGPIPE.
@@ -133,8 +134,9 @@ public:
     bool isConnected() const;    ///< whether the connection stands, as far as this side has noticed
 
     /// Asks the threads to end within half a second, and returns at once; the client counts as disconnected
-    /// then, while the stream stays open. A later connectOnce makes a connection that is received from, but
-    /// neither made again nor probed nor served by the queue.
+    /// then, while the stream stays open. An attempt under way goes on, and where it succeeds the client
+    /// works as before. A later connectOnce makes a connection that is received from, but neither made again
+    /// nor probed nor served by the queue, and whose loss only the next connectOnce tells.
     void notifyForQuit();
 
 private:

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 
 #include <atomic>
+#include <fstream>
 #include <future>
 
 namespace {
@@ -238,6 +239,30 @@ TEST(TcpClient, IsGoneAtOnceWhetherConnectingConnectedLostOrBlockedInASend) {
     EXPECT_LT(timeOf([&] { connected.reset(); }), kQuick);
     EXPECT_LT(timeOf([&] { blocked.reset(); }), kQuick);
     EXPECT_EQ(output.err(), "") << "an end of our own making is no error";
+}
+
+TEST(TcpClient, ConnectedWaitsUntilDisconnectedOnAnotherThreadHasReturned) {
+    Connected c;
+    std::promise<void> release;
+    c.notes.onDisconnected = [&, released = release.get_future().share()](int) { released.wait(); };
+    c.peer->close();
+    ASSERT_TRUE(c.lossIsAnnounced()) << "and under way";
+    auto connected = std::async(std::launch::async, [&] { return c.client.connectOnce(); });
+    EXPECT_EQ(connected.wait_for(200ms), std::future_status::timeout);
+    EXPECT_EQ(c.notes.connected.all().size(), 1U);
+    release.set_value();
+    EXPECT_TRUE(connected.get());
+    EXPECT_EQ(c.notes.connected.all().size(), 2U);
+}
+
+TEST(TcpClient, ConnectsToNobodyElseThanItsServerAndLeavesItThePort) {
+    constexpr const char* kRange = "/proc/sys/net/ipv4/ip_local_port_range";
+    std::ofstream(kRange) << "40000 40000"; // so that the system chooses what is asked for
+    TcpClient client(nullptr, kLocal, 40000, 0);
+    EXPECT_FALSE(client.connectOnce());
+    EXPECT_FALSE(client.isConnected());
+    net::TcpServer server(nullptr);
+    EXPECT_TRUE(server.connect(40000, 1));
 }
 
 } // namespace

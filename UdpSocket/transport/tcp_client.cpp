@@ -15,11 +15,13 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <list>
 #include <memory>
 #include <string>
 #include <thread>
@@ -67,6 +69,8 @@ private:
     bool connectUnlessConnected();
     ConnectionPtr announced() const;
     void announceLoss(const ConnectionPtr& lost);
+    bool othersAnnounce() const REQUIRES(m_stateMutex);
+    void awaitOthersAnnouncements();
     void probeOrConnect();
     bool send(Connection& connection, const detail::Message& message, const char* call,
               const detail::ReportSite& site);
@@ -88,6 +92,8 @@ private:
     mutable detail::Mutex m_stateMutex;
     ConnectionPtr m_current GUARDED_BY(m_stateMutex);   // never null
     ConnectionPtr m_announced GUARDED_BY(m_stateMutex); // Connected was called for it, Disconnected was not
+    std::list<std::thread::id> m_announcing GUARDED_BY(m_stateMutex); // that call Disconnected
+    detail::Condition m_lossAnnounced;
 
     detail::SendQueue m_queue; // its mutex is taken after m_connectMutex and before m_stateMutex
 
@@ -154,19 +160,28 @@ bool TcpClientPrivate::connectOnce() {
     return connectUnlessConnected();
 }
 
-/// Another thread's connection that came to stand meanwhile is kept.
+/// Another thread's connection that came to stand meanwhile is kept. Connected is not called before every
+/// Disconnected has returned.
 bool TcpClientPrivate::connectUnlessConnected() {
     detail::Lock lock(m_connectMutex);
-    ConnectionPtr found;
-    while (!m_ending.stopped() && (found = announced()) != nullptr) {
-        if (found->stands())
+    for (;;) {
+        if (m_ending.stopped())
+            return false;
+        ConnectionPtr found;
+        {
+            detail::Lock stateLock(m_stateMutex);
+            found = m_announced;
+            if (found == nullptr && !othersAnnounce())
+                break;
+        }
+        if (found != nullptr && found->stands())
             return true;
         lock.unlock();
-        announceLoss(found); // before the next Connected
+        if (found != nullptr)
+            announceLoss(found);
+        awaitOthersAnnouncements();
         lock.lock();
     }
-    if (m_ending.stopped())
-        return false;
     std::unique_ptr<char[]> buffer(new char[kReceiveBuffer]); // or no attempt is made
     const ConnectionPtr connection = reset();
     std::printf("tcp client try to connect (addr = %s,port = %u)\r\n", m_errors.address().c_str(),
@@ -214,14 +229,35 @@ ConnectionPtr TcpClientPrivate::announced() const {
 /// Calls Disconnected for @p lost, unless another thread does so already. Needs the connection lock not to be
 /// held: the listener may connect.
 void TcpClientPrivate::announceLoss(const ConnectionPtr& lost) {
+    std::list self{std::this_thread::get_id()};
+    const auto entry = self.begin();
     {
         detail::Lock lock(m_stateMutex);
         if (m_announced != lost || m_ending.stopped())
             return;
         m_announced.reset();
+        m_announcing.splice(m_announcing.end(), self);
     }
+    const detail::ScopeExit returned([&] {
+        {
+            detail::Lock lock(m_stateMutex);
+            m_announcing.erase(entry);
+        }
+        m_lossAnnounced.notify_all();
+    });
     if (m_listener != nullptr)
         m_listener->OnTcpClientDisconnected(0, m_errors.address().c_str(), m_errors.port());
+}
+
+/// Whether others call Disconnected. Who does so itself may connect inside, and waits for nobody.
+bool TcpClientPrivate::othersAnnounce() const {
+    return !m_announcing.empty() &&
+           std::ranges::find(m_announcing, std::this_thread::get_id()) == m_announcing.end();
+}
+
+void TcpClientPrivate::awaitOthersAnnouncements() {
+    detail::Lock lock(m_stateMutex);
+    m_lossAnnounced.wait(lock, [this]() REQUIRES(m_stateMutex) { return !othersAnnounce(); });
 }
 
 void TcpClientPrivate::autoConnectThread() {

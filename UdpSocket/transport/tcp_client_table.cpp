@@ -15,7 +15,9 @@ namespace net::detail {
 
 namespace {
 
-LineLimit s_sendLines; // clients need not read
+// Clients need not read.
+LineLimit s_sendLines;
+LineLimit s_sendToOneLines;
 
 /// A send under way to a client that is kept as long.
 struct ClientSending {
@@ -30,7 +32,7 @@ struct ClientSending {
 bool sendToOne(Sending& sending, const char* kind, int number) {
     sending.finish();
     if (sending.result() < 0)
-        std::printf("Server send %s %d error!\n", kind, number);
+        s_sendToOneLines.print(stdout, "Server send %s %d error!\n", kind, number);
     else if (sending.result() == 0)
         std::printf("Server send %s %d 0Byte!\n", kind, number);
     errno = sending.code();

@@ -13,6 +13,22 @@
 
 namespace net::detail {
 
+namespace {
+
+/// Whether a socket is connected to itself: where nobody listens on a port of this machine, the system may in
+/// the end give an attempt that very port to come from, and lets it succeed.
+bool isConnectedToItself(const Descriptor& socket) {
+    sockaddr_in own{};
+    sockaddr_in peer{};
+    socklen_t ownLength = sizeof own;
+    socklen_t peerLength = sizeof peer;
+    return ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+           ::getpeername(socket.get(), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+           own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
+} // namespace
+
 void Connection::setOptions(unsigned int localIp, const ErrorReporter& errors) const {
     setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
     enableKeepAlive(socket);
@@ -41,6 +57,11 @@ bool Connection::connect(const sockaddr_in& server, const Pause& ending) const {
         if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0 ||
             ending.stopped())
             return false;
+    }
+    if (isConnectedToItself(socket)) {
+        const sockaddr nobody{AF_UNSPEC, {}}; // dissolves it, so that a server can have the port
+        static_cast<void>(::connect(socket.get(), &nobody, sizeof nobody));
+        return false;
     }
     return ::fcntl(socket.get(), F_SETFL, 0) == 0; // blocking from here on
 }

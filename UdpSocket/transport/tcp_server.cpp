@@ -43,6 +43,7 @@ int number(std::size_t count) {
 detail::LineLimit s_connectLines;
 detail::LineLimit s_disconnectLines;
 detail::LineLimit s_countLines;
+detail::LineLimit s_noThreadLines;
 
 } // namespace
 
@@ -224,7 +225,7 @@ bool TcpServerPrivate::startReceiver(const ClientPtr& client, std::list<Receiver
             m_receivers.splice(m_receivers.end(), entry);
     }
     if (!started)
-        m_bound.report(tcp_site::kServerReceiverThread);
+        m_bound.report(tcp_site::kServerReceiverThread, s_noThreadLines);
     return started;
 }
 
