@@ -39,16 +39,18 @@ public:
 ///
 /// Life cycle: watches from construction to destruction. Each instance should watch an interface of its own.
 /// Threads: one watch thread; all operations may be called from any thread at any time, except that no
-/// operation may overlap with construction or destruction.
+/// operation may overlap with construction or destruction. While it runs a command the watch thread has the
+/// signal mask of the thread that made the object, which the command inherits, and may take a signal.
 /// Ownership: listeners are not owned and must outlive the object, or be removed while it is silent.
 /// Process: belongs to the one that made it. A program may end while it stands, also while a restart waits.
 /// In a child made by fork the destructor does nothing.
 /// Errors: none are reported. A failed command is repeated a second later, as long as the address is missing.
 /// A command in which an interface name, address or netmask is anything but plain counts as failed: it
 /// reaches no shell.
-/// Memory that ran out on the watch thread, a listener's included, costs the pass at hand, with a line on
-/// standard error. The next pass makes good a report or restart that was cut short, so a listener may hear
-/// the same again. Anything else that a listener throws on that thread ends the process.
+/// Memory that ran out on the watch thread, a listener's included, or descriptors to read the carrier with,
+/// cost the pass at hand, with a line on standard error. The next pass makes good a report or restart that
+/// was cut short, so a listener may hear the same again. Anything else that a listener throws on that thread
+/// ends the process.
 class __attribute__((visibility("default"))) tNetIPHelper {
 public:
     /// Starts to watch; the first look is a second later.
@@ -98,7 +100,8 @@ public:
     /// Whether the interface has a link; false also for an interface that is down or unknown.
     static bool GetNetCarrier(std::string ifname);
 
-    /// Runs a shell command and waits for its end. Any thread; no state.
+    /// Runs a shell command through system(3) and waits for its end. Any thread; no state. A program that
+    /// ignores SIGCHLD is told of every command that it failed.
     /// @param cmd  handed to the shell as it stands
     /// @param show false discards what the command writes
     /// @return true when the command ended with status 0; then "@" and the command are printed as one line

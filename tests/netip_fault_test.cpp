@@ -1,5 +1,7 @@
 #include "netip_fixture.h"
 
+#include <sys/resource.h>
+
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -123,6 +125,46 @@ TEST_F(NetworkFault, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAnother)
     EXPECT_TRUE(destroysOther()) << "its restart waits for the command";
     EXPECT_TRUE(std::filesystem::remove("/run/test/hold")) << "the command is still running";
     EXPECT_TRUE(busyLog.lastBecomes("eth8 10.5.0.8"));
+}
+
+TEST_F(NetworkFault, ARestartThatIsGivenUpLeavesNoInterfaceWithoutConfiguration) {
+    replaceCommands(R"(echo "${0##*/} $*" >> /run/test/commands; [ "${0##*/}" != service ] || sleep 0.5)");
+    const auto hasRun = [](const char* command) {
+        return comesTrue(
+            [&] { return outputOf("cat /run/test/commands").find(command) != std::string::npos; }, 30s);
+    };
+    tNetIPHelper::SetNetworkToolType(true);
+    setCarrier("eth8", false);
+    setCarrier("eth9", true);
+    const tNetIPHelper other(false, "eth9", "10.5.0.9", "255.255.255.0");
+    ASSERT_TRUE(hasRun("nmcli connection modify eth9 ")) << "its own restart is over";
+    ASSERT_TRUE(succeeds("> /run/test/commands"));
+    auto starter = std::make_unique<tNetIPHelper>(false, "eth8", "10.5.0.8", "255.255.255.0");
+    setCarrier("eth8", true);
+    ASSERT_TRUE(hasRun("service "));
+    starter.reset();
+    EXPECT_TRUE(hasRun("nmcli connection add con-name eth9 "));
+}
+
+TEST_F(NetworkFault, DescriptorsThatRunOutPullNoCable) {
+    NetIpLog listener;
+    setCarrier("eth9", true);
+    tNetIPHelper helper(false, "eth9", "10.5.0.9", "255.255.255.0");
+    helper.AddNetIPListener(&listener);
+    ASSERT_TRUE(listener.lastBecomes("eth9 10.5.0.9"));
+    const std::vector<std::string> before = listener.all();
+    const Output output;
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    std::this_thread::sleep_for(100ms); // some fifty looks
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_THAT(output.err(), HasSubstr("a pass of the watch was lost: Too many open files\n"));
+    std::this_thread::sleep_for(100ms); // nor does their return plug one in
+    EXPECT_EQ(listener.all(), before);
+    setCarrier("eth9", false);
+    EXPECT_TRUE(listener.lastBecomes("eth9 0.0.0.0"));
 }
 
 } // namespace

@@ -9,9 +9,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -34,6 +37,21 @@ bool isOne(std::string_view line) {
     line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
     int number = 0;
     return std::from_chars(line.data(), line.data() + line.size(), number).ec == std::errc() && number == 1;
+}
+
+/// An interface's carrier, false where its file cannot be read; nothing (errno) while the system has no
+/// descriptor or memory for a look.
+std::optional<bool> readCarrier(const std::string& ifname) {
+    const std::string path = "/sys/class/net/" + ifname + "/carrier";
+    const detail::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, 4096> contents; // files there are no longer than a page
+    const ssize_t length = file.isOpen() ? ::read(file.get(), contents.data(), contents.size()) : -1;
+    if (length < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM))
+        return std::nullopt;
+    std::string_view lines(contents.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    if (lines.ends_with('\n'))
+        lines.remove_suffix(1);
+    return isOne(lines.substr(lines.rfind('\n') + 1));
 }
 
 } // namespace
@@ -111,7 +129,12 @@ void tNetIPHelperPrivate::watch() {
 }
 
 void tNetIPHelperPrivate::pass() {
-    followCarrier();
+    const std::optional<bool> carrier = readCarrier(m_ifname);
+    if (!carrier) { // which is no cable that was pulled
+        std::fprintf(stderr, "tNetIPHelper: a pass of the watch was lost: %s\n", std::strerror(errno));
+        return;
+    }
+    followCarrier(*carrier);
     if (m_paused)
         return;
     if (m_carrier)
@@ -121,8 +144,7 @@ void tNetIPHelperPrivate::pass() {
     reportChange();
 }
 
-void tNetIPHelperPrivate::followCarrier() {
-    const bool carrier = tNetIPHelper::GetNetCarrier(m_ifname);
+void tNetIPHelperPrivate::followCarrier(bool carrier) {
     if (carrier != m_carrier) {
         print("\r\n---------------carrier state------------------\r\n" + m_ifname +
               " carrier state changed " + (carrier ? "1" : "0") +
@@ -154,6 +176,10 @@ void tNetIPHelperPrivate::detect() {
         }
         all.changed.notify_all();
     });
+    if (m_unconfigured) {
+        NetworkReset();
+        return; // what it has asked for shows in a later pass
+    }
     const InterfaceTable table = localNetworkInterfaces();
     if (all.nmcli)
         detectWithNmcli(table);
@@ -301,14 +327,7 @@ void tNetIPHelper::PrintLocalNetIP() {
 }
 
 bool tNetIPHelper::GetNetCarrier(std::string ifname) {
-    const std::string path = "/sys/class/net/" + ifname + "/carrier";
-    const detail::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::array<char, 4096> contents; // files there are no longer than a page
-    const ssize_t length = file.isOpen() ? ::read(file.get(), contents.data(), contents.size()) : -1;
-    std::string_view lines(contents.data(), length > 0 ? static_cast<size_t>(length) : 0);
-    if (lines.ends_with('\n'))
-        lines.remove_suffix(1);
-    return isOne(lines.substr(lines.rfind('\n') + 1));
+    return readCarrier(ifname).value_or(false);
 }
 
 bool tNetIPHelper::SystemCmd(std::string cmd, bool show) {

@@ -55,7 +55,7 @@ private:
 
     void watch();
     void pass();
-    void followCarrier();
+    void followCarrier(bool carrier);
     /// Waits for its turn, and does nothing when the instance is paused or gone by then.
     void detect();
     void detectWithNmcli(const InterfaceTable& table);
@@ -63,7 +63,9 @@ private:
     void reportChange();
     void notify(const std::string& address, bool dhcpAddress);
 
-    /// Configures the interface again, and ends its pause.
+    /// Takes the interface's configuration away.
+    void unconfigure();
+    /// Configures the interface again.
     void NetworkReset();
     /// Forgets the address, so that the next one is reported in any case, and ends the pause.
     void startOver();
@@ -87,6 +89,8 @@ private:
     bool m_carrier = false;      // used on the watch thread only
     bool m_restartIsDue = false; // since the carrier came up; used on the watch thread only
     std::atomic<bool> m_paused = false;
+    std::atomic<bool> m_unconfigured =
+        false; // by a restart, which may be given up before it configures again
     detail::Pause m_pause;
     std::thread m_thread;
 

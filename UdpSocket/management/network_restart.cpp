@@ -36,7 +36,8 @@ void tNetIPHelperPrivate::NetResetCmd(std::string cmd) {
 }
 
 /// One restart: waits for its turn, works on the instances that stand in the list then, and in the end, also
-/// when it is given up, lets every instance go on that it has paused.
+/// when it is given up, lets every instance go on that it has paused. One that it has left without
+/// configuration gets it in its watch's next look.
 class tNetIPHelperPrivate::Restart {
 public:
     explicit Restart(const tNetIPHelperPrivate* starter);
@@ -91,8 +92,7 @@ void tNetIPHelperPrivate::Restart::work() {
     for (const auto& instance : m_instances) {
         if (givenUp())
             return;
-        instance->configure("ifconfig " + instance->m_ifname + ":0 down");
-        instance->configure("nmcli connection delete " + instance->m_ifname);
+        instance->unconfigure();
     }
     if (shared().nmcli)
         restartService();
@@ -102,6 +102,7 @@ void tNetIPHelperPrivate::Restart::work() {
         if (givenUp())
             return;
         instance->NetworkReset();
+        instance->startOver();
     }
     print("\r\n------------------------------network restart over--------------------------\r\n");
 }
@@ -144,6 +145,12 @@ void tNetIPHelperPrivate::NetworkRestart(const tNetIPHelperPrivate* starter) {
     Restart(starter).work();
 }
 
+void tNetIPHelperPrivate::unconfigure() {
+    m_unconfigured = true;
+    configure("ifconfig " + m_ifname + ":0 down");
+    configure("nmcli connection delete " + m_ifname);
+}
+
 void tNetIPHelperPrivate::NetworkReset() {
     const std::string addProfile =
         "nmcli connection add con-name " + m_ifname + " type ethernet ifname " + m_ifname;
@@ -156,7 +163,7 @@ void tNetIPHelperPrivate::NetworkReset() {
         configure("udhcpc -i " + m_ifname + " -n");
     if (!nmcli)
         setAlias();
-    startOver();
+    m_unconfigured = false;
 }
 
 void tNetIPHelperPrivate::startOver() {
