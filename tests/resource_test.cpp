@@ -104,10 +104,12 @@ TEST_F(Resources, CreationAndDestructionLeakNothing) {
             const ProcessResources now = ProcessResources::now();
             return now.descriptors <= before.descriptors && now.threads <= before.threads;
         }));
+        while (m_recorder.next(0ms)) // nor keeps it anything itself
+            continue;
         if (i == 0)
             heap = ::mallinfo2().uordblks; // the first time allocates what is kept
     }
-    EXPECT_LT(::mallinfo2().uordblks, heap + 20000 + 10 * cycles);
+    EXPECT_LT(::mallinfo2().uordblks, heap + 30000 + cycles);
 }
 
 } // namespace
