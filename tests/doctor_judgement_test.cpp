@@ -94,10 +94,10 @@ std::string rule(const std::string& expressions, const std::string& chain = "c")
     return R"({"rule": {"family": "ip", "table": "t", "chain": ")" + chain + R"(", "handle": 2, "expr": [)" +
            expressions + "]}}";
 }
-std::string match(const char* field, const char* operation, const std::string& right) {
-    return R"({"match": {"op": ")" + std::string(operation) +
-           R"(", "left": {"payload": {"protocol": "ip", "field": ")" + field + R"("}}, "right": )" + right +
-           "}}, ";
+std::string match(const char* field, const char* operation, const std::string& right,
+                  const std::string& protocol = "ip") {
+    return R"({"match": {"op": ")" + std::string(operation) + R"(", "left": {"payload": {"protocol": ")" +
+           protocol + R"(", "field": ")" + field + R"("}}, "right": )" + right + "}}, ";
 }
 const std::string kRadarGroups = R"({"prefix": {"addr": "236.6.0.0", "len": 16}})";
 const std::string kDrop = R"({"drop": null})";
@@ -145,6 +145,24 @@ const Case kCases[] = {
      {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
     {"RulesForForeignGroups", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -d 239.0.0.0/8 -j DROP\nCOMMIT\n";
          s.rules.nft = nft("input", "accept", rule(match("daddr", "!=", kRadarGroups) + match("saddr", "!=", R"({"prefix": {"addr": "10.0.0.0", "len": 8}})") + kDrop)); }, {}},
+    {"RulesForOtherProtocols", [](Observation& s) { s.rules.nft = nft("input", "accept", rule(match("dport", "!=", "22", "tcp") + kDrop) + ", " +
+             rule(match("type", "!=", "\"echo-request\"", "icmp") + kDrop) + ", " + rule(match("saddr", "!=", "\"fe80::1\"", "ip6") + kDrop) + ", " +
+             rule(match("dport", "!=", R"({"set": [6878, 6768, 6720]})", "udp") + kDrop)); }, {}},
+    {"RuleForFlagsOfTcp", [](Observation& s) { loseQueries(s);
+         s.rules.nft = nft("input", "accept", rule(R"({"match": {"op": "!=", "left": {"&": [{"payload": {"protocol": "tcp", "field": "flags"}}, "syn"]}, "right": "syn"}}, )" + kDrop)); },
+     {{Id::Firewall, "look for the rule"}}},
+    {"RuleForNoInterface", [](Observation& s) { s.rules.nft = nft("output", "accept", rule(R"({"match": {"op": "!=", "left": {"meta": {"key": "iifname"}}, "right": "lo"}}, )" + kDrop)); },
+     {{Id::Firewall, "drops queries (236.6.7.5:6878), IGMP reports on eth0"}}},
+    {"RuleForSeveralTypesOfAddress", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT DROP [0:0]\n-A INPUT -m addrtype --dst-type BROADCAST,MULTICAST -j ACCEPT\nCOMMIT\n"; }, {}},
+    {"IngressOfOneDevice", [](Observation& s) { s.rules.nft = nft("ingress", "accept", rule(match("daddr", "==", kRadarGroups) + kDrop));
+         s.rules.nftText = "table ip t {\n\tchain c {\n\t\ttype filter hook ingress device \"eth1\" priority 0; policy accept;\n"; },
+     {{Id::Firewall, " on eth1; "}}},
+    {"Egress", [](Observation& s) { loseQueries(s); s.rules.nft = nft("egress", "accept", rule(match("daddr", "==", kRadarGroups) + kDrop)); },
+     {{Id::Firewall, "nft rule ip t c handle 2 drops queries (236.6.7.5:6878) on eth0, eth1; "}}},
+    {"GroupsOfAUsersChoice", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -d 239.1.2.3 -j DROP\nCOMMIT\n";
+         s.rules.nft = nft("input", "accept", rule(match("daddr", "==", "\"239.1.2.4\"") + kDrop));
+         for (auto& [host, heard] : s.listening.hosts) heard.image = {transAddr(host.name == "North" ? "239.1.2.3" : "239.1.2.4"), net::HtoNs(5000)}; },
+     {{Id::Firewall, "-I INPUT -d 239.1.2.3 -j ACCEPT"}, {Id::Firewall, "ip daddr 239.1.2.4 accept"}}},
     {"RulesThatCannotBeRead", [](Observation& s) { s.rules.nft = "{"; },
      {{Id::FirewallUnread, "needs an nft whose JSON output can be read"}}},
 

@@ -157,6 +157,11 @@ void reportCosts(const Costs& costs, bool queried, Report& report) {
 
 } // namespace
 
+std::string networkOf(const Packet& packet) {
+    constexpr unsigned int kHostIds = 236U << 8 | 6;
+    return packet.destination >> 16 == kHostIds ? "236.6.0.0/16" : text(net::HtoNl(packet.destination));
+}
+
 std::optional<Loss> loss(const Chains& chains) {
     std::optional<Loss> doubtful;
     for (const auto& [key, chain] : chains) {

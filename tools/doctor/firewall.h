@@ -20,6 +20,9 @@ struct Packet {
     unsigned short port = 0;
 };
 
+/// Where a remedy lets packets pass to: all groups of the host ids where it is one of them.
+std::string networkOf(const Packet& packet);
+
 enum class Tri { No, Maybe, Yes };
 
 inline Tri triOf(bool holds) {

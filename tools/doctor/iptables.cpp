@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iomanip>
 #include <sstream>
@@ -20,6 +21,10 @@ std::vector<std::string> parts(const std::string& text, char separator) {
     for (std::string part; std::getline(stream, part, separator);)
         result.push_back(part);
     return result;
+}
+
+bool lists(const std::string& list, const std::string& word) {
+    return std::ranges::count(parts(list, ','), word) != 0;
 }
 
 /// "236.6.7.5/32", "236.6.0.0/255.255.0.0" or an address alone.
@@ -71,11 +76,11 @@ std::optional<Tri> condition(const std::string& option, const std::string& value
     if (option == "--dport" || option == "--dports")
         return hasPort(packet, value);
     if (option == "--ctstate" || option == "--state")
-        return triOf(("," + value + ",").find(",NEW,") != std::string::npos);
+        return triOf(lists(value, "NEW"));
     if (option == "--pkt-type")
         return triOf(value == "multicast");
     if (option == "--dst-type")
-        return triOf(value == "MULTICAST");
+        return triOf(lists(value, "MULTICAST"));
     if (option == "-m" || option == "--comment" || option == "--reject-with" || option == "--log-prefix")
         return std::nullopt;
     return Tri::Maybe;
@@ -128,7 +133,7 @@ bool hooked(const std::string& chain, const Packet& packet) {
 Chains parseIptables(const std::string& saved, const std::string& tool, const Packet& packet) {
     Chains chains;
     std::string table;
-    const std::string match = packet.igmp ? " -p igmp" : " -d 236.6.0.0/16";
+    const std::string match = packet.igmp ? " -p igmp" : " -d " + networkOf(packet);
     for (const std::string& line : parts(saved, '\n')) {
         std::istringstream words(line);
         std::string name;

@@ -32,6 +32,8 @@ Value payload(const json& payload, const Packet& packet) {
     const std::string protocol = payload.value("protocol", "");
     const std::string field = payload.value("field", "");
     const bool transport = protocol == "udp" || protocol == "th";
+    if (protocol.empty() || protocol == "ether" || (protocol == "th" && packet.igmp))
+        return {};
     if (protocol == "ip" && field == "daddr")
         return {packet.destination, ""};
     if (protocol == "ip" && field == "saddr" && packet.source != 0)
@@ -67,6 +69,8 @@ Value valueOf(const json& left, const Packet& packet) {
         return payload(left["payload"], packet);
     if (left.contains("meta"))
         return meta(left["meta"].value("key", ""), packet);
+    if (left.contains("&"))
+        return {{}, "", valueOf(left["&"].at(0), packet).absent};
     if (left.contains("ct") && left["ct"].value("key", "") == "state")
         return {{}, "new"}; // nobody answers a multicast from its own group
     if (left.contains("fib") && left["fib"].value("result", "") == "type" &&
@@ -124,10 +128,14 @@ Tri isIn(const Value& value, const json& right, const std::map<std::string, json
 }
 
 Tri compare(const json& match, const Packet& packet, const std::map<std::string, json>& sets) {
+    const json& left = match.at("left");
+    const Value value = valueOf(left, packet);
+    if (value.absent && !left.contains("meta"))
+        return Tri::No; // the kernel looks at the protocol first, whatever the comparison
     const std::string op = match.value("op", "");
     if (op != "==" && op != "in" && op != "!=")
         return Tri::Maybe;
-    return negated(isIn(valueOf(match.at("left"), packet), match.at("right"), sets), op == "!=");
+    return negated(isIn(value, match.at("right"), sets), op == "!=");
 }
 
 /// Sets the verdict that a statement gives. @return false when it gives none
@@ -174,11 +182,11 @@ void addRules(const json& rule, const std::string& table, const Packet& packet,
 
 /// Whether a packet meets the chains of a hook.
 bool passes(const std::string& hook, const Packet& packet) {
-    return packet.outgoing ? hook == "output" || hook == "postrouting"
+    return packet.outgoing ? hook == "output" || hook == "postrouting" || hook == "egress"
                            : hook == "ingress" || hook == "prerouting" || hook == "input";
 }
 
-/// The devices that each chain of the family netdev stands at, by table and name.
+/// The devices that each chain of the hooks ingress and egress stands at, by table and name.
 std::map<std::string, std::set<std::string>> devicesOf(const std::string& ruleset) {
     std::map<std::string, std::set<std::string>> devices;
     std::istringstream lines(ruleset);
@@ -194,7 +202,7 @@ std::map<std::string, std::set<std::string>> devicesOf(const std::string& rulese
             table += " " + word;
         else if (word == "chain" && words >> word)
             chain = table + " " + word;
-        else if (word == "type" && table.starts_with("netdev "))
+        else if (word == "type")
             for (bool listed = false; words >> word && word != "priority";
                  listed = listed || word.starts_with("device"))
                 if (listed)
@@ -229,7 +237,8 @@ Chains parseNft(const std::string& text, const std::string& forPeople, const Pac
                             content.value("policy", "") == "drop",
                             "nft chain " + name,
                             "nft insert rule " + name + " " +
-                                (packet.igmp ? "ip protocol igmp" : "ip daddr 236.6.0.0/16") + " accept",
+                                (packet.igmp ? "ip protocol igmp" : "ip daddr " + networkOf(packet)) +
+                                " accept",
                             {}};
         }
     }
