@@ -66,8 +66,18 @@ void loseHosts(Observation& seen) {
     seen.listening.onWire.clear();
 }
 
+UdpSocketEntry boundTo(const wire::Group& group, unsigned int user, int process) {
+    return {transAddr(group.address), group.port, user, 1, 0, process};
+}
+UdpSocketEntry negotiates(unsigned int user, int process) {
+    return boundTo(wire::kNegotiation, user, process);
+}
+UdpSocketEntry hearsBeacons(unsigned int user, int process) {
+    return boundTo(wire::kBeacon, user, process);
+}
+
 void runHostHere(Observation& seen) {
-    seen.socketsBefore = {{transAddr(wire::kNegotiation.address), wire::kNegotiation.port, 0, 1, 0}};
+    seen.socketsBefore = {negotiates(0, 0)};
     seen.groupsRoute = {"eth0", 0};
 }
 
@@ -109,7 +119,6 @@ struct Case {
 };
 // clang-format off
 const Case kCases[] = {
-    {"Healthy", [](Observation&) {}, {}},
     {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
      {{Id::NoAddress, "no network interface"}}},
     {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
@@ -120,6 +129,10 @@ const Case kCases[] = {
      {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
     {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
      {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "of both, the host and the displays here"}}},
+    {"ThoseWhoListenToBeaconsAreNoHosts", [](Observation& s) { s.socketsBefore = {negotiates(5, 0), negotiates(5, 0), hearsBeacons(5, 0), hearsBeacons(5, 0),
+         negotiates(5, 70), hearsBeacons(5, 70)}; }, {}},
+    {"HostBesideThem", [](Observation& s) { s.socketsBefore = {negotiates(5, 70), hearsBeacons(5, 71), negotiates(5, 72), hearsBeacons(5, 72)}; },
+     {{Id::HostHere, ""}}},
     {"RouteToOneGroupOfADisplay", [](Observation& s) { routeDiscovery(s, "eth1", "eth0"); }, {}},
     {"FirstRouteToAGroupIsTaken", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth0", "eth1"); }, {{Id::HostHere, ""}}},
     {"HostHereDoesNotLoop", [](Observation& s) { runHostHere(s); s.profile.multicastLoop = true; },

@@ -143,6 +143,7 @@ struct UdpSocketEntry {
     unsigned int uid;
     unsigned long inode;
     unsigned long drops;
+    int process = 0; ///< that holds it; 0: not known
 };
 std::vector<UdpSocketEntry> readUdpSockets();
 

@@ -8,10 +8,38 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 namespace doctor {
+
+namespace {
+
+/// The processes that hold sockets, by the sockets' inodes, as far as /proc shows them.
+std::map<unsigned long, int> socketHolders() {
+    namespace fs = std::filesystem;
+    constexpr std::string_view kSocket = "socket:[";
+    std::map<unsigned long, int> holders;
+    std::error_code ignored; // processes come and go, and those of others are closed to us
+    for (fs::directory_iterator process("/proc", ignored), end; process != end; process.increment(ignored)) {
+        const std::string id = process->path().filename();
+        if (id.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        for (fs::directory_iterator file(process->path() / "fd", ignored); file != end;
+             file.increment(ignored))
+            if (const std::string target = fs::read_symlink(*file, ignored); target.starts_with(kSocket))
+                holders.emplace(std::stoul(target.substr(kSocket.size())), std::stoi(id));
+    }
+    return holders;
+}
+
+bool isBoundTo(const UdpSocketEntry& socket, const wire::Group& group) {
+    return socket.port == group.port && socket.ip == net::transAddr(group.address);
+}
+
+} // namespace
 
 std::vector<UdpSocketEntry> readUdpSockets() {
     std::vector<UdpSocketEntry> sockets;
@@ -33,35 +61,34 @@ std::vector<UdpSocketEntry> readUdpSockets() {
         if (std::ranges::count(kGroups, entry.port, &wire::Group::port) != 0)
             sockets.push_back(entry);
     }
+    if (sockets.empty())
+        return sockets;
+    const std::map<unsigned long, int> holders = socketHolders();
+    for (UdpSocketEntry& socket : sockets)
+        if (const auto holder = holders.find(socket.inode); holder != holders.end())
+            socket.process = holder->second;
     return sockets;
 }
 
 bool Observation::hostHere() const {
-    return std::ranges::any_of(socketsBefore, [](const UdpSocketEntry& socket) {
-        return socket.port == wire::kNegotiation.port &&
-               socket.ip == net::transAddr(wire::kNegotiation.address);
-    });
+    // What records, or looks as doctor does, hears beacons too wherever it hears the negotiation.
+    std::map<std::pair<int, unsigned int>, int> surplus; // by process, or user where that is not known
+    for (const UdpSocketEntry& socket : socketsBefore) {
+        int& count = surplus[{socket.process, socket.process != 0 ? 0U : socket.uid}];
+        count += isBoundTo(socket, wire::kNegotiation) ? 1 : isBoundTo(socket, wire::kBeacon) ? -1 : 0;
+    }
+    return std::ranges::any_of(surplus, [](const auto& holder) { return holder.second > 0; });
 }
 
 namespace {
 
-/// The program that holds a socket, as far as /proc shows it.
+/// The program that holds a socket, as far as it is known.
 std::string holder(const UdpSocketEntry& socket) {
-    const std::string wanted = "socket:[" + std::to_string(socket.inode) + "]";
-    std::error_code ignored; // processes come and go, and those of others are closed to us
-    for (const auto& process : std::filesystem::directory_iterator("/proc", ignored)) {
-        const std::string id = process.path().filename();
-        if (id.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::error_code closed;
-        for (const auto& file : std::filesystem::directory_iterator(process.path() / "fd", closed)) {
-            if (std::filesystem::read_symlink(file, ignored) != wanted)
-                continue;
-            std::string name;
-            std::getline(std::ifstream(process.path() / "comm") >> std::ws, name);
-            return name + " (process " + id + ")";
-        }
-    }
+    const std::string id = std::to_string(socket.process);
+    std::string name;
+    if (socket.process != 0 &&
+        std::getline(std::ifstream("/proc/" + id + "/comm") >> std::ws, name)) // it may have ended
+        return name + " (process " + id + ")";
     return "a program of user " + std::to_string(socket.uid) +
            (::geteuid() == 0 ? "" : " (could not check which: needs root)");
 }
@@ -79,7 +106,7 @@ void judgeHolders(const Observation& seen, Report& report) {
             continue;
         std::string holders;
         for (const UdpSocketEntry& socket : seen.socketsBefore)
-            if (socket.port == group.port && (socket.ip == 0 || socket.ip == net::transAddr(group.address)))
+            if (isBoundTo(socket, group) || (socket.port == group.port && socket.ip == 0))
                 holders += (holders.empty() ? "" : ", ") + holder(socket);
         if (holders.empty())
             holders = "a program";
