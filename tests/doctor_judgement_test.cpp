@@ -121,14 +121,18 @@ struct Case {
 const Case kCases[] = {
     {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
      {{Id::NoAddress, "no network interface"}}},
-    {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
+    {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2; s.interfaces[0].name = "eth0.100";
          for (auto& [source, route] : s.routesToRadars) route = {"", ENETUNREACH}; },
-     {{Id::RpFilter, "since its way back leads nowhere"}}},
+     {{Id::RpFilter, "since its way back leads nowhere"}, {Id::RpFilter, "net.ipv4.conf.eth0/100.rp_filter=0"}}},
     {"LooseReversePathIsNoCause", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2;
          for (auto& [source, route] : s.routesToRadars) route = {"eth1", 0}; },
      {{Id::NoRadar, "announcements reach this machine, and no program on it"}}},
     {"RouteOfAHost", [](Observation& s) { s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
      {{Id::NoMulticastRoute, "ip route add 236.6.0.0/16 dev eth0"}, {Id::HostHere, "of both, the host and the displays here"}}},
+    {"RouteOfAHostHeardOnBoth", [](Observation& s) { runHostHere(s); hear(s, "East", "192.168.1.7", 23, kEth1); },
+     {{Id::TwoPaths, "eth0, eth1"}, {Id::HostHere, ""}}},
+    {"RouteOfAHostWhereOneInterfaceWasLookedAt", [](Observation& s) { s.only = "eth0"; s.interfaces.pop_back(); s.discoveryRoute = {"eth1", 0}; runHostHere(s); },
+     {{Id::HostHere, ""}}},
     {"ThoseWhoListenToBeaconsAreNoHosts", [](Observation& s) { s.socketsBefore = {negotiates(5, 0), negotiates(5, 0), hearsBeacons(5, 0), hearsBeacons(5, 0),
          negotiates(5, 70), hearsBeacons(5, 70)}; }, {}},
     {"HostBesideThem", [](Observation& s) { s.socketsBefore = {negotiates(5, 70), hearsBeacons(5, 71), negotiates(5, 72), hearsBeacons(5, 72)}; },
@@ -184,11 +188,14 @@ const Case kCases[] = {
     {"ProfileAddress", [](Observation& s) { s.profile.error = 0; s.profile.localText = "10.9.9.9"; s.profile.localIp = transAddr("10.9.9.9"); },
      {{Id::ProfileAddress, "IP = 10.9.9.9"}}},
     {"ProfileNoAddress", [](Observation& s) { s.profile.error = 0; s.profile.localText = "eth0"; }, {{Id::ProfileAddress, "no IPv4 address"}}},
+    {"ProfileOfAnInterfaceThatWasNotLookedAt", [](Observation& s) { s.only = "eth0"; s.interfaces.pop_back(); s.profile.error = 0; s.profile.localIp = transAddr("192.168.1.1");
+         s.profile.localIsOurs = true; }, {}},
     {"ProfileInterface", [](Observation& s) { s.profile.error = 0; s.profile.netName = "eth7"; }, {{Id::ProfileInterface, "NetName = eth7"}}},
     {"FixedRadarIsNoAddress", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "radar"; },
      {{Id::FixedRadar, "it counts for nothing"}}},
     {"FixedRadarWithoutTcp", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "10.20.1.1"; s.profile.radarIp = transAddr("10.20.1.1"); },
      {{Id::FixedRadar, "set [Radar] TCPService = true"}}},
+    {"QueryThatNobodyNeeds", [](Observation& s) { s.listening.results[kEth1].sendError = ENOKEY; }, {{Id::QueryNotSent, "note the system refuses to send a query through eth1"}}},
 
     {"SameId", [](Observation& s) { hear(s, "No'rth", "10.20.1.0", 21); },
      {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},
@@ -213,7 +220,8 @@ TEST(Judgement, NamesTheCauseAndNoOther) {
         row.change(seen);
         std::map<Id, std::string> found;
         for (const Finding& finding : judge(seen).findings)
-            found[finding.id] += finding.what + "; " + finding.remedy + "; " + finding.measured + "\n";
+            found[finding.id] += word(finding.severity) + (" " + finding.what) + "; " + finding.remedy +
+                                 "; " + finding.measured + "\n";
         for (const auto& [id, part] : row.expected)
             EXPECT_THAT(found[id], testing::HasSubstr(part));
         for (const auto& [id, texts] : found)

@@ -146,6 +146,7 @@ const Case kCases[] = {
     {"ProfileIsAFifo", "mkfifo $INIPROFILE_DIR/profile.ini", {{"profile-unreadable", "put a file in its place; it is a FIFO"}}},
     {"ProfileNamesTheWrongInterface", "", {{"wrong-interface", "to 192.168.1.1, and the radars are on another interface; set [Local] IP to 10.20.2.1"}},
      "[Local]\nNetName = eth1\n"},
+    {"ProfileNamesAnAddressAsPeopleWriteIt", "", {{"wrong-interface", "to 192.168.1.1, and the radars are on another interface"}}, "[Local]\nIP = 192.168.1.01 lan\n"},
     {"ProfileFixesASilentRadar", "", {{"fixed-radar", "10.20.1.2, which does not answer TCP port 6878"}}, "[Radar]\nIP = 10.20.1.2\n"},
     {"HostWithoutRoute", "ip route del default", {{"no-multicast-route", "ip route add 236.6.0.0/16"}, {"host-here", "MulticastLoop = true"}}, "", {{"host2", "South", 21}}, "host1"},
     {"RecorderWithoutRoute", RADARCTL " record --interface eth0 -o $INIPROFILE_DIR/file & until grep -q :1A40 /proc/net/udp; do :; done", {}},

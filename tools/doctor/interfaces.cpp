@@ -30,6 +30,12 @@ std::string text(const LocalAddress& address) {
     return text(address.ip) + "/" + std::to_string(std::popcount(address.mask));
 }
 
+std::string sysctlOf(const Interface& interface, const std::string& setting) {
+    std::string name = interface.name;
+    std::ranges::replace(name, '.', '/'); // as sysctl has a dot that parts nothing, of a VLAN say
+    return "net.ipv4.conf." + name + "." + setting;
+}
+
 namespace {
 
 constexpr int kSmallMtu = 576;             // bytes, which every IPv4 host has to take
@@ -212,8 +218,8 @@ void judgeReversePath(const Observation& seen, const Interface& interface, Repor
     const std::string measured = "rp_filter " + std::to_string(interface.rpFilter) + " on " + interface.name +
                                  ", " + std::to_string(seen.reversePathDrops) +
                                  " datagrams of this machine failed the check while it was looked at";
-    const std::string remedy = "sysctl net.ipv4.conf.all.rp_filter=0 net.ipv4.conf." + interface.name +
-                               ".rp_filter=0, or correct the route to the radars";
+    const std::string remedy = "sysctl net.ipv4.conf.all.rp_filter=0 " + sysctlOf(interface, "rp_filter=0") +
+                               ", or correct the route to the radars";
     for (const unsigned int source : undelivered(seen, interface.index)) {
         const auto route = seen.routesToRadars.find(source);
         const std::string path = route == seen.routesToRadars.end() || route->second.interface.empty()
@@ -295,11 +301,14 @@ void judgeRoute(const Observation& seen, Report& report) {
                     "a radar host runs here, and there is no route that its answers could take",
                     "ip route add 236.6.0.0/16 dev INTERFACE, or a default route",
                     group + ": " + std::generic_category().message(route.error));
-    if (judgeLeftOverRoutes(seen, report))
+    if (!seen.only.empty()) // whether radars are heard on others, too, is not known
+        return;
+    if (judgeLeftOverRoutes(seen, report) || route.interface.empty() ||
+        rightInterfaces(seen).contains(route.interface))
         return;
     for (const auto& [host, heard] : seen.listening.hosts)
         if (const Interface* on = seen.interface(host.interface);
-            on != nullptr && !route.interface.empty() && on->name != route.interface)
+            on != nullptr && on->name != route.interface)
             return report.find(Id::NoMulticastRoute, Severity::Fault,
                                "a radar host runs here, and its answers leave through " + route.interface +
                                    " while the radars are on " + on->name,

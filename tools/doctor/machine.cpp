@@ -4,8 +4,8 @@
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,10 +54,10 @@ int connectError(unsigned int ip, unsigned short port, std::chrono::milliseconds
     return ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
 }
 
-/// 0 for text that is no address, as the library takes it.
-unsigned int addressOf(const std::string& text) {
-    in_addr address{};
-    return ::inet_pton(AF_INET, text.c_str(), &address) == 1 ? address.s_addr : 0;
+/// Nothing for text that is no address, as the library takes it; empty text is 0.
+std::optional<unsigned int> addressOf(const std::string& text) {
+    const unsigned int address = text.empty() ? 0 : net::transAddr(text.c_str());
+    return address == INADDR_NONE ? std::nullopt : std::optional(address);
 }
 
 } // namespace
@@ -80,7 +80,7 @@ Profile readProfile(std::chrono::milliseconds patience) {
     profile.multicastLoop = GetProfileInfo_bool("Local", "MulticastLoop", "false", kProfile);
 
     const auto table = net::localNetworkInterfaces();
-    profile.localIp = addressOf(profile.localText);
+    profile.localIp = addressOf(profile.localText).value_or(0);
     if (profile.localIp == 0 && !profile.netName.empty()) {
         const auto named = std::ranges::find_if(table, [&](const auto& entry) {
             return entry.second.name.find(profile.netName) != std::string::npos;
@@ -89,7 +89,7 @@ Profile readProfile(std::chrono::milliseconds patience) {
             profile.localIp = named->first;
     }
     profile.localIsOurs = table.contains(profile.localIp);
-    profile.radarIp = addressOf(profile.radarText);
+    profile.radarIp = addressOf(profile.radarText).value_or(0);
     if (profile.radarIp != 0)
         profile.radarError = connectError(profile.radarIp, wire::kDiscovery.port, patience);
     return profile;
@@ -151,7 +151,7 @@ void judgeProfile(const Observation& seen, Report& report) {
     report.check("profile.ini", path + ": [Local] IP " + profile.localText + ", NetName '" + profile.netName +
                                     "'; [Radar] IP '" + profile.radarText + "'");
     const std::string measured = "[Local] IP = " + profile.localText + ", NetName = " + profile.netName;
-    if (addressOf(profile.localText) == 0 && profile.localText != "0.0.0.0" && !profile.localText.empty())
+    if (!addressOf(profile.localText))
         report.find(Id::ProfileAddress, Severity::Warning,
                     path + " has an [Local] IP that is no IPv4 address, so the library searches",
                     "correct it, or remove it", measured);
@@ -164,7 +164,7 @@ void judgeProfile(const Observation& seen, Report& report) {
                     path + " names an interface that this machine does not have, so the library searches",
                     "set [Local] NetName to one that it has, or remove it", measured);
 
-    // Where the library listens, and where the radars are.
+    // Where the library listens, and where the radars are; unless it was not looked at where it listens.
     const Interface* heardOn = nullptr;
     bool heardThere = false;
     for (const auto& [host, heard] : seen.listening.hosts) {
@@ -173,7 +173,8 @@ void judgeProfile(const Observation& seen, Report& report) {
             heardThere || (heardOn != nullptr &&
                            std::ranges::count(heardOn->addresses, profile.localIp, &LocalAddress::ip) != 0);
     }
-    if (heardOn != nullptr && !heardThere && profile.localIsOurs)
+    if (heardOn != nullptr && !heardThere && profile.localIsOurs &&
+        (seen.only.empty() || seen.isOwn(profile.localIp)))
         report.find(Id::WrongInterface, Severity::Fault,
                     path + " sets the local address to " + text(profile.localIp) +
                         ", and the radars are on another interface",
@@ -227,8 +228,8 @@ void judgeIgmp(const Observation& seen, Report& report) {
             if (version->second == "V1")
                 report.find(Id::IgmpVersion, Severity::Note,
                             interface.name + " speaks IGMP version 1, so switches notice late what it leaves",
-                            "sysctl net.ipv4.conf." + interface.name +
-                                ".force_igmp_version=0, and a querier of version 2 or 3",
+                            "sysctl " + sysctlOf(interface, "force_igmp_version=0") +
+                                ", and a querier of version 2 or 3",
                             interface.name + ": " + version->second);
         }
     report.check("IGMP", versions + (wire ? std::to_string(queries) + " queries heard from a querier"

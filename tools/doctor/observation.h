@@ -237,6 +237,9 @@ std::set<unsigned int> undelivered(const Observation& seen, int index);
 /// A hardware address as text; empty for one that is not Ethernet's.
 std::string hardwareText(const sockaddr_storage& packetAddress);
 
+/// The name that the command sysctl knows an interface's setting by.
+std::string sysctlOf(const Interface& interface, const std::string& setting);
+
 /// Dotted text of a network-order address, and of an address with its prefix length.
 std::string text(unsigned int ip);
 std::string text(const LocalAddress& address);

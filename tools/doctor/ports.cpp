@@ -143,14 +143,16 @@ void judgeErrors(const Observation& seen, Report& report) {
         const Interface* interface = seen.interface(index);
         if (interface == nullptr || !interface->usable())
             continue;
+        const Severity severity =
+            seen.radarHeard() && !seen.radarHeardOn(index) ? Severity::Note : Severity::Fault;
         if (result.sendError != 0 && result.sendError != EPERM) // which is the packet filter's
-            report.find(Id::QueryNotSent, Severity::Fault,
+            report.find(Id::QueryNotSent, severity,
                         "the system refuses to send a query through " + interface->name,
                         "look at the address and the routes of " + interface->name,
                         std::generic_category().message(result.sendError));
         for (std::size_t i = 0; i < kGroups.size(); ++i)
             if (const int error = result.joinErrors[i]; error != 0 && error != EADDRINUSE && error != ENOBUFS)
-                report.find(Id::QueryNotSent, Severity::Fault,
+                report.find(Id::QueryNotSent, severity,
                             "the system refuses to listen to " + std::string(kGroups[i].address) + " on " +
                                 interface->name,
                             "look at the address and the flags of " + interface->name,
