@@ -196,6 +196,12 @@ const Case kCases[] = {
     {"FixedRadarWithoutTcp", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "10.20.1.1"; s.profile.radarIp = transAddr("10.20.1.1"); },
      {{Id::FixedRadar, "set [Radar] TCPService = true"}}},
     {"QueryThatNobodyNeeds", [](Observation& s) { s.listening.results[kEth1].sendError = ENOKEY; }, {{Id::QueryNotSent, "note the system refuses to send a query through eth1"}}},
+    {"FollowedNobody", [](Observation& s) { s.image = ImageSeen{.radar = "Nroth", .interface = {}}; },
+     {{Id::NoImage, "warning no radar \"Nroth\" is there to be followed; there are: North and South"}}},
+    {"FollowedTooLate", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = {}}; }, {{Id::NoImage, "unchecked could not check: \"North\" was not found in time"}}},
+    {"FollowedInVain", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = "eth0", .followed = 5s}; },
+     {{Id::NoImage, "warning \"North\" announces itself, and its image does not come; "}}},
+    {"FollowedInTime", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = "eth0", .datagrams = 9, .followed = 1s}; }, {}},
 
     {"SameId", [](Observation& s) { hear(s, "No'rth", "10.20.1.0", 21); },
      {{Id::SameId, "\"No'rth\" (10.20.1.0) and \"South\" (10.20.1.2) hold one host id"}, {Id::SameId, "radarctl renumber 'No'\\''rth':"}}},

@@ -247,6 +247,16 @@ TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
     EXPECT_EQ(told.wait(60s), 0) << told.output();
 }
 
+TEST_F(Doctor, FollowsByTheNameThatIsShownAndSaysWhereNoImageComes) {
+    serve({{"host1", "N\x1B", 20}});
+    lab::Process doctor = m_lan.node("display").start(
+        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "N\\x1B", "--seconds", "6"}});
+    EXPECT_EQ(doctor.wait(60s), 1);
+    EXPECT_THAT(doctor.output(),
+                AllOf(testing::StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
+                      HasSubstr("measured: on eth0, 0 datagrams")));
+}
+
 TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
     // Queries are answered at once, and groups reported without repeating it, before the switch forgets.
     ASSERT_EQ(std::system(R"(set -e

@@ -6,6 +6,7 @@
 
 #include <RadarWatch/recording/reader.h>
 
+#include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <archive.h>
@@ -245,6 +246,10 @@ void Bundle::write(const Observation& seen, const std::string& findings, const s
     redaction.hide(system.nodename, "computer");
     for (const auto& [host, heard] : seen.listening.hosts)
         redaction.hide(printable(host.name), redaction.radarName(host.name));
+    if (seen.image) {
+        const std::string name(protocol::announcedName(seen.image->radar));
+        redaction.hide(printable(name), redaction.radarName(name));
+    }
     const std::string packets = recorded(redaction); // names of all radars are known afterwards
     Archive archive(m_path);
     archive.add("CONTENTS.txt", list());

@@ -56,7 +56,10 @@ Observation observe(const std::string& only, Seconds duration, bool quick, Loop&
     seen.groupsRoute = routeTo(net::transAddr("236.6.255.255"), all); // which nobody uses
     seen.groupRoutes = readGroupRoutes();
     const unsigned long drops = reversePathDrops();
-    seen.listening = listen(seen.interfaces, duration, quick, loop);
+    seen.listening = listen(seen.interfaces, duration, quick, loop, [&] {
+        if (followed)
+            followed->look();
+    });
     seen.reversePathDrops = reversePathDrops() - drops;
     if (followed)
         seen.image = followed->seen();

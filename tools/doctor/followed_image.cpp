@@ -1,12 +1,25 @@
 #include "followed_image.h"
 
+#include "../listing.h"
+#include "../table.h"
+
 namespace doctor {
 
 FollowedImage::FollowedImage(const std::string& radar, unsigned int localIp)
-    : m_seen{.radar = radar, .interface = {}}, m_watch(radar::Watch::Options{.localAddress = localIp}),
-      m_stream(
-          m_watch, radar, radar::Image, [](const radar::Datagram&) {},
-          [this](const radar::StreamEvent& event) { take(event); }) {}
+    : m_seen{.radar = radar, .interface = {}}, m_watch(radar::Watch::Options{.localAddress = localIp}) {}
+
+void FollowedImage::look() {
+    while (const auto event = m_watch.next(std::chrono::milliseconds(0)))
+        for (const radar::Radar& entry : entriesOf(event->radar))
+            if (!m_stream && (entry.name == m_seen.radar || printable(entry.name) == m_seen.radar)) {
+                const std::lock_guard lock(m_mutex);
+                m_seen.radar = entry.name;
+                m_found = std::chrono::steady_clock::now();
+                m_stream.emplace(
+                    m_watch, entry.name, radar::Image, [](const radar::Datagram&) {},
+                    [this](const radar::StreamEvent& change) { take(change); });
+            }
+}
 
 void FollowedImage::take(const radar::StreamEvent& event) {
     using radar::StreamEvent;
@@ -18,10 +31,12 @@ void FollowedImage::take(const radar::StreamEvent& event) {
 }
 
 ImageSeen FollowedImage::seen() const {
-    const std::uint64_t datagrams = m_stream.statistics().datagrams;
+    const std::uint64_t datagrams = m_stream ? m_stream->statistics().datagrams : 0;
     const std::lock_guard lock(m_mutex);
     ImageSeen seen = m_seen;
     seen.datagrams = datagrams;
+    if (m_stream)
+        seen.followed = std::chrono::steady_clock::now() - m_found;
     return seen;
 }
 

@@ -18,7 +18,7 @@ Report judge(const Observation& seen) {
     add(judgeProfileKeys(seen));
     add(judgeHosts(seen));
     if (seen.image)
-        add(judgeImage(*seen.image));
+        add(judgeImage(*seen.image, seen.listening));
     if (std::ranges::none_of(all.findings, &Finding::isComplaint))
         add(judgeSilence(seen));
     std::ranges::stable_sort(all.findings, {},

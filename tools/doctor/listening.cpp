@@ -198,7 +198,8 @@ void readNeighbours(const std::vector<Interface>& interfaces, Listening& listeni
 
 } // namespace
 
-Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop) {
+Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop,
+                 const std::function<void()>& meanwhile) {
     if (!openUdp().isOpen())
         throw std::system_error(errno, std::generic_category(), "no socket can be made");
     Listening listening;
@@ -231,6 +232,7 @@ Listening listen(const std::vector<Interface>& interfaces, Seconds duration, boo
         }
         for (InterfaceProbe& probe : probes)
             probe.drain(start);
+        meanwhile();
     }
     return listening;
 }

@@ -12,6 +12,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -123,16 +124,20 @@ struct Listening {
     bool stopped = false;
 };
 
-/// Listens, asks, and listens on. @throws std::system_error when the machine allows no socket at all
-Listening listen(const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop);
+/// Listens, asks, and listens on. @param meanwhile called again and again
+/// @throws std::system_error when the machine allows no socket at all
+Listening listen(
+    const std::vector<Interface>& interfaces, Seconds duration, bool quick, Loop& loop,
+    const std::function<void()>& meanwhile = [] {});
 
 /// What came of the image of the radar that --follow names.
 struct ImageSeen {
-    std::string radar;
+    std::string radar;           ///< its entry's name; as it was typed until it is found
     std::string interface;       ///< where it was listened to last; empty: nowhere
     std::uint64_t datagrams = 0; ///< or pieces of TCP
     int forgotten = 0;           ///< times that it came again just after its group was left and joined again
     bool isSilent = false;       ///< at the end, while the radar announces itself
+    Seconds followed{0};         ///< since the radar was found; 0: it was not
 };
 
 // --------------------------------------------------------------------------------------------------- machine
@@ -227,7 +232,7 @@ Report judgeMachine(const Observation& seen);
 Report judgePorts(const Observation& seen);
 Report judgeFirewall(const Observation& seen);
 Report judgeHosts(const Observation& seen);
-Report judgeImage(const ImageSeen& image);
+Report judgeImage(const ImageSeen& image, const Listening& listening);
 /// What is left to say when no other finding explains why nothing is heard.
 Report judgeSilence(const Observation& seen);
 
