@@ -195,6 +195,7 @@ const Case kCases[] = {
      {{Id::FixedRadar, "it counts for nothing"}}},
     {"FixedRadarWithoutTcp", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "10.20.1.1"; s.profile.radarIp = transAddr("10.20.1.1"); },
      {{Id::FixedRadar, "set [Radar] TCPService = true"}}},
+
     {"QueryThatNobodyNeeds", [](Observation& s) { s.listening.results[kEth1].sendError = ENOKEY; }, {{Id::QueryNotSent, "note the system refuses to send a query through eth1"}}},
     {"FollowedNobody", [](Observation& s) { s.image = ImageSeen{.radar = "Nroth", .interface = {}}; },
      {{Id::NoImage, "warning no radar \"Nroth\" is there to be followed; there are: North and South"}}},

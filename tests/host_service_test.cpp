@@ -90,7 +90,6 @@ TEST_F(HostService, EndsWithACodeThatSaysWhetherAnotherStartCanHelp) {
         {refusing("--inject=clone3,clone:error=EAGAIN"), {}, 4, "threads: Resource temporarily unavailable"},
         {refusing("--inject=eventfd2:error=EPERM"), {}, 3, "Operation not permitted"},
         {{"env", "RADAR_NAME=seventeen letters"}, {}, 2, "RADAR_NAME: 'seventeen letters' is no radar name"},
-        {{}, {"--id", "15"}, 2, "is no host id"},
     };
     for (const auto& [prefix, options, status, line] : cases) {
         lab::Process host = start(m_computer, prefix, options);

@@ -202,6 +202,16 @@ TEST_F(Radarctl, EndsWhenItsReaderEnds) {
     EXPECT_EQ(pipe.wait(30s), 0);
 }
 
+TEST_F(Radarctl, RemovesItsProfileWhereItsOutputEndsItToo) {
+    for (const std::string end : {"| true", "> /dev/full", ">&-"}) {
+        const Result result =
+            runOn("display", {"sh", "-c",
+                              "export TMPDIR=$(mktemp -d)\n(sleep 0.1; " RADARCTL " --loop doctor --list) " +
+                                  end + "\nls $TMPDIR >&2; rmdir $TMPDIR"});
+        EXPECT_THAT(result.errors, testing::Not(HasSubstr("radarctl-"))) << end;
+    }
+}
+
 TEST_F(Radarctl, EveryCommandEndsAtOnceOnASignal) {
     m_profile.write(""); // the search must end, too
     const struct {

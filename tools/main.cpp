@@ -77,6 +77,8 @@ int main(int argc, char** argv) {
         leaveRoutesAlone();
         Output output(options.verbose, options.color);
         return (*run)(output);
+    } catch (const ReaderGone&) {
+        return kFound;
     } catch (const Failure& failure) {
         std::fprintf(stderr, "radarctl: %s\n", failure.what());
         return failure.code;

@@ -32,8 +32,7 @@ Output::Output(bool verbose, const std::string& color)
     const net::detail::Descriptor diagnostics(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
                                                       : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (!m_descriptor.isOpen() || !diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1) {
-        std::perror("radarctl: standard output");
-        std::_Exit(kNothingFound);
+        throw Failure(kNothingFound, std::string("standard output: ") + std::strerror(errno));
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0); // diagnostics in step with standard error
 }
@@ -62,10 +61,9 @@ void Output::write(const std::string& text) const {
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
         } else if (errno == EPIPE) {
-            std::_Exit(kFound);
+            throw ReaderGone();
         } else if (errno != EINTR) {
-            std::fprintf(stderr, "radarctl: cannot write the output: %s\n", std::strerror(errno));
-            std::_Exit(kNothingFound);
+            throw Failure(kNothingFound, std::string("cannot write the output: ") + std::strerror(errno));
         }
     }
 }

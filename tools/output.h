@@ -6,12 +6,16 @@
 
 #include <string>
 
+/// Whoever read the output wants no more, which ends a subcommand quietly and well.
+struct ReaderGone {};
+
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
 /// error or nowhere.
 class Output {
 public:
     /// @param verbose diagnostics to standard error
     /// @param color   "always", "never", or "auto": on a terminal, unless NO_COLOR is set
+    /// @throws Failure
     Output(bool verbose, const std::string& color);
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -28,8 +32,7 @@ public:
     /// @p text in that style, where colour is wanted.
     std::string styled(Style style, const std::string& text) const;
 
-    /// Writes all of @p text. A reader that has gone, or a full disk, ends the process: quietly with status 0
-    /// the first, with a line and status 1 the second.
+    /// Writes all of @p text. @throws ReaderGone, Failure
     void write(const std::string& text) const;
 
 private:

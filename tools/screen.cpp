@@ -43,7 +43,10 @@ Screen::Screen(const Output& output) : m_output(output) {
 }
 
 Screen::~Screen() {
-    giveBack();
+    try {
+        giveBack();
+    } catch (...) { // the terminal has gone, and the process ends for that reason
+    }
 }
 
 void Screen::resume() const {
