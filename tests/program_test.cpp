@@ -5,6 +5,7 @@
 #include "one_interface.h"
 #include "profile_directory.h"
 #include "recorder.h"
+#include "stopped_stream.h"
 #include "wait.h"
 
 #include <UdpSocket/base/clock.h>
@@ -17,7 +18,6 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
-#include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -128,19 +128,7 @@ TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
     time += 8;
     hear("stays");
 
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    const std::string much(4096, 'x');
-    while (::write(ends[1], much.data(), much.size()) > 0) {
-    }
-    ::fcntl(ends[1], F_SETFL, 0);
-    std::fflush(stdout);
-    const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    ::dup2(ends[1], STDOUT_FILENO);
-    ::close(ends[1]);
-    std::setvbuf(stdout, nullptr, _IONBF, 0);
-    std::signal(SIGPIPE, SIG_IGN);
-
+    const StoppedStream output(stdout);
     std::thread prints([&] { client.query(); });
     const auto looksUp = std::async(std::launch::async, [&] {
         EXPECT_TRUE(comesTrue([&] { return client.getRadar().size() == 1; })) << "and then it prints";
@@ -151,10 +139,8 @@ TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
     });
     EXPECT_EQ(looksUp.wait_for(10s), std::future_status::ready);
 
-    ::close(ends[0]); // which ends the printing
+    output.fail();
     prints.join();
-    ::dup2(saved, STDOUT_FILENO);
-    ::close(saved);
 }
 
 TEST(Lines, WhatOthersWroteCannotMoveTheCursorOrForgeALine) {

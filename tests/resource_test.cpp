@@ -4,6 +4,7 @@
 #include "one_interface.h"
 #include "profile_directory.h"
 #include "recorder.h"
+#include "stopped_stream.h"
 
 #include <UdpSocket/base/timing.h>
 
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <future>
 
 namespace {
 
@@ -86,6 +88,18 @@ TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
 }
 
 /// As often as the environment variable CHURN_CYCLES says, or often enough for a test.
+TEST_F(Resources, FailureToListInterfacesIsPrintedWithoutTheLock) {
+    const StoppedStream errors(stderr);
+    const Fault fault("getifaddrs", EMFILE);
+    std::thread prints([this] { net::localIfaName(m_local); });
+    ASSERT_TRUE(comesTrue([&] { return fault.hit(); }));
+    auto lists = std::async(std::launch::async, [this] { return net::localIfaName(m_local); });
+    EXPECT_EQ(lists.wait_for(10s), std::future_status::ready);
+    errors.fail();
+    prints.join();
+    EXPECT_EQ(lists.get(), "eth0");
+}
+
 TEST_F(Resources, CreationAndDestructionLeakNothing) {
     const char* const text = std::getenv("CHURN_CYCLES");
     const size_t cycles = text != nullptr ? std::stoul(text) : 25;

@@ -9,10 +9,12 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 namespace net {
 
@@ -20,16 +22,46 @@ namespace {
 
 using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
 
-InterfaceList readInterfacesQuietly() {
+InterfaceList readInterfaces() {
     ifaddrs* first = nullptr;
     return InterfaceList(::getifaddrs(&first) == 0 ? first : nullptr, &::freeifaddrs);
 }
 
-InterfaceList readInterfaces() {
-    InterfaceList list = readInterfacesQuietly();
-    if (!list)
-        std::perror("get ifAddrs");
-    return list;
+/// What perror has to say of a call that failed.
+struct Failure {
+    const char* call = nullptr; // null: none failed
+    int error = 0;              // errno
+
+    void print() const {
+        if (call == nullptr)
+            return;
+        errno = error;
+        std::perror(call);
+    }
+};
+
+Failure failed(const char* call) {
+    return {call, errno};
+}
+
+constexpr const char* kListing = "get ifAddrs";
+
+/// Writes the hardware address of an interface to @p mac, as getMac() does.
+Failure readMac(char* mac, const char* ifname) {
+    const detail::Descriptor socket = detail::openSocket(SOCK_STREAM);
+    if (!socket.isOpen())
+        return failed("socket ");
+    ifreq request{};
+    if (std::strlen(ifname) >= sizeof request.ifr_name)
+        return {};
+    std::strcpy(request.ifr_name, ifname);
+    if (::ioctl(socket.get(), SIOCGIFHWADDR, &request) != 0)
+        return failed("ioctl ");
+    unsigned char bytes[6];
+    std::memcpy(bytes, request.ifr_hwaddr.sa_data, sizeof bytes);
+    std::sprintf(mac, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
+                 bytes[5]);
+    return {};
 }
 
 /// The entry's IPv4 address in network order; false for an entry of another family or without an address.
@@ -58,10 +90,14 @@ unsigned int sourceTowards(unsigned int destination) {
 
 std::mutex networkIfMutex;
 
-std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
-    std::lock_guard lock(networkIfMutex);
+namespace {
+
+/// Reads the table; nothing is printed, since the caller holds networkIfMutex.
+std::map<unsigned int, tNetworkInterface> readTable(std::vector<Failure>& failures) {
     std::map<unsigned int, tNetworkInterface> table;
     const InterfaceList list = readInterfaces();
+    if (!list)
+        failures.push_back(failed(kListing));
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
         in_addr address;
         if (!ipv4Address(*entry, address))
@@ -70,10 +106,22 @@ std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
         ::inet_ntop(AF_INET, &address, text, sizeof text);
         char mac[32] = "";
         if (entry->ifa_name != nullptr)
-            getMac(mac, entry->ifa_name);
+            failures.push_back(readMac(mac, entry->ifa_name));
         table.insert({address.s_addr, {text, mac, entry->ifa_name != nullptr ? entry->ifa_name : ""}});
     }
     table.erase(0);
+    return table;
+}
+
+} // namespace
+
+std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
+    std::vector<Failure> failures;
+    std::unique_lock lock(networkIfMutex);
+    auto table = readTable(failures);
+    lock.unlock();
+    for (const Failure& failure : failures)
+        failure.print();
     return table;
 }
 
@@ -95,8 +143,10 @@ std::string localIfaName(unsigned int ip) {
 
 std::set<unsigned int> localIpSet() {
     const InterfaceList list = readInterfaces();
-    if (!list)
+    if (!list) {
+        std::perror(kListing);
         return {0};
+    }
     std::set<unsigned int> addresses;
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
         in_addr address;
@@ -109,25 +159,8 @@ std::set<unsigned int> localIpSet() {
 }
 
 char* getMac(char* mac, char* ifname) {
-    if (mac == nullptr || ifname == nullptr)
-        return mac;
-    const detail::Descriptor socket = detail::openSocket(SOCK_STREAM);
-    if (!socket.isOpen()) {
-        std::perror("socket ");
-        return mac;
-    }
-    ifreq request{};
-    if (std::strlen(ifname) >= sizeof request.ifr_name)
-        return mac;
-    std::strcpy(request.ifr_name, ifname);
-    if (::ioctl(socket.get(), SIOCGIFHWADDR, &request) != 0) {
-        std::perror("ioctl ");
-        return mac;
-    }
-    unsigned char bytes[6];
-    std::memcpy(bytes, request.ifr_hwaddr.sa_data, sizeof bytes);
-    std::sprintf(mac, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
-                 bytes[5]);
+    if (mac != nullptr && ifname != nullptr)
+        readMac(mac, ifname).print();
     return mac;
 }
 
@@ -138,7 +171,7 @@ std::string deviceName(const std::string& interfaceName) {
 }
 
 std::string interfaceName(unsigned int localIp) {
-    const InterfaceList list = readInterfacesQuietly();
+    const InterfaceList list = readInterfaces();
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
         in_addr address;
         if (ipv4Address(*entry, address) && address.s_addr == localIp && entry->ifa_name != nullptr)

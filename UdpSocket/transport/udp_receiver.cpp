@@ -12,10 +12,10 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <mutex>
 
 namespace net {
 
@@ -50,15 +50,12 @@ bool askForBuffer(const detail::Descriptor& socket, int bytes, int& granted) {
 /// The system grants less than was asked without a word; where radars may go unheard, we say so once a
 /// process.
 void tellOfSmallBuffer(int asked, int granted) {
-    static std::once_flag said;
-    if (granted < std::min(2 * std::int64_t{asked}, std::int64_t{kFullPlan}))
-        std::call_once(said, [&] {
-            std::fprintf(
-                stderr,
-                "UdpReceiver: the system grants %d of %d bytes of receive buffer (net.core.rmem_max), "
-                "many radars at once may not all be heard\n",
-                granted / 2, asked); // the value read back counts what the system needs for itself
-        });
+    static std::atomic_flag s_said;
+    if (granted < std::min(2 * std::int64_t{asked}, std::int64_t{kFullPlan}) && !s_said.test_and_set())
+        std::fprintf(stderr,
+                     "UdpReceiver: the system grants %d of %d bytes of receive buffer (net.core.rmem_max), "
+                     "many radars at once may not all be heard\n",
+                     granted / 2, asked); // the value read back counts what the system needs for itself
 }
 
 } // namespace
