@@ -2,7 +2,7 @@
 #include <IniProfile/profile.h>
 #include <IniProfile/report.h>
 #include <UdpSocket/base/descriptor.h>
-#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -28,7 +28,6 @@ using iniprofile::reportOnce;
 using iniprofile::Value;
 using net::detail::Descriptor;
 using net::detail::Lock;
-using net::detail::Mutex;
 
 std::optional<bool> booleanOf(std::string_view text) {
     if (text.empty())
@@ -107,7 +106,7 @@ struct FileState {
 class Cache {
 public:
     /// The profile as it stands now. Reads, parses and reports without a lock.
-    std::shared_ptr<const Profile> at(const char* path) {
+    static std::shared_ptr<const Profile> at(const char* path) {
         struct stat status {};
         const bool exists = ::stat(path, &status) == 0;
         const FileState state(status);
@@ -126,33 +125,37 @@ private:
         FileState state;
         std::shared_ptr<const Profile> profile;
     };
+    using Entries = std::map<std::string, Entry, std::less<>>;
 
-    std::shared_ptr<const Profile> find(std::string_view path, const FileState& state) {
-        Lock lock(m_mutex);
-        const auto entry = m_entries.find(path);
-        return entry != m_entries.end() && entry->second.state == state ? entry->second.profile : nullptr;
+    /// Never destroyed: threads may read until the very end.
+    static Entries& entries() REQUIRES(s_mutex) {
+        static Entries& all = *new Entries;
+        return all;
     }
-    void keep(const char* path, Entry entry) {
+    static std::shared_ptr<const Profile> find(std::string_view path, const FileState& state) {
+        Lock lock(s_mutex);
+        const auto entry = entries().find(path);
+        return entry != entries().end() && entry->second.state == state ? entry->second.profile : nullptr;
+    }
+    static void keep(const char* path, Entry entry) {
         constexpr std::size_t kMaxFiles = 16;
-        Lock lock(m_mutex);
-        if (m_entries.size() == kMaxFiles)
-            m_entries.clear();
-        m_entries.insert_or_assign(path, std::move(entry));
+        Lock lock(s_mutex);
+        if (entries().size() == kMaxFiles)
+            entries().clear();
+        entries().insert_or_assign(path, std::move(entry));
     }
 
-    Mutex m_mutex;
-    std::map<std::string, Entry, std::less<>> m_entries GUARDED_BY(m_mutex);
+    static inline net::detail::StaticMutex s_mutex;
 };
 
 /// The value of a key, which keeps its profile; null where file, section or key is missing.
 std::shared_ptr<const Value> valueOf(const char* file, const char* section, const char* key) {
-    static Cache& profiles = *new Cache; // never destroyed: threads may read until the very end
     char path[PATH_MAX];
     if (!writePath(path, file)) {
         reportOnce(std::string(file) + ": cannot be read (its path is too long), defaults are used");
         return nullptr;
     }
-    const auto profile = profiles.at(path);
+    const auto profile = Cache::at(path);
     if (const auto found = profile->find(std::string_view(section)); found != profile->end())
         if (const auto value = found->second.find(std::string_view(key)); value != found->second.end())
             return {profile, &value->second};

@@ -1,5 +1,5 @@
 #include <IniProfile/report.h>
-#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 #include <cstdio>
 #include <set>
@@ -8,21 +8,24 @@ namespace iniprofile {
 
 namespace {
 
+using net::detail::Lock;
+
 constexpr std::size_t kMaxReports = 100; // lines that a process writes about its profiles
+
+net::detail::StaticMutex s_mutex;
+
+/// The subjects of the lines written. Never destroyed: threads may read until the very end.
+std::set<std::string>& written() REQUIRES(s_mutex) {
+    static std::set<std::string>& subjects = *new std::set<std::string>;
+    return subjects;
+}
 
 } // namespace
 
 void reportOnce(const std::string& line, const std::string& subject) {
-    using net::detail::Lock;
-    using net::detail::Mutex;
-    struct Written {
-        Mutex mutex;
-        std::set<std::string> subjects GUARDED_BY(mutex);
-    };
-    static auto& written = *new Written; // never destroyed: threads may read until the very end
     {
-        Lock lock(written.mutex);
-        if (written.subjects.size() == kMaxReports || !written.subjects.insert(subject).second)
+        Lock lock(s_mutex);
+        if (written().size() == kMaxReports || !written().insert(subject).second)
             return;
     }
     std::fprintf(stderr, "%s\n", line.c_str());

@@ -5,9 +5,11 @@
 
 namespace net::detail {
 
+StaticMutex LineLimit::s_mutex;
+
 bool LineLimit::admit(unsigned long& leftOut) {
     const auto now = std::chrono::steady_clock::now();
-    Lock lock(m_mutex);
+    Lock lock(s_mutex);
     if (now - m_second >= std::chrono::seconds(1)) {
         m_second = now;
         m_printed = 0;

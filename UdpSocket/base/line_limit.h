@@ -2,7 +2,7 @@
 /// A bound on the lines of one kind that others can make the library print.
 #pragma once
 
-#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 #include <chrono>
 #include <cstdio>
@@ -25,11 +25,12 @@ public:
     static void tell(std::FILE* stream, unsigned long leftOut);
 
 private:
+    static StaticMutex s_mutex; // of all limits
+
     const unsigned int m_perSecond;
-    Mutex m_mutex;
-    std::chrono::steady_clock::time_point m_second GUARDED_BY(m_mutex){}; // when the one at hand began
-    unsigned int m_printed GUARDED_BY(m_mutex) = 0;                       // in it
-    unsigned long m_leftOut GUARDED_BY(m_mutex) = 0;                      // since the last line
+    std::chrono::steady_clock::time_point m_second GUARDED_BY(s_mutex){}; // when the one at hand began
+    unsigned int m_printed GUARDED_BY(s_mutex) = 0;                       // in it
+    unsigned long m_leftOut GUARDED_BY(s_mutex) = 0;                      // since the last line
 };
 
 } // namespace net::detail

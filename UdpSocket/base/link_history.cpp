@@ -28,14 +28,11 @@ Descriptor openLinkMessages() {
     return socket;
 }
 
-struct Shared {
-    Mutex mutex;
-    std::map<std::uint64_t, std::weak_ptr<LinkHistory>> histories GUARDED_BY(mutex); // by network
-};
+StaticMutex s_mutex;
 
-/// Never destroyed: threads may ask while the program ends.
-Shared& shared() {
-    static Shared& all = *new Shared;
+/// By network. Never destroyed: threads may ask while the program ends.
+std::map<std::uint64_t, std::weak_ptr<LinkHistory>>& histories() REQUIRES(s_mutex) {
+    static auto& all = *new std::map<std::uint64_t, std::weak_ptr<LinkHistory>>;
     return all;
 }
 
@@ -47,10 +44,9 @@ std::uint64_t thisNetwork() {
 }
 
 std::shared_ptr<LinkHistory> LinkHistory::ofThisNetwork() {
-    Shared& all = shared();
-    Lock lock(all.mutex);
-    std::weak_ptr<LinkHistory>& known = all.histories[thisNetwork()];
-    if (auto history = known.lock())
+    Lock lock(s_mutex);
+    std::weak_ptr<LinkHistory>& known = histories()[thisNetwork()];
+    if (auto history = known.lock(); history && history->inOwnProcess())
         return history;
     Descriptor messages = openLinkMessages();
     if (!messages.isOpen())

@@ -4,6 +4,7 @@
 
 #include <UdpSocket/base/descriptor.h>
 #include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 #include <cstdint>
 #include <map>
@@ -21,8 +22,8 @@ std::uint64_t thisNetwork();
 /// that the group is joined. The kernel's messages about links do.
 ///
 /// Shared by all who ask in one network namespace; no thread of its own: whoever asks reads what has come.
-/// Any thread.
-class LinkHistory {
+/// Any thread. A child made by fork has one of its own, or it would take messages away from its parent.
+class LinkHistory : public ProcessBound {
 public:
     /// The history of the calling thread's network. Null where the system has no socket for it.
     static std::shared_ptr<LinkHistory> ofThisNetwork();

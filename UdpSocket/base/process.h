@@ -1,6 +1,8 @@
 /// @file
-/// Objects belong to the process that made them.
+/// What belongs to one process: the objects that it made, and the locks that its threads hold.
 #pragma once
+
+#include <UdpSocket/base/mutex.h>
 
 namespace net::detail {
 
@@ -24,5 +26,16 @@ void destroy(Private* object) {
     if (object->inOwnProcess())
         delete object;
 }
+
+/// A mutex of static storage. A fork waits until nobody holds it, since a child would never see it free
+/// again: so its holders never wait, print, run a callback or take another lock.
+class StaticMutex : public Mutex {
+public:
+    StaticMutex() noexcept;
+
+private:
+    friend class Forks;
+    StaticMutex* m_next; // of all that there are
+};
 
 } // namespace net::detail

@@ -1,12 +1,12 @@
 #include <UdpSocket/base/timing.h>
 
-#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 namespace net::detail {
 
 namespace {
 
-Mutex s_mutex;
+StaticMutex s_mutex;
 Timing s_timing GUARDED_BY(s_mutex);
 
 } // namespace

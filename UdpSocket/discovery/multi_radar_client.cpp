@@ -20,7 +20,7 @@ constexpr int kDefaultRecordStream = 101; // selects the default record for any 
 constexpr int kRecords = 1; // that the table holds of a name
 
 /// The record found last, one for the process: what getAddress returns points into it.
-net::detail::Mutex s_lookupMutex;
+net::detail::StaticMutex s_lookupMutex;
 RadarAddress s_data GUARDED_BY(s_lookupMutex);
 
 net::detail::LineLimit s_removalLines;

@@ -1,7 +1,7 @@
 #include <UdpSocket/discovery/record_text.h>
 
 #include <UdpSocket/base/line_limit.h>
-#include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -11,7 +11,7 @@
 
 namespace {
 
-net::detail::Mutex s_mutex;
+net::detail::StaticMutex s_mutex;
 
 /// Never destroyed: threads may print while the program ends.
 std::string& lastPrinted() REQUIRES(s_mutex) {

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -91,6 +92,10 @@ unsigned int sourceTowards(unsigned int destination) {
 std::mutex networkIfMutex;
 
 namespace {
+
+// It guards no data, and a program may hold it where it forks, so forks do not wait for it.
+[[maybe_unused]] const int s_freeInChildren =
+    ::pthread_atfork(nullptr, nullptr, [] { std::construct_at(&networkIfMutex); });
 
 /// Reads the table; nothing is printed, since the caller holds networkIfMutex.
 std::map<unsigned int, tNetworkInterface> readTable(std::vector<Failure>& failures) {
