@@ -15,6 +15,7 @@
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/discovery/multi_radar_client.h>
 #include <UdpSocket/protocol/announcement.h>
+#include <UdpSocket/protocol/wire.h>
 
 #include <gmock/gmock.h>
 
@@ -111,6 +112,46 @@ TEST_F(Program, ForkedChildFindsEveryLockFreeWhoeverHeldIt) {
     }
 }
 #endif
+
+TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
+    struct Exits final : net::iUdpDataListener, net::iUdpCheckerListener, iMultiRadarCheckerListener {
+        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
+            std::exit(7);
+        }
+        void OnUdpCheckerIpFound(unsigned int) override { std::exit(7); }
+        void OnLocalIpChanged(unsigned int) override { std::exit(7); }
+    };
+    static Exits s_exits;
+    const std::function<void()> programs[] = {
+        [this] { static const net::UdpReceiver s_receiver(&s_exits, m_local, kGroup, 5000, 64); },
+        [this] {
+            static net::UdpSocket s_socket(&s_exits, 64);
+            s_socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
+        },
+        [] {
+            static net::UdpChecker s_checker(kGroup, 5000, "x");
+            s_checker.addListener(&s_exits);
+        },
+        [] { static const HostNegotiator s_negotiator([] { std::exit(7); }, nullptr); },
+        [this] {
+            MultiRadarClient::getInstance()->addListener(&s_exits);
+            MultiRadarClient::getInstance()->setLocalIP(m_local);
+        },
+    };
+    const ProfileDirectory profile;
+    const auto run = [this](const std::function<void()>& begin) {
+        ::alarm(60);
+        net::UdpSender reset(wire::kNegotiation.address, wire::kNegotiation.port, m_local, 0);
+        reset.setMulticastLoop(true);
+        begin();
+        for (;; std::this_thread::sleep_for(10ms)) {
+            m_sender.sendData("x", 1);
+            reset.sendData(wire::kReset.data(), static_cast<int>(wire::kReset.size()));
+        }
+    };
+    for (const auto& begin : programs)
+        EXPECT_EXIT(run(begin), testing::ExitedWithCode(7), "") << &begin - programs;
+}
 
 TEST_F(Program, SignalsOfFaultsAndProfilersReachCallbacksAndNoOthersDo) {
     struct Looks final : net::iUdpDataListener {

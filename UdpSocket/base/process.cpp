@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <utility>
 
 namespace net::detail {
 
@@ -10,6 +11,8 @@ namespace {
 
 std::atomic<unsigned int> s_generation = 0;
 std::atomic<StaticMutex*> s_mutexes = nullptr;
+
+thread_local const ProcessBound::Call* t_call = nullptr; // the innermost
 
 } // namespace
 
@@ -39,6 +42,24 @@ namespace {
 
 unsigned int forkGeneration() noexcept {
     return s_generation.load(std::memory_order_relaxed);
+}
+
+ProcessBound::Call::Call(const ProcessBound& caller) noexcept
+    : m_caller(caller), m_outer(std::exchange(t_call, this)) {}
+ProcessBound::Call::~Call() {
+    t_call = m_outer;
+}
+
+bool ProcessBound::isCalling() const noexcept {
+    for (const Call* call = t_call; call != nullptr; call = call->m_outer)
+        if (&call->m_caller == this)
+            return true;
+    return false;
+}
+
+StaticMutex::StaticMutex() noexcept : m_next(s_mutexes) {
+    while (!s_mutexes.compare_exchange_weak(m_next, this)) {
+    }
 }
 
 } // namespace net::detail

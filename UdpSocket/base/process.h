@@ -15,15 +15,32 @@ class ProcessBound {
 public:
     bool inOwnProcess() const noexcept { return m_generation == forkGeneration(); }
 
+    /// Stands while an object runs a callback on a thread that its destructor would wait for.
+    class Call {
+    public:
+        explicit Call(const ProcessBound& caller) noexcept;
+        ~Call();
+        Call(const Call&) = delete;
+        Call& operator=(const Call&) = delete;
+
+    private:
+        friend class ProcessBound;
+        const ProcessBound& m_caller;
+        const Call* const m_outer; // on the same thread
+    };
+    /// Whether the calling thread is inside a Call of this object.
+    bool isCalling() const noexcept;
+
 private:
     const unsigned int m_generation = forkGeneration();
 };
 
 /// Deletes an implementation object in the process that made it. In a child it is left as it is, neither shut
-/// nor joined nor freed: the child's exit ends at once, and the parent notices nothing.
+/// nor joined nor freed: the child's exit ends at once, and the parent notices nothing. So it is inside one
+/// of its own callbacks, where exit alone may destroy it.
 template <class Private>
 void destroy(Private* object) {
-    if (object->inOwnProcess())
+    if (object->inOwnProcess() && !object->isCalling())
         delete object;
 }
 

@@ -218,6 +218,7 @@ void MultiRadarCheckerPrivate::makeCurrent(unsigned int localIp) {
         std::puts("ERROR LOGIC HAPPENED!!!");
     net::detail::Lock lock(m_lock);
     m_current = localIp;
+    const Call call(*this);
     for (iMultiRadarCheckerListener* listener : m_listeners)
         listener->OnLocalIpChanged(localIp);
 }

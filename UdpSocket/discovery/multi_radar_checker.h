@@ -3,6 +3,7 @@
 #pragma once
 
 #include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/protocol/interface_search.h>
 #include <UdpSocket/udpsocket.h>
@@ -20,7 +21,7 @@ class InterfaceProbe;
 ///
 /// Threads: one checker thread from construction to stop(), which alone drives the search, and while a phase
 /// of a search opens its sockets one thread for each local address, which the checker thread joins.
-class MultiRadarCheckerPrivate {
+class MultiRadarCheckerPrivate : public net::detail::ProcessBound {
 public:
     /// Reads "Local"/"NetName" and "Local"/"IP" of profile.ini and starts.
     /// @param owner  the first listener; its OnLocalIpChanged may come before this constructor returns

@@ -202,7 +202,8 @@ MultiRadarClient* MultiRadarClient::m_instance = nullptr;
 
 MultiRadarClient::MultiRadarClient() : d(new MultiRadarClientPrivate) {}
 MultiRadarClient::~MultiRadarClient() {
-    net::detail::destroy(d);
+    if (!d->checker().isCalling()) // see destroy()
+        net::detail::destroy(d);
 }
 
 MultiRadarClient* MultiRadarClient::getInstance() {

@@ -200,8 +200,10 @@ public:
           m_receiver(net::detail::makeReceiver(this, wire::kNegotiation, kAnyInterface)) {}
 
     void OnUdpGroupDataReceived(const char*, int, const char*, int, const char* data, int length) override {
-        if (Login::receive(m_login, {data, static_cast<std::size_t>(length)}) && m_onReset)
-            m_onReset();
+        if (!Login::receive(m_login, {data, static_cast<std::size_t>(length)}) || !m_onReset)
+            return;
+        const Call call(*this);
+        m_onReset();
     }
     virtual ~HostNegotiatorPrivate() {
         m_receiver.reset(); // no objection starts another login from here on

@@ -217,6 +217,7 @@ void UdpCheckerPrivate::store(unsigned int foundIp) {
         detail::Lock lock(m_mutex);
         m_foundIp = 0;
     });
+    const Call call(*this);
     for (iUdpCheckerListener* listener : listeners)
         listener->OnUdpCheckerIpFound(foundIp);
     told = true;

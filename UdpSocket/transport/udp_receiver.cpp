@@ -165,6 +165,7 @@ void UdpReceiverPrivate::receive(detail::SourceText& sourceText) {
     const detail::Received received = detail::receiveFrom(m_socket, m_buffer.get(), m_bufferSize);
     if (received.count > 0 && m_listener != nullptr) {
         detail::runStep("UdpReceiver: a datagram", [&] {
+            const Call call(*this);
             m_listener->OnUdpGroupDataReceived(sourceText.of(received.source.sin_addr),
                                                ntohs(received.source.sin_port), address().c_str(), port(),
                                                m_buffer.get(), static_cast<int>(received.count));

@@ -113,6 +113,7 @@ void UdpSocketPrivate::receiveThread() {
         const detail::Received received = detail::receiveFrom(m_socket, m_buffer.get(), m_bufferSize);
         if (received.count > 0) {
             detail::runStep("UdpSocket: a datagram", [&] {
+                const Call call(*this);
                 m_listener->OnUdpGroupDataReceived(sourceText.of(received.source.sin_addr),
                                                    ntohs(received.source.sin_port),
                                                    m_errors.address().c_str(), m_errors.port(),
