@@ -4,6 +4,7 @@
 #include <ini.h>
 
 #include <algorithm>
+#include <exception>
 
 namespace iniprofile {
 
@@ -44,15 +45,32 @@ public:
         if (m_rest.substr(0, 3) == "\xEF\xBB\xBF")
             m_rest.remove_prefix(3);
         ini_parse_stream(&Parser::onLine, this, &Parser::onEntry, this); // its faults are told in feed()
+        if (m_failure)
+            std::rethrow_exception(m_failure);
         return std::move(m_profile);
     }
 
 private:
     static char* onLine(char* buffer, int size, void* parser) {
-        return static_cast<Parser*>(parser)->feed(buffer, static_cast<size_t>(size));
+        auto* const self = static_cast<Parser*>(parser);
+        if (self->m_failure)
+            return nullptr;
+        return self->keepFailure([&] { return self->feed(buffer, static_cast<size_t>(size)); });
     }
     static int onEntry(void* parser, const char*, const char* key, const char*) {
-        return static_cast<Parser*>(parser)->take(key);
+        auto* const self = static_cast<Parser*>(parser);
+        return self->keepFailure([&] { return self->take(key); });
+    }
+    /// Nothing is thrown through inih: it is C, and where it has no unwind tables (on armhf), that would end
+    /// the process. @return a null pointer or 0 where @p step has thrown
+    template <class Step>
+    auto keepFailure(Step step) -> decltype(step()) {
+        try {
+            return step();
+        } catch (...) {
+            m_failure = std::current_exception();
+            return {};
+        }
     }
 
     char* feed(char* buffer, size_t size);
@@ -65,6 +83,7 @@ private:
     int m_number = 0;              // of m_line
     std::string m_section;         // that m_line stands in
     const char* m_fault = nullptr; // what is wrong with m_line if inih does not make an entry of it
+    std::exception_ptr m_failure;  // ends the reading
     Profile m_profile;
 };
 

@@ -1,3 +1,4 @@
+#include "failing_memory.h"
 #include "profile_directory.h"
 #include "recorder.h"
 
@@ -8,11 +9,24 @@
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <new>
 #include <sstream>
+
+using ReadLine = char* (*)(char*, int, void*);
+using TakeEntry = int (*)(void*, const char*, const char*, const char*);
+extern "C" __attribute__((visibility("default"))) int ini_parse_stream(ReadLine, void*, TakeEntry,
+                                                                       void*) noexcept;
+
+/// inih's, through which nothing can be thrown, as on machines where it has no unwind tables.
+int ini_parse_stream(ReadLine line, void* stream, TakeEntry entry, void* user) noexcept {
+    using Parse = int(ReadLine, void*, TakeEntry, void*);
+    return reinterpret_cast<Parse*>(::dlsym(RTLD_NEXT, "ini_parse_stream"))(line, stream, entry, user);
+}
 
 namespace {
 
@@ -181,6 +195,21 @@ TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndIsQuotedInTheManual) {
     EXPECT_EQ(textOf("Local", "IP"), "0.0.0.0");
     EXPECT_EQ(textOf("Radar", "TCPService"), "false");
     EXPECT_EQ(textOf("Local", "MulticastLoop"), "false");
+}
+
+TEST_F(Profile, MemoryThatRunsOutReachesTheCaller) {
+    write("[Local]\nNetName = a name that takes memory\nbroken\nIP = 10.0.0.1\n");
+    const std::string errors = errOf([] {
+        for (long first = 1, hit = 1; hit != 0; ++first) {
+            const FailingMemory failing(first, FailingMemory::Threads::kOwn);
+            try {
+                textOf("Local", "IP");
+            } catch (const std::bad_alloc&) {
+            }
+            hit = failing.hit();
+        }
+    });
+    EXPECT_EQ(textOf("Local", "IP"), "10.0.0.1");
 }
 
 TEST_F(Profile, ConcurrentLookUpsWorkAndReportsAreLimited) {
