@@ -1,6 +1,7 @@
 // The library in the process it lives in: one that forks, takes signals, stops its output, stands in
 // debuggers.
 
+#include "commands.h"
 #include "everything.h"
 #include "one_interface.h"
 #include "profile_directory.h"
@@ -344,6 +345,17 @@ TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsRepla
         while (m_recorder.next(0ms)) {
         }
         EXPECT_TRUE(comesTrue([&] { return hears(); })) << "after the child's end";
+    }
+}
+
+TEST_F(ReceiverOnAnInterface, HearsAgainWhileTheCommandOfAnEarlierRepairHangs) {
+    const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+    const Commands commands;
+    for (const char* name : {"sudo", "route"})
+        commands.add(name, "exec sleep 60"); // of which a repair waits 5 seconds
+    for (int i = 0; i < 2; ++i) {
+        replaceInterface();
+        EXPECT_LT(timeOf([&] { EXPECT_TRUE(comesTrue([&] { return hears(); })); }), 4s);
     }
 }
 

@@ -1,3 +1,4 @@
+#include "commands.h"
 #include "faults.h"
 #include "one_interface.h"
 #include "profile_directory.h"
@@ -188,26 +189,19 @@ TEST(ShellCommand, PrintsOnlyWhatSucceeded) {
 
 TEST_F(Udp, RouteIsAddedWithSudoThenWithoutAndOnlyForAValidAddress) {
     ASSERT_EQ(std::system("ip addr add 10.1.0.7/24 dev eth0 label eth0:1"), 0);
-    const ProfileDirectory bin; // "sudo" and "route" write down how they were called; "sudo" hangs
+    const Commands bin; // "sudo" and "route" write down how they were called; "sudo" hangs
     const std::string log = bin.path() / "calls";
     for (const auto& [name, state, end] :
          {std::tuple{"sudo", "grep -E 'SigBlk|SigIgn' /proc/self/status; readlink /proc/self/fd/0",
                      "exec sleep 60"},
-          {"route", ":", ":"}}) {
-        bin.write("#!/bin/sh\n{ echo " + std::string(name) + " \"$@\"; " + state + "; } >> " + log + "\n" +
-                      end + "\n",
-                  name);
-        std::filesystem::permissions(bin.path() / name, std::filesystem::perms::owner_all);
-    }
-    const std::string path = ::getenv("PATH");
-    ::setenv("PATH", (bin.path().string() + ":" + path).c_str(), 1);
+          {"route", ":", ":"}})
+        bin.add(name, "{ echo " + std::string(name) + " \"$@\"; " + state + "; } >> " + log + "\n" + end);
     std::signal(SIGPIPE, SIG_IGN);
     const std::string unsafe = "10.1.0.1 ; touch " + (bin.path() / "injected").string();
     const net::UdpReceiver unsafeReceiver(&m_recorder, m_local, unsafe.c_str(), 5000, 64);
     std::optional<net::UdpReceiver> receiver;
     EXPECT_LT(timeOf([&] { receiver.emplace(nullptr, net::transAddr("10.1.0.7"), kGroup, 5000, 64); }), 40s)
         << "the command sleeps for a minute";
-    ::setenv("PATH", path.c_str(), 1);
     std::ifstream calls(log);
     EXPECT_THAT(std::string(std::istreambuf_iterator<char>(calls), {}),
                 MatchesRegex("sudo route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"

@@ -78,8 +78,7 @@ UdpReceiverPrivate::~UdpReceiverPrivate() {
     }
     if (m_thread.joinable())
         m_thread.join();
-    if (m_route.joinable())
-        m_route.join();
+    endRoute();
 }
 
 void UdpReceiverPrivate::report(Attempt attempt, const detail::ReportSite& site) const {
@@ -129,21 +128,29 @@ void UdpReceiverPrivate::setUp(Attempt attempt) {
         addRouteBesides(name);
 }
 
-/// Runs the route command for the interface of this name, as long as nobody ends the receiver.
+/// Runs the route command for the interface of this name, as long as nobody ends it.
 void UdpReceiverPrivate::addRoute(const std::string& name) {
     if (!detail::isDottedQuad(address()) || !detail::isInterfaceName(name))
         return;
     const std::string route = "route add -net " + address() + " netmask 255.255.255.255 " + name;
-    if (!detail::runCommandWithin("sudo " + route, kSudoLimit, m_ending))
-        detail::runCommandWithin(route, kCommandLimit, m_ending); // fails harmlessly where it stands already
+    if (!detail::runCommandWithin("sudo " + route, kSudoLimit, m_routeEnding))
+        detail::runCommandWithin(route, kCommandLimit,
+                                 m_routeEnding); // fails harmlessly where it stands already
 }
 
-/// The same on a thread of its own, so that the new socket is read meanwhile.
+/// The same on a thread of its own, so that the new socket is read meanwhile, also where the command of an
+/// earlier repair hangs.
 void UdpReceiverPrivate::addRouteBesides(const std::string& name) {
-    if (m_route.joinable())
-        m_route.join(); // an earlier repair's, which has had its time
+    endRoute();
+    m_routeEnding.reset();
     detail::launchThread(m_route, "radar-route",
                          [this, name] { detail::runStep("UdpReceiver: a route", [&] { addRoute(name); }); });
+}
+
+void UdpReceiverPrivate::endRoute() {
+    m_routeEnding.stop();
+    if (m_route.joinable())
+        m_route.join();
 }
 
 void UdpReceiverPrivate::recvThread() {

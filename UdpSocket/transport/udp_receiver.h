@@ -50,6 +50,7 @@ private:
     void setUp(Attempt attempt);
     void addRoute(const std::string& name);
     void addRouteBesides(const std::string& name);
+    void endRoute();
     void recvThread();
     void receive(detail::SourceText& sourceText);
     void repair();
@@ -67,6 +68,7 @@ private:
     std::uint64_t m_removals = 0; // of the interface, as m_links counts
     bool m_joined = false;        // or there was nothing to join
     std::thread m_route;          // runs the command of a repair
+    detail::Pause m_routeEnding;  // of that command
 
     detail::Mutex
         m_socketMutex; // also guards m_socket, which the receive thread alone replaces, and reads without it
