@@ -27,9 +27,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 
@@ -273,6 +275,29 @@ TEST_F(Program, ListenerMaySetTheAddressWhileTheClientIsDestroyed) {
         EXPECT_TRUE(comesTrue([&] { return listener.called.load(); }, 60s));
         listener.destroyed = true; // from now on, before the listener looks again
     }
+}
+
+TEST_F(Program, DestroyedClientStartsNoFurtherCommand) {
+    net::detail::Timing timing;
+    timing.search.beacons = 50ms;
+    net::detail::setTiming(timing);
+    ASSERT_EQ(std::system("ip addr add 10.1.0.2/24 dev eth0"), 0);
+    const Commands commands; // a receiver of the radars' answers waits for its own
+    const std::string log = commands.path() / "calls";
+    commands.add("sudo", "case \"$*\" in *" + std::string(wire::kDiscovery.address) + "*) echo call >> " +
+                             log + "; sleep 1 ;; esac");
+    net::UdpSender beacons(wire::kBeacon.address, wire::kBeacon.port, m_local, 0);
+    beacons.setMulticastLoop(true);
+    const auto calls = [&] {
+        std::ifstream lines(log);
+        return std::count(std::istreambuf_iterator<char>(lines), {}, '\n');
+    };
+    {
+        const MultiRadarClient client;
+        EXPECT_TRUE(comesTrue([&] { return beacons.sendData("aabbccdd", 8) == 8 && calls() > 0; }));
+    }
+    EXPECT_EQ(calls(), 1) << "though beacons came on both addresses";
+    std::system("ip addr del 10.1.0.2/24 dev eth0");
 }
 
 TEST_F(Program, NegotiatorThatACallbackDestroysTakesAllAlongButTheCallingThread) {

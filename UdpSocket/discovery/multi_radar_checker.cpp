@@ -154,7 +154,7 @@ MultiRadarCheckerPrivate::TimePoint MultiRadarCheckerPrivate::applyConfigured(un
     m_probes.clear();
     if (changed)
         makeCurrent(localIp);
-    m_repair();
+    repair();
     return TimePoint::clock::now() + net::detail::timing().search.pause;
 }
 
@@ -172,12 +172,13 @@ MultiRadarCheckerPrivate::TimePoint MultiRadarCheckerPrivate::continueSearch() {
                                      : "Find a Radar new ip:%x old ip:%x\n",
                     result->addresses.front(), result->previous);
         for (const unsigned int address : result->addresses)
-            makeCurrent(address);
+            if (isRunning())
+                makeCurrent(address);
     }
     if (m_search.phase() != Phase::Pause)
         return m_search.phaseEnd();
     if (before != Phase::Pause)
-        m_repair();
+        repair();
     return std::min(m_search.phaseEnd(), TimePoint::clock::now() + net::detail::timing().addressLook);
 }
 
@@ -211,6 +212,16 @@ void MultiRadarCheckerPrivate::openProbes() {
             std::fprintf(stderr, "MultiRadarClient: %s is not searched this time: no thread (%s)\n",
                          net::transAddr(addresses[i]), std::strerror(errno));
     }
+}
+
+bool MultiRadarCheckerPrivate::isRunning() const {
+    net::detail::Lock lock(m_controlMutex);
+    return m_running;
+}
+
+void MultiRadarCheckerPrivate::repair() {
+    if (isRunning())
+        m_repair();
 }
 
 void MultiRadarCheckerPrivate::makeCurrent(unsigned int localIp) {

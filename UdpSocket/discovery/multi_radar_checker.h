@@ -46,6 +46,8 @@ private:
     void enterPhase();
     void openProbes();
     void makeCurrent(unsigned int localIp);
+    void repair();
+    bool isRunning() const;
     unsigned int currentAddress() const;
 
     mutable net::detail::Mutex m_lock; // held while listeners are called
@@ -56,7 +58,7 @@ private:
     protocol::InterfaceSearch m_search; // this and the probes: checker thread only
     std::vector<std::unique_ptr<InterfaceProbe>> m_probes;
 
-    net::detail::Mutex m_controlMutex;
+    mutable net::detail::Mutex m_controlMutex;
     net::detail::Condition m_control; // m_running or m_configured has changed
     bool m_running GUARDED_BY(m_controlMutex) = true;
     unsigned int m_configured GUARDED_BY(m_controlMutex) = 0; // network order, 0 = search
