@@ -59,7 +59,7 @@ public:
     void removeListener(iMultiRadarCheckerListener* listener);
 
     /// Sets the local address to use, network order; it is taken up within 5 seconds. 0 searches for it
-    /// again.
+    /// again, and so does what net::transAddr makes of text that is no address (all ones).
     void setLocalIP(unsigned int ip);
 
     /// Removes the radars that were not heard for 8 seconds and asks all radars to announce themselves.

@@ -7,6 +7,8 @@
 #include <UdpSocket/transport/interfaces.h>
 #include <UdpSocket/transport/protocol_sockets.h>
 
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -118,7 +120,7 @@ void MultiRadarCheckerPrivate::removeListener(iMultiRadarCheckerListener* listen
 void MultiRadarCheckerPrivate::setLocalIP(unsigned int ip) {
     {
         net::detail::Lock lock(m_controlMutex);
-        m_configured = ip;
+        m_configured = ip == INADDR_NONE ? 0 : ip;
     }
     m_control.notify_all();
 }
