@@ -40,7 +40,7 @@ public:
             period.to = now;
             period.localAtEnd = local;
             require(now - period.from >= kListening, "a listening period lasts 3 seconds");
-            require(now - period.from <= kListening + kSlack, "a listening period ends after 3 seconds");
+            requireEnd(period);
         } else if (!to.empty()) {
             require(now - m_searchEnd >= kPause || local != m_searched, "searches pause for 5 seconds");
             m_periods.clear();
@@ -103,8 +103,10 @@ public:
 
     /// At any time.
     void look(const Addresses& local) const {
-        if (isSearching())
+        if (isSearching()) {
+            requireEnd(m_periods.back());
             return;
+        }
         const Time paused = m_lan.now() - m_searchEnd;
         require(paused <= kPause + kSlack, "a pause ends after 5 seconds");
         require(local == m_searched || std::min(paused, m_lan.now() - m_moved) <= kLook + kSlack,
@@ -137,6 +139,10 @@ private:
             return both;
         }
     };
+
+    void requireEnd(const Period& period) const {
+        require(m_lan.now() - period.from <= kListening + kSlack, "a listening period ends after 3 seconds");
+    }
 
     bool isSearching() const { return !m_periods.empty() && m_periods.back().to == 0; }
 
