@@ -13,7 +13,8 @@ class HostNegotiatorPrivate;
 /// Once logged in, the negotiator gives its id up when somebody objects to it (a display does so to renumber
 /// a host) and negotiates another. Only the holder of id 1 objects to the claims of others, and to every
 /// claim: two hosts can come to hold one id from 16 to 63, and a display that sees it can make both
-/// renumber.
+/// renumber. A claim that cannot be sent, or is lost on its way, counts as unopposed: log in once there are
+/// an address and a route to the group.
 ///
 /// The random ids follow from the millisecond in which the negotiator was made, and the generator's first
 /// draws differ little: hosts that were switched on within some 2.7 seconds, or whose clocks all start at one

@@ -60,7 +60,8 @@ public:
 /// it takes one to receive again after the interface was replaced, which a UdpReceiver does by itself. A call
 /// that fails without waiting is reported and repeated ten times a second.
 /// Threads: one receive thread while receiving. SendData may be called from any thread; the set-up calls and
-/// the destructor must not overlap with each other or with SendData.
+/// the destructor must not overlap with each other or with SendData, nor be made by the listener: they wait
+/// for it.
 class __attribute__((visibility("default"))) UdpSocket {
 public:
     /// @param listener   hears the datagrams; may not be null once the object receives
