@@ -8,6 +8,7 @@
 
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -94,6 +95,11 @@ void Inlet::retire() {
     if (m_feed)
         m_feed->end();
     net::detail::wakeReader(m_socket);
+}
+
+bool Inlet::isReadable() const {
+    pollfd ready{m_socket.get(), POLLIN, 0};
+    return ::poll(&ready, 1, 0) > 0 && (ready.revents & POLLIN) != 0;
 }
 
 std::uint64_t Inlet::droppedHere() const {

@@ -34,6 +34,7 @@ public:
     /// Nothing more comes in: what waits can still be received, and a thread that waits for more comes back.
     void retire();
     bool isRetired() const { return m_retired; }
+    bool isReadable() const; ///< something waits to be received
 
     void noteData(Membership::Time arrival) {
         if (m_membership)

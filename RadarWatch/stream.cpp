@@ -108,8 +108,9 @@ void StreamPrivate::act(Time now) {
 }
 
 detail::Arrivals StreamPrivate::arrivals() {
+    const bool waiting = m_newest && m_newest->isReadable(); // asked first: what is taken meanwhile counts
     Lock lock(m_mutex);
-    return {m_arrivals.datagrams(), m_arrivals.last(), m_arrivals.takeLongestGap()};
+    return {m_arrivals.datagrams(), m_arrivals.last(), m_arrivals.takeLongestGap(), waiting};
 }
 
 void StreamPrivate::open(Time now) {

@@ -18,6 +18,7 @@ constexpr nanoseconds kShortestSilence = 2s;  // a revolution of a slow antenna'
 constexpr int kUsualGaps = 3;                 // that a silence lasts at least
 constexpr nanoseconds kLongestUsualGap = 20s; // a longer one is a standby, of which nothing is learnt
 constexpr nanoseconds kGapMemory = 5min;
+constexpr nanoseconds kStandstill = 3s; // between two steps, of which there is one a second
 
 // From when a silence is told.
 constexpr nanoseconds kRejoins[] = {1s, 8s, 58s};
@@ -107,11 +108,14 @@ void StreamFollower::aim(std::optional<Target> target, Why lacking) {
 StreamFollower::Act StreamFollower::step(Time now, const Arrivals& arrivals) {
     m_events.reserve(m_events.size() + kMostEvents);
     noteArrivals(now, arrivals);
+    const bool stoodStill = now - std::exchange(m_lastStep, now) > kStandstill;
+    if (arrivals.waiting || stoodStill)
+        m_late = now;
     if (m_target && (!m_open || !isSame(*m_open, *m_target)))
         return Act::Open;
     if (!m_open)
         return Act::None;
-    const nanoseconds silence = now - m_since;
+    const nanoseconds silence = now - std::max(m_since, m_late);
     if (!m_target) // datagrams that still come say more than announcements that do not
         return silence >= kShortestSilence ? Act::Close : Act::None;
     if (m_flow == Flow::Flowing && silence >= silenceThreshold()) {
@@ -133,7 +137,8 @@ void StreamFollower::noteArrivals(Time now, const Arrivals& arrivals) {
         return;
     m_count = arrivals.count;
     const Time resumed = m_since + arrivals.longestGap; // after a silence
-    const bool reminded = m_rejoinedAt && resumed - *m_rejoinedAt <= kRejoinEffect;
+    const bool reminded =
+        m_rejoinedAt && resumed >= *m_rejoinedAt && resumed - *m_rejoinedAt <= kRejoinEffect;
     if (m_flow == Flow::Silent && m_open)
         tell(Kind::Resumed, reminded ? Why::SwitchForgot : Why::None, *m_open);
     learnGap(now, arrivals.longestGap, reminded);

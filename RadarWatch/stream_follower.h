@@ -41,6 +41,7 @@ struct Arrivals {
     std::uint64_t count = 0;
     std::chrono::steady_clock::time_point last; ///< of the last one, if count > 0
     std::chrono::nanoseconds longestGap{0};     ///< that has ended since the last step
+    bool waiting = false;                       ///< the socket has more, which the reader has not taken yet
 };
 
 /// Decides without a socket, thread or clock. aim() tells it where the radar is; step() says what is to be
@@ -50,7 +51,8 @@ struct Arrivals {
 ///
 /// Once there was data, two seconds without, or three times the longest usual gap, are a silence. If the
 /// radar still announces itself then, a switch may have forgotten the group, so it is left and joined: a
-/// second later, and 10 s, 1 min, and every further 10 min from the beginning of the silence.
+/// second later, and 10 s, 1 min, and every further 10 min from the beginning of the silence. While datagrams
+/// wait for a reader, or this program stood still, it is nobody's silence.
 class StreamFollower {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -90,6 +92,8 @@ private:
     std::optional<Target> m_told; // the last place that was told of, until Stopped
     int m_refused = 0;            // error that was told of
     Time m_since;                 // the last datagram, or the opening
+    Time m_lastStep;
+    Time m_late; // the last step that came late itself, or found datagrams waiting
 
     Flow m_flow = Flow::Waiting;
     std::uint64_t m_count = 0;

@@ -54,6 +54,26 @@ public:
         return *this;
     }
 
+    /// The radar sends, and nobody takes it until it sends again.
+    Script& isNotRead(int seconds) {
+        for (const auto end = m_now + seconds * 1s; m_now < end; step()) {
+            m_now += 1s;
+            m_arrivals.waiting = true;
+        }
+        return *this;
+    }
+    /// As isNotRead, and nothing is looked at either.
+    Script& standsStill(int seconds) {
+        m_now += seconds * 1s;
+        step();
+        return *this;
+    }
+    /// What comes next was sent that much earlier.
+    Script& hadSent(std::chrono::milliseconds ago) {
+        m_next -= ago;
+        return *this;
+    }
+
     std::vector<std::string> takeLog() { return std::exchange(m_log, {}); }
 
 private:
@@ -133,6 +153,17 @@ TEST(StreamFollower, LeavesNoGroupWithoutReason) {
     for (const Target& noGroup : {target("10.20.1.1", kTcpClient), target("10.20.2.1")})
         EXPECT_THAT(Script().aim(noGroup).sends(5).isSilent(30).takeLog(),
                     ElementsAre("1 Started", "7 Silent"));
+}
+
+TEST(StreamFollower, TakesNoLateReaderForASilence) {
+    Script script;
+    script.aim(target()).sends(5).isNotRead(10).sends(5).standsStill(10).sends(5);
+    EXPECT_THAT(script.takeLog(), ElementsAre("1 Started"));
+    script.isSilent(2).isNotRead(10).sends(1); // once it was told, no group is left either
+    EXPECT_THAT(script.takeLog(), ElementsAre("37 Silent", "48 Resumed"));
+    EXPECT_THAT(Script().aim(target()).sends(5).isSilent(3).hadSent(500ms).sends(1).takeLog(),
+                ElementsAre("1 Started", "7 Silent", "8 rejoined", "9 Resumed"))
+        << "not by what was sent before the switch was reminded";
 }
 
 TEST(StreamFollower, TakesNoUsualGapForASilence) {

@@ -236,6 +236,17 @@ TEST_F(StreamTest, SaysThatOthersHoldTheGroup) {
     EXPECT_EQ(event.others, 1U);
 }
 
+TEST_F(StreamTest, IsNotSilentWhileDatagramsWaitToBeRead) {
+    const auto stream = reader();
+    m_engine->tellImage(kGroup, kPort);
+    EXPECT_EQ(next(*stream).kind, Kind::Started);
+    m_source.send();
+    EXPECT_EQ(readNumbers(*stream, 1).size(), 1U);
+    m_source.send();
+    std::this_thread::sleep_for(2500ms);
+    EXPECT_FALSE(stream->nextEvent());
+}
+
 /// What a TCP peer has received.
 class TcpPeer : public net::iTcpDataListener, public Log<std::string> {
     void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int length) override {
