@@ -92,7 +92,7 @@ std::optional<Target> targetOf(const Situation& situation, std::string_view name
     if (endpoint.ip == 0 || endpoint.port == 0)
         return std::nullopt;
     lacking = Why::LocalAddress;
-    if (situation.interfaceIndex == 0 && endpoint.type != kTcpClient)
+    if (situation.interfaceIndex == 0)
         return std::nullopt;
     lacking = Why::None;
     return Target{endpoint, situation.localAddress, situation.device, situation.interfaceIndex,
