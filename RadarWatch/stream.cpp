@@ -3,6 +3,8 @@
 
 #include <UdpSocket/base/socket.h>
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
@@ -66,12 +68,12 @@ void StreamPrivate::stop() {
             net::detail::wakeReader(inlet->socket());
         }
     }
-    m_changed.notify_all();
+    m_changed.set();
     if (m_pool)
         m_pool->remove(m_poolNumber);
     m_thread.end();
     Lock lock(m_mutex);
-    m_changed.wait(lock, [this]() REQUIRES(m_mutex) {
+    m_readingEnded.wait(lock, [this]() REQUIRES(m_mutex) {
         return m_reader == std::thread::id() || m_reader == std::this_thread::get_id();
     });
 }
@@ -149,7 +151,7 @@ bool StreamPrivate::putInUse(const InletPtr& inlet) {
         }
         m_inletsChanged = true;
     }
-    m_changed.notify_all();
+    m_changed.set();
     return true;
 }
 
@@ -191,7 +193,7 @@ void StreamPrivate::post(std::vector<StreamEvent> events) {
         m_news = true;
         m_eventsWait.set();
     }
-    m_changed.notify_all();
+    m_changed.set();
     if (m_pool)
         m_pool->signal(m_poolNumber);
 }
@@ -237,14 +239,14 @@ void StreamPrivate::endReading() {
     Lock lock(m_mutex);
     m_reader = std::thread::id();
     if (m_stopping)
-        m_changed.notify_all();
+        m_readingEnded.notify_all();
 }
 
 /// @return how many are in m_batch; 0: time is up, there is news, a signal interrupted, or it is the end
 std::size_t StreamPrivate::receive(std::size_t count, milliseconds timeout) {
     milliseconds left = timeout;
     for (;;) {
-        if (!m_front || m_inletsChanged.exchange(false)) {
+        if (m_inletsChanged.exchange(false) || !m_front) {
             Lock lock(m_mutex);
             const InletPtr front = m_inlets.empty() ? nullptr : m_inlets.front();
             if (front != m_front)
@@ -271,9 +273,13 @@ std::size_t StreamPrivate::receive(std::size_t count, milliseconds timeout) {
             if (m_stopping || m_front->isRetired())
                 continue; // it was woken
             if (received < 0 && error != EAGAIN)
-                awaitInlet(std::min(wait, kFailurePause));
-        } else if (wait > 0ms && !m_news && awaitInlet(wait)) {
-            continue;
+                awaitChange(std::min(wait, kFailurePause));
+        } else if (wait > 0ms && !m_news) {
+            const int changes = awaitChange(wait);
+            if (changes < 0)
+                return 0; // a signal handler ran
+            if (changes > 0)
+                continue;
         }
         if (m_news || left == 0ms)
             return 0;
@@ -282,11 +288,13 @@ std::size_t StreamPrivate::receive(std::size_t count, milliseconds timeout) {
     }
 }
 
-/// @return whether something has happened
-bool StreamPrivate::awaitInlet(milliseconds timeout) {
-    Lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout,
-                              [this]() REQUIRES(m_mutex) { return m_stopping || m_news || m_inletsChanged; });
+/// @return more than 0: something has happened; 0: time is up; -1: errno
+int StreamPrivate::awaitChange(milliseconds timeout) {
+    m_changed.clear();
+    if (m_stopping || m_news || m_inletsChanged)
+        return 1;
+    pollfd ready{m_changed.descriptor(), POLLIN, 0};
+    return ::poll(&ready, 1, static_cast<int>(timeout.count()));
 }
 
 /// @return datagrams; 0: it was woken; -1: errno

@@ -71,7 +71,7 @@ private:
     bool beginReading();
     void endReading();
     std::size_t receive(std::size_t count, std::chrono::milliseconds timeout);
-    bool awaitInlet(std::chrono::milliseconds timeout);
+    int awaitChange(std::chrono::milliseconds timeout);
     int receiveFrom(detail::Inlet& inlet, std::size_t count, std::chrono::milliseconds timeout);
     void dropFront();
     void count(std::size_t datagrams);
@@ -100,9 +100,10 @@ private:
     std::atomic<bool> m_stopping = false;
     std::atomic<bool> m_inletsChanged = false; // beyond m_front
     std::atomic<bool> m_news = false;          // an event that no reader has looked at
+    detail::Wakeup m_changed;                  // what these three say; signals end a wait for it
 
     mutable net::detail::Mutex m_mutex;
-    net::detail::Condition m_changed;                      // what the three above say, and the end of reading
+    net::detail::Condition m_readingEnded;
     std::deque<InletPtr> m_inlets GUARDED_BY(m_mutex);     // oldest first; all but the last are retired
     std::vector<StreamEvent> m_events GUARDED_BY(m_mutex); // oldest first
     unsigned m_missedEvents GUARDED_BY(m_mutex) = 0;

@@ -13,6 +13,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <numeric>
@@ -160,6 +161,29 @@ TEST_F(StreamTest, ReaderLearnsOfDatagramsAndEventsByItsDescriptorAndByReturning
     EXPECT_EQ(datagram.size, 100U);
     EXPECT_TRUE(before <= datagram.arrival && datagram.arrival <= std::chrono::system_clock::now());
     EXPECT_EQ(stream->statistics().cut, 1U);
+}
+
+TEST_F(StreamTest, ReaderReturnsInTimeAndWhenASignalHandlerRanWithoutARadarToo) {
+    const auto stream = reader();
+    radar::Datagram datagram;
+    std::signal(SIGUSR1, [](int) {});
+    std::atomic<bool> returned = false;
+    std::thread interrupting([&, reading = pthread_self()] {
+        EXPECT_TRUE(comesTrue([&] { return ::pthread_kill(reading, SIGUSR1) != 0 || returned; }));
+    });
+    EXPECT_LT(timeOf([&] { EXPECT_EQ(stream->read(&datagram, 1, 10s), 0U); }), 10s);
+    returned = true;
+    interrupting.join();
+
+    m_engine->tellImage(kGroup, kPort); // and it is gone before anybody reads
+    m_engine->tell([](radar::detail::Situation& situation) {
+        situation.device = "nowhere";
+        ++situation.interfaceChange;
+    });
+    EXPECT_EQ(stream->read(&datagram, 1, 10s), 0U);
+    EXPECT_EQ(next(*stream).kind, Kind::Started);
+    EXPECT_EQ(next(*stream).kind, Kind::Refused);
+    EXPECT_EQ(stream->read(&datagram, 1, 50ms), 0U);
 }
 
 TEST_F(StreamTest, IsDestroyedInEveryState) {
