@@ -5,7 +5,8 @@
 /// escaped. Errors: what the system refuses for want of descriptors, threads or memory while an object is
 /// made is thrown (std::system_error, std::bad_alloc); later it costs the datagram at hand, with a line on
 /// standard error. Processes: objects belong to the process that made them; in a child made by fork they do
-/// nothing, and their destruction ends at once. A program may end while any object stands.
+/// nothing, their destruction ends at once, and no stream or Control can be made on them (std::system_error).
+/// A program may end while any object stands.
 #pragma once
 
 #include <UdpSocket/radaraddress.h>

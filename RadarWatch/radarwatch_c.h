@@ -18,7 +18,8 @@
 /// returns 0. Handles may be freed in any order.
 ///
 /// Processes: handles belong to the process that made them. In a child made by fork their functions do
-/// nothing, and return as if nothing were there. A program may end while any handle stands.
+/// nothing, and return as if nothing were there (a descriptor: -1); a stream or control on the parent's watch
+/// is refused (-EINVAL). A program may end while any handle stands.
 #pragma once
 
 #include <stddef.h>

@@ -357,6 +357,8 @@ void StreamPrivate::deliverEvents() {
 // --------------------------------------------------------------------------------------------- any thread
 
 std::optional<StreamEvent> StreamPrivate::nextEvent() {
+    if (!inOwnProcess())
+        return std::nullopt;
     Lock lock(m_mutex);
     if (m_events.empty())
         return std::nullopt;
@@ -369,6 +371,8 @@ std::optional<StreamEvent> StreamPrivate::nextEvent() {
 }
 
 int StreamPrivate::descriptor() {
+    if (!inOwnProcess())
+        return -1;
     Lock lock(m_mutex);
     if (m_ownSockets)
         return m_ownSockets->descriptor();
@@ -400,6 +404,8 @@ void StreamPrivate::unregisterSocket(const detail::Inlet& inlet) {
 
 Statistics StreamPrivate::statistics() const {
     Statistics statistics;
+    if (!inOwnProcess())
+        return statistics;
     std::vector<InletPtr> inlets;
     {
         Lock lock(m_mutex);
@@ -426,6 +432,8 @@ Statistics StreamPrivate::statistics() const {
 void StreamDoor::start(Stream& stream, std::shared_ptr<detail::Engine> engine, const std::string& name,
                        int channel, Stream::OnDatagram onDatagram, Stream::OnEvent onEvent,
                        const StreamOptions& options) {
+    if (options.pool)
+        detail::requireOwn(*options.pool->d, "Pool");
     const std::shared_ptr<StreamPrivate> made(
         new StreamPrivate(name, channel, std::move(onDatagram), std::move(onEvent), options),
         &net::detail::destroy<StreamPrivate>);

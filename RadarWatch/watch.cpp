@@ -6,12 +6,19 @@
 #include <cerrno>
 #include <climits>
 #include <new>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace radar {
 
 using namespace std::chrono_literals;
 using net::detail::runStep;
+
+void detail::requireOwn(const net::detail::ProcessBound& object, const char* name) {
+    if (!object.inOwnProcess())
+        throw std::system_error(EINVAL, std::generic_category(), std::string(name) + " of another process");
+}
 
 WatchPrivate::WatchPrivate(std::uint32_t configured) : m_engine(detail::RadarEngine::forAddress(configured)) {
     m_engine->join(m_inbox);
@@ -86,7 +93,7 @@ std::optional<Event> Watch::next(std::chrono::milliseconds timeout) {
 }
 
 int Watch::descriptor() const {
-    return d->inbox().descriptor();
+    return d->inOwnProcess() ? d->inbox().descriptor() : -1;
 }
 
 std::vector<Radar> Watch::radars() const {

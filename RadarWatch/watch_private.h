@@ -17,6 +17,13 @@
 
 namespace radar {
 
+namespace detail {
+
+/// @throws std::system_error (EINVAL) where a forked child makes something on what its parent made
+void requireOwn(const net::detail::ProcessBound& object, const char* name);
+
+} // namespace detail
+
 /// Belongs to its Watch, and for as long as they go on to the calls of next() in progress and the callback's
 /// thread.
 class WatchPrivate : public net::detail::ProcessBound {
@@ -32,7 +39,10 @@ public:
     bool hasCallback() const { return m_hasCallback; }
     std::optional<Event> wait(std::chrono::milliseconds timeout);
     const detail::Inbox& inbox() const { return m_inbox; }
-    const std::shared_ptr<detail::RadarEngine>& engine() const { return m_engine; }
+    const std::shared_ptr<detail::RadarEngine>& engine() const {
+        detail::requireOwn(*this, "Watch");
+        return m_engine;
+    }
 
 private:
     void run(const Watch::Callback& callback);

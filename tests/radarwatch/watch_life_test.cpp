@@ -4,10 +4,13 @@
 
 #include <RadarWatch/radarstream.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -117,11 +120,28 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
         });
     };
     EXPECT_TRUE(streams());
+    Stream unread(*watching, "North", radar::ImageState);
+    pollfd started{unread.descriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&started, 1, 15000), 1);
     EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
+    radar::StreamOptions pooled;
+    pooled.pool.emplace(radar::Pool::Options{1});
+    const auto isRefused = [](auto make) {
+        try {
+            make();
+            return false;
+        } catch (const std::system_error& error) {
+            return error.code().value() == EINVAL;
+        }
+    };
     const auto child = [&] {
         ::alarm(60);
         const bool idle = !watching->next(-1ms) && watching->radars().empty() && !watching->reset() &&
-                          stream->read(&datagram, 1, -1ms) == 0;
+                          watching->descriptor() == -1 && stream->read(&datagram, 1, -1ms) == 0 &&
+                          !unread.nextEvent() && stream->descriptor() == -1 &&
+                          stream->statistics().datagrams == 0;
+        bool refused = isRefused([&] { Stream(*watching, "North", radar::Image); }) &&
+                       isRefused([&] { radar::Control(*watching, "North", radar::ImageControl); });
         stream.reset();
         watching.reset();
         bool hears = true;
@@ -130,8 +150,12 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
 #ifndef SANITIZED
         auto own = watch();
         hears = next(*own) == "local 10.20.2.1 (eth0)" && next(*own) == "North appeared, 16 at 10.20.1.1";
+        refused = refused && isRefused([&] {
+                      Stream(
+                          *own, "North", radar::Image, [](const radar::Datagram&) {}, {}, pooled);
+                  });
 #endif
-        ::_exit(idle && hears ? 7 : 1);
+        ::_exit(idle && refused && hears ? 7 : 1);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(7), "");
     EXPECT_TRUE(streams());
