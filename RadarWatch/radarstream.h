@@ -134,7 +134,7 @@ struct StreamOptions {
 
     int number = 0;                          ///< the stream's: 0 or 1
     std::size_t receiveBuffer = 1024 * 1024; ///< bytes to ask the system for; it may grant less
-    std::size_t largestDatagram = 65536;     ///< bytes; what is longer is cut
+    std::size_t largestDatagram = 65536;     ///< bytes, no more than that; what is longer is cut
     std::optional<Sequence> sequence;        ///< none: there is no such number, and nothing counts as missing
     std::optional<Pool> pool;                ///< for callbacks; none: a thread of the stream's own
 };

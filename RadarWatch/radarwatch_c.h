@@ -219,7 +219,7 @@ typedef struct radar_stream_options {
     int32_t sequence_little_endian; ///< 1: that number's byte order is little-endian
     int32_t unused;                 ///< 0
     size_t receive_buffer;          ///< bytes to ask the system for; 0: 1 MiB
-    size_t largest_datagram;        ///< bytes, what is longer is cut; 0: 65536
+    size_t largest_datagram;        ///< bytes, what is longer is cut; 0, and more than that: 65536
 } radar_stream_options;
 
 /// One datagram, or a piece of what came over TCP.

@@ -20,6 +20,7 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr std::size_t kEvents = 64;
+constexpr std::size_t kLargestDatagram = 65536; // no datagram is longer
 constexpr milliseconds kWait = 500ms; // of a receive call, until it is seen whether there are events
 constexpr milliseconds kFailurePause = 100ms;
 constexpr milliseconds kWithoutEnd = -1ms;
@@ -40,7 +41,7 @@ StreamPrivate::StreamPrivate(std::string name, int channel, Stream::OnDatagram o
     : m_name(std::move(name)), m_channel(channel), m_number(options.number),
       m_receiveBuffer(options.receiveBuffer), m_onDatagram(std::move(onDatagram)),
       m_onEvent(std::move(onEvent)),
-      m_batch(std::max<std::size_t>(options.largestDatagram, 1), Stream::kMostAtOnce) {
+      m_batch(std::clamp<std::size_t>(options.largestDatagram, 1, kLargestDatagram), Stream::kMostAtOnce) {
     if (options.sequence)
         m_sequence.emplace(*options.sequence);
     m_events.reserve(kEvents);

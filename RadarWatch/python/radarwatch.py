@@ -921,7 +921,7 @@ class Stream(_Source):
 
         on_event is called with what happens to the stream, in the thread that reads, before it reads or waits.
         receive_buffer: bytes to ask the system for; 0 is 1 MiB. largest_datagram: bytes, what is longer is cut;
-        0 is 65536."""
+        0, and more than that, is 65536."""
         options = _StreamOptions()
         options.number = number
         options.receive_buffer = receive_buffer

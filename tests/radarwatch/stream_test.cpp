@@ -163,6 +163,20 @@ TEST_F(StreamTest, ReaderLearnsOfDatagramsAndEventsByItsDescriptorAndByReturning
     EXPECT_EQ(stream->statistics().cut, 1U);
 }
 
+TEST_F(StreamTest, ReceivesWhateverItIsToldOfTheLargestDatagram) {
+    m_engine->tellImage(kGroup, kPort);
+    for (const std::size_t largest : {std::size_t{0}, SIZE_MAX}) {
+        StreamOptions options;
+        options.largestDatagram = largest;
+        const auto stream = reader(options);
+        EXPECT_EQ(next(*stream).kind, Kind::Started);
+        m_source.send();
+        radar::Datagram datagram;
+        EXPECT_TRUE(comesTrue([&] { return stream->read(&datagram, 1, 1s) == 1; })) << largest;
+        EXPECT_EQ(datagram.size, largest == 0 ? 1U : 200U);
+    }
+}
+
 TEST_F(StreamTest, ReaderReturnsInTimeAndWhenASignalHandlerRanWithoutARadarToo) {
     const auto stream = reader();
     radar::Datagram datagram;
