@@ -879,11 +879,12 @@ class Recording(_Object):
             return int(_recording_open(handle, os.fsencode(path), speed, streams))
 
         super().__init__(new, _recording_free)
+        self._local_address = _quad(self._call(_recording_address))
 
     @property
     def local_address(self) -> str:
-        """For Watch."""
-        return _quad(self._call(_recording_address))
+        """For Watch, which hears nothing there once the Recording is closed, or in a child made by fork."""
+        return self._local_address
 
     @property
     def is_over(self) -> bool:

@@ -1,3 +1,4 @@
+import multiprocessing
 import pathlib
 import subprocess
 import tempfile
@@ -5,7 +6,7 @@ import unittest
 
 import radarwatch
 from radarwatch import Appeared, Recording, Stopped, Stream, Watch, Why
-from support import RADARCTL, await_event, comes_true, radar
+from support import PATIENCE, RADARCTL, await_event, comes_true, radar
 
 
 class Recordings(unittest.TestCase):
@@ -19,6 +20,13 @@ class Recordings(unittest.TestCase):
             north = await_event(watch, Appeared, "North").radar
             self.assertEqual(north.streams[0].image, radarwatch.groups(30)[0].image)
             self.assertFalse(recording.is_over)
+            fork = multiprocessing.get_context("fork")
+            seen = fork.SimpleQueue()
+            child = fork.Process(target=lambda: seen.put(recording.local_address))
+            child.start()
+            child.join(PATIENCE)
+            self.assertEqual(child.exitcode, 0)
+            self.assertEqual(seen.get(), recording.local_address, "and not the real LAN")
             datagrams = []
             with Stream(watch, "North", on_event=events.append) as stream:
                 while (taken := stream.read(0.1)) or not recording.is_over:
