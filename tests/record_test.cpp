@@ -1,10 +1,12 @@
 // radarctl record, replay and info, on the virtual LAN.
 
+#include "failing_memory.h"
 #include "radarctl_fixture.h"
 #include "records.h"
 
 #include <RadarWatch/recording/contents.h>
 #include <RadarWatch/recording/reader.h>
+#include <RadarWatch/recording/recorder.h>
 
 #include <UdpSocket/protocol/announcement.h>
 
@@ -165,6 +167,32 @@ TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     const auto dropped = found[0]["dropped"].get<std::uint64_t>();
     EXPECT_GE(dropped, droppedBySystem); // more may be missing: a simulator that stood still skips numbers
     EXPECT_LE(dropped, missing + 30);    // announcements are not numbered
+}
+
+TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
+    const NetAddress image = plan::announcedEndpoint(20, &RadarAddress::imageStream, 0);
+    const auto source =
+        makeIn<net::UdpSender>(m_lan.node("host1"), image, net::transAddr("10.20.1.1"), std::uint16_t{0});
+    const lab::Inside inside = m_lan.node("display").enter();
+    const Output output;
+    radar::recording::Recorder recorder({path("file"), "a test"}, [] {});
+    ASSERT_TRUE(recorder.listenTo({{"eth0", image.ip, image.port}}).empty());
+    constexpr std::uint64_t each = 10; // of as many as there are allocations for them
+    for (std::uint64_t failing = 1; failing <= 2 * each; ++failing) {
+        const FailingMemory memory(static_cast<long>(failing));
+        for (std::uint64_t i = 0; i < each; ++i)
+            source->sendData(std::string(200, 'x').data(), 200);
+        EXPECT_TRUE(comesTrue([&] {
+            const auto counts = recorder.counts();
+            return counts.datagrams + counts.dropped == failing * each;
+        })) << failing;
+    }
+    recorder.finish();
+    const auto counts = recorder.counts();
+    EXPECT_THAT(counts.dropped, AllOf(testing::Ge(each), testing::Le(2 * each)));
+    EXPECT_EQ(counts.datagrams, payloadsOf(path("file")).at(Contents::keyOf(image)).size());
+    EXPECT_EQ(counts.dropped, readNotes(path("file")).statistics.at(0).dropped);
+    EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
 }
 
 TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {

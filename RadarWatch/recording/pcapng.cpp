@@ -1,6 +1,7 @@
 #include <RadarWatch/recording/pcapng.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <functional>
 
@@ -40,13 +41,18 @@ constexpr std::size_t padded(std::size_t length) {
     return (length + 3) / 4 * 4;
 }
 
-/// A block under construction at the end of a text.
+/// A block under construction at the end of a text, which does not keep a part where memory runs out.
 class Block {
 public:
     Block(std::string& blocks, Type type) : m_blocks(blocks), m_start(blocks.size()) {
-        put(std::uint32_t{type});
-        put(std::uint32_t{0}); // the length, later
+        put(std::array<std::uint32_t, 2>{type, 0}); // and the length, later; at once: nothing is left of it
     }
+    ~Block() {
+        if (!m_isWhole)
+            m_blocks.resize(m_start);
+    }
+    Block(const Block&) = delete;
+    Block& operator=(const Block&) = delete;
 
     template <class Value>
     void put(Value value) {
@@ -79,12 +85,14 @@ public:
         const auto length = static_cast<std::uint32_t>(m_blocks.size() - m_start + sizeof(std::uint32_t));
         put(length);
         std::memcpy(&m_blocks[m_start + 4], &length, sizeof length);
+        m_isWhole = true;
     }
 
 private:
     std::string& m_blocks;
     const std::size_t m_start;
     bool m_hasOptions = false;
+    bool m_isWhole = false;
 };
 
 template <class Value = std::uint32_t>

@@ -145,22 +145,20 @@ void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
 
 void Recorder::run() {
     epoll_event events[kBatch];
-    std::vector<std::uint64_t> ready;
+    std::uint64_t ready[kBatch];
     auto handed = std::chrono::steady_clock::now();
     for (bool ending = false; !ending;) {
         const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
-        ready.clear();
         for (int i = 0; i < count; ++i) {
-            const std::uint64_t number = events[i].data.u64; // a copy, as an epoll_event is packed
-            ending = ending || number == kEnd;
-            ready.push_back(number);
+            ready[i] = events[i].data.u64;
+            ending = ending || ready[i] == kEnd;
         }
         sockets::runStep("recording: datagrams", [&] {
             sockets::Lock lock(m_mutex);
             if (ending)
-                for (const auto& [number, socket] : m_sockets)
-                    ready.push_back(number);
-            round(ready);
+                for (auto& [number, socket] : m_sockets)
+                    drain(socket);
+            round({ready, static_cast<std::size_t>(std::max(count, 0))});
             if (ending)
                 record(m_waiting.size());
             const auto now = std::chrono::steady_clock::now();
@@ -176,7 +174,7 @@ void Recorder::run() {
 
 /// Takes what has arrived at these sockets. What was taken a while ago is recorded, in the order of time: by
 /// now everything older has come out of its socket, too.
-void Recorder::round(const std::vector<std::uint64_t>& ready) {
+void Recorder::round(std::span<const std::uint64_t> ready) {
     for (const std::uint64_t number : ready)
         if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
             drain(found->second);
@@ -224,12 +222,16 @@ std::size_t Recorder::receive(Socket& socket) {
         return 0; // nothing there, or an interface that went down, which listenTo() looks after
     const auto now = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
-        m_waiting.push_back({timeOf(messages[i].msg_hdr),
-                             socket.interface,
-                             {sources[i].sin_addr.s_addr, sources[i].sin_port},
-                             socket.group,
-                             std::string(&m_buffer[i * kLargest], messages[i].msg_len),
-                             now});
+        try {
+            m_waiting.push_back({timeOf(messages[i].msg_hdr),
+                                 socket.interface,
+                                 {sources[i].sin_addr.s_addr, sources[i].sin_port},
+                                 socket.group,
+                                 std::string(&m_buffer[i * kLargest], messages[i].msg_len),
+                                 now});
+        } catch (const std::bad_alloc&) {
+            dropForWantOfMemory(socket.interface);
+        }
     return static_cast<std::size_t>(count);
 }
 
@@ -240,29 +242,50 @@ void Recorder::countDrops(Socket& socket) {
         return;
     const std::uint32_t fresh = memory[SK_MEMINFO_DROPS] - socket.dropped;
     socket.dropped += fresh;
-    Statistics& statistics = m_interfaces[socket.interface].statistics;
-    statistics.arrived += fresh;
-    statistics.dropped += fresh;
-    statistics.droppedBySystem += fresh;
-    m_counts.dropped += fresh;
+    drop(socket.interface, fresh);
+    m_interfaces[socket.interface].statistics.droppedBySystem += fresh;
     m_counts.droppedBySystem += fresh;
+}
+
+void Recorder::drop(std::size_t interface, std::uint64_t count) {
+    Statistics& statistics = m_interfaces[interface].statistics;
+    statistics.arrived += count;
+    statistics.dropped += count;
+    m_counts.dropped += count;
+}
+
+void Recorder::dropForWantOfMemory(std::size_t interface) {
+    sockets::reportOutOfMemory("recording: a datagram");
+    drop(interface, 1);
 }
 
 /// Makes blocks of the first that wait.
 void Recorder::record(std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-        const Waiting& waiting = m_waiting[i];
-        appendDatagramBlock(m_chunk.blocks, static_cast<std::uint32_t>(waiting.interface),
-                            {waiting.time, waiting.source, waiting.destination, waiting.payload}, m_comments);
-        m_commentsInChunk += (m_commentsInChunk.empty() || m_comments.empty() ? "" : "\n") + m_comments;
-        m_comments.clear();
-        ++m_inChunk.datagrams;
-        m_inChunk.bytes += waiting.payload.size();
-        ++m_inChunkOf[waiting.interface];
+    for (; count > 0; --count) {
+        const Waiting waiting = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        try {
+            append(waiting);
+        } catch (const std::bad_alloc&) {
+            dropForWantOfMemory(waiting.interface);
+        }
         if (m_chunk.blocks.size() >= kChunk)
             hand();
     }
-    m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+/// Makes a block of it, and counts it; or leaves all as it was, where memory runs out.
+void Recorder::append(const Waiting& waiting) {
+    m_commentsInChunk.reserve(m_commentsInChunk.size() + 1 + m_comments.size());
+    appendDatagramBlock(m_chunk.blocks, static_cast<std::uint32_t>(waiting.interface),
+                        {waiting.time, waiting.source, waiting.destination, waiting.payload}, m_comments);
+    if (!m_commentsInChunk.empty() && !m_comments.empty())
+        m_commentsInChunk += '\n';
+    m_commentsInChunk += m_comments;
+    m_comments.clear();
+    ++m_inChunk.datagrams;
+    m_inChunk.bytes += waiting.payload.size();
+    ++m_inChunkOf[waiting.interface];
 }
 
 /// Hands the chunk to the writer.
@@ -271,6 +294,9 @@ void Recorder::hand() {
         return;
     m_chunk.interfaces = m_interfaceBlocks;
     const bool taken = m_writer.give(m_chunk);
+    if (!taken) // first: where there is no memory for that, the chunk stays for the next time
+        m_comments =
+            m_commentsInChunk + (m_commentsInChunk.empty() || m_comments.empty() ? "" : "\n") + m_comments;
     for (std::size_t i = 0; i < m_interfaces.size(); ++i) {
         Statistics& statistics = m_interfaces[i].statistics;
         statistics.arrived += m_inChunkOf[i];
@@ -282,8 +308,6 @@ void Recorder::hand() {
         m_counts.bytes += m_inChunk.bytes;
     } else {
         m_counts.dropped += m_inChunk.datagrams + m_tcpInChunk;
-        m_comments =
-            m_commentsInChunk + (m_commentsInChunk.empty() || m_comments.empty() ? "" : "\n") + m_comments;
     }
     m_inChunk = {};
     m_tcpInChunk = 0;

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <span>
 #include <vector>
 
 namespace radar::recording {
@@ -29,7 +30,8 @@ struct Place {
 /// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, but
 /// where it falls behind by more than a thousand datagrams of a group.
 ///
-/// What the writer has no room for is dropped and counted: receiving never waits for a file. Memory: the
+/// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
+/// for which memory runs out. Memory: the
 /// writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a thousand datagrams of each group that has
 /// more waiting.
 ///
@@ -102,12 +104,15 @@ private:
 
     std::size_t interfaceNumber(const std::string& name) REQUIRES(m_mutex);
     void run();
-    void round(const std::vector<std::uint64_t>& ready) REQUIRES(m_mutex);
+    void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
     void sort() REQUIRES(m_mutex);
     void drain(Socket& socket) REQUIRES(m_mutex);
     std::size_t receive(Socket& socket) REQUIRES(m_mutex);
     void countDrops(Socket& socket) REQUIRES(m_mutex);
+    void drop(std::size_t interface, std::uint64_t count) REQUIRES(m_mutex);
+    void dropForWantOfMemory(std::size_t interface) REQUIRES(m_mutex);
     void record(std::size_t count) REQUIRES(m_mutex);
+    void append(const Waiting& waiting) REQUIRES(m_mutex);
     void hand() REQUIRES(m_mutex);
     Chunk closing();
 

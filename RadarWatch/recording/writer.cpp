@@ -44,11 +44,12 @@ bool Writer::give(Chunk& chunk) {
     if (m_error != 0)
         return false;
     {
+        const std::size_t bytes = chunk.blocks.size();
         net::detail::Lock lock(m_mutex);
-        if (m_ending || m_queued + chunk.blocks.size() > m_options.queue)
+        if (m_ending || m_queued + bytes > m_options.queue)
             return false;
-        m_queued += chunk.blocks.size();
         m_queue.push_back(std::move(chunk));
+        m_queued += bytes;
     }
     m_given.notify_one();
     return true;
@@ -70,6 +71,7 @@ void Writer::run() {
         {
             net::detail::Lock lock(m_mutex);
             m_given.wait(lock, [this]() REQUIRES(m_mutex) { return m_ending || !m_queue.empty(); });
+        m_queued += bytes;
             if (m_queue.empty())
                 break;
             chunk = std::move(m_queue.front());
@@ -148,7 +150,7 @@ bool Writer::write(std::string_view blocks) {
 
 void Writer::close() {
     if (m_file.isOpen())
-        append(m_closing());
+        net::detail::runStep("recording: the statistics of a file", [this] { append(m_closing()); });
 }
 
 void Writer::fail(int error) {
