@@ -193,17 +193,23 @@ TEST_F(RecordingFile, OfARingIsWholeAndTheOldOnesGo) {
     const std::string blocks = content.substr(sectionBlock("a test").size() + interfaces.size());
     std::string closing;
     appendStatisticsBlock(closing, 0, 7s, {12, 5, 4}, "");
-    {
-        const auto endOfFile = [&] { return Chunk{interfaces, closing}; };
+    const auto endOfFile = [&] { return Chunk{interfaces, closing}; };
+    for (const char* last :
+         {"ring-00005.pcapng", "ring-00010.pcapng"}) { // a ring behind that of an earlier run
         Writer writer({path("ring.pcapng"), "a test", content.size(), 2, 1 << 20}, endOfFile, [] {});
         for (int i = 0; i < 5; ++i) {
             Chunk chunk{interfaces, blocks};
             EXPECT_TRUE(writer.give(chunk));
         }
+        writer.finish();
+        EXPECT_FALSE(writer.failure());
+        EXPECT_EQ(writer.path(), path(last));
     }
-    for (const char* name : {"ring-00001.pcapng", "ring-00003.pcapng"})
+    for (const char* name :
+         {"ring-00001.pcapng", "ring-00003.pcapng", "ring-00006.pcapng", "ring-00008.pcapng"})
         EXPECT_NE(::access(path(name).c_str(), F_OK), 0) << name;
-    for (const char* name : {"ring-00004.pcapng", "ring-00005.pcapng"}) {
+    for (const char* name :
+         {"ring-00004.pcapng", "ring-00005.pcapng", "ring-00009.pcapng", "ring-00010.pcapng"}) {
         Reader reader(path(name));
         while (reader.next())
             continue;

@@ -282,7 +282,7 @@ private:
                                           std::to_string(counts.droppedBySystem) + " of them by the system";
         m_output.write(text + "\n");
         if (const std::error_code error = m_recorder.writer().failure())
-            throw Failure(kNotAllowed, printable(m_options.file) + ": " + error.message() +
+            throw Failure(kNotAllowed, printable(m_recorder.writer().path()) + ": " + error.message() +
                                            "; the recording ends with the last block that was written whole");
         if (counts.datagrams == 0)
             std::fprintf(stderr, "radarctl: nothing was heard; radarctl doctor looks for the reason\n");
@@ -332,7 +332,8 @@ void addRecord(CommandLine& line) {
     syntax.option("--size", options->sizeText, "BYTES", "End with so many bytes: 500M, 1G", checkSize);
     syntax.option("--rotate", options->rotateText, "BYTES",
                   "Begin a new file after so many bytes; the files' names have numbers", checkSize);
-    syntax.option("--keep", options->keep, "N", "Keep so many of these files, the newest",
+    syntax.option("--keep", options->keep, "N",
+                  "Keep so many of these files, the newest; those of earlier recordings stay",
                   checkWholeNumber(1, 99999, "is no number of files"));
     syntax.need("--keep", "--rotate");
     addLocalOptions(syntax, options->local);

@@ -6,8 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <filesystem>
 #include <utility>
 
 namespace radar::recording {
@@ -24,6 +27,22 @@ std::string numbered(const std::string& path, unsigned int number) {
     return path.substr(0, end) + text + path.substr(end);
 }
 
+/// The highest number of a file that is there; 0: there is none.
+unsigned int highestNumber(const std::filesystem::path& path) {
+    const std::string ours = path.filename();
+    const std::size_t digits = path.stem().string().size() + 1; // behind the hyphen
+    unsigned int highest = 0;
+    std::error_code unreadable; // open() says what it means
+    for (const auto& entry : std::filesystem::directory_iterator(path.parent_path() / ".", unreadable)) {
+        const std::string name = entry.path().filename();
+        unsigned int number = 0;
+        std::from_chars(name.data() + std::min(digits, name.size()), name.data() + name.size(), number);
+        if (name == numbered(ours, number))
+            highest = std::max(highest, number);
+    }
+    return highest;
+}
+
 bool hasContent(const std::string& path) {
     struct stat status;
     return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
@@ -33,6 +52,8 @@ bool hasContent(const std::string& path) {
 
 Writer::Writer(Options options, std::function<Chunk()> closing, std::function<void()> failed)
     : m_options(std::move(options)), m_closing(std::move(closing)), m_failed(std::move(failed)) {
+    if (m_options.rotateAt != 0)
+        m_number = highestNumber(m_options.path); // so that names stay in the order of time
     open();
     if (m_error != 0)
         throw std::system_error(failure(), m_ring.back());
@@ -71,7 +92,6 @@ void Writer::run() {
         {
             net::detail::Lock lock(m_mutex);
             m_given.wait(lock, [this]() REQUIRES(m_mutex) { return m_ending || !m_queue.empty(); });
-        m_queued += bytes;
             if (m_queue.empty())
                 break;
             chunk = std::move(m_queue.front());

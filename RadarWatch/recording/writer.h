@@ -25,7 +25,8 @@ struct Chunk {
 };
 
 /// Life cycle: writes from construction to finish(), or to the first call that the system refuses. A file
-/// ends behind a whole block, whatever happens; its statistics stand last, where there is room for them.
+/// ends behind a whole block, whatever happens; its statistics stand last, where there is room for them. The
+/// files of a ring have numbers in their names, from behind the highest that is there.
 ///
 /// Threads: a thread that writes, from construction to finish() or destruction, which wait until it has
 /// written what it was given. give() and the getters: any thread.
@@ -34,8 +35,8 @@ public:
     struct Options {
         std::string path;             ///< refused where it is a file with something in it
         std::string application;      ///< that writes, with its version
-        std::uint64_t rotateAt = 0;   ///< bytes of a file of a ring, whose names have numbers; 0: one file
-        std::size_t keep = 0;         ///< files of the ring; 0: all
+        std::uint64_t rotateAt = 0;   ///< bytes of a file of a ring; 0: one file
+        std::size_t keep = 0;         ///< files of the ring, beside those of earlier ones; 0: all
         std::size_t queue = 64 << 20; ///< bytes that may wait
     };
 
@@ -56,6 +57,8 @@ public:
 
     /// Why nothing is written any more.
     std::error_code failure() const { return {m_error, std::generic_category()}; }
+    /// Of the last file. Behind finish().
+    const std::string& path() const { return m_ring.back(); }
     /// All files together, those deleted included.
     std::uint64_t bytes() const { return m_total; }
 
