@@ -36,8 +36,8 @@ private:
 };
 
 /// Deletes an implementation object in the process that made it. In a child it is left as it is, neither shut
-/// nor joined nor freed: the child's exit ends at once, and the parent notices nothing. So it is inside one
-/// of its own callbacks, where exit alone may destroy it.
+/// nor joined nor freed: the child's exit ends at once, and the parent notices nothing. It is left so, too,
+/// inside one of its own callbacks, where exit alone may destroy it.
 template <class Private>
 void destroy(Private* object) {
     if (object->inOwnProcess() && !object->isCalling())

@@ -133,9 +133,9 @@ void UdpReceiverPrivate::addRoute(const std::string& name) {
     if (!detail::isDottedQuad(address()) || !detail::isInterfaceName(name))
         return;
     const std::string route = "route add -net " + address() + " netmask 255.255.255.255 " + name;
+    // The second fails harmlessly where the route stands already.
     if (!detail::runCommandWithin("sudo " + route, kSudoLimit, m_routeEnding))
-        detail::runCommandWithin(route, kCommandLimit,
-                                 m_routeEnding); // fails harmlessly where it stands already
+        detail::runCommandWithin(route, kCommandLimit, m_routeEnding);
 }
 
 /// The same on a thread of its own, so that the new socket is read meanwhile, also where the command of an

@@ -25,8 +25,9 @@ namespace net {
 /// A receiver whose socket could not be set up, or whose interface was replaced, would hear nothing
 /// permanently: its thread looks for that every 2 seconds, and sets up a new socket.
 ///
-/// Threads: the receive thread, and one for the route command of a repair, which is killed after 5 seconds or
-/// by the destructor. The socket is used by the receive thread alone; the constructor sets up the first.
+/// Threads: the receive thread, and one for the route command of a repair, which is killed after 5 seconds,
+/// by the next repair or by the destructor. The socket is used by the receive thread alone; the constructor
+/// sets up the first.
 class UdpReceiverPrivate : public detail::ProcessBound {
 public:
     UdpReceiverPrivate(iUdpDataListener* listener, unsigned int localIp, const char* address,
