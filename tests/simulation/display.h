@@ -66,7 +66,7 @@ public:
         require(sign == datagram.sign, "a sign of a radar is recognised, and nothing else");
         if (sign) {
             m_searchOracle.heard(address, datagram);
-            if (isListening(datagram.traffic, address))
+            if (isListening(datagram.traffic))
                 m_probesHeard.insert(address);
         }
         if (datagram.traffic == Traffic::Announcement && address == m_search->current())
@@ -101,10 +101,10 @@ private:
                 addresses.insert(interface.address);
         return addresses;
     }
-    bool isListening(Traffic traffic, std::uint32_t address) const {
+    bool isListening(Traffic traffic) const {
         const Phase phase = m_search->phase();
         const bool toBeacons = phase == Phase::FirstBeacons || phase == Phase::SecondBeacons;
-        return toBeacons == (traffic == Traffic::Beacon) && m_search->listening().contains(address);
+        return toBeacons == (traffic == Traffic::Beacon);
     }
 
     void takeAnnouncement(const Datagram& datagram) {
