@@ -146,6 +146,25 @@ TEST_F(NetworkFault, ARestartThatIsGivenUpLeavesNoInterfaceWithoutConfiguration)
     EXPECT_TRUE(hasRun("nmcli connection add con-name eth9 "));
 }
 
+TEST_F(NetworkFault, AForkedChildRestartsTheNetworkWhateverItsParentWaitsFor) {
+    setCarrier("eth9", true);
+    tNetIPHelper::SetResetReady(false);
+    NetIpLog listener;
+    tNetIPHelper parents(false, "eth9", "10.5.0.9", "255.255.255.0");
+    parents.AddNetIPListener(&listener);
+    ASSERT_TRUE(listener.reaches(2)) << "a restart has begun";
+    const auto child = [] {
+        ::alarm(30);
+        NetIpLog log;
+        tNetIPHelper own(false, "eth8", "10.5.0.8", "255.255.255.0");
+        own.AddNetIPListener(&log);
+        tNetIPHelper::SetResetReady(true);
+        tNetIPHelper::NetworkRestart();
+        std::_Exit(log.reaches(2) ? 7 : 1);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(7), "");
+}
+
 TEST_F(NetworkFault, DescriptorsThatRunOutPullNoCable) {
     NetIpLog listener;
     setCarrier("eth9", true);

@@ -117,11 +117,22 @@ TEST_F(Program, ForkedChildFindsEveryLockFreeWhoeverHeldIt) {
 #endif
 
 TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
-    struct Exits final : net::iUdpDataListener, net::iUdpCheckerListener, iMultiRadarCheckerListener {
+    struct Exits final : net::iUdpDataListener,
+                         net::iUdpCheckerListener,
+                         net::iTcpDataListener,
+                         net::iNetIPListener,
+                         iMultiRadarCheckerListener {
         void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
             std::exit(7);
         }
         void OnUdpCheckerIpFound(unsigned int) override { std::exit(7); }
+        void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override { std::exit(7); }
+        void OnTcpClientConnected(int, const char*, unsigned short) override { std::exit(7); }
+        void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
+        void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+            if (::gettid() != ::getpid()) // nor while it is added
+                std::exit(7);
+        }
         void OnLocalIpChanged(unsigned int) override { std::exit(7); }
     };
     static Exits s_exits;
@@ -136,6 +147,22 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
             s_checker.addListener(&s_exits);
         },
         [] { static const HostNegotiator s_negotiator([] { std::exit(7); }, nullptr); },
+        [] {
+            static net::TcpServer s_server(&s_exits);
+            s_server.connect("127.0.0.1", kPort, 1);
+            static net::TcpClient s_client(nullptr, "127.0.0.1", kPort, 0);
+            s_client.connectOnce();
+        },
+        [] {
+            static net::TcpServer s_server(nullptr);
+            s_server.connect("127.0.0.1", kPort, 1);
+            static net::TcpClient s_client(&s_exits, "127.0.0.1", kPort, 0);
+            s_client.connectOnce();
+        },
+        [] {
+            static net::tNetIPHelper s_watch(false, "eth9", "10.5.0.9", "255.255.255.0");
+            s_watch.AddNetIPListener(&s_exits);
+        },
         [this] {
             MultiRadarClient::getInstance()->addListener(&s_exits);
             MultiRadarClient::getInstance()->setLocalIP(m_local);

@@ -56,9 +56,20 @@ std::optional<bool> readCarrier(const std::string& ifname) {
 
 } // namespace
 
+/// In a child made by fork: nothing but the settings is its own. Nobody changes those of its parent here.
+tNetIPHelperPrivate::Shared::Shared(const Shared& parents)
+    : nmcli(parents.nmcli.load()), resetReady(parents.resetReady), restartCommand(parents.restartCommand) {}
+
 tNetIPHelperPrivate::Shared& tNetIPHelperPrivate::shared() {
-    static Shared& all = *new Shared; // never destroyed: watches and restarts run until the process is gone
-    return all;
+    // Never destroyed: watches and restarts run until the process is gone.
+    static std::atomic<Shared*> s_all = new Shared;
+    Shared* all = s_all;
+    while (!all->inOwnProcess()) {
+        auto own = std::make_unique<Shared>(*all);
+        if (s_all.compare_exchange_strong(all, own.get()))
+            return *own.release();
+    }
+    return *all;
 }
 
 tNetIPHelperPrivate::tNetIPHelperPrivate(bool dhcp, std::string ifname, std::string manualIp,
@@ -263,6 +274,7 @@ void tNetIPHelperPrivate::notify(const std::string& address, bool dhcpAddress) {
         --m_notifying;
         m_notified.notify_all();
     });
+    const Call call(*this);
     for (iNetIPListener* listener : listeners)
         listener->OnNetIPChanged(m_ifname, address, dhcpAddress);
 }
@@ -293,7 +305,7 @@ void tNetIPHelperPrivate::print(const std::string& text) {
 tNetIPHelper::tNetIPHelper(bool dhcp, std::string ifname, std::string manualIp, std::string netmask)
     : d(tNetIPHelperPrivate::start(dhcp, std::move(ifname), std::move(manualIp), std::move(netmask))) {}
 tNetIPHelper::~tNetIPHelper() {
-    if (d->inOwnProcess())
+    if (d->inOwnProcess() && !d->isCalling()) // see destroy()
         d->end();
 }
 void tNetIPHelper::AddNetIPListener(iNetIPListener* listener) {

@@ -103,8 +103,11 @@ private:
     detail::Condition m_notified;
 };
 
-/// What all instances share.
-struct tNetIPHelperPrivate::Shared {
+/// What all instances of a process share.
+struct tNetIPHelperPrivate::Shared : detail::ProcessBound {
+    Shared() = default;
+    explicit Shared(const Shared& parents) NOT_ANALYSED;
+
     std::atomic<bool> nmcli = false; // the tool; false: ifconfig and udhcpc
 
     detail::Mutex mutex;       // never held while a command or listener runs, or anything is printed

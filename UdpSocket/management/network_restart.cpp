@@ -1,7 +1,5 @@
 #include <UdpSocket/management/net_ip_helper.h>
 
-#include <algorithm>
-#include <iterator>
 #include <vector>
 
 namespace net {
@@ -63,9 +61,7 @@ tNetIPHelperPrivate::Restart::Restart(const tNetIPHelperPrivate* starter) : m_st
     all.changed.wait(lock, [&]() REQUIRES(all.mutex) { return !all.restarting || givenUp(); });
     if (givenUp())
         return;
-    m_instances.reserve(all.instances.size());
-    std::copy_if(all.instances.begin(), all.instances.end(), std::back_inserter(m_instances),
-                 [](const auto& instance) { return instance->inOwnProcess(); });
+    m_instances.assign(all.instances.begin(), all.instances.end());
     all.restarting = m_begun = true;
 }
 

@@ -203,6 +203,7 @@ bool TcpClientPrivate::connectUnlessConnected() {
             m_queue.setHeld(false);
         });
         m_queue.setHeld(true);
+        const Call call(*this);
         if (m_listener != nullptr)
             m_listener->OnTcpClientConnected(0, m_errors.address().c_str(), m_errors.port());
         if (m_receiver.joinable())
@@ -245,6 +246,7 @@ void TcpClientPrivate::announceLoss(const ConnectionPtr& lost) {
         }
         m_lossAnnounced.notify_all();
     });
+    const Call call(*this);
     if (m_listener != nullptr)
         m_listener->OnTcpClientDisconnected(0, m_errors.address().c_str(), m_errors.port());
 }
@@ -323,6 +325,7 @@ void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buff
             m_idleTicks = 0;
             if (m_listener != nullptr)
                 detail::runStep("TcpClient: received data", [&] {
+                    const Call call(*this);
                     m_listener->OnTcpDataReceived(fd, m_errors.address().c_str(), m_errors.port(), buffer,
                                                   static_cast<int>(count));
                 });

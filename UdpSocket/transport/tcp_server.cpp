@@ -160,6 +160,7 @@ void TcpServerPrivate::disconnect() {
 // --------------------------------------------------------------------------------------------- accepting
 
 void TcpServerPrivate::acceptThread() {
+    const Call calls(*this);
     std::printf("TCP Server: bind %s %d\r\n", m_bound.address().c_str(), m_bound.port());
     pollfd readable{m_listening.get(), POLLIN, 0};
     while (m_running) {
@@ -232,6 +233,7 @@ bool TcpServerPrivate::startReceiver(const ClientPtr& client, std::list<Receiver
 // --------------------------------------------------------------------------------------------- receiving
 
 void TcpServerPrivate::receiveThread(const ClientPtr& client, Receiver& self) {
+    const Call calls(*this);
     const bool peerEnded = client->receive(m_running, m_listener);
     if (!m_running && !client->isClosed())
         return; // disconnect() does the rest
