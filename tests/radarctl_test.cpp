@@ -235,4 +235,15 @@ TEST_F(Radarctl, EveryCommandEndsAtOnceOnASignal) {
     }
 }
 
+TEST_F(Radarctl, WhatIgnoresASignalGoesOn) {
+    lab::Process host = m_lan.node("host1").start(
+        {.command = {"sh", "-c", "trap '' HUP INT; exec " RADARCTL " host --name North"}});
+    EXPECT_TRUE(host.lineWith("serving", 30s));
+    host.signal(SIGHUP); // as of a terminal that is closed
+    host.signal(SIGINT);
+    EXPECT_FALSE(host.wait(500ms));
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.wait(15s), 0);
+}
+
 } // namespace

@@ -10,6 +10,16 @@
 #include <ctime>
 #include <system_error>
 
+namespace {
+
+/// As nohup has SIGHUP, and a shell SIGINT of what it starts in the background.
+bool isIgnored(int number) {
+    struct sigaction action {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+} // namespace
+
 Loop::Loop() {
     sigemptyset(&m_taken);
     take({SIGINT, SIGTERM, SIGHUP, SIGWINCH});
@@ -20,7 +30,8 @@ Loop::Loop() {
 
 void Loop::take(std::initializer_list<int> signals) {
     for (const int number : signals)
-        sigaddset(&m_taken, number);
+        if (!isIgnored(number)) // a blocked signal would come all the same
+            sigaddset(&m_taken, number);
     ::sigprocmask(SIG_BLOCK, &m_taken, nullptr);
     m_signals = net::detail::Descriptor(::signalfd(-1, &m_taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }

@@ -9,8 +9,8 @@
 #include <initializer_list>
 #include <vector>
 
-/// Takes SIGINT, SIGTERM, SIGHUP and SIGWINCH as events instead of interruptions. Make it before anything
-/// that starts threads.
+/// Takes SIGINT, SIGTERM, SIGHUP and SIGWINCH as events instead of interruptions, but for those that whoever
+/// started the program has it ignore. Make it before anything that starts threads.
 class Loop {
 public:
     enum class Event { Stop, Resize, Suspend, Resume, Input, Wake, TimeOut };
