@@ -65,7 +65,7 @@ struct Launch {
     sigset_t none; // neither a blocked nor an ignored signal is inherited
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
         ::signal(number, SIG_DFL);
     if (!mountOwnSys())
         failInChild("/sys");

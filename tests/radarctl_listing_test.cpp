@@ -58,12 +58,12 @@ TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWan
 /// radarctl watch on a terminal of 6 lines, 40 columns wide.
 class Terminal {
 public:
-    Terminal(const lab::Node& node, const std::string& fifo)
+    Terminal(const lab::Node& node, const std::string& fifo, const std::string& kind = "vt100")
         : m_keys(openFifo(fifo)),
-          m_script(node.start({.command = {"sh", "-c",
-                                           "exec script -qec 'stty cols 40 rows 6; exec " RADARCTL
-                                           " --color never watch' /dev/null <" +
-                                               fifo}})) {}
+          m_script(
+              node.start({.command = {"sh", "-c",
+                                      "exec script -qec 'stty cols 40 rows 6; TERM=" + kind +
+                                          " exec " RADARCTL " --color never watch' /dev/null <" + fifo}})) {}
     void type(std::string_view keys) const {
         EXPECT_EQ(::write(m_keys.get(), keys.data(), keys.size()), std::ssize(keys));
     }
@@ -106,11 +106,27 @@ TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeardThenScrollsKeepsTheAgesInSigh
     EXPECT_TRUE(terminal.shows("lines 2 to 2 of 3"));
     terminal.type("\x1b[6~\x1b[6~");
     EXPECT_TRUE(terminal.shows("C            30  eth0"));
+    terminal.type("\x1b[H");
+    EXPECT_TRUE(terminal.shows("lines 1 to 1 of 3"));
+    terminal.type("\x1b[F\x1b[B"); // at once
+    EXPECT_TRUE(terminal.shows("lines 3 to 3 of 3"));
     terminal.type("q");
     EXPECT_EQ(terminal.process().wait(30s), 0);
     const std::string drawn = terminal.process().output();
     EXPECT_THAT(drawn, AllOf(StartsWith("\x1b[?1049h\x1b[?25l"), HasSubstr("3 radars, on 10.20.2.1"),
                              testing::EndsWith("\x1b[?25h\x1b[?1049l")));
+}
+
+TEST_F(Listing, WatchGivesTheTerminalBackOnCtrlBackslashAndPrintsLinesWhereItCannotDraw) {
+    const auto north = serve("host1", "North", 20);
+    Terminal terminal(m_lan.node("display"), m_profile.path() / "keys");
+    EXPECT_TRUE(terminal.shows("North"));
+    terminal.type("\x1c");
+    EXPECT_EQ(terminal.process().wait(30s), 0);
+    EXPECT_THAT(terminal.process().output(), testing::EndsWith("\x1b[?25h\x1b[?1049l"));
+    Terminal dumb(m_lan.node("display"), m_profile.path() / "dumb", "dumb");
+    EXPECT_TRUE(dumb.process().lineWith("+ North id 20", 30s));
+    EXPECT_THAT(dumb.process().output(), Not(HasSubstr("\x1b")));
 }
 
 TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {

@@ -1,5 +1,8 @@
 #include "radarctl_fixture.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <fstream>
 #include <set>
@@ -192,6 +195,8 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
     EXPECT_THAT(left, ElementsAre("- North: 10.20.1.1 now announces Renamed",
                                   "- South: 10.20.1.2 has not answered for 8 s, others do"));
     EXPECT_THAT(text.output(), testing::Not(HasSubstr("- West")));
+    EXPECT_EQ(runOn("display", {"ip", "address", "flush", "dev", "eth0"}).status, 0);
+    EXPECT_TRUE(text.lineWith("; no local address leads to it any more", 30s)) << text.output();
 }
 
 TEST_F(Radarctl, EndsWhenItsReaderEnds) {
@@ -233,6 +238,21 @@ TEST_F(Radarctl, EveryCommandEndsAtOnceOnASignal) {
         tool.signal(number);
         EXPECT_EQ(tool.wait(15s), status) << arguments[0] << ", signal " << number;
     }
+}
+
+TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
+    const std::string full = m_profile.path() / "full";
+    EXPECT_EQ(runOn("host1", {"mkfifo", full}).status, 0);
+    const net::detail::Descriptor fifo(::open(full.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string page(4096, ' ');
+    while (::write(fifo.get(), page.data(), page.size()) > 0)
+        continue;
+    lab::Process host = m_lan.node("host1").start({.command = radarctl({"host", "--name", "North"}),
+                                                   .outputFile = full,
+                                                   .errorFile = m_profile.path() / "errors"});
+    EXPECT_TRUE(comesTrue([&] { return run({"list"}).output.find("North") != std::string::npos; }, 30s));
+    host.signal(SIGTERM); // while it says that it serves
+    EXPECT_EQ(host.wait(15s), 0);
 }
 
 TEST_F(Radarctl, WhatIgnoresASignalGoesOn) {

@@ -106,7 +106,8 @@ void History::takeRadar(const Event& event) {
     }
     for (const radar::Radar& entry : entries) {
         const auto heard = Clock::now() - entry.age;
-        const auto [known, isNew] = m_present.try_emplace(entry.name, Sighting{entry, heard, heard});
+        const auto [known, isNew] = m_present.try_emplace(
+            entry.name, Sighting{entry, std::chrono::steady_clock::now() - entry.age, heard, heard});
         std::vector<std::string> what = changesOf(event, entry);
         known->second.entry = entry;
         known->second.last = heard;

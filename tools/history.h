@@ -14,8 +14,9 @@
 /// An entry since it was seen first.
 struct Sighting {
     radar::Radar entry; ///< as it was last
-    std::chrono::system_clock::time_point first;
-    std::chrono::system_clock::time_point last; ///< of its last announcement
+    std::chrono::steady_clock::time_point appeared;
+    std::chrono::system_clock::time_point first; ///< the same as a time of day
+    std::chrono::system_clock::time_point last;  ///< of its last announcement
 };
 
 struct Change {

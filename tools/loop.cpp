@@ -38,7 +38,7 @@ void Loop::take(std::initializer_list<int> signals) {
 
 void Loop::takeTerminal(int descriptor) {
     m_terminal = descriptor;
-    take({SIGTSTP, SIGCONT});
+    take({SIGQUIT, SIGTSTP, SIGCONT});
 }
 
 void Loop::watch(int descriptor) {

@@ -20,7 +20,8 @@ public:
     Loop& operator=(const Loop&) = delete;
 
     /// From here on wait() also tells that the terminal has something to read (Input), that the process is to
-    /// be suspended, which it is not by itself any more (Suspend), and that it goes on (Resume).
+    /// be suspended, which it is not by itself any more (Suspend), and that it goes on (Resume). SIGQUIT is
+    /// an event, too: it would leave the terminal as it is.
     /// @param descriptor the terminal, not owned; -1: there is nothing to read
     void takeTerminal(int descriptor);
 

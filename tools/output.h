@@ -9,6 +9,9 @@
 /// Whoever read the output wants no more, which ends a subcommand quietly and well.
 struct ReaderGone {};
 
+/// Whether that is a terminal on which more can be done than to print lines.
+bool canMoveCursor(int descriptor);
+
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
 /// error or nowhere.
 class Output {
@@ -21,6 +24,7 @@ public:
     Output& operator=(const Output&) = delete;
 
     bool isTerminal() const;
+    bool canMoveCursor() const { return ::canMoveCursor(m_descriptor.get()); }
     /// Rows and columns of the terminal, now.
     struct Size {
         int rows;
@@ -32,10 +36,14 @@ public:
     /// @p text in that style, where colour is wanted.
     std::string styled(Style style, const std::string& text) const;
 
-    /// Writes all of @p text. @throws ReaderGone, Failure
+    /// Writes all of @p text. A reader that stands has gone when a signal asks to end, which nobody would
+    /// come to take out of a Loop. @throws ReaderGone, Failure
     void write(const std::string& text) const;
 
 private:
+    bool waitForRoom() const;
+
     net::detail::Descriptor m_descriptor; // a copy of the real standard output
+    net::detail::Descriptor m_stops;      // signalfd, readable when a Loop has a signal to end
     bool m_colored;
 };

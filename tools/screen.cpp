@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <limits>
 #include <string_view>
 
@@ -62,7 +63,7 @@ void Screen::resume() const {
 
 void Screen::giveBack() const {
     if (m_hasKeys)
-        ::tcsetattr(STDIN_FILENO, TCSADRAIN, &m_before);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &m_before); // a terminal may stand
     m_output.write("\x1b[?25h\x1b[?1049l");
 }
 
@@ -95,7 +96,8 @@ bool Screen::readKeys() {
         if (key->lines == kTop || key->lines == kBottom)
             m_first = key->lines == kTop ? 0 : kBottom; // draw() knows where the bottom is
         else
-            m_first = std::max(0, m_first + key->lines * (key->pages ? m_page : 1));
+            m_first = static_cast<int>(std::clamp<std::int64_t>(
+                std::int64_t{m_first} + key->lines * (key->pages ? m_page : 1), 0, kBottom));
     }
     return true;
 }

@@ -65,7 +65,9 @@ std::string eventLine(const Change& change, const radar::LocalAddress& local) {
                         ? "; shares its host id no more"
                         : "; shares its host id with " + inWords(change.sharesHostIdWith);
         else if (what == "localAddress")
-            text += "; the local address is " + std::string(net::transAddr(local.address));
+            text += local.address == 0
+                        ? "; no local address leads to it any more"
+                        : "; the local address is " + std::string(net::transAddr(local.address));
     return text;
 }
 
@@ -113,14 +115,14 @@ Screen::Picture picture(const radar::Watch& watch, History& history, bool endpoi
     picture.heading = {heading(history.present().size(), local.address, hasKeys),
                        output.styled(Output::Style::Heading, "  " + layout.heading())};
     picture.notes = sharedIdNotes(shared, columns);
-    const auto now = SystemClock::now();
+    const auto now = std::chrono::steady_clock::now();
     std::map<std::string, std::vector<std::string>> lines; // by name
     for (const radar::Radar& entry : entriesOf(watch.radars())) {
         const auto known = history.present().find(entry.name);
         if (known == history.present().end())
             continue;
         const bool sharesId = shared.contains(entry.hostId);
-        const bool isNew = now - known->second.first < kNew;
+        const bool isNew = now - known->second.appeared < kNew;
         const std::string line = (isNew ? "+ " : "  ") + layout.line(entry, sharesId, ageText(entry.age),
                                                                      timeText(known->second.first, "%T"));
         lines[entry.name] = {sharesId ? output.styled(Output::Style::Bad, line)
@@ -145,7 +147,7 @@ class View {
 public:
     View(const Options& options, Output& output)
         : m_options(options), m_output(output), m_search({options.local}) {
-        if (!output.isTerminal() || options.json)
+        if (!output.canMoveCursor() || options.json)
             return;
         m_screen = std::make_unique<Screen>(output);
         m_search.loop().takeTerminal(m_screen->keyboard());
