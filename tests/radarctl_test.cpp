@@ -26,6 +26,8 @@ TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
         {{"list", "--local", "10.9.9.9"},
          "10.9.9.9 is no address of this computer; it has: 127.0.0.1, 10.20.2.1"},
         {{"list", "--interface", "eth9"}, "no interface \"eth9\" with an IPv4 address; there are: lo, eth0"},
+        {{"reset", "--interface", ""}, "--interface: '' is no interface"},
+        {{"record", "-o", "/dev/stdout"}, "'/dev/stdout' is where the report goes; a FIFO takes"},
         {{"watch", "--count", "0"}, "'0' is no number of events"},
         {{"listen", "North", "2"}, "'2' is no stream: 0 or 1"},
         {{"listen", "North", "0", "--endpoint", "sound"}, "'sound' is no endpoint: image, image-control"},

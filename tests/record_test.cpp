@@ -276,6 +276,52 @@ TEST_F(Recording, KeepsTheBytesOfATcpService) {
     EXPECT_EQ(tcp[0]["bytes"], 9);
 }
 
+TEST_F(Recording, NamesTheRadarsThatItDidNotHearAndLeavesNoFileWhenItIsRefused) {
+    const auto north = serve("host1", "North", 20);
+    const struct {
+        Words arguments;
+        int status;
+        const char* errors;
+    } cases[] = {
+        {{"--interface", "eth9"}, 2, "no interface \"eth9\""},
+        {{"--interface", "eth0", "--duration", "3", "Nroth"}, 1, "not heard: Nroth; there are: North\n"},
+        {{"--interface", "eth0", "--duration", "3", "North", "South"}, 0, "not heard: South; there are: "},
+        {{"--interface", "eth0", "--duration", "3"}, 0, ""},
+    };
+    for (const auto& [arguments, status, errors] : cases) {
+        Words words{"record", "-o", path("file")};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        const Result result = run(words);
+        EXPECT_EQ(result.status, status) << result.errors;
+        EXPECT_THAT(result.errors, HasSubstr(errors));
+        EXPECT_EQ(std::filesystem::remove(path("file")), status != 2);
+    }
+}
+
+TEST_F(Recording, ReportsOnLinesOfItsOwnOnATerminal) {
+    const auto onTerminal = [&](const std::string& kind, const std::string& command) {
+        const std::string line = "TERM=" + kind + " exec " RADARCTL " " + command + " --interface eth0";
+        const Result result = runOn("display", {"script", "-qec", line, "/dev/null"});
+        EXPECT_EQ(result.status, 0) << result.output;
+        return result.output;
+    };
+    auto north = serve("host1", "North", 20);
+    EXPECT_THAT(onTerminal("vt100", "record --duration 3 -o " + path("first")),
+                HasSubstr("Ctrl-C ends\x1b[?7h\r\x1b[Krecorded "));
+    EXPECT_THAT(onTerminal("dumb", "record --duration 3 -o " + path("second")), StartsWith("recorded "));
+    north.reset();
+    EXPECT_THAT(onTerminal("vt100", "replay " + path("first")),
+                AllOf(HasSubstr("\r\x1b[KNorth holds host id 20"), HasSubstr("sent\x1b[?7h\r\x1b[K"),
+                      HasSubstr("[?7l0.0 of "), testing::Not(HasSubstr("[?7l-"))));
+}
+
+TEST_F(Recording, ShowsEachCommentOnALineOfItsOwn) {
+    std::string blocks = sectionBlock("test") + interfaceBlock("eth0");
+    appendDatagramBlock(blocks, 0, {1s, endpoint("10.20.1.1", 1), endpoint("236.6.7.8", 6878), "x"}, "a\nb");
+    m_profile.write(blocks, "file");
+    EXPECT_THAT(run({"info", path("file")}).output, HasSubstr("0.0 s  a\n             b\n"));
+}
+
 TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
     const lab::Process host = startHost("host1", "Secret", "20");
     for (const bool redacted : {false, true}) {

@@ -7,6 +7,7 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <cstdio>
+#include <sstream>
 
 namespace {
 
@@ -172,9 +173,13 @@ std::string noteLines(const Recorded& recorded) {
     if (const std::string left = leftOut(recorded.counts); !left.empty())
         text += "left out: " + left + "\n";
     const auto& comments = recorded.notes.comments;
-    for (std::size_t i = 0; i < std::min(kListedComments, comments.size()); ++i)
-        text += format("%9.1f s  ", inSeconds(comments[i].time - recorded.contents.total().first)) +
-                printable(comments[i].text) + "\n";
+    for (std::size_t i = 0; i < std::min(kListedComments, comments.size()); ++i) {
+        std::string label =
+            format("%9.1f s  ", inSeconds(comments[i].time - recorded.contents.total().first));
+        std::istringstream lines(comments[i].text); // several, of one packet
+        for (std::string line; std::getline(lines, line); label.assign(label.size(), ' '))
+            text += label + printable(line) + "\n";
+    }
     if (comments.size() > kListedComments)
         text += "and " + std::to_string(comments.size() - kListedComments) + " more comments\n";
     return text;

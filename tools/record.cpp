@@ -14,6 +14,8 @@
 
 #include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -42,6 +44,7 @@ struct Options {
 };
 
 constexpr auto kPeriod = 250ms;       // of the progress, and of a look at what is to be heard
+constexpr auto kPatience = 15s;       // with radars that are named; a search takes 6 to 12
 constexpr std::size_t kMaxLines = 10; // about groups that cannot be heard
 
 /// The words of a list with commas.
@@ -78,6 +81,17 @@ std::string checkStreams(const std::string& text) {
             std::ranges::none_of(kEndpointNames, [&](const auto& known) { return word == known.name; }))
             return "'" + word + "' is no stream: " + names;
     return "";
+}
+
+/// Refuses the standard output, which has the report, and a descriptor of its own by then.
+std::string checkFile(const std::string& path) {
+    struct stat file {};
+    struct stat output {};
+    const bool isOutput = ::stat(path.c_str(), &file) == 0 && ::fstat(STDOUT_FILENO, &output) == 0 &&
+                          file.st_dev == output.st_dev && file.st_ino == output.st_ino;
+    return isOutput && path != "/dev/null"
+               ? "'" + path + "' is where the report goes; a FIFO takes a recording to another program"
+               : "";
 }
 
 std::string sizeText(double bytes) {
@@ -151,10 +165,10 @@ class Record {
 public:
     Record(const Options& options, Output& output)
         : m_options(options), m_output(output),
+          m_watch(radar::Watch::Options{checkedLocalAddress(options.local)}),
           m_recorder({options.file, std::string("radarctl ") + UDPSOCKET_VERSION, options.rotateAt,
                       static_cast<std::size_t>(options.keep), kQueue},
-                     [this] { m_loop.wake(); }),
-          m_watch(radar::Watch::Options{localAddress(options.local)}) {
+                     [this] { m_loop.wake(); }) {
         m_loop.watch(m_watch.descriptor());
     }
 
@@ -168,6 +182,8 @@ public:
                (m_options.size == 0 || m_recorder.writer().bytes() < m_options.size)) {
             if (Clock::now() >= nextLook) {
                 listen();
+                if (!m_toldUnheard && Clock::now() - m_start >= kPatience)
+                    tellUnheard();
                 show();
                 nextLook = Clock::now() + kPeriod;
             }
@@ -184,9 +200,12 @@ public:
     }
 
 private:
+    static bool isNamed(const radar::Radar& radar, const std::string& name) {
+        return name == radar.name || name == printable(radar.name);
+    }
     bool isWanted(const radar::Radar& radar) const {
         return m_options.names.empty() || std::ranges::any_of(m_options.names, [&](const std::string& name) {
-                   return name == radar.name || name == printable(radar.name);
+                   return isNamed(radar, name);
                });
     }
     bool isWanted(const EndpointName& endpoint) const {
@@ -221,6 +240,8 @@ private:
                 if (!isWanted(radar))
                     continue;
                 ++m_radars;
+                std::erase_if(m_unheard, [&](const std::string& name) { return isNamed(radar, name); });
+                m_heardAny = true;
                 for (const RadarAddress& record : radar.streams)
                     add(places, servers, record, device);
                 if (radar.tcp)
@@ -228,10 +249,12 @@ private:
             }
         }
         for (const Recorder::Refusal& refusal : m_recorder.listenTo(places))
-            if (m_refused.size() < kMaxLines && m_refused.insert(refusal.place).second)
+            if (m_refused.size() < kMaxLines && m_refused.insert(refusal.place).second) {
+                m_status.wipe();
                 std::fprintf(stderr, "radarctl: cannot hear %s: %s\n",
                              endpointText(NetAddress{refusal.place.ip, refusal.place.port}).c_str(),
                              std::strerror(refusal.error));
+            }
         std::erase_if(m_taps, [&](const auto& tap) { return !servers.contains(tap.first); });
         for (const auto& [key, server] : servers)
             if (!m_taps.contains(key))
@@ -251,6 +274,20 @@ private:
             else if (endpoint.type == kClient)
                 servers[Contents::keyOf(endpoint)] = endpoint;
         }
+    }
+
+    /// Which of the radars that are named were not there so far.
+    void tellUnheard() {
+        m_toldUnheard = true;
+        if (m_unheard.empty())
+            return;
+        std::set<std::string> there;
+        for (const radar::Radar& radar : m_watch.radars())
+            there.insert(radar.name);
+        m_status.wipe();
+        std::fprintf(stderr, "radarctl: not heard: %s; %s\n", inWords(m_unheard).c_str(),
+                     there.empty() ? "no radar is there (see radarctl doctor)"
+                                   : ("there are: " + inWords(there)).c_str());
     }
 
     void show() {
@@ -273,6 +310,7 @@ private:
     }
 
     int report() {
+        m_status.wipe();
         const Recorder::Counts counts = m_recorder.counts();
         std::string text = "recorded " + std::to_string(counts.datagrams) + " datagrams, " +
                            sizeText(static_cast<double>(counts.bytes)) + ", in " +
@@ -286,7 +324,8 @@ private:
                                            "; the recording ends with the last block that was written whole");
         if (counts.datagrams == 0)
             std::fprintf(stderr, "radarctl: nothing was heard; radarctl doctor looks for the reason\n");
-        return counts.datagrams > 0 ? kFound : kNothingFound;
+        tellUnheard();
+        return counts.datagrams > 0 && (m_heardAny || m_options.names.empty()) ? kFound : kNothingFound;
     }
 
     static constexpr std::size_t kQueue = 64 << 20; // bytes
@@ -294,10 +333,13 @@ private:
     const Options& m_options;
     Output& m_output;
     Loop m_loop; // before anything that starts threads
-    Recorder m_recorder;
     radar::Watch m_watch;
+    Recorder m_recorder; // makes the file, when nothing else is refused any more
     std::map<Contents::Key, std::unique_ptr<Tap>> m_taps;
     std::set<Place> m_refused; // that was told of
+    std::set<std::string> m_unheard{m_options.names.begin(), m_options.names.end()};
+    bool m_toldUnheard = false;
+    bool m_heardAny = false; // a radar that was wanted
     std::size_t m_radars = 0;
     const Clock::time_point m_start = Clock::now();
     Clock::time_point m_nextDrawing = m_start;
@@ -321,7 +363,7 @@ void addRecord(CommandLine& line) {
                                  [options](Output& output) { return record(*options, output); });
     syntax.option("names", options->names, "NAME", "The radars' names as list prints them (default: all)");
     syntax.required("-o,--output", options->file, "FILE",
-                    "The file to write; none with content is overwritten");
+                    "The file to write; none with content is overwritten", checkFile);
     syntax.option(
         "--streams", options->streams, "LIST",
         "all (default), or image, image-control, image-state, arpa, arpa-control, arpa-state, original, "

@@ -293,7 +293,7 @@ private:
                 for (ReplayedRadar& radar : m_radars)
                     act(radar, radar.receive(message));
                 if (message == wire::text(wire::kReset))
-                    m_output.write("reset asked for\n");
+                    print("reset asked for");
             } else if (message == wire::text(wire::kQuery)) {
                 answer();
             } else {
@@ -303,11 +303,15 @@ private:
         show(position);
     }
 
+    void print(const std::string& line) {
+        m_status.wipe();
+        m_output.write(line + "\n");
+    }
+
     /// Sends what a radar has to say about its id, and lets the others hear it, as they would on a LAN.
     void act(ReplayedRadar& speaker, const ReplayedRadar::Output& output) {
         if (output.loggedIn)
-            m_output.write(printable(speaker.name()) + " holds host id " + std::to_string(*output.loggedIn) +
-                           "\n");
+            print(printable(speaker.name()) + " holds host id " + std::to_string(*output.loggedIn));
         if (!output.message)
             return;
         note(m_lan.send(wire::kNegotiation, wire::text(*output.message)));
@@ -363,13 +367,13 @@ private:
         m_nextDrawing = Clock::now() + kRedraw;
         char text[100];
         std::snprintf(text, sizeof text, "%.1f of %.1f s, %llu datagrams sent",
-                      std::chrono::duration<double>(position - m_from).count(),
+                      std::chrono::duration<double>(std::max(Time(0), position - m_from)).count(),
                       std::chrono::duration<double>(m_to - m_from).count(),
                       static_cast<unsigned long long>(m_sent));
         m_status.show(text);
     }
 
-    void report() const {
+    void report() {
         std::string text = std::to_string(m_sent) + " datagrams sent";
         if (m_failed > 0)
             text += ", " + std::to_string(m_failed) + " not: " + std::strerror(m_error);
@@ -379,7 +383,7 @@ private:
             text += ", left out of the file: " + left;
         if (!m_recorded.notes.tcp.empty())
             text += ", bytes of TCP connections left out";
-        m_output.write(text + "\n");
+        print(text);
     }
 
     static constexpr auto kLead = 2100ms; // a login takes two seconds
@@ -423,7 +427,8 @@ void addReplay(CommandLine& line) {
                                  [options](Output& output) { return replay(*options, output); });
     syntax.required("file", options->file, "FILE",
                     "A recording: of radarctl, or pcap or pcapng of other programs");
-    syntax.required("--interface", options->local.interface, "NAME", "The interface to send on");
+    syntax.required("--interface", options->local.interface, "NAME", "The interface to send on",
+                    checkInterface);
     syntax.option("--speed", options->speed, "N", "So many times as fast, 1 unless given; or max",
                   checkSpeed);
     syntax.option("--radar", options->radar, "NAME", "This radar only");

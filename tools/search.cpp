@@ -40,18 +40,17 @@ void requireSockets() {
                       std::string("this computer allows no UDP socket: ") + std::strerror(errno));
 }
 
-unsigned int checkedLocalAddress(const LocalOptions& options) {
-    requireSockets();
-    return localAddress(options);
-}
-
 } // namespace
+
+std::string checkInterface(const std::string& name) {
+    return name.empty() ? "'' is no interface" : "";
+}
 
 void addLocalOptions(Syntax& syntax, LocalOptions& options) {
     syntax.option("--local", options.address, "IP",
                   "The local address that leads to the radars, instead of a search", checkAddress);
     syntax.option("--interface", options.interface, "NAME",
-                  "The interface that leads to the radars, instead of a search");
+                  "The interface that leads to the radars, instead of a search", checkInterface);
     syntax.exclude("--interface", "--local");
 }
 
@@ -68,6 +67,11 @@ unsigned int localAddress(const LocalOptions& options) {
         throw Failure(kUsage, "no interface \"" + printable(options.interface) +
                                   "\" with an IPv4 address; there are: " + joined(present));
     throw Failure(kUsage, options.address + " is no address of this computer; it has: " + joined(present));
+}
+
+unsigned int checkedLocalAddress(const LocalOptions& options) {
+    requireSockets();
+    return localAddress(options);
 }
 
 void addSearchOptions(Syntax& syntax, SearchOptions& options) {

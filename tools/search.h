@@ -16,10 +16,14 @@ struct LocalOptions {
     std::string address;
     std::string interface;
 };
+/// Refuses an empty name, which a script has where it has not found an interface.
+std::string checkInterface(const std::string& name);
 void addLocalOptions(Syntax& syntax, LocalOptions& options);
 /// @throws Failure for what this computer does not have
 /// @return network order; 0: neither was given
 unsigned int localAddress(const LocalOptions& options);
+/// The same. @throws Failure also where this computer allows no socket
+unsigned int checkedLocalAddress(const LocalOptions& options);
 
 struct SearchOptions {
     LocalOptions local;
