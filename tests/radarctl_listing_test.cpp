@@ -1,11 +1,15 @@
 // What people meet at the terminal: tables, keys, hints, and what a search leaves behind.
 #include "radarctl_fixture.h"
 
+#include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <thread>
 
 namespace {
 
@@ -53,6 +57,24 @@ TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWan
     EXPECT_THAT(host.lineWith("serving", 30s).value_or(""), HasSubstr("as host id 37,"));
     lab::Process twin = start("host1", {"host", "--name", "Twin", "--id", "20"});
     EXPECT_THAT(twin.nextLine(30s).value_or(""), HasSubstr("host id 20 is announced by R20 (10.20.1.2)"));
+
+    const auto sender =
+        makeIn<net::UdpSender>(m_lan.node("host2"), wire::kDiscovery.address, wire::kDiscovery.port, 0, 0);
+    std::string announcement = protocol::composeAnnouncement("Other", 20, 1);
+    announcement.replace(announcement.find("\x17\xf9"), 2, 2, '\0'); // the port of ARPA, which tells the id
+    lab::Process any = start("host1", {"host", "--name", "Any"});
+    while (!any.nextLine(20ms) && !any.wait(0ms))
+        sender->sendData(announcement.data(), static_cast<int>(announcement.size()));
+    EXPECT_THAT(any.output(), AllOf(HasSubstr("serving Any"), Not(HasSubstr("Other"))));
+}
+
+TEST_F(Listing, RenumberSaysThatTheRadarHasLeft) {
+    auto gone = serve("host1", "Gone", 30);
+    lab::Process renumber = start("display", {"renumber", "Gone", "--timeout", "11"});
+    EXPECT_TRUE(renumber.lineWith("waiting for Gone", 30s));
+    gone.reset();
+    EXPECT_EQ(renumber.wait(30s), 1);
+    EXPECT_THAT(renumber.output(), HasSubstr("radarctl: Gone has left after "));
 }
 
 /// radarctl watch on a terminal of 6 lines, 40 columns wide.
@@ -181,6 +203,13 @@ TEST_F(Listing, ListenFitsTheTerminalAndNamesDoctorWhereNothingArrives) {
     EXPECT_THAT(silent.errors, HasSubstr("nothing arrives; radarctl doctor"));
     EXPECT_THAT(run({"listen", "North", "0", "--endpoint", "original"}).errors,
                 HasSubstr("North does not announce its endpoint original"));
+    lab::Process suspended = start("display", {"listen", "North", "0", "--seconds", "5"});
+    EXPECT_TRUE(suspended.lineWith("1    ", 30s));
+    suspended.signal(SIGSTOP);
+    std::this_thread::sleep_for(2s);
+    suspended.signal(SIGCONT);
+    EXPECT_EQ(suspended.wait(30s), 1);
+    EXPECT_LT(lines(suspended.output()).size(), 9U) << "a line for each second that it missed";
     std::vector<std::unique_ptr<net::UdpSender>> senders;
     for (int i = 0; i < 20; ++i)
         senders.push_back(makeIn<net::UdpSender>(m_lan.node("host1"), "236.6.7.99",

@@ -338,11 +338,14 @@ int listen(const Options& options, Output& output) {
     Second total;
     Statistics statistics;
     bool saidWhere = true; // above
+    bool saidSilent = false;
     bool ends = false;
     for (int seconds = 1; !ends; ++seconds) {
         ends =
             search.pauseUntil(std::min(start + seconds * Clock::duration(1s), end)) == Search::End::Stopped ||
             Clock::now() >= end;
+        // Who was suspended counts on from now: of what came meanwhile there is one line.
+        seconds = std::max(seconds, static_cast<int>((Clock::now() - start) / Clock::duration(1s)));
         const Second second = counter.next();
         const Statistics before = std::exchange(statistics, stream.statistics());
         total.add(second);
@@ -352,7 +355,7 @@ int listen(const Options& options, Output& output) {
         const Losses losses(before, statistics);
         output.write(options.json ? jsonText(toJson(second, losses, hasSequence, false), true)
                                   : line(second, losses, std::to_string(seconds)) + "\n");
-        if (total.datagrams == 0 && (seconds == kSilentSeconds || (ends && seconds < kSilentSeconds)))
+        if (total.datagrams == 0 && (seconds >= kSilentSeconds || ends) && !std::exchange(saidSilent, true))
             std::fprintf(stderr, "radarctl: nothing arrives; radarctl doctor looks for the reason\n");
     }
     const Losses losses({}, statistics);

@@ -61,7 +61,7 @@ std::uint8_t proposedId(int wanted, Loop& loop) {
             return 0;
     }
     const std::map<int, std::string> holders = announced.holders();
-    if (const auto holder = holders.find(wanted); holder != holders.end())
+    if (const auto holder = holders.find(wanted); wanted != 0 && holder != holders.end())
         std::fprintf(stderr, "radarctl: host id %d is announced by %s; proposing it all the same\n", wanted,
                      holder->second.c_str());
     if (wanted != 0)

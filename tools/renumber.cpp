@@ -20,6 +20,7 @@ public:
     Renumbering(radar::Watch& watch, const radar::Radar& radar) : m_watch(watch), m_name(radar.name) {
         const std::vector<radar::Radar> listed = entriesOf(watch.radars());
         m_objected[radar.name] = radar.hostId;
+        m_held[radar.name] = radar.hostId;
         const auto shared = sharedIds(listed);
         if (const auto holders = shared.find(radar.hostId); holders != shared.end())
             for (const std::string& name : holders->second)
@@ -63,6 +64,7 @@ public:
         const auto radar = m_held.find(m_name);
         return radar != m_held.end() ? radar->second : m_objected.at(m_name);
     }
+    bool isThere() const { return m_held.contains(m_name); }
     bool hasMoved() const { return held() != m_objected.at(m_name); }
 
 private:
@@ -117,8 +119,11 @@ int renumber(const Options& options, Output& output) {
     const int count = renumbering.objections();
     const std::string sent = count == 1 ? "" : " after " + std::to_string(count) + " objections";
     if (end != Search::End::Enough && !renumbering.hasMoved())
-        throw Failure(kNothingFound, renumbering.story() + name + " still announces host id " +
-                                         std::to_string(renumbering.held()) + sent);
+        throw Failure(kNothingFound, renumbering.story() + name +
+                                         (renumbering.isThere() ? " still announces host id " +
+                                                                      std::to_string(renumbering.held())
+                                                                : " has left") +
+                                         sent);
     if (!renumbering.story().empty())
         output.write(renumbering.story() + renumbering.ids() + "\n");
     else
