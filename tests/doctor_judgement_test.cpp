@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <clocale>
 
 namespace {
 
@@ -267,9 +268,14 @@ TEST(Judgement, MisspeltProfileKeysAreNamedAndThoseOfOthersLeft) {
 
 TEST(DoctorRedaction, ReplacesAddressesAndNamesTheSameWayEverywhere) {
     Redaction redaction;
-    redaction.hide("North", redaction.radarName("North"));
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // as radarctl has it
+    redaction.radarName("North");
+    for (const char* name : {"radar-1", "North mast", "S\u00fcd \"\x1b", "2"})
+        redaction.radarName(name);
     const std::pair<const char*, const char*> cases[] = {
         {"North at 10.20.1.1, Northern", "radar-1 at 10.1.2.1, Northern"},
+        {"radar-1, North mast, North, 2", "radar-2, radar-3, radar-1, radar-5"},
+        {"S\u00fcd \"\\x1B, S\u00fcd", "radar-4, S\u00fcd"},
         {"10.20.1.7/16 and 10.20.9.1 are near, 192.168.0.1 is not",
          "10.1.2.7/16 and 10.1.3.1 are near, 10.4.5.1 is not"},
         {"236.6.7.5 127.0.0.1 255.255.0.0 0.0.0.0", "236.6.7.5 127.0.0.1 255.255.0.0 0.0.0.0"},

@@ -323,26 +323,29 @@ TEST_F(Recording, ShowsEachCommentOnALineOfItsOwn) {
 }
 
 TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
-    const lab::Process host = startHost("host1", "Secret", "20");
+    const lab::Process host = startHost("host1", "Secret \"mast\"", "20");
     for (const bool redacted : {false, true}) {
         const std::string file = path(redacted ? "redacted.tar.gz" : "bundle.tar.gz");
         const std::string out = path(redacted ? "redacted" : "bundle");
-        const Result doctor = run({"doctor", "--seconds", "3", "--bundle", file,
-                                   redacted ? "--redact" : "--verbose", "--follow", "Secretive"});
+        const Result doctor =
+            run({"doctor", "--seconds", "3", "--bundle", file, redacted ? "--redact" : "--verbose", "--color",
+                 "always", "--follow", "Secretive"});
         EXPECT_EQ(doctor.status, 1) << "nobody has that name: " << doctor.output;
         EXPECT_THAT(doctor.errors, HasSubstr("discovery.pcapng"));
         EXPECT_THAT(shell("tar -tzf " + file + " | head -1 && mkdir " + out + " && tar -xzf " + file +
                           " -C " + out + " && ls " + out),
                     AllOf(testing::StartsWith("CONTENTS.txt\n"), HasSubstr("\nfindings.json\n")));
-        EXPECT_THAT(
-            shell("tshark -r " + out +
-                  "/discovery.pcapng -X lua_script:" DISSECTOR " -T fields -e _ws.col.Info"),
-            HasSubstr(redacted ? "Announcement: radar-1, host id 20" : "Announcement: Secret, host id 20"));
+        EXPECT_THAT(shell("tshark -r " + out +
+                          "/discovery.pcapng -X lua_script:" DISSECTOR " -T fields -e _ws.col.Info"),
+                    HasSubstr(redacted ? "Announcement: radar-1, host id 20"
+                                       : "Announcement: Secret \"mast\", host id 20"));
         const bool isRecognised =
             shell("grep -aqr -e Secret -e '10[.]20[.]' " + out + " && echo yes || true") == "yes\n";
         EXPECT_EQ(isRecognised, !redacted);
         EXPECT_FALSE(std::filesystem::exists(file + ".part"));
+        EXPECT_EQ(shell("grep -c '\x1b' " + out + "/findings.txt || true"), "0\n") << "colour of a terminal";
     }
+    EXPECT_EQ(run({"doctor", "--seconds", "600", "--bundle", "/nowhere/bundle.tar.gz"}).status, 3);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "bundle.h"
 
+#include "../json.h"
 #include "../recorded.h"
 #include "../table.h"
 #include "redaction.h"
@@ -132,8 +133,19 @@ constexpr Part kParts[] = {
     {"versions.txt", "versions of radarctl and of the system", versions},
 };
 
+/// The strings in it, before JSON escapes them; keys are nobody's names.
+void redact(nlohmann::ordered_json& document, Redaction& redaction) {
+    if (document.is_string())
+        document = redaction.text(document.get<std::string>());
+    else if (document.is_structured())
+        for (nlohmann::ordered_json& part : document)
+            redact(part, redaction);
+}
+
+} // namespace
+
 /// A file that takes its name when it is whole.
-class Archive {
+class Bundle::Archive {
 public:
     explicit Archive(const std::string& path)
         : m_path(path), m_temporary(path + ".part"), m_archive(::archive_write_new()) {
@@ -195,10 +207,9 @@ private:
     std::unique_ptr<archive, Free> m_archive;
 };
 
-} // namespace
-
-Bundle::Bundle(std::string path, bool redact)
-    : m_path(std::move(path)), m_redact(redact), m_memory(::memfd_create("recording", MFD_CLOEXEC)) {
+Bundle::Bundle(const std::string& path, bool redact)
+    : m_archive(std::make_unique<Archive>(path)), m_redact(redact),
+      m_memory(::memfd_create("recording", MFD_CLOEXEC)) {
     if (!m_memory.isOpen())
         throw std::system_error(errno, std::generic_category(), "no memory for a recording");
     m_recorder = std::make_unique<Recorder>(
@@ -210,6 +221,8 @@ Bundle::Bundle(std::string path, bool redact)
                 places.insert({interface.name, net::transAddr(group.address), net::HtoNs(group.port)});
     m_recorder->listenTo(places); // refused: doctor tells why
 }
+
+Bundle::~Bundle() = default;
 
 std::string Bundle::list() const {
     std::string text;
@@ -245,24 +258,24 @@ void Bundle::write(const Observation& seen, const std::string& findings, const s
     ::uname(&system);
     redaction.hide(system.nodename, "computer");
     for (const auto& [host, heard] : seen.listening.hosts)
-        redaction.hide(printable(host.name), redaction.radarName(host.name));
-    if (seen.image) {
-        const std::string name(protocol::announcedName(seen.image->radar));
-        redaction.hide(printable(name), redaction.radarName(name));
-    }
+        redaction.radarName(host.name);
+    if (seen.image)
+        redaction.radarName(std::string(protocol::announcedName(seen.image->radar)));
     const std::string packets = recorded(redaction); // names of all radars are known afterwards
-    Archive archive(m_path);
-    archive.add("CONTENTS.txt", list());
+    m_archive->add("CONTENTS.txt", list());
+    nlohmann::ordered_json document = nlohmann::ordered_json::parse(json);
+    if (m_redact)
+        redact(document, redaction);
     for (const Part& part : kParts) {
         const std::string_view name = part.name;
         const std::string content = part.make != nullptr      ? part.make(seen)
                                     : name == "findings.txt"  ? findings
-                                    : name == "findings.json" ? json
+                                    : name == "findings.json" ? jsonText(document, false)
                                                               : packets;
-        const bool isText = name != "discovery.pcapng";
-        archive.add(part.name, m_redact && isText ? redaction.text(content) : content);
+        const bool isText = name != "discovery.pcapng" && name != "findings.json";
+        m_archive->add(part.name, m_redact && isText ? redaction.text(content) : content);
     }
-    archive.finish();
+    m_archive->finish();
 }
 
 } // namespace doctor

@@ -17,7 +17,10 @@ class Bundle {
 public:
     /// @param redact replaces addresses and names
     /// @throws std::system_error
-    Bundle(std::string path, bool redact);
+    Bundle(const std::string& path, bool redact);
+    ~Bundle();
+    Bundle(const Bundle&) = delete;
+    Bundle& operator=(const Bundle&) = delete;
 
     /// What it will hold, for the person whose computer it is.
     std::string list() const;
@@ -28,9 +31,10 @@ public:
     void write(const Observation& seen, const std::string& findings, const std::string& json);
 
 private:
+    class Archive;
     std::string recorded(class Redaction& redaction);
 
-    const std::string m_path;
+    std::unique_ptr<Archive> m_archive; // first: where it cannot be made, nothing is looked at
     const bool m_redact;
     net::detail::Descriptor m_memory; // the recording's file
     std::unique_ptr<radar::recording::Recorder> m_recorder;

@@ -81,8 +81,10 @@ std::string line(const Finding& finding) {
 }
 
 /// A paragraph that goes on indented where a terminal's line is full; one line elsewhere.
-std::string paragraph(const std::string& text, std::size_t indent, const Output& output) {
-    const auto width = static_cast<std::size_t>(output.isTerminal() ? output.terminalSize().columns : 0);
+/// @param output null: a file
+std::string paragraph(const std::string& text, std::size_t indent, const Output* output) {
+    const bool isTerminal = output != nullptr && output->isTerminal();
+    const auto width = static_cast<std::size_t>(isTerminal ? output->terminalSize().columns : 0);
     std::string result = std::string(indent, ' ');
     std::size_t column = indent;
     std::istringstream words(text);
@@ -100,20 +102,24 @@ std::string paragraph(const std::string& text, std::size_t indent, const Output&
     return result + "\n";
 }
 
-std::string asText(const Report& report, const std::string& only, const Output& output) {
+/// @param output null: a file
+std::string asText(const Report& report, const std::string& only, const Output* output) {
+    const auto styled = [output](Output::Style style, const std::string& text) {
+        return output != nullptr ? output->styled(style, text) : text;
+    };
     std::string result;
     for (const Finding& finding : report.findings) {
-        result += output.styled(finding.isComplaint() ? Output::Style::Bad : Output::Style::Heading,
-                                word(finding.severity) + std::string(" ") + finding.word()) +
+        result += styled(finding.isComplaint() ? Output::Style::Bad : Output::Style::Heading,
+                         word(finding.severity) + std::string(" ") + finding.word()) +
                   "\n" + paragraph(line(finding), 4, output) +
                   paragraph("measured: " + finding.measured, 4, output);
     }
     result += std::string(report.findings.empty() ? "" : "\n") +
-              output.styled(Output::Style::Heading, "looked at:") + "\n";
+              styled(Output::Style::Heading, "looked at:") + "\n";
     for (const Check& check : report.checks)
         result += paragraph(check.subject + ": " + check.seen, 4, output);
     if (std::ranges::none_of(report.findings, &Finding::isComplaint))
-        result += output.styled(Output::Style::Good, "nothing to complain about") +
+        result += styled(Output::Style::Good, "nothing to complain about") +
                   (only.empty() ? "" : " on " + printable(only) + ", which alone was looked at") + "\n";
     return result;
 }
@@ -176,9 +182,9 @@ int examine(const Options& options, Output& output) {
     }
     const Report report = judge(seen);
     const std::string json = asJson(report, seen);
-    output.write(options.json ? json : asText(report, seen.only, output));
+    output.write(options.json ? json : asText(report, seen.only, &output));
     if (bundle) {
-        bundle->write(seen, asText(report, seen.only, output), json);
+        bundle->write(seen, asText(report, seen.only, nullptr), json);
         std::fprintf(stderr, "%s is written\n", printable(options.bundle).c_str());
     }
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;

@@ -1,5 +1,7 @@
 #include "redaction.h"
 
+#include "../table.h"
+
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
@@ -16,29 +18,38 @@ bool isWordCharacter(char character) {
     return std::isalnum(static_cast<unsigned char>(character)) != 0 || character == '_';
 }
 
-void replaceWord(std::string& text, const std::string& word, const std::string& replacement) {
-    for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at)) {
-        const std::size_t end = at + word.size();
-        const bool isWord =
-            (at == 0 || !isWordCharacter(text[at - 1]) || !isWordCharacter(word.front())) &&
-            (end == text.size() || !isWordCharacter(text[end]) || !isWordCharacter(word.back()));
-        if (isWord)
-            text.replace(at, word.size(), replacement);
-        at += isWord ? replacement.size() : 1;
-    }
+bool isWordAt(const std::string& text, std::size_t at, const std::string& word) {
+    const std::size_t end = at + word.size();
+    return text.compare(at, word.size(), word) == 0 &&
+           (at == 0 || !isWordCharacter(text[at - 1]) || !isWordCharacter(word.front())) &&
+           (end == text.size() || !isWordCharacter(text[end]) || !isWordCharacter(word.back()));
 }
 
 } // namespace
 
 void Redaction::hide(const std::string& name, const std::string& replacement) {
-    if (!name.empty())
-        m_names.emplace(name, replacement);
+    for (const std::string& form : {name, printable(name)})
+        if (!form.empty())
+            m_names.emplace(form, replacement);
 }
 
 std::string Redaction::radarName(const std::string& name) {
-    const auto [known, isNew] = m_names.try_emplace(name, "radar-" + std::to_string(m_radars + 1));
-    m_radars += isNew ? 1 : 0;
-    return known->second;
+    const auto known = m_names.find(name);
+    if (known != m_names.end())
+        return known->second;
+    const std::string replacement = "radar-" + std::to_string(++m_radars);
+    hide(name, replacement);
+    return replacement;
+}
+
+/// The longest that stands there.
+Redaction::Names::const_iterator Redaction::nameAt(const std::string& text, std::size_t at) const {
+    auto found = m_names.end();
+    for (auto name = m_names.lower_bound(text.substr(at, 1));
+         name != m_names.end() && name->first.front() == text[at]; ++name)
+        if (isWordAt(text, at, name->first))
+            found = name; // of names that begin alike, a longer one comes later
+    return found;
 }
 
 std::uint32_t Redaction::address(std::uint32_t networkOrder) {
@@ -78,14 +89,24 @@ std::string Redaction::text(const std::string& text) {
         "|[0-9A-Fa-f]{0,4}(:[0-9A-Fa-f]{0,4}){3,7}|[0-9A-Fa-f]{1,4}::[0-9A-Fa-f]{0,4}"
         "|[0-9]{1,3}(\\.[0-9]{1,3}){3}");
     std::string result;
-    std::string::const_iterator rest = text.begin();
-    for (std::sregex_iterator found(text.begin(), text.end(), kAddresses), end; found != end; ++found) {
-        result.append(rest, (*found)[0].first).append(word(found->str()));
-        rest = (*found)[0].second;
+    std::sregex_iterator address(text.begin(), text.end(), kAddresses);
+    for (std::size_t at = 0; at < text.size();) { // once: what is put in may be the name of another radar
+        const auto here = static_cast<std::ptrdiff_t>(at);
+        while (address != std::sregex_iterator() && address->position() < here)
+            ++address;
+        const bool isAddress = address != std::sregex_iterator() && address->position() == here;
+        const auto length = isAddress ? static_cast<std::size_t>(address->length()) : 0;
+        const auto name = nameAt(text, at);
+        if (name != m_names.end() && name->first.size() > length) {
+            result += name->second;
+            at += name->first.size();
+        } else if (isAddress) {
+            result += word(address->str());
+            at += length;
+        } else {
+            result += text[at++];
+        }
     }
-    result.append(rest, text.end());
-    for (const auto& [name, replacement] : m_names)
-        replaceWord(result, name, replacement);
     return result;
 }
 

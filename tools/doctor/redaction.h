@@ -14,7 +14,7 @@ namespace doctor {
 /// stay.
 class Redaction {
 public:
-    /// This name is replaced from now on. @param replacement at most 16 bytes
+    /// This name is replaced from now on, also as printable() shows it. @param replacement at most 16 bytes
     void hide(const std::string& name, const std::string& replacement);
     /// A radar's: replaced by a number.
     std::string radarName(const std::string& name);
@@ -26,9 +26,11 @@ public:
     std::string message(std::string_view datagram);
 
 private:
+    using Names = std::map<std::string, std::string>;
     std::string word(const std::string& address);
+    Names::const_iterator nameAt(const std::string& text, std::size_t at) const;
 
-    std::map<std::string, std::string> m_names;
+    Names m_names; // in each form, with their replacements
     std::map<std::string, std::string> m_words;
     std::map<std::uint32_t, std::uint32_t> m_networks; // first two and first three octets, with their numbers
     std::size_t m_radars = 0;
