@@ -14,8 +14,9 @@ class HostServerPrivate;
 /// Life cycle: answers from the end of the constructor to the destructor, which ends the receive thread at
 /// once. Threads: one receive thread, which sends the answers. All operations belong to one thread at a time.
 /// Errors: a host id or stream count that does not exist is a programming error and ends the process, in
-/// every build type, after a message. Failed sends are reported on standard error and not retried; the
-/// receiver sets itself up again as udpsocket.h says. The multicast route decides which interface is used.
+/// every build type, after a message. So does a name longer than the record, which has 148 bytes for it, with
+/// two streams 220. Failed sends are reported on standard error and not retried; the receiver sets itself up
+/// again as udpsocket.h says. The multicast route decides which interface is used.
 class __attribute__((visibility("default"))) HostServer {
 public:
     /// @param name        the radar's name; displays see at most its first 16 bytes

@@ -50,7 +50,10 @@ public:
         image.version = PNG_IMAGE_VERSION;
         image.width = image.height = kSize;
         image.format = PNG_FORMAT_GRAY;
-        return png_image_write_to_file(&image, file, 0, pixels.data(), 0, nullptr) != 0;
+        if (png_image_write_to_file(&image, file, 0, pixels.data(), 0, nullptr) != 0)
+            return true;
+        std::fprintf(stderr, "%s: %s\n", file, image.message);
+        return false;
     }
 
 private:

@@ -19,12 +19,13 @@ public:
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) {
+    const std::string mode = argc == 5 ? argv[1] : "";
+    if (mode != "dhcp" && mode != "manual") {
         std::fprintf(stderr, "usage: %s dhcp|manual INTERFACE ADDRESS NETMASK\n", argv[0]);
         return 2;
     }
     Printer printer; // outlives the watch
-    net::tNetIPHelper watch(argv[1] == std::string("dhcp"), argv[2], argv[3], argv[4]);
+    net::tNetIPHelper watch(mode == "dhcp", argv[2], argv[3], argv[4]);
     watch.AddNetIPListener(&printer);
     std::puts("Press Enter to end.");
     std::getchar();

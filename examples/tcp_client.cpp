@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
     std::string line;
     while (std::getline(std::cin, line)) {
         line += '\n';
-        client.asyncSendData(line.data(), static_cast<unsigned int>(line.size()));
+        if (!client.sendData(line.data(), static_cast<unsigned int>(line.size())))
+            std::fputs("not sent: not connected\n", stderr);
     }
 }

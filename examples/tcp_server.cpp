@@ -1,4 +1,4 @@
-// Serves TCP clients: prints what each of them sends, and sends it on to all.
+// Serves TCP clients: prints how much each of them sends, and sends it on to all.
 //
 //     example_tcp_server 4000
 
@@ -17,7 +17,7 @@ public:
     // Called on one thread a client: whatever the clients share needs a lock. The server has its own.
     void OnTcpDataReceived(int fd, const char* addr, unsigned short port, const char* data,
                            int len) override {
-        std::printf("[%d] %s:%d: %.*s\n", fd, addr, port, len, data);
+        std::printf("[%d] %s:%d: %d bytes\n", fd, addr, port, len); // what they are is for no terminal
         server.sendData(data, static_cast<unsigned int>(len));
     }
     void OnTcpClientConnected(int fd, const char*, unsigned short) override {

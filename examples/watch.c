@@ -28,6 +28,8 @@ static void print_name(const char* name) {
 static void print_event(const radar_event* event) {
     static const char* const kinds[] = {"appeared",       "changed",     "left",          "conflict",
                                         "conflict ended", "local found", "local changed", "local lost"};
+    if ((size_t)event->kind >= sizeof kinds / sizeof kinds[0])
+        return; // of a later version
     printf("%s: ", kinds[event->kind]);
     if (event->kind <= RADAR_LEFT) {
         const radar_endpoint* image = &event->radar.streams[0][RADAR_IMAGE];

@@ -10,8 +10,11 @@ gboolean take(gint, GIOCondition, gpointer data) {
     while (watch.next(std::chrono::milliseconds(0))) {
     }
     std::puts("radars:");
-    for (const radar::Radar& radar : watch.radars())
-        std::printf("  %s, host id %d\n", radar.name.c_str(), radar.hostId);
+    for (const radar::Radar& radar : watch.radars()) {
+        gchar* name = g_strescape(radar.name.c_str(), nullptr); // bytes of any kind, not fit for a terminal
+        std::printf("  %s, host id %d\n", name, radar.hostId);
+        g_free(name);
+    }
     std::fflush(stdout);
     return G_SOURCE_CONTINUE;
 }

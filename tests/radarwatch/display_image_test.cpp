@@ -20,7 +20,12 @@ TEST(DisplayImage, DrawsTheSimulatorsTargetsOnItsSea) {
         lan.node("host1").start({.command = {RADARCTL, "host", "--name", "North", "--simulate"}});
     const std::string file = "/run/picture.png"; // of the private network
     lab::Process display = lan.node("display").start({.command = {DISPLAY_IMAGE, "North", file}});
+    lab::Process refused =
+        lan.node("display").start({.command = {DISPLAY_IMAGE, "North", "/none/picture.png"}});
     ASSERT_EQ(display.wait(60s), 0) << display.output();
+    EXPECT_EQ(refused.wait(60s), 1);
+    EXPECT_NE(refused.output().find("/none/picture.png: No such file"), std::string::npos)
+        << refused.output();
 
     png_image image{};
     image.version = PNG_IMAGE_VERSION;

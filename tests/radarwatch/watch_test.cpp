@@ -66,13 +66,13 @@ TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
 }
 
 TEST_F(WatchOnLan, ExamplesTellWhoIsThere) {
-    const auto north = serve(m_host1, "North", 16);
+    const auto north = serve(m_host1, "North\x1B[2J", 16);
     lab::Process epoll = m_display.start({{WATCH_epoll}});
-    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.35 port 6003");
-    EXPECT_EQ(epoll.lineWith("North", 20s), "North appeared: image on 236.6.7.38 port 6006");
+    EXPECT_EQ(epoll.lineWith("North", 20s), R"(North\x1B[2J appeared: image on 236.6.7.35 port 6003)");
+    EXPECT_EQ(epoll.lineWith("North", 20s), R"(North\x1B[2J appeared: image on 236.6.7.38 port 6006)");
 #ifdef WATCH_glib
     lab::Process glib = m_display.start({{WATCH_glib}});
-    EXPECT_EQ(glib.lineWith("North", 20s), "  North, host id 16");
+    EXPECT_EQ(glib.lineWith("North", 20s), R"(  North\033[2J, host id 16)");
 #endif
 }
 
