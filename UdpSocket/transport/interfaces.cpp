@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace net {
@@ -28,21 +29,17 @@ InterfaceList readInterfaces() {
     return InterfaceList(::getifaddrs(&first) == 0 ? first : nullptr, &::freeifaddrs);
 }
 
-/// What perror has to say of a call that failed.
-struct Failure {
-    const char* call = nullptr; // null: none failed
-    int error = 0;              // errno
-
-    void print() const {
-        if (call == nullptr)
-            return;
-        errno = error;
-        std::perror(call);
-    }
-};
+using Failure = std::pair<const char*, int>; // a call, null where none has failed, and its errno
 
 Failure failed(const char* call) {
     return {call, errno};
+}
+
+void print(const Failure& failure) {
+    if (failure.first == nullptr)
+        return;
+    errno = failure.second;
+    std::perror(failure.first);
 }
 
 constexpr const char* kListing = "get ifAddrs";
@@ -126,7 +123,7 @@ std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
     auto table = readTable(failures);
     lock.unlock();
     for (const Failure& failure : failures)
-        failure.print();
+        print(failure);
     return table;
 }
 
@@ -165,7 +162,7 @@ std::set<unsigned int> localIpSet() {
 
 char* getMac(char* mac, char* ifname) {
     if (mac != nullptr && ifname != nullptr)
-        readMac(mac, ifname).print();
+        print(readMac(mac, ifname));
     return mac;
 }
 
