@@ -113,11 +113,15 @@ StreamFollower::Act StreamFollower::step(Time now, const Arrivals& arrivals) {
         m_late = now;
     if (m_target && (!m_open || !isSame(*m_open, *m_target)))
         return Act::Open;
-    if (!m_open)
-        return Act::None;
     const nanoseconds silence = now - std::max(m_since, m_late);
-    if (!m_target) // datagrams that still come say more than announcements that do not
-        return silence >= kShortestSilence ? Act::Close : Act::None;
+    if (!m_target) { // datagrams that still come say more than announcements that do not
+        if (silence < kShortestSilence)
+            return Act::None;
+        if (m_open)
+            return Act::Close;
+        closed(); // since it was refused, or lost
+        return Act::None;
+    }
     if (m_flow == Flow::Flowing && silence >= silenceThreshold()) {
         m_flow = Flow::Silent;
         tell(Kind::Silent, Why::None, *m_open);
@@ -166,10 +170,11 @@ nanoseconds StreamFollower::silenceThreshold() const {
 
 void StreamFollower::opened(Time now) {
     const Why why = m_told ? difference(*m_told, *m_target) : Why::None;
-    if (!m_told || why != Why::None)
-        tell(m_told ? Kind::Moved : Kind::Started, why, *m_target);
+    if (!m_told || m_refusedAt || why != Why::None)
+        tell(why != Why::None ? Kind::Moved : Kind::Started, why, *m_target);
     m_told = m_open = m_target;
     m_refused = 0;
+    m_refusedAt.reset();
     m_since = now;
     m_rejoinedAt.reset();
 }
@@ -179,14 +184,17 @@ void StreamFollower::refused(int error) {
     if (m_refused == error)
         return;
     m_refused = error;
+    m_refusedAt = m_target;
     tell(Kind::Refused, Why::None, *m_target);
     m_events.back().error = error;
 }
 
 void StreamFollower::closed() {
-    tell(Kind::Stopped, m_lacking, *m_open);
+    if (const auto& last = m_told ? m_told : m_refusedAt)
+        tell(Kind::Stopped, m_lacking, *last);
     m_open.reset();
     m_told.reset();
+    m_refusedAt.reset();
     m_flow = Flow::Waiting;
 }
 

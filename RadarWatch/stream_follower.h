@@ -88,10 +88,11 @@ private:
 
     std::optional<Target> m_target;
     StreamEvent::Why m_lacking = StreamEvent::Why::RadarLeft;
-    std::optional<Target> m_open; // where the socket is
-    std::optional<Target> m_told; // the last place that was told of, until Stopped
-    int m_refused = 0;            // error that was told of
-    Time m_since;                 // the last datagram, or the opening
+    std::optional<Target> m_open;      // where the socket is
+    std::optional<Target> m_told;      // the last place that was told of, until Stopped
+    int m_refused = 0;                 // error that was told of, since the last aim()
+    std::optional<Target> m_refusedAt; // the last that was told of, until it listens again, or Stopped
+    Time m_since;                      // the last datagram, or the opening
     Time m_lastStep;
     Time m_late; // the last step that came late itself, or found datagrams waiting
 

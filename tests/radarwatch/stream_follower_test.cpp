@@ -136,6 +136,22 @@ TEST(StreamFollower, TellsOnceThatASocketIsRefusedAndAsksAgain) {
     EXPECT_THAT(script.takeLog(), ElementsAre("1 Refused", "4 Refused", "6 Started"));
 }
 
+TEST(StreamFollower, SaysWhatBecameOfItBehindARefusal) {
+    const Target moved = target("236.6.7.64");
+    const auto refused = [&] {
+        Script script;
+        script.aim(target()).sends(2).aim(moved).isSilent(3, 0, EADDRINUSE);
+        return script;
+    };
+    EXPECT_THAT(refused().aim(target()).sends(2).takeLog(),
+                ElementsAre("1 Started", "3 Refused", "6 Started"));
+    EXPECT_THAT(refused().sends(2).takeLog(), ElementsAre("1 Started", "3 Refused", "6 Moved Endpoint"));
+    EXPECT_THAT(refused().radarLeaves().isSilent(5).aim(target()).sends(1).takeLog(),
+                ElementsAre("1 Started", "3 Refused", "6 Stopped RadarLeft", "11 Started"));
+    EXPECT_THAT(Script().aim(moved).isSilent(1, 0, EMFILE).radarLeaves().isSilent(5).takeLog(),
+                ElementsAre("1 Refused", "2 Stopped RadarLeft"));
+}
+
 TEST(StreamFollower, RemindsASwitchWhenDataHaveStopped) {
     Script script;
     script.aim(target()).sends(10).isSilent(690);
