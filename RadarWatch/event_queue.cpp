@@ -16,7 +16,7 @@ bool merge(const Event& earlier, Event& later) {
     switch (later.kind) {
     case Kind::Appeared: // after it left
         later.kind = Kind::Changed;
-        later.changes = changesBetween(earlier.radar, later.radar);
+        later.changes = earlier.changes | changesBetween(earlier.radar, later.radar);
         break;
     case Kind::Changed:
         later.kind = earlier.kind;
@@ -25,6 +25,7 @@ bool merge(const Event& earlier, Event& later) {
     case Kind::Left:
         if (earlier.kind == Kind::Appeared)
             return false;
+        later.changes = earlier.changes; // for the case that it appears again
         break;
     case Kind::Conflict:
     case Kind::ConflictEnded:

@@ -67,6 +67,7 @@ TEST(EventQueue, OlderOnesOfOneSubjectAreMerged) {
         {{moved, left}, {"R left, Silent, merged 1"}},
         {{appeared, left}, {}},
         {{left, appeared}, {"R changed, 17 at 0.0.0.0, bits 1, merged 1"}},
+        {{about("R", Kind::Changed, 2), left, appeared}, {"R changed, 17 at 0.0.0.0, bits 3, merged 2"}},
         {{appeared, about("S", Kind::Appeared), moved},
          {"S appeared, 16 at 0.0.0.0", "R appeared, 16 at 0.0.0.0, merged 1"}},
         {{conflict(16, {"R", "S"}), conflict(17, {"T", "U"}), conflict(16, {"S"})},
