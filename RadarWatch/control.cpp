@@ -14,12 +14,36 @@
 #include <climits>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace radar {
 
 using net::detail::Lock;
 
 namespace {
+
+/// Those that are connected to a server, the newest last.
+class Clients final : public net::iTcpDataListener {
+public:
+    std::vector<int> all() const {
+        Lock lock(m_mutex);
+        return m_descriptors;
+    }
+
+private:
+    void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override {}
+    void OnTcpClientConnected(int fd, const char*, unsigned short) override {
+        Lock lock(m_mutex);
+        m_descriptors.push_back(fd);
+    }
+    void OnTcpClientDisconnected(int fd, const char*, unsigned short) override {
+        Lock lock(m_mutex);
+        std::erase(m_descriptors, fd);
+    }
+
+    mutable net::detail::Mutex m_mutex;
+    std::vector<int> m_descriptors GUARDED_BY(m_mutex);
+};
 
 /// Sends to one endpoint; that of a recorded radar takes everything. Any thread.
 class Outlet {
@@ -36,7 +60,7 @@ public:
             else if (target.endpoint.type == detail::kTcpClient)
                 outlet->m_client =
                     std::make_unique<net::TcpClient>(nullptr, target.endpoint, target.localAddress);
-            else if ((outlet->m_server = detail::serve(target, nullptr)) == nullptr) {
+            else if ((outlet->m_server = detail::serve(target, &outlet->m_clients)) == nullptr) {
                 error = errno;
                 return nullptr;
             }
@@ -52,20 +76,22 @@ public:
             return m_udp->sendData(data, size) == size;
         if (!m_client && !m_server)
             return true;
-        const bool connected = m_client ? m_client->isConnected() : m_server->isConnected();
-        if (!connected) {
-            errno = ENOTCONN;
-            return false;
-        }
+        const auto length = static_cast<unsigned int>(size);
+        errno = ENOTCONN; // also of a connection that is lost before its turn comes
         if (m_client)
-            return m_client->sendData(data, static_cast<unsigned int>(size));
-        m_server->sendData(data, static_cast<unsigned int>(size));
-        return true;
+            return m_client->isConnected() && (size == 0 || m_client->sendData(data, length));
+        bool sent = false; // to the newest: a radar that came back has left older ones behind
+        for (const int client : m_clients.all()) {
+            errno = ENOTCONN;
+            sent = size == 0 || m_server->sendData(client, data, length);
+        }
+        return sent;
     }
 
 private:
     std::unique_ptr<net::UdpSender> m_udp;
     std::unique_ptr<net::TcpClient> m_client;
+    Clients m_clients;
     std::unique_ptr<net::TcpServer> m_server;
 };
 

@@ -209,10 +209,12 @@ public:
     Control& operator=(const Control&) = delete;
 
     /// One datagram from the local address, or bytes over TCP. Just after construction it waits for a moment,
-    /// until the way is known.
+    /// until the way is known; then for a TCP peer that does not read, half a second where the radar connects
+    /// to us (of several connections the newest counts), without end where we connect.
     /// @return false, and errno: ENOENT when there is no such radar or it has no such endpoint, ENETDOWN when
-    ///         there is no local address, ENOTCONN when TCP is not connected, or what the system says; a port
-    ///         for TCP that is taken (EADDRINUSE) is tried again every second
+    ///         there is no local address, ENOTCONN when TCP is not connected, EAGAIN when a radar that
+    ///         connects to us does not read, or what the system says; a port for TCP that is taken
+    ///         (EADDRINUSE) is tried again every second
     bool send(const void* data, std::size_t size);
 
 private:

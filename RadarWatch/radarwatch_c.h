@@ -323,9 +323,10 @@ RADAR_API int radar_control_new(radar_control** control, const radar_watch* watc
 RADAR_API void radar_control_free(radar_control* control);
 
 /// One datagram from the local address, or bytes over TCP. Just after radar_control_new it waits for a
-/// moment, until the way is known.
+/// moment, until the way is known; then for a TCP peer that does not read, half a second where the radar
+/// connects to us, without end where we connect.
 /// @return 0; -ENOENT: no such radar, or no such endpoint; -ENETDOWN: there is no local address; -ENOTCONN:
-///         TCP is not connected; or what the system says
+///         TCP is not connected; -EAGAIN: a radar that connects to us does not read; or what the system says
 RADAR_API int radar_control_send(radar_control* control, const void* data, size_t length);
 
 #ifdef __cplusplus

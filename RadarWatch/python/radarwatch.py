@@ -1009,9 +1009,10 @@ class Control(_Object):
         """Sends one datagram from the local address, or bytes over TCP.
 
         LookupError: there is no such radar now, or it has no such channel. OSError: ENETDOWN, there is no local
-        address; ENOTCONN, TCP is not connected; or what the system says. In a child made by fork, nothing is sent.
+        address; ENOTCONN, TCP is not connected; EAGAIN, a radar that connects to us does not read; or what the system
+        says. In a child made by fork, nothing is sent.
 
-        Over TCP it waits for a peer that does not read. What ends that wait early, as Ctrl-C does, leaves the bytes to
+        Where we connect, it waits for a peer that does not read. What ends that wait early, as Ctrl-C does, leaves the bytes to
         go out when the peer reads again, or to be lost with the connection."""
         if self._process != os.getpid():
             return

@@ -1,5 +1,5 @@
 // Streams and Controls on an engine that says where the radar is.
-#include "../recorder.h"
+#include "../tcp_support.h"
 #include "asleep.h"
 #include "fake_engine.h"
 
@@ -354,6 +354,50 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("function[bind]")));
     m_engine->tell([](radar::detail::Situation& situation) { situation.interfaceIndex = 0; });
     EXPECT_TRUE(isRefused(ENETDOWN));
+}
+
+TEST_F(StreamTest, ControlSaysWhatBecomesOfBytesForAPeerThatDoesNotRead) {
+    net::detail::Timing timing;
+    timing.clientTick = 20ms; // eleven of them make an attempt
+    net::detail::setTiming(timing);
+    const Output output; // TCP endpoints log
+    const std::string much(16 << 20, 'x');
+    const auto control = radar::StreamDoor::control(m_engine, "North", radar::ImageControl, 0);
+    const auto errorOf = [&](const std::string& bytes) {
+        errno = 0;
+        return control->send(bytes.data(), bytes.size()) ? 0 : errno;
+    };
+    m_engine->tell([](auto& situation) { situation.localAddress = inet_addr(tcp_test::kLocal); });
+
+    std::optional<tcp_test::Listening> listening(std::in_place);
+    m_engine->tellImage(tcp_test::kLocal, listening->port(), radar::detail::kTcpClient);
+    EXPECT_EQ(errorOf(""), ENOTCONN);
+    tcp_test::Peer peer = listening->accept();
+    listening.reset(); // there is no second connection
+    EXPECT_TRUE(comesTrue([&] { return errorOf("") == 0; }));
+    EXPECT_EQ(errorOf("x"), 0) << "nothing to send costs no connection";
+    std::atomic<int> asleep = 0;
+    {
+        std::vector<std::jthread> senders;
+        for (int i = 0; i < 2; ++i) // the second one waits for the first
+            senders.emplace_back([&] {
+                const std::jthread watching(
+                    [&, self = ::gettid()] { asleep += comesTrue([&] { return isAsleep(self); }); });
+                EXPECT_THAT(errorOf(much), testing::AnyOf(ENOTCONN, ECONNRESET, EPIPE));
+            });
+        EXPECT_TRUE(comesTrue([&] { return asleep == 2; }));
+        peer.reset();
+    }
+
+    const std::uint16_t serving = tcp_test::freePort();
+    m_engine->tellImage(tcp_test::kLocal, serving, radar::detail::kTcpServer);
+    const tcp_test::Peer older(serving);
+    EXPECT_TRUE(comesTrue([&] { return errorOf("") == 0; }));
+    EXPECT_TRUE(comesTrue([&] { return errorOf(much) == EAGAIN; }));
+    EXPECT_EQ(errorOf("x"), EAGAIN);
+    const tcp_test::Peer newer(serving);
+    EXPECT_TRUE(comesTrue([&] { return errorOf("set") == 0; })) << "where the older one still reads nothing";
+    EXPECT_EQ(newer.read(3), "set");
 }
 
 TEST_F(StreamTest, ReaderThatSleptFindsTheLast64EventsAndIsWhereTheRadarIs) {
