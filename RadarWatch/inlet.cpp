@@ -37,7 +37,7 @@ std::shared_ptr<Inlet> Inlet::open(const Target& target, std::size_t receiveBuff
     inlet->m_droppedBefore = countInterfaceDrops(readSystemFile(kInterfaces), target.device);
     bool opened;
     if (RecordedLan::isRecorded(target.localAddress))
-        opened = inlet->openRecorded(target);
+        opened = openRecorded(inlet, target);
     else
         opened = target.endpoint.type == kUdp ? inlet->openUdp(target, receiveBuffer)
                                               : inlet->openTcp(target, receiveBuffer);
@@ -48,12 +48,12 @@ std::shared_ptr<Inlet> Inlet::open(const Target& target, std::size_t receiveBuff
     return inlet;
 }
 
-bool Inlet::openRecorded(const Target& target) {
+bool Inlet::openRecorded(const std::shared_ptr<Inlet>& inlet, const Target& target) {
     const std::shared_ptr<RecordedLan> recording = RecordedLan::find(target.localAddress);
     errno = recording ? EPROTONOSUPPORT : EADDRNOTAVAIL;
     if (recording && target.endpoint.type == kUdp)
-        m_socket = recording->listen(target.endpoint, 0);
-    return m_socket.isOpen();
+        inlet->m_socket = recording->listen(target.endpoint, 0, inlet);
+    return inlet->m_socket.isOpen();
 }
 
 bool Inlet::openUdp(const Target& target, std::size_t receiveBuffer) {

@@ -50,7 +50,7 @@ public:
 
 private:
     Inlet() = default;
-    bool openRecorded(const Target& target);
+    static bool openRecorded(const std::shared_ptr<Inlet>& inlet, const Target& target);
     bool openUdp(const Target& target, std::size_t receiveBuffer);
     bool openTcp(const Target& target, std::size_t receiveBuffer);
 

@@ -134,17 +134,17 @@ void RecordedLan::keep(const recording::Datagram& datagram) {
     const auto announcement = protocol::readAnnouncement(datagram.payload, {});
     if (!announcement)
         return;
-    const std::uint32_t source = datagram.source.ip;
-    m_announcements[{std::string(announcement->name.view()), source}] = {
-        datagram.source, std::string(datagram.payload), datagram.time};
+    m_announcements[std::string(announcement->name.view())] = {datagram.source, std::string(datagram.payload),
+                                                               datagram.time};
 }
 
-Descriptor RecordedLan::listen(const NetAddress& endpoint, int flags) {
+Descriptor RecordedLan::listen(const NetAddress& endpoint, int flags,
+                               const std::weak_ptr<const void>& stream) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0, ends) != 0)
         return Descriptor();
     Descriptor reader = net::detail::ownSocket(ends[0]);
-    const auto listener = std::make_shared<Listener>(Listener{net::detail::ownSocket(ends[1])});
+    const auto listener = std::make_shared<Listener>(Listener{net::detail::ownSocket(ends[1]), stream});
     if (!reader.isOpen() || !listener->socket.isOpen() ||
         !net::detail::setOption(reader, SOL_SOCKET, SO_TIMESTAMPNS, 1) ||
         !net::detail::setOption(listener->socket, SOL_SOCKET, SO_SNDBUF, kBuffer)) {
@@ -216,8 +216,8 @@ bool RecordedLan::isAwaited() {
     Lock lock(m_mutex);
     std::size_t streams = 0;
     for (const auto& [key, listeners] : m_listeners)
-        if (key != keyOf(discoveryEndpoint()))
-            streams += listeners.size();
+        for (const auto& listener : listeners)
+            streams += listener->stream.expired() ? 0 : 1;
     return m_listeners.contains(keyOf(discoveryEndpoint())) && streams >= m_streams;
 }
 

@@ -57,8 +57,10 @@ public:
     std::uint64_t dropped() const { return m_dropped; }
 
     /// A socket that hears what was sent there, behind a RecordedHeader each, and stamps it with the time at
-    /// which it comes. @param flags SOCK_NONBLOCK or 0 @return not open: refused (errno)
-    net::detail::Descriptor listen(const NetAddress& endpoint, int flags);
+    /// which it comes. @param flags SOCK_NONBLOCK or 0
+    /// @param stream counts as one that listens, as long as it is there @return not open: refused (errno)
+    net::detail::Descriptor listen(const NetAddress& endpoint, int flags,
+                                   const std::weak_ptr<const void>& stream = {});
     /// From such a socket, as net::detail::receiveFrom.
     static net::detail::Received receiveFrom(const net::detail::Descriptor& socket, char* buffer, int size);
 
@@ -66,6 +68,7 @@ private:
     using Key = std::pair<std::uint32_t, std::uint16_t>; // address and port, network order
     struct Listener {
         net::detail::Descriptor socket; // what it reads is written there
+        std::weak_ptr<const void> stream;
         bool takesNothing = false;
     };
     using Listeners = std::vector<std::shared_ptr<Listener>>;
@@ -101,8 +104,8 @@ private:
 
     // The thread's, but in the constructor.
     recording::Blocks m_file;
-    recording::Time m_position{};                                                  // of the latest datagram
-    std::map<std::pair<std::string, std::uint32_t>, Announcement> m_announcements; // by name and source
+    recording::Time m_position{};                        // of the latest datagram
+    std::map<std::string, Announcement> m_announcements; // the last of each radar, by name
     Clock::time_point m_nextAnnouncing{};
 
     net::detail::Mutex m_mutex;
