@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <ctime>
 #include <utility>
 
 namespace radar::detail {
@@ -10,14 +9,6 @@ namespace radar::detail {
 namespace {
 
 using std::chrono::nanoseconds;
-
-constexpr nanoseconds kTick = std::chrono::milliseconds(10); // the longest that a kernel's clocks stand still
-
-nanoseconds coarse(clockid_t clock) {
-    std::timespec time{};
-    ::clock_gettime(clock, &time); // cannot fail
-    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
-}
 
 // Gaps fall into buckets of eight to an octave: exact in units of 256 ns up to the eighth, then an eighth of
 // the octave wide, up to 2^40 ns, eighteen minutes.
@@ -46,22 +37,6 @@ nanoseconds gapOf(std::size_t bucket) {
 }
 
 } // namespace
-
-Clocks Clocks::now() {
-    Clocks clocks;
-    nanoseconds before;
-    do { // both of the same tick
-        before = coarse(CLOCK_MONOTONIC_COARSE);
-        clocks.wall = coarse(CLOCK_REALTIME_COARSE);
-    } while (coarse(CLOCK_MONOTONIC_COARSE) != before);
-    clocks.steady = Steady::time_point(before);
-    return clocks;
-}
-
-Steady::time_point steadyArrival(nanoseconds stamp, const Clocks& clocks, Steady::time_point earliest) {
-    const Steady::time_point arrival = clocks.steady - (clocks.wall - stamp);
-    return std::max(earliest, std::min(arrival, clocks.steady + kTick));
-}
 
 void ArrivalStatistics::count(Steady::time_point arrival, std::size_t bytes) {
     if (m_datagrams == 0) {

@@ -13,19 +13,6 @@ namespace radar::detail {
 
 using Steady = std::chrono::steady_clock;
 
-/// The wall clock's and the steady clock's time of one moment, as they stood at the last tick of a few
-/// milliseconds.
-struct Clocks {
-    std::chrono::nanoseconds wall{0}; ///< since the epoch
-    Steady::time_point steady;
-    static Clocks now();
-};
-
-/// When a datagram arrived by the steady clock, whatever was done to the wall clock by which the system
-/// stamped it. @param stamp of the wall clock @param clocks read after that @param earliest of the result
-Steady::time_point steadyArrival(std::chrono::nanoseconds stamp, const Clocks& clocks,
-                                 Steady::time_point earliest);
-
 class ArrivalStatistics {
 public:
     /// @param arrival not before that of the previous datagram

@@ -1,6 +1,7 @@
 #include <RadarWatch/stream_private.h>
 #include <RadarWatch/watch_private.h>
 
+#include <UdpSocket/base/clock.h>
 #include <UdpSocket/base/socket.h>
 
 #include <poll.h>
@@ -326,10 +327,10 @@ void StreamPrivate::dropFront() {
 }
 
 void StreamPrivate::count(std::size_t datagrams) {
-    const detail::Clocks clocks = detail::Clocks::now();
+    const auto clocks = net::detail::Clocks::now();
     Lock lock(m_mutex);
     for (std::size_t i = 0; i < datagrams; ++i) {
-        m_arrivals.count(detail::steadyArrival(m_batch.arrival(i), clocks, m_arrivals.last()),
+        m_arrivals.count(net::detail::steadyArrival(m_batch.arrival(i), clocks, m_arrivals.last()),
                          m_batch.size(i));
         m_cut += m_batch.isCut(i) ? 1 : 0;
         if (m_sequence)
@@ -410,7 +411,7 @@ Statistics StreamPrivate::statistics() const {
     std::vector<InletPtr> inlets;
     {
         Lock lock(m_mutex);
-        m_arrivals.write(statistics, detail::Clocks::now().steady);
+        m_arrivals.write(statistics, net::detail::coarseNow());
         statistics.cut = m_cut;
         statistics.droppedAtSocket = m_droppedHere;
         statistics.droppedAtInterface = m_droppedAtInterface;

@@ -10,9 +10,31 @@
 
 #include <UdpSocket/protocol/announcement.h>
 
+#include <sys/syscall.h>
+
+#include <atomic>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+
+namespace {
+
+std::atomic<int> s_behind = 0; // seconds that the wall clock was set back, beside the steady one
+
+} // namespace
+
+/// In the place of the C library's.
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+#ifdef SYS_clock_gettime64
+    const long result = ::syscall(SYS_clock_gettime64, clock, time);
+#else
+    const long result = ::syscall(SYS_clock_gettime, clock, time);
+#endif
+    if (clock == CLOCK_MONOTONIC_COARSE)
+        time->tv_sec += s_behind;
+    return static_cast<int>(result);
+}
 
 namespace {
 
@@ -193,6 +215,26 @@ TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
     EXPECT_EQ(counts.datagrams, payloadsOf(path("file")).at(Contents::keyOf(image)).size());
     EXPECT_EQ(counts.dropped, readNotes(path("file")).statistics.at(0).dropped);
     EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
+}
+
+TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSet) {
+    const NetAddress image = plan::announcedEndpoint(20, &RadarAddress::imageStream, 0);
+    const auto source =
+        makeIn<net::UdpSender>(m_lan.node("host1"), image, net::transAddr("10.20.1.1"), std::uint16_t{0});
+    const lab::Inside inside = m_lan.node("display").enter();
+    radar::recording::Recorder recorder({path("file"), "a test"}, [] {});
+    ASSERT_TRUE(recorder.listenTo({{"eth0", image.ip, image.port}}).empty());
+    for (const std::uint64_t number : {1U, 2U}) {
+        source->sendData("x", 1);
+        EXPECT_TRUE(comesTrue([&] { return recorder.counts().datagrams == number; }));
+        s_behind = 60;
+    }
+    recorder.finish();
+    Reader reader(path("file"));
+    const auto first = reader.next()->time;
+    const auto between = reader.next()->time - first;
+    EXPECT_GT(between, 60s);
+    EXPECT_LT(between, 80s);
 }
 
 TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {

@@ -142,6 +142,37 @@ TEST_F(RecordingFile, IsReadAsItWasWritten) {
     EXPECT_EQ(notes.tcp.begin()->second.bytes, 5U);
 }
 
+TEST_F(RecordingFile, HasTimesInTheUnitsOfItsInterface) {
+    std::string bytes = fileWith(2);
+    const std::string nanoseconds("\x09\0\x01\0\x09", 5); // the option
+    bytes[bytes.find(nanoseconds) + 4] = '\x06';
+    Reader reader(write(bytes));
+    ASSERT_TRUE(reader.next());
+    EXPECT_EQ(reader.next()->time, 1000s);
+    EXPECT_EQ(readNotes(path()).comments.at(0).time, 1000s);
+}
+
+TEST_F(RecordingFile, GoesOnWhereItsClockWasSetBack) {
+    std::string bytes = sectionBlock("a test") + interfaceBlock("eth0");
+    for (const int second : {100, 110, 50, 60, 59, 70, 30})
+        appendDatagramBlock(bytes, 0, {std::chrono::seconds(second), kFrom, kDiscovery, ""}, "seen");
+    const auto times = [](auto next) {
+        std::vector<long> seconds;
+        while (const auto datagram = next())
+            seconds.push_back(datagram->time / 1s);
+        return seconds;
+    };
+    const auto expected = ElementsAre(100, 110, 110, 120, 119, 130, 130);
+    Reader reader(write(bytes));
+    EXPECT_THAT(times([&] { return reader.next(); }), expected);
+    Blocks blocks(path());
+    EXPECT_THAT(times([&] { return blocks.nextDatagram(); }), expected);
+    std::vector<long> comments;
+    for (const Notes::Comment& comment : readNotes(path()).comments)
+        comments.push_back(comment.time / 1s);
+    EXPECT_THAT(comments, expected);
+}
+
 TEST_F(RecordingFile, ThatIsCutIsReadUpToThereAndSaysWhere) {
     const std::string whole = fileWith(2);
     const std::string bytes = fileWith(3);

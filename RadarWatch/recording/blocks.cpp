@@ -52,8 +52,10 @@ std::string_view Blocks::next() {
 
 std::optional<Datagram> Blocks::nextDatagram() {
     for (std::string_view block = next(); !block.empty(); block = next())
-        if (const auto datagram = takeDatagram(m_interfaces, block))
+        if (auto datagram = takeDatagram(m_interfaces, block)) {
+            datagram->time = m_clock.at(datagram->time);
             return datagram;
+        }
     return std::nullopt;
 }
 

@@ -47,6 +47,7 @@ private:
     std::uint64_t m_position = 0; // of the next block
     std::vector<char> m_block;
     std::vector<Frames> m_interfaces;
+    FileClock m_clock;
 };
 
 } // namespace radar::recording

@@ -1,5 +1,6 @@
 #include <RadarWatch/recording/packet.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -8,6 +9,9 @@
 namespace radar::recording {
 
 namespace {
+
+constexpr std::chrono::seconds kDisorder(1);                  // of what was taken from several sockets
+constexpr Time kLatest = std::chrono::seconds(9'100'000'000); // that has room, and some to spare
 
 constexpr std::size_t kIpHeader = 20;
 constexpr std::size_t kUdpHeader = 8;
@@ -77,6 +81,16 @@ NetAddress endpointAt(std::string_view packet, std::size_t address, std::size_t 
 }
 
 } // namespace
+
+Time FileClock::at(Time stamp) {
+    Time time = std::min(stamp, kLatest - m_lead) + m_lead;
+    if (time < m_last - kDisorder) {
+        m_lead += m_last - time;
+        time = m_last;
+    }
+    m_last = std::max(m_last, time);
+    return time;
+}
 
 void appendPacket(std::string& bytes, const Datagram& datagram) {
     const std::size_t udpLength = kUdpHeader + datagram.payload.size();

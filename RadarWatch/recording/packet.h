@@ -12,6 +12,17 @@ namespace radar::recording {
 
 using Time = std::chrono::nanoseconds; ///< since the epoch, UTC
 
+/// The times of a file as they follow each other: where the clock that stamped it was set back, what comes
+/// then follows at once on what was before.
+class FileClock {
+public:
+    Time at(Time stamp);
+
+private:
+    Time m_last{};
+    Time m_lead{}; // of the times before the stamps
+};
+
 struct Datagram {
     Time time{};
     NetAddress source{};

@@ -103,8 +103,11 @@ Value valueAt(std::string_view bytes, std::size_t at) {
     return value;
 }
 
-Time timeAt(std::string_view body, std::size_t at) {
-    return Time(static_cast<std::int64_t>(std::uint64_t{valueAt(body, at)} << 32 | valueAt(body, at + 4)));
+/// Of a packet or statistics.
+Time timeOf(std::string_view body, const Frames& frames) {
+    const std::uint64_t ticks = std::uint64_t{valueAt(body, 4)} << 32 | valueAt(body, 8);
+    const auto seconds = std::chrono::seconds(std::min(ticks / frames.ticks, kLastSecond));
+    return seconds + Time(static_cast<std::int64_t>(ticks % frames.ticks * 1'000'000'000 / frames.ticks));
 }
 
 /// Shows each option of a block whose options begin there.
@@ -246,10 +249,7 @@ std::optional<Datagram> takeDatagram(std::vector<Frames>& interfaces, std::strin
     const Decoded decoded = decode(*frames.link, from(body, 20).substr(0, valueAt(body, 12)));
     if (decoded.kind != Decoded::Kind::Datagram)
         return std::nullopt;
-    const auto ticks = static_cast<std::uint64_t>(timeAt(body, 4).count());
-    const auto seconds = std::chrono::seconds(std::min(ticks / frames.ticks, kLastSecond));
-    const Time rest(static_cast<std::int64_t>(ticks % frames.ticks * 1'000'000'000 / frames.ticks));
-    return Datagram{seconds + rest, decoded.source, decoded.destination, decoded.payload};
+    return Datagram{timeOf(body, frames), decoded.source, decoded.destination, decoded.payload};
 }
 
 std::size_t takeBlock(Notes& notes, std::string_view bytes) {
@@ -258,14 +258,21 @@ std::size_t takeBlock(Notes& notes, std::string_view bytes) {
         return 0;
     const std::string_view body = bytes.substr(8, length - kFrame);
     Time time{};
+    const auto takeTime = [&] {
+        const std::uint32_t interface = valueAt(body, 0);
+        time = notes.clock.at(
+            timeOf(body, interface < notes.frames.size() ? notes.frames[interface] : Frames()));
+    };
     const auto takeComment = [&](unsigned int code, std::string_view text) {
         if (code == kComment && notes.comments.size() < Notes::kMaxComments)
             notes.comments.push_back({time, std::string(text)});
     };
     switch (valueAt(bytes, 0)) {
     case kSection:
+        notes.frames.clear();
         return valueAt(body, 0) == kByteOrder ? length : 0;
     case kInterface:
+        notes.frames.push_back(framesOf(body));
         notes.interfaces.emplace_back();
         forEachOption(from(body, 8), [&](unsigned int code, std::string_view value) {
             if (code == kName)
@@ -273,11 +280,11 @@ std::size_t takeBlock(Notes& notes, std::string_view bytes) {
         });
         break;
     case kPacket:
-        time = timeAt(body, 4);
+        takeTime();
         forEachOption(from(body, 20 + padded(valueAt(body, 12))), takeComment);
         break;
     case kStatistics: {
-        time = timeAt(body, 4);
+        takeTime();
         Statistics& statistics = notes.statistics[valueAt(body, 0)];
         forEachOption(from(body, 12), [&](unsigned int code, std::string_view value) {
             takeComment(code, value);

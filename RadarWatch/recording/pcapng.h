@@ -68,6 +68,10 @@ struct Notes {
     std::map<std::pair<std::uint32_t, std::uint16_t>, TcpBytes> tcp; ///< by the peer's endpoint
 
     static constexpr std::size_t kMaxComments = 10000;
+
+    // Of what was taken so far.
+    std::vector<Frames> frames{}; ///< of the section's interfaces
+    FileClock clock{};
 };
 
 /// Takes the first block of @p bytes. @return its length; 0: there is no whole block, or none of this

@@ -67,8 +67,8 @@ std::optional<Datagram> Reader::next() {
         switch (decoded.kind) {
         case Decoded::Kind::Datagram: // tv_usec holds nanoseconds
             return Datagram{
-                std::chrono::seconds(std::clamp<std::int64_t>(header->ts.tv_sec, 0, kLastSecond)) +
-                    Time(header->ts.tv_usec),
+                m_clock.at(std::chrono::seconds(std::clamp<std::int64_t>(header->ts.tv_sec, 0, kLastSecond)) +
+                           Time(header->ts.tv_usec)),
                 decoded.source, decoded.destination, decoded.payload};
         case Decoded::Kind::Fragment:
             ++m_counts.fragments;

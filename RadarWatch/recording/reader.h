@@ -41,6 +41,7 @@ private:
     const std::string m_path;
     std::unique_ptr<pcap, Close> m_file;
     Link m_link{};
+    FileClock m_clock;
     Counts m_counts;
 };
 

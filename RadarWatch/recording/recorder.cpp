@@ -22,6 +22,7 @@ namespace radar::recording {
 namespace {
 
 namespace sockets = net::detail;
+using Steady = std::chrono::steady_clock;
 
 constexpr std::size_t kLargest = 65536;   // a datagram
 constexpr std::size_t kChunk = 256 << 10; // bytes that are handed over at once
@@ -33,7 +34,7 @@ constexpr int kReceiveBuffer = 4 << 20;       // bytes; the system may grant les
 constexpr int kBatchesOfOne = 16;             // batches of one socket before the others have their turn
 constexpr std::uint64_t kEnd = 0;             // the number of m_ending beside those of the sockets
 
-Time timeOf(const msghdr& message) {
+Time stampOf(const msghdr& message) {
     msghdr header = message;
     for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item))
         if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SO_TIMESTAMPNS) {
@@ -130,6 +131,10 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
     return refused;
 }
 
+Time Recorder::timeOf(Steady::time_point moment) const {
+    return m_start.wall + (moment - m_start.steady);
+}
+
 void Recorder::comment(const std::string& text) {
     sockets::Lock lock(m_mutex);
     m_comments += (m_comments.empty() ? "" : "\n") + text;
@@ -137,7 +142,7 @@ void Recorder::comment(const std::string& text) {
 
 void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
     sockets::Lock lock(m_mutex);
-    appendTcpBlock(m_chunk.blocks, {wallClock(), peer, {}, bytes});
+    appendTcpBlock(m_chunk.blocks, {timeOf(Steady::now()), peer, {}, bytes});
     ++m_tcpInChunk;
     if (m_chunk.blocks.size() >= kChunk)
         hand();
@@ -146,7 +151,7 @@ void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
 void Recorder::run() {
     epoll_event events[kBatch];
     std::uint64_t ready[kBatch];
-    auto handed = std::chrono::steady_clock::now();
+    auto handed = Steady::now();
     for (bool ending = false; !ending;) {
         const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
         for (int i = 0; i < count; ++i) {
@@ -161,7 +166,7 @@ void Recorder::run() {
             round({ready, static_cast<std::size_t>(std::max(count, 0))});
             if (ending)
                 record(m_waiting.size());
-            const auto now = std::chrono::steady_clock::now();
+            const auto now = Steady::now();
             if (ending || now - handed >= std::chrono::milliseconds(kRound)) {
                 hand();
                 handed = now;
@@ -179,7 +184,7 @@ void Recorder::round(std::span<const std::uint64_t> ready) {
         if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
             drain(found->second);
     sort();
-    const auto limit = std::chrono::steady_clock::now() - kSorting;
+    const auto limit = Steady::now() - kSorting;
     std::size_t count = m_waiting.size();
     while (count > 0 && m_waiting[count - 1].taken > limit)
         --count;
@@ -220,10 +225,12 @@ std::size_t Recorder::receive(Socket& socket) {
     const int count = ::recvmmsg(socket.descriptor.get(), messages, kBatch, MSG_DONTWAIT, nullptr);
     if (count <= 0)
         return 0; // nothing there, or an interface that went down, which listenTo() looks after
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Steady::now();
+    const auto clocks = sockets::Clocks::now();
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
         try {
-            m_waiting.push_back({timeOf(messages[i].msg_hdr),
+            socket.last = sockets::steadyArrival(stampOf(messages[i].msg_hdr), clocks, socket.last);
+            m_waiting.push_back({timeOf(socket.last),
                                  socket.interface,
                                  {sources[i].sin_addr.s_addr, sources[i].sin_port},
                                  socket.group,
@@ -329,7 +336,7 @@ Chunk Recorder::closing() {
         countDrops(socket);
     Chunk chunk{m_interfaceBlocks, {}};
     for (std::size_t i = 0; i < m_interfaces.size(); ++i)
-        appendStatisticsBlock(chunk.blocks, static_cast<std::uint32_t>(i), wallClock(),
+        appendStatisticsBlock(chunk.blocks, static_cast<std::uint32_t>(i), timeOf(Steady::now()),
                               m_interfaces[i].statistics, i + 1 == m_interfaces.size() ? m_comments : "");
     return chunk;
 }

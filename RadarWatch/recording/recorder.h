@@ -4,6 +4,7 @@
 
 #include <RadarWatch/recording/writer.h>
 
+#include <UdpSocket/base/clock.h>
 #include <UdpSocket/base/link_history.h>
 
 #include <sys/socket.h>
@@ -28,7 +29,8 @@ struct Place {
 
 /// Each group has a socket of its own, bound to the group and joined on its interface, so that the kernel
 /// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, but
-/// where it falls behind by more than a thousand datagrams of a group.
+/// where it falls behind by more than a thousand datagrams of a group. A wall clock that is set meanwhile
+/// does not touch them.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
 /// for which memory runs out. Memory: the
@@ -84,9 +86,10 @@ private:
     struct Socket {
         net::detail::Descriptor descriptor;
         NetAddress group{};
-        std::size_t interface = 0; // in m_interfaces
-        Device device;             // when the group was joined
-        std::uint32_t dropped = 0; // by the system, as far as it is counted
+        std::size_t interface = 0;                  // in m_interfaces
+        Device device;                              // when the group was joined
+        std::chrono::steady_clock::time_point last; // arrival
+        std::uint32_t dropped = 0;                  // by the system, as far as it is counted
     };
     struct Interface {
         std::string name;
@@ -102,6 +105,7 @@ private:
     };
     static constexpr std::size_t kBatch = 64; // datagrams of one system call
 
+    Time timeOf(std::chrono::steady_clock::time_point moment) const;
     std::size_t interfaceNumber(const std::string& name) REQUIRES(m_mutex);
     void run();
     void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
@@ -116,6 +120,7 @@ private:
     void hand() REQUIRES(m_mutex);
     Chunk closing();
 
+    const net::detail::Clocks m_start = net::detail::Clocks::now();
     const std::shared_ptr<net::detail::LinkHistory> m_links = net::detail::LinkHistory::ofThisNetwork();
     net::detail::Descriptor m_ready;  // epoll
     net::detail::Descriptor m_ending; // eventfd

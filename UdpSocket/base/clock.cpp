@@ -1,5 +1,6 @@
 #include <UdpSocket/base/clock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 
@@ -7,7 +8,10 @@ namespace net::detail {
 
 namespace {
 
+using Steady = std::chrono::steady_clock;
+
 constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr std::chrono::milliseconds kTick(10); // the longest that a kernel's clocks stand still
 
 std::int64_t nanoseconds(clockid_t clock) {
     std::timespec time{};
@@ -34,11 +38,23 @@ std::int64_t now() {
     return s_clock.load()();
 }
 
-std::chrono::steady_clock::time_point coarseNow() {
-    std::timespec time{};
-    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &time); // cannot fail
-    return std::chrono::steady_clock::time_point(std::chrono::seconds(time.tv_sec) +
-                                                 std::chrono::nanoseconds(time.tv_nsec));
+Steady::time_point coarseNow() {
+    return Steady::time_point(std::chrono::nanoseconds(nanoseconds(CLOCK_MONOTONIC_COARSE)));
+}
+
+Clocks Clocks::now() {
+    Clocks clocks;
+    do { // both of the same tick
+        clocks.steady = coarseNow();
+        clocks.wall = std::chrono::nanoseconds(nanoseconds(CLOCK_REALTIME_COARSE));
+    } while (coarseNow() != clocks.steady);
+    return clocks;
+}
+
+Steady::time_point steadyArrival(std::chrono::nanoseconds stamp, const Clocks& clocks,
+                                 Steady::time_point earliest) {
+    const Steady::time_point arrival = clocks.steady - (clocks.wall - stamp);
+    return std::max(earliest, std::min(arrival, clocks.steady + kTick));
 }
 
 std::int64_t wallClockAt(std::int64_t moment) {

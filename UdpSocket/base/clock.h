@@ -1,5 +1,5 @@
 /// @file
-/// The time by which radars age, replaceable by tests.
+/// The time by which radars age, replaceable by tests, and that of arrivals.
 #pragma once
 
 #include <chrono>
@@ -13,6 +13,19 @@ std::int64_t now();
 
 /// Of the steady clock, as it stood at the last tick of a few milliseconds: for where each datagram asks.
 std::chrono::steady_clock::time_point coarseNow();
+
+/// The wall clock's and the steady clock's time of one moment, as they stood at the last tick of a few
+/// milliseconds.
+struct Clocks {
+    std::chrono::nanoseconds wall{0}; ///< since the epoch
+    std::chrono::steady_clock::time_point steady;
+    static Clocks now();
+};
+
+/// When a datagram arrived by the steady clock, whatever was done to the wall clock by which the system
+/// stamped it. @param stamp of the wall clock @param clocks read after that @param earliest of the result
+std::chrono::steady_clock::time_point steadyArrival(std::chrono::nanoseconds stamp, const Clocks& clocks,
+                                                    std::chrono::steady_clock::time_point earliest);
 
 /// What the wall clock would have shown at @p moment of now(), going by its present setting: seconds since
 /// the epoch.

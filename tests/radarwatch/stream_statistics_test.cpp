@@ -3,6 +3,8 @@
 #include <RadarWatch/membership.h>
 #include <RadarWatch/sequence_counter.h>
 
+#include <UdpSocket/base/clock.h>
+
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
@@ -99,6 +101,7 @@ TEST(ArrivalStatistics, MeasuresGapsOfAllLengthsToSevenPercent) {
 }
 
 TEST(ArrivalStatistics, SeesNoGapWhereTheWallClockIsSet) {
+    using net::detail::steadyArrival;
     const Steady::time_point steady(5000s);
     const std::chrono::nanoseconds wall = 1000000s;
     const auto previous = steady - 2ms;
