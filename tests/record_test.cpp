@@ -292,6 +292,29 @@ TEST_F(Recording, IsReplayedUnderAnotherIdAndNotBesideTheRadarItself) {
     EXPECT_THAT(end(replay), HasSubstr("datagrams sent"));
 }
 
+TEST_F(Recording, OfARadarThatChangedItsAddressIsReplayedUnderOneId) {
+    std::string bytes = sectionBlock("a test") + interfaceBlock("eth0");
+    for (const auto& [second, source] : {std::pair(0s, "10.20.1.1"), {2s, "10.20.1.2"}})
+        appendDatagramBlock(bytes, 0,
+                            {second, endpoint(source, 40000),
+                             endpoint(wire::kDiscovery.address, wire::kDiscovery.port),
+                             protocol::composeAnnouncement("North", 20, 1)},
+                            "");
+    m_profile.write(bytes, "file");
+    const Result replay =
+        runOn("host1", radarctl({"replay", path("file"), "--interface", "eth0", "--as-id", "40"}));
+    EXPECT_EQ(replay.status, 0) << replay.errors;
+    EXPECT_THAT(replay.output, HasSubstr("North holds host id 40\nNorth holds host id 40\n"));
+}
+
+TEST_F(Recording, ThatIsNotThereIsToldFromOneThatCannotBeRead) {
+    m_profile.write("no directory", "file");
+    const std::pair<std::string, int> files[] = {
+        {path("nowhere"), 1}, {path("file"), 1}, {path("file") + "/file", 3}};
+    for (const auto& [file, status] : files)
+        EXPECT_EQ(run({"info", file}).status, status) << file;
+}
+
 TEST_F(Recording, KeepsTheBytesOfATcpService) {
     m_profile.write("[Local]\nIP = 10.20.2.1\n[Radar]\nTCPService = true\n");
     std::string announcement = protocol::composeAnnouncement("North", 20, 2);

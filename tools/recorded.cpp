@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <system_error>
 
 using namespace radar::recording;
 
@@ -22,6 +23,10 @@ Recorded lookThrough(const std::string& path) {
         recorded.notes = readNotes(path);
     } catch (const BrokenFile& broken) {
         recorded.broken = broken.what();
+    } catch (const std::system_error& refusal) {
+        if (refusal.code() == std::errc::no_such_file_or_directory)
+            throw Failure(kNothingFound, printable(refusal.what()));
+        throw std::system_error(refusal.code(), printable(path));
     }
     if (recorded.contents.total().datagrams == 0)
         throw Failure(kNothingFound, printable(recorded.broken.empty() ? path + ": there is no datagram in it"

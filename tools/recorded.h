@@ -14,7 +14,7 @@ struct Recorded {
     std::string broken; ///< why it was not read to its end; empty: it was
 };
 
-/// @throws Failure where there is no datagram in it
+/// @throws Failure where there is no file, or no datagram in it; std::system_error where it cannot be opened
 Recorded lookThrough(const std::string& path);
 
 /// What was left out, in words; empty: nothing.

@@ -165,17 +165,20 @@ private:
 
     void chooseRadars() {
         std::set<std::string> names;
+        std::set<std::string> chosen;
         std::random_device seed;
         for (const Contents::Radar& radar : m_recorded.contents.radars()) {
             names.insert(radar.name);
             if (m_options.radar.empty() || radar.name == m_options.radar ||
-                printable(radar.name) == m_options.radar)
+                printable(radar.name) == m_options.radar) {
+                chosen.insert(radar.name);
                 m_radars.emplace_back(radar, static_cast<std::uint8_t>(m_options.asId), seed(), kObjection);
+            }
         }
         if (m_radars.empty() && !m_options.radar.empty())
             throw Failure(kNothingFound, "no radar \"" + printable(m_options.radar) + "\" in the recording" +
                                              (names.empty() ? "" : "; there are: " + inWords(names)));
-        if (m_options.asId != 0 && m_radars.size() != 1)
+        if (m_options.asId != 0 && chosen.size() != 1)
             throw Failure(kUsage,
                           "--as-id is for one radar, which --radar names; there are: " + inWords(names));
         if (m_options.asId != 0 && m_radars.front().hostId() == 0)
@@ -316,7 +319,7 @@ private:
             return;
         note(m_lan.send(wire::kNegotiation, wire::text(*output.message)));
         for (ReplayedRadar& other : m_radars)
-            if (&other != &speaker)
+            if (other.name() != speaker.name()) // else it is the same one, at another address
                 act(other, other.receive(wire::text(*output.message)));
     }
 

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <system_error>
 #include <utility>
 
 namespace radar::recording {
@@ -19,14 +17,6 @@ constexpr std::pair<int, Link> kLinks[] = {{DLT_EN10MB, Link::Ethernet},
                                            {DLT_IPV4, Link::Ip}};
 constexpr std::int64_t kLastSecond = 9'000'000'000; // that a time in nanoseconds has room for
 
-File open(const std::string& path) {
-    try {
-        return openFile(path);
-    } catch (const std::system_error& refusal) {
-        throw BrokenFile(path + ": " + std::strerror(refusal.code().value()));
-    }
-}
-
 } // namespace
 
 void Reader::Close::operator()(pcap* file) const {
@@ -34,7 +24,7 @@ void Reader::Close::operator()(pcap* file) const {
 }
 
 Reader::Reader(const std::string& path) : m_path(path) {
-    File file = open(path);
+    File file = openFile(path);
     char error[PCAP_ERRBUF_SIZE] = "";
     m_file.reset(::pcap_fopen_offline_with_tstamp_precision(file.get(), PCAP_TSTAMP_PRECISION_NANO, error));
     if (!m_file)
@@ -90,8 +80,6 @@ Notes readNotes(const std::string& path) {
         for (std::string_view block = blocks.next(); !block.empty(); block = blocks.next())
             takeBlock(notes, block);
     } catch (const BrokenFile&) { // or of another kind: as far as it went
-    } catch (const std::system_error& refusal) {
-        throw BrokenFile(path + ": " + std::strerror(refusal.code().value()));
     }
     return notes;
 }

@@ -27,7 +27,8 @@ public:
         std::uint64_t other = 0;
     };
 
-    /// @throws BrokenFile for what is no recording, or has frames of a kind that is not known
+    /// @throws std::system_error where the file cannot be opened; BrokenFile for what is no recording, or has
+    ///         frames of a kind that is not known
     explicit Reader(const std::string& path);
 
     /// Its payload is valid until the next call. Nothing at the end. @throws BrokenFile
@@ -46,6 +47,7 @@ private:
 };
 
 /// What a pcapng file says beside its packets; empty for other files, and as far as a broken one goes.
+/// @throws std::system_error
 Notes readNotes(const std::string& path);
 
 } // namespace radar::recording
