@@ -47,6 +47,8 @@ _MAX_HOLDERS = 16
 _MOST_AT_ONCE = 32
 _FIRST_DEVICE = 7
 _CHANNELS = _FIRST_DEVICE + 10
+_LONGEST_WAIT = 2**31 - 1  # milliseconds of one call
+_OUT_OF_RANGE = "a number is out of its range"
 
 _Name = ctypes.c_char * 24
 _InterfaceName = ctypes.c_char * 16
@@ -226,6 +228,13 @@ def _checked(result: int) -> int:
     if result < 0:
         raise OSError(-result, os.strerror(-result))
     return result
+
+
+def _number(value: int, kind: Any = ctypes.c_int) -> int:
+    """Refuses what ctypes would cut."""
+    if kind(value).value != value:
+        raise ValueError(_OUT_OF_RANGE)
+    return value
 
 
 def _text(name: bytes) -> str:
@@ -667,7 +676,7 @@ class _Object:
         self._handle = _handle()
         result = new(ctypes.byref(self._handle))
         if result == -errno.EINVAL:
-            raise ValueError("a number is out of its range")
+            raise ValueError(_OUT_OF_RANGE)
         _checked(result)
         self._free = weakref.finalize(self, free, self._handle)
         self._free.atexit = False  # threads may still use it then, and the process's end frees it
@@ -740,7 +749,8 @@ class _Source(_Object):
         return -1 if self._closed or self._process != os.getpid() else self._descriptor
 
     def _wait(self, deadline: Optional[float]) -> bool:
-        """Waits until there is something to take, or the object is closed. False: time is up, or this is a child."""
+        """Waits until there is something to take, the object is closed, or _LONGEST_WAIT has passed. False: time is up,
+        or this is a child."""
         if self._process != os.getpid():
             return False
         left = None if deadline is None else deadline - time.monotonic()
@@ -749,7 +759,7 @@ class _Source(_Object):
         poller = select.poll()
         poller.register(self._descriptor, select.POLLIN)
         poller.register(self._alarm, select.POLLIN)
-        poller.poll(None if left is None else left * 1000)
+        poller.poll(None if left is None else min(left * 1000, _LONGEST_WAIT))
         return True
 
 
@@ -876,7 +886,7 @@ class Recording(_Object):
         ValueError: a number is out of its range. OSError: the file cannot be opened, or is of another kind."""
 
         def new(handle: Any) -> int:
-            return int(_recording_open(handle, os.fsencode(path), speed, streams))
+            return int(_recording_open(handle, os.fsencode(path), speed, _number(streams)))
 
         super().__init__(new, _recording_free)
         self._local_address = _quad(self._call(_recording_address))
@@ -924,13 +934,15 @@ class Stream(_Source):
         receive_buffer: bytes to ask the system for; 0 is 1 MiB. largest_datagram: bytes, what is longer is cut;
         0, and more than that, is 65536."""
         options = _StreamOptions()
-        options.number = number
-        options.receive_buffer = receive_buffer
-        options.largest_datagram = largest_datagram
+        options.number = _number(number)
+        options.receive_buffer = _number(receive_buffer, ctypes.c_size_t)
+        options.largest_datagram = _number(largest_datagram, ctypes.c_size_t)
         if sequence is not None:
-            options.sequence_width = sequence.width
-            options.sequence_offset = sequence.offset
-            options.sequence_modulus = sequence.modulus
+            if sequence.width == 0:  # which means that there is none
+                raise ValueError(_OUT_OF_RANGE)
+            options.sequence_width = _number(sequence.width)
+            options.sequence_offset = _number(sequence.offset, ctypes.c_size_t)
+            options.sequence_modulus = _number(sequence.modulus, ctypes.c_uint64)
             options.sequence_little_endian = sequence.little_endian
         new = _on_watch(watch, _stream_new, _bytes(name), _channel(channel), ctypes.byref(options))
         super().__init__(new, _stream_free, _stream_descriptor)
@@ -1002,7 +1014,7 @@ class Control(_Object):
 
     def __init__(self, watch: Watch, name: str, channel: str = "image-control", number: int = 0) -> None:
         """As for Stream."""
-        super().__init__(_on_watch(watch, _control_new, _bytes(name), _channel(channel), number), _control_free)
+        super().__init__(_on_watch(watch, _control_new, _bytes(name), _channel(channel), _number(number)), _control_free)
         self._name = name
 
     def send(self, data: Union[bytes, bytearray, memoryview]) -> None:
@@ -1050,7 +1062,7 @@ def groups(host_id: int) -> Tuple[Endpoints, Endpoints]:
     """The endpoints of both streams of a host, by the plan of host ids. ValueError: that is none (1, 16 to 63)."""
     raw = (_Endpoints * _MAX_STREAMS)()
     for number in range(_MAX_STREAMS):
-        result = _groups(host_id, number, raw[number])
+        result = _groups(_number(host_id), number, raw[number])
         if result == -errno.EINVAL:
             raise ValueError(f"{host_id} is no host id")
         _checked(result)

@@ -1,5 +1,6 @@
 import ctypes
 import gc
+import math
 import multiprocessing
 import os
 import select
@@ -55,7 +56,8 @@ class Events(unittest.TestCase):
         watch = Watch("127.0.0.1")  # where no radar is
         self.assertIsInstance(watch.next(PATIENCE), LocalFound)
         self.assertIsNone(watch.next(0.1))
-        watch.close()
+        threading.Timer(0.1, watch.close).start()
+        self.assertIsNone(watch.next(math.inf))
         self.assertEqual((watch.next(), watch.fileno()), (None, -1))
         for refused in (watch.radars, lambda: radarwatch.Stream(watch, "radar-1")):
             with self.assertRaises(ValueError):
@@ -157,10 +159,17 @@ class Objects(unittest.TestCase):
         with Watch(LOCAL) as watch:
             for wrong in (
                 lambda: radarwatch.groups(15),
+                lambda: radarwatch.groups(2**32 + 20),
                 lambda: Watch("10.20.2"),
                 lambda: radarwatch.Stream(watch, "North", "picture"),
                 lambda: radarwatch.Stream(watch, "North", number=2),
+                lambda: radarwatch.Stream(watch, "North", number=2**32),
+                lambda: radarwatch.Stream(watch, "North", receive_buffer=-1),
                 lambda: radarwatch.Stream(watch, "North", sequence=radarwatch.Sequence(0, width=9)),
+                lambda: radarwatch.Stream(watch, "North", sequence=radarwatch.Sequence(0, width=0)),
+                lambda: radarwatch.Stream(watch, "North", sequence=radarwatch.Sequence(-4)),
+                lambda: radarwatch.Stream(watch, "North", sequence=radarwatch.Sequence(0, modulus=-1)),
+                lambda: radarwatch.Control(watch, "North", number=2**32),
                 lambda: radarwatch.Control(watch, "North\0"),
             ):
                 with self.assertRaises(ValueError):
