@@ -129,6 +129,9 @@ public:
             open();
     }
 
+    /// Comes behind Engine::unfollow.
+    void end() { use(nullptr, ENOENT); }
+
     bool send(const void* data, std::size_t size) {
         if (!inOwnProcess()) {
             errno = ENOENT;
@@ -200,12 +203,15 @@ Control::Control(const Watch& watch, const std::string& name, int channel, int n
 }
 
 Control::~Control() {
-    if (d && d->inOwnProcess())
+    if (d && d->inOwnProcess()) {
         m_engine->unfollow(d.get());
+        d->end();
+    }
 }
 
 bool Control::send(const void* data, std::size_t size) {
-    return d->send(data, size);
+    const auto kept = d; // the Control may be destroyed meanwhile
+    return kept->send(data, size);
 }
 
 } // namespace radar

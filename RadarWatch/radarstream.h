@@ -199,7 +199,8 @@ private:
 
 /// Sends to one channel of one radar, where it is now.
 ///
-/// Threads: none; any thread may send, several at once.
+/// Threads: none; any thread may send, several at once. Destruction does not wait for a send that waits for a
+/// TCP peer, nor end it: it goes on until the peer reads, or the connection is lost.
 class __attribute__((visibility("default"))) Control {
 public:
     /// @param name, channel as for Stream @param number of the stream: 0 or 1

@@ -15,7 +15,7 @@
 ///
 /// Threads: no function of the caller's is ever called. Any thread may call any function; only those that say
 /// so wait. A handle that is freed must not be in use by another thread, except by one that waits, which
-/// returns 0. Handles may be freed in any order.
+/// returns 0 (radar_control_send: see there). Handles may be freed in any order.
 ///
 /// Processes: handles belong to the process that made them. In a child made by fork their functions do
 /// nothing, and return as if nothing were there (a descriptor: -1); a stream or control on the parent's watch
@@ -324,7 +324,8 @@ RADAR_API void radar_control_free(radar_control* control);
 
 /// One datagram from the local address, or bytes over TCP. Just after radar_control_new it waits for a
 /// moment, until the way is known; then for a TCP peer that does not read, half a second where the radar
-/// connects to us, without end where we connect.
+/// connects to us, without end where we connect. radar_control_free does not end that: it goes on until the
+/// peer reads, or the connection is lost.
 /// @return 0; -ENOENT: no such radar, or no such endpoint; -ENETDOWN: there is no local address; -ENOTCONN:
 ///         TCP is not connected; -EAGAIN: a radar that connects to us does not read; or what the system says
 RADAR_API int radar_control_send(radar_control* control, const void* data, size_t length);

@@ -11,8 +11,9 @@ are dotted quads, as the socket module takes them; times are seconds, unless a n
 
 Errors: what the system refuses is raised as OSError; the use of an object that was closed as ValueError.
 
-Threads: any thread may use an object. close() ends what waits on it in other threads. Waits are Python's own, so that
-Ctrl-C ends them at once. An object that is collected frees what it has of the system, as close() does.
+Threads: any thread may use an object. close() ends what waits on it in other threads, but for Control.send over TCP,
+which goes on until the peer reads or the connection is lost. Waits are Python's own, so that Ctrl-C ends them at once.
+An object that is collected frees what it has of the system, as close() does.
 
 Processes: an object belongs to the process that made it. In a child made by fork, and so by multiprocessing where that
 forks, it does nothing: nothing is listed, no event or datagram comes, iteration ends at once. A child makes its own.
