@@ -56,16 +56,17 @@ std::optional<bool> readCarrier(const std::string& ifname) {
 
 } // namespace
 
-/// In a child made by fork: nothing but the settings is its own. Nobody changes those of its parent here.
-tNetIPHelperPrivate::Shared::Shared(const Shared& parents)
-    : nmcli(parents.nmcli.load()), resetReady(parents.resetReady), restartCommand(parents.restartCommand) {}
+// Nobody changes what was its parent's in a child.
+tNetIPHelperPrivate::Shared::Shared(const Shared* parents)
+    : nmcli(parents->nmcli.load()), resetReady(parents->resetReady), restartCommand(parents->restartCommand) {
+}
 
 tNetIPHelperPrivate::Shared& tNetIPHelperPrivate::shared() {
     // Never destroyed: watches and restarts run until the process is gone.
     static std::atomic<Shared*> s_all = new Shared;
     Shared* all = s_all;
     while (!all->inOwnProcess()) {
-        auto own = std::make_unique<Shared>(*all);
+        auto own = std::make_unique<Shared>(all);
         if (s_all.compare_exchange_strong(all, own.get()))
             return *own.release();
     }

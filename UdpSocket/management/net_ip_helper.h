@@ -106,7 +106,8 @@ private:
 /// What all instances of a process share.
 struct tNetIPHelperPrivate::Shared : detail::ProcessBound {
     Shared() = default;
-    explicit Shared(const Shared& parents) NOT_ANALYSED;
+    /// In a child made by fork, which takes over the settings and nothing else.
+    explicit Shared(const Shared* parents) NOT_ANALYSED;
 
     std::atomic<bool> nmcli = false; // the tool; false: ifconfig and udhcpc
 

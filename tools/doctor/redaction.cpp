@@ -37,7 +37,7 @@ std::string Redaction::radarName(const std::string& name) {
     const auto known = m_names.find(name);
     if (known != m_names.end())
         return known->second;
-    const std::string replacement = "radar-" + std::to_string(++m_radars);
+    std::string replacement = "radar-" + std::to_string(++m_radars);
     hide(name, replacement);
     return replacement;
 }
