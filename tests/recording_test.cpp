@@ -157,7 +157,7 @@ TEST_F(RecordingFile, GoesOnWhereItsClockWasSetBack) {
     for (const int second : {100, 110, 50, 60, 59, 70, 30})
         appendDatagramBlock(bytes, 0, {std::chrono::seconds(second), kFrom, kDiscovery, ""}, "seen");
     const auto times = [](auto next) {
-        std::vector<long> seconds;
+        std::vector<std::int64_t> seconds;
         while (const auto datagram = next())
             seconds.push_back(datagram->time / 1s);
         return seconds;
@@ -167,7 +167,7 @@ TEST_F(RecordingFile, GoesOnWhereItsClockWasSetBack) {
     EXPECT_THAT(times([&] { return reader.next(); }), expected);
     Blocks blocks(path());
     EXPECT_THAT(times([&] { return blocks.nextDatagram(); }), expected);
-    std::vector<long> comments;
+    std::vector<std::int64_t> comments;
     for (const Notes::Comment& comment : readNotes(path()).comments)
         comments.push_back(comment.time / 1s);
     EXPECT_THAT(comments, expected);
