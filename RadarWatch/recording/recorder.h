@@ -33,9 +33,8 @@ struct Place {
 /// does not touch them.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
-/// for which memory runs out. Memory: the
-/// writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a thousand datagrams of each group that has
-/// more waiting.
+/// for which memory runs out. Memory: the writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a
+/// thousand datagrams of each group that has more waiting.
 ///
 /// Threads: one that receives and the writer's, from construction to finish() or destruction. Any thread may
 /// call any operation, finish() one.
