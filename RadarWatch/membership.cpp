@@ -3,6 +3,7 @@
 #include <RadarWatch/system_file.h>
 
 #include <UdpSocket/base/mutex.h>
+#include <UdpSocket/base/process.h>
 #include <UdpSocket/base/socket.h>
 
 #include <netinet/in.h>
@@ -26,7 +27,7 @@ constexpr auto kJustRenewed = 1s; // streams of one group fall silent together
 
 } // namespace
 
-struct Membership::Registry {
+struct Membership::Registry : net::detail::ProcessBound {
     struct Group {
         std::vector<Membership*> members;
         Time renewed = Time::min();
@@ -35,10 +36,8 @@ struct Membership::Registry {
     std::map<Key, Group> groups GUARDED_BY(mutex);
 };
 
-/// Never destroyed: streams may stand while the program ends.
 Membership::Registry& Membership::registry() {
-    static Registry& all = *new Registry;
-    return all;
+    return net::detail::ofThisProcess<Registry>();
 }
 
 Membership::Membership(const net::detail::Descriptor& socket, Key key, std::uint32_t localAddress)

@@ -33,18 +33,6 @@ class Engines : public net::detail::ProcessBound {
 public:
     using Key = std::pair<std::uint64_t, std::uint32_t>;
 
-    /// Never destroyed: threads may ask while the program ends. A child made by fork has its own.
-    static Engines& ofThisProcess() {
-        static std::atomic<Engines*> s_engines = nullptr;
-        Engines* known = s_engines;
-        if (known != nullptr && known->inOwnProcess())
-            return *known;
-        auto made = std::make_unique<Engines>();
-        if (s_engines.compare_exchange_strong(known, made.get()))
-            known = made.release();
-        return *known;
-    }
-
     std::shared_ptr<RadarEngine> find(const Key& key) {
         Lock lock(m_mutex);
         return m_engines[key].lock();
@@ -104,7 +92,7 @@ std::shared_ptr<Engine> Engine::forAddress(std::uint32_t configured) {
 }
 
 std::shared_ptr<RadarEngine> RadarEngine::forAddress(std::uint32_t configured) {
-    Engines& engines = Engines::ofThisProcess();
+    Engines& engines = net::detail::ofThisProcess<Engines>();
     const Engines::Key key{net::detail::thisNetwork(), configured};
     if (auto running = engines.find(key))
         return running;

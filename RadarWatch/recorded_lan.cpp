@@ -37,18 +37,6 @@ constexpr recording::Time kSilence = std::chrono::seconds(protocol::RadarTable::
 /// The recordings of one process, by address.
 class Registry : public net::detail::ProcessBound {
 public:
-    /// Never destroyed: threads may ask while the program ends. A child made by fork has its own.
-    static Registry& ofThisProcess() {
-        static std::atomic<Registry*> s_registry = nullptr;
-        Registry* known = s_registry;
-        if (known != nullptr && known->inOwnProcess())
-            return *known;
-        auto made = std::make_unique<Registry>();
-        if (s_registry.compare_exchange_strong(known, made.get()))
-            known = made.release();
-        return *known;
-    }
-
     std::shared_ptr<RecordedLan> find(std::uint32_t address) {
         Lock lock(m_mutex);
         const auto found = m_recordings.find(address);
@@ -88,7 +76,7 @@ bool RecordedLan::isRecorded(std::uint32_t localAddress) {
 }
 
 std::shared_ptr<RecordedLan> RecordedLan::find(std::uint32_t localAddress) {
-    return isRecorded(localAddress) ? Registry::ofThisProcess().find(localAddress) : nullptr;
+    return isRecorded(localAddress) ? net::detail::ofThisProcess<Registry>().find(localAddress) : nullptr;
 }
 
 std::shared_ptr<RecordedLan> RecordedLan::open(const std::string& path, double speed, unsigned streams) {
@@ -96,7 +84,7 @@ std::shared_ptr<RecordedLan> RecordedLan::open(const std::string& path, double s
         throw std::invalid_argument("openRecording: " + std::to_string(speed) + " is no speed");
     std::shared_ptr<RecordedLan> made(new RecordedLan(path, speed, streams),
                                       &net::detail::destroy<RecordedLan>);
-    Registry::ofThisProcess().add(made);
+    net::detail::ofThisProcess<Registry>().add(made);
     return made;
 }
 

@@ -4,6 +4,9 @@
 
 #include <UdpSocket/base/mutex.h>
 
+#include <atomic>
+#include <memory>
+
 namespace net::detail {
 
 /// How many forks lie between this process and the one that loaded the library.
@@ -42,6 +45,20 @@ template <class Private>
 void destroy(Private* object) {
     if (object->inOwnProcess() && !object->isCalling())
         delete object;
+}
+
+/// The one @p Object of this process, made where it is first asked for, and never destroyed: threads may ask
+/// while the program ends. A child made by fork has its own. Any thread.
+template <class Object>
+Object& ofThisProcess() {
+    static std::atomic<Object*> s_object = nullptr;
+    Object* known = s_object;
+    if (known != nullptr && known->inOwnProcess())
+        return *known;
+    auto made = std::make_unique<Object>();
+    if (s_object.compare_exchange_strong(known, made.get()))
+        known = made.release();
+    return *known;
 }
 
 /// A mutex of static storage. A fork waits until nobody holds it, since a child would never see it free
