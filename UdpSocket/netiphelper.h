@@ -47,8 +47,8 @@ public:
 /// Errors: none are reported. A failed command is repeated a second later, as long as the address is missing.
 /// A command in which an interface name, address or netmask is anything but plain counts as failed: it
 /// reaches no shell.
-/// Memory that ran out on the watch thread, a listener's included, or descriptors to read the carrier with,
-/// cost the pass at hand, with a line on standard error. The next pass makes good a report or restart that
+/// Memory that ran out on the watch thread, a listener's included, or descriptors for its look, cost the pass
+/// at hand, with a line on standard error. The next pass makes good a report or restart that
 /// was cut short, so a listener may hear the same again. Anything else that a listener throws on that thread
 /// ends the process.
 class __attribute__((visibility("default"))) tNetIPHelper {
@@ -97,7 +97,8 @@ public:
     /// Prints the name and address of every local interface.
     static void PrintLocalNetIP();
 
-    /// Whether the interface has a link; false also for an interface that is down or unknown.
+    /// Whether the interface has a link; false also for an interface that is down or unknown, and where the
+    /// system has no descriptor or memory for a look.
     static bool GetNetCarrier(std::string ifname);
 
     /// Runs a shell command through system(3) and waits for its end. Any thread; no state. A program that

@@ -134,8 +134,29 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
                 std::exit(7);
         }
         void OnLocalIpChanged(unsigned int) override { std::exit(7); }
+        MultiRadarClient* client = nullptr;
+        ~Exits() {
+            if (client != nullptr)
+                client->removeListener(this);
+        }
     };
     static Exits s_exits;
+    struct ExitsForOne final : net::iTcpDataListener {
+        void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int) override {
+            if (isGone)
+                ::_exit(9);
+            if (*data == 'e')
+                std::exit(7);
+        }
+        void OnTcpClientConnected(int, const char*, unsigned short) override {}
+        void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
+        bool isGone = false;
+        ~ExitsForOne() {
+            std::this_thread::sleep_for(50ms); // a callback in progress is not waited for
+            isGone = true;
+            std::this_thread::sleep_for(50ms);
+        }
+    };
     const std::function<void()> programs[] = {
         [this] { static const net::UdpReceiver s_receiver(&s_exits, m_local, kGroup, 5000, 64); },
         [this] {
@@ -154,6 +175,18 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
             s_client.connectOnce();
         },
         [] {
+            static ExitsForOne s_listener;
+            static net::TcpServer s_server(&s_listener);
+            s_server.connect("127.0.0.1", kPort, 2);
+            auto* const client = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
+            auto* const other = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
+            client->connectOnce();
+            other->connectOnce();
+            client->sendData("e", 1);
+            for (;;)
+                other->sendData("x", 1);
+        },
+        [] {
             static net::TcpServer s_server(nullptr);
             s_server.connect("127.0.0.1", kPort, 1);
             static net::TcpClient s_client(&s_exits, "127.0.0.1", kPort, 0);
@@ -164,8 +197,9 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
             s_watch.AddNetIPListener(&s_exits);
         },
         [this] {
-            MultiRadarClient::getInstance()->addListener(&s_exits);
-            MultiRadarClient::getInstance()->setLocalIP(m_local);
+            s_exits.client = MultiRadarClient::getInstance();
+            s_exits.client->addListener(&s_exits);
+            s_exits.client->setLocalIP(m_local);
         },
     };
     const ProfileDirectory profile;

@@ -12,7 +12,9 @@ namespace {
 std::atomic<unsigned int> s_generation = 0;
 std::atomic<StaticMutex*> s_mutexes = nullptr;
 
-thread_local const ProcessBound::Call* t_call = nullptr; // the innermost
+/// The innermost. Of the static block, since a thread's first use of any other takes memory, and where there
+/// is none ends the process.
+[[gnu::tls_model("initial-exec")]] thread_local const ProcessBound::Call* t_call = nullptr;
 
 } // namespace
 

@@ -113,8 +113,17 @@ unsigned int MultiRadarCheckerPrivate::currentAddress() const {
 }
 
 void MultiRadarCheckerPrivate::removeListener(iMultiRadarCheckerListener* listener) {
+    if (isCalling()) { // exit in a callback, on the thread that holds the lock: this listener ends
+        forget(listener);
+        return;
+    }
     net::detail::Lock lock(m_lock);
     m_listeners.remove(listener);
+}
+
+/// Inside a callback, whose caller has the lock and goes through the list.
+void MultiRadarCheckerPrivate::forget(iMultiRadarCheckerListener* listener) NOT_ANALYSED {
+    std::ranges::replace(m_listeners, listener, nullptr);
 }
 
 void MultiRadarCheckerPrivate::setLocalIP(unsigned int ip) {
@@ -233,5 +242,7 @@ void MultiRadarCheckerPrivate::makeCurrent(unsigned int localIp) {
     m_current = localIp;
     const Call call(*this);
     for (iMultiRadarCheckerListener* listener : m_listeners)
-        listener->OnLocalIpChanged(localIp);
+        if (listener != nullptr)
+            listener->OnLocalIpChanged(localIp);
+    m_listeners.remove(nullptr);
 }

@@ -46,6 +46,7 @@ private:
     void enterPhase();
     void openProbes();
     void makeCurrent(unsigned int localIp);
+    void forget(iMultiRadarCheckerListener* listener);
     void repair();
     bool isRunning() const;
     unsigned int currentAddress() const;

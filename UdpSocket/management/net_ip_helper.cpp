@@ -4,6 +4,7 @@
 #include <UdpSocket/base/descriptor.h>
 #include <UdpSocket/base/scope_exit.h>
 #include <UdpSocket/base/timing.h>
+#include <UdpSocket/transport/interfaces.h>
 
 #include <fcntl.h>
 
@@ -24,7 +25,8 @@ namespace {
 
 const char* const kNoAddress = "0.0.0.0";
 
-thread_local const sigset_t* t_applicationSignals = nullptr; // set on watch threads
+/// Set on watch threads. Of the static block, as in process.cpp.
+[[gnu::tls_model("initial-exec")]] thread_local const sigset_t* t_applicationSignals = nullptr;
 
 /// The first address, in ascending order, that stands under the interface name, or "".
 std::string addressOf(const std::map<unsigned int, tNetworkInterface>& table, const std::string& name) {
@@ -167,8 +169,10 @@ void tNetIPHelperPrivate::followCarrier(bool carrier) {
         return;
     if (m_paused)
         m_pause.sleep(detail::timing().restartCarrier);
-    else
+    else {
+        const Call call(*this); // which tells the listeners of all instances
         NetworkRestart(this);
+    }
     m_restartIsDue = false; // not before: the next pass makes good one that memory ran out for
 }
 
@@ -192,11 +196,13 @@ void tNetIPHelperPrivate::detect() {
         NetworkReset();
         return; // what it has asked for shows in a later pass
     }
-    const InterfaceTable table = localNetworkInterfaces();
+    const std::optional<InterfaceTable> table = detail::listInterfaces();
+    if (!table)
+        return; // which is no address that is gone
     if (all.nmcli)
-        detectWithNmcli(table);
+        detectWithNmcli(*table);
     else
-        detectWithIfconfig(table);
+        detectWithIfconfig(*table);
 }
 
 void tNetIPHelperPrivate::detectWithNmcli(const InterfaceTable& table) {

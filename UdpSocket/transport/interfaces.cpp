@@ -22,6 +22,7 @@ namespace net {
 
 namespace {
 
+using InterfaceTable = std::map<unsigned int, tNetworkInterface>;
 using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
 
 InterfaceList readInterfaces() {
@@ -95,11 +96,13 @@ namespace {
     ::pthread_atfork(nullptr, nullptr, [] { std::construct_at(&networkIfMutex); });
 
 /// Reads the table; nothing is printed, since the caller holds networkIfMutex.
-std::map<unsigned int, tNetworkInterface> readTable(std::vector<Failure>& failures) {
-    std::map<unsigned int, tNetworkInterface> table;
+std::optional<InterfaceTable> readTable(std::vector<Failure>& failures) {
+    InterfaceTable table;
     const InterfaceList list = readInterfaces();
-    if (!list)
+    if (!list) {
         failures.push_back(failed(kListing));
+        return std::nullopt;
+    }
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
         in_addr address;
         if (!ipv4Address(*entry, address))
@@ -117,14 +120,8 @@ std::map<unsigned int, tNetworkInterface> readTable(std::vector<Failure>& failur
 
 } // namespace
 
-std::map<unsigned int, tNetworkInterface> localNetworkInterfaces() {
-    std::vector<Failure> failures;
-    std::unique_lock lock(networkIfMutex);
-    auto table = readTable(failures);
-    lock.unlock();
-    for (const Failure& failure : failures)
-        print(failure);
-    return table;
+InterfaceTable localNetworkInterfaces() {
+    return detail::listInterfaces().value_or(InterfaceTable());
 }
 
 std::string localMac(unsigned int ip) {
@@ -167,6 +164,16 @@ char* getMac(char* mac, char* ifname) {
 }
 
 namespace detail {
+
+std::optional<InterfaceTable> listInterfaces() {
+    std::vector<Failure> failures;
+    std::unique_lock lock(networkIfMutex);
+    auto table = readTable(failures);
+    lock.unlock();
+    for (const Failure& failure : failures)
+        print(failure);
+    return table;
+}
 
 std::string deviceName(const std::string& interfaceName) {
     return interfaceName.substr(0, interfaceName.find(':'));

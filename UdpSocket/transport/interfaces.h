@@ -2,6 +2,10 @@
 /// Local addresses for use inside the library.
 #pragma once
 
+#include <UdpSocket/udpsocket.h>
+
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -12,6 +16,9 @@ namespace net {
 std::set<unsigned int> localIpSet();
 
 namespace detail {
+
+/// As localNetworkInterfaces(), but nothing where the system cannot list them.
+std::optional<std::map<unsigned int, tNetworkInterface>> listInterfaces();
 
 /// The device behind an interface name: the name without an alias suffix ("eth0" for "eth0:1").
 std::string deviceName(const std::string& interfaceName);

@@ -319,7 +319,7 @@ void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buff
         errno = 0; // a closed connection is reported with code 0
         const ssize_t count = ::recv(fd, buffer, kReceiveBuffer, 0);
         const bool timedOut = count < 0 && (errno == EAGAIN || errno == EINTR);
-        if (announced() != connection || connection->state() == State::kEnded)
+        if (!m_running || announced() != connection || connection->state() == State::kEnded)
             break; // nothing comes behind its Disconnected
         if (count > 0) {
             m_idleTicks = 0;
@@ -410,6 +410,7 @@ TcpClient::TcpClient(iTcpDataListener* listener, const char* ip, unsigned short 
 TcpClient::TcpClient(iTcpDataListener* listener, const NetAddress& server, unsigned int localIp)
     : TcpClient(listener, transAddr(server.ip), NtoHs(server.port), localIp) {}
 TcpClient::~TcpClient() {
+    d->notifyForQuit(); // where it is left, inside a callback, its other thread calls nobody any more
     detail::destroy(d);
 }
 bool TcpClient::connectOnce() {

@@ -292,6 +292,7 @@ void TcpServerPrivate::cleanUpThread() {
 
 TcpServer::TcpServer(iTcpDataListener* listener) : d(new TcpServerPrivate(listener)) {}
 TcpServer::~TcpServer() {
+    d->notifyForQuit(); // where it is left, inside a callback, its other threads call nobody any more
     detail::destroy(d);
 }
 bool TcpServer::connect(unsigned short port, int maxClients) {

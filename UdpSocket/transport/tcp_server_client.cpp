@@ -60,7 +60,7 @@ bool ServerClient::receive(const std::atomic<bool>& running, iTcpDataListener* l
         peerEnded = count == 0;
         if (peerEnded || (count < 0 && !timedOut) || (timedOut && isPeerGone(m_socket)))
             break;
-        if (count > 0 && !m_closed && listener != nullptr)
+        if (count > 0 && running && !m_closed && listener != nullptr)
             runStep("TcpServer: received data", [&] {
                 listener->OnTcpDataReceived(m_socket.get(), m_address.c_str(), m_port, m_buffer.get(),
                                             static_cast<int>(count));
