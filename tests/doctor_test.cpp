@@ -165,18 +165,20 @@ const Case kCases[] = {
      {{"firewall", "policy of iptables-legacy chain INPUT (table filter) drops queries and announcements (236.6.7.5:6878)"}, {"firewall", "IGMP queries"}}},
     {"Netdev", "nft add table netdev t; nft add chain netdev t in '{ type filter hook ingress device \"eth0\" priority 0; }'; nft add rule netdev t in udp dport 6878 drop",
      {{"firewall", "nft rule netdev t in handle 2 drops queries and announcements (236.6.7.5:6878) on eth0; "}}},
+    {"Nobody", "", {{"no-radar", "nobody answers"}, {"no-querier", "no IGMP query"}}, "", {}},
+    {"OneIdAndOneName", "", {{"same-id", "radarctl renumber 'North'"}, {"same-name", "give each a name"}}, "",
+     {{"host1", "North", 20}, {"host2", "South", 20}, {"host2", "North", 21}}},
+    {"HostsWithOneAddress", "ip -n host2 address flush dev eth0; ip -n host2 address add 10.20.1.1/16 dev eth0; ip -n host2 route add default dev eth0",
+     {{"same-address", "radar hosts at eth0 share the address 10.20.1.1; give each an address of its own"}}},
+    {"ComputerWithThisOnesAddress", "ip -n host2 address add 10.20.2.1/16 dev eth0",
+     {{"same-address", "another computer at eth0 has this one's address 10.20.2.1; give each"}}},
+    {"HardwareAddressesWithoutPrivileges", "for i in $(seq 600); do ip neigh replace 10.20.1.1 dev eth0 lladdr 02:00:00:00:00:0$((i % 2)); sleep 0.3; done &",
+     {{"same-address", "10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"}, {"firewall-unread", "needs root"}, {"wire-unread", "(CAP_NET_RAW)"}}, "",
+     {{"host1", "North", 20}}, "display", kUnprivileged},
 };
 // clang-format on
 INSTANTIATE_TEST_SUITE_P(Lab, Doctor, testing::ValuesIn(kCases),
                          [](const auto& row) { return row.param.name; });
-
-TEST_F(Doctor, ReportsThatNobodyAnswersAndHostsWithOneIdAndOneName) {
-    lab::Process nobody = start("display", {"--json"});
-    remediesOf(nobody, {{"no-radar", "nobody answers"}, {"no-querier", "no IGMP query"}});
-    serve({{"host1", "North", 20}, {"host2", "South", 20}, {"host2", "North", 21}});
-    lab::Process doubles = start("display", {"--json"});
-    remediesOf(doubles, {{"same-id", "radarctl renumber 'North'"}, {"same-name", "give each a name"}});
-}
 
 TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
     serve({{"host1", "North", 20}});
@@ -198,32 +200,6 @@ TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
                {{"id-contest", "10.20.1.1 claimed 2 ids"}, {"other-display", "queries from 10.20.1.2"}});
 }
 
-TEST_F(Doctor, ReportsComputersWithOneAddress) {
-    serve({{"host1", "North", 20}, {"host2", "South", 21}});
-    const std::pair<const char*, const char*> rows[] = {
-        {"10.20.1.1/16", "radar hosts at eth0 share the address 10.20.1.1; give each an address of its own"},
-        {"10.20.2.1/16", "another computer at eth0 has this one's address 10.20.2.1; give each"}};
-    for (const auto& [address, line] : rows) {
-        m_lan.changeAddress(m_lan.node("host2"), 0, address);
-        lab::Process told = start("display", {});
-        EXPECT_EQ(told.wait(60s), 1);
-        EXPECT_THAT(told.output(), AllOf(testing::StartsWith("fault same-address"), HasSubstr(line)));
-    }
-}
-
-TEST_F(Doctor, SeesTwoHardwareAddressesWithoutPrivilegesAndSaysWhatItCouldNotRead) {
-    serve({{"host1", "North", 20}});
-    const lab::Process change = m_lan.node("display").start(
-        {.command = {"sh", "-ec",
-                     "for i in $(seq 600); do ip neigh replace 10.20.1.1 dev eth0 lladdr "
-                     "02:00:00:00:00:0$((i % 2)); sleep 0.3; done"}});
-    lab::Process doctor = start("display", {}, kUnprivileged);
-    EXPECT_EQ(doctor.wait(60s), 1);
-    EXPECT_THAT(doctor.output(),
-                AllOf(HasSubstr("10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"),
-                      HasSubstr("firewall-unread"), HasSubstr("wire-unread"), HasSubstr("needs root")));
-}
-
 TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
     serve({{"host1", "North", 20}});
     for (const auto& [interface, status, line] :
@@ -237,27 +213,16 @@ TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
 
 TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
     m_profile.write("[Local]\nIP = 10.20.1.1\n");
-    const lab::Node& computer = m_lan.node("host1");
-    const lab::Process host =
-        computer.start({.command = {RADARCTL, "host", "--name", "North", "--simulate", "--loop"}});
-    lab::Process listen =
-        computer.start({.command = {RADARCTL, "listen", "North", "0", "--seconds", "2", "--loop"}});
+    const lab::Process host = m_lan.node("host1").start(
+        {.command = {RADARCTL, "host", "--name", "North", "--streams", "2", "--simulate", "--loop"}});
+    lab::Process listen = m_lan.node("host1").start(
+        {.command = {RADARCTL, "listen", "North", "1", "--endpoint", "arpa", "--seconds", "1", "--loop"}});
     EXPECT_EQ(listen.wait(60s), 0) << listen.output();
     lab::Process told = start("host1", {"--loop"});
     EXPECT_EQ(told.wait(60s), 0) << told.output();
 }
 
-TEST_F(Doctor, FollowsByTheNameThatIsShownAndSaysWhereNoImageComes) {
-    serve({{"host1", "N\x1B", 20}});
-    lab::Process doctor = m_lan.node("display").start(
-        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "N\\x1B", "--seconds", "6"}});
-    EXPECT_EQ(doctor.wait(60s), 1);
-    EXPECT_THAT(doctor.output(),
-                AllOf(testing::StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
-                      HasSubstr("measured: on eth0, 0 datagrams")));
-}
-
-TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
+TEST_F(Doctor, FollowsAnImageByTheNameThatIsShownAndNamesASwitchThatForgetsIt) {
     // Queries are answered at once, and groups reported without repeating it, before the switch forgets.
     ASSERT_EQ(std::system(R"(set -e
         ip netns exec display sysctl -q net.ipv4.conf.eth0.igmpv2_unsolicited_report_interval=100
@@ -266,21 +231,29 @@ TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
         ip -n lan link set lan0 type bridge mcast_querier 1
         bridge -n lan link set dev display-eth0 mcast_flood off)"),
               0);
-    lab::Process host = m_lan.node("host1").start(
+    serve({{"host2", "N\x1B", 21}}); // sends no image
+    const lab::Process host = m_lan.node("host1").start(
         {.command = {RADARCTL, "host", "--name", "North", "--id", "20", "--simulate"}});
-    ASSERT_TRUE(host.lineWith("serving", 30s));
-    lab::Process doctor = m_lan.node("display").start(
-        {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", "North", "--seconds", "8"}});
+    const auto follow = [&](const char* name) {
+        return m_lan.node("display").start(
+            {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", name, "--seconds", "8"}});
+    };
+    lab::Process silent = follow("N\\x1B");
+    lab::Process forgotten = follow("North");
     EXPECT_TRUE(comesTrue([] {
         return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
-    })) << doctor.output();
+    })) << forgotten.output();
     for (int i = 0; i < 10; ++i) { // again, where a report was on its way
         std::this_thread::sleep_for(100ms);
         std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
     }
-    EXPECT_EQ(doctor.wait(60s), 1);
-    EXPECT_THAT(doctor.output(), AllOf(testing::StartsWith("fault switch-forgets"),
-                                       HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
+    EXPECT_EQ(forgotten.wait(60s), 1);
+    EXPECT_THAT(forgotten.output(), AllOf(testing::StartsWith("fault switch-forgets"),
+                                          HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
+    EXPECT_EQ(silent.wait(60s), 1);
+    EXPECT_THAT(silent.output(),
+                AllOf(testing::StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
+                      HasSubstr("measured: on eth0, 0 datagrams")));
 }
 
 } // namespace

@@ -25,12 +25,10 @@ TEST_F(Export, SaysWhatIsKnownInTheFormatOfTheCollector) {
     const auto hostile = serve("host1", "\"\\x0A\\\n\xff", 20, 2U); // as the next one is shown
     const auto twin = serve("host2", "\"\\\\x0A\n\xff", 20, 2U);
     const auto plain = serve("host2", "North", 21, 2U);
-    EXPECT_TRUE(comesTrue( // it ends a second after the first answer
-        [&] {
-            return runOn("display", m_command).status == 0 &&
-                   text().find("\nradars 3\n") != std::string::npos;
-        },
-        60s));
+    const auto namesAll = [&] { // it ends a second after the first answer
+        return runOn("display", m_command).status == 0 && text().find("\nradars 3\n") != std::string::npos;
+    };
+    EXPECT_TRUE(comesTrue(namesAll, 60s));
     const std::vector<std::string> found = lines(text());
     for (const char* line :
          {"radar_up{radar=\"North\"} 1",
@@ -55,21 +53,20 @@ TEST_F(Export, ReplacesTheFileAsAWholeAndRemembersWhoLeft) {
         m_lan.node("display").start({.command = {"sh", "-c", "umask 077; exec \"$@\"", "sh", RADARCTL,
                                                  "export", "--every", "0.1", "--textfile", m_file.string()}});
     std::set<ino_t> files;
-    EXPECT_TRUE(comesTrue(
-        [&] {
-            const std::string now = text();
-            if (now.empty())
-                return false; // not there yet
-            EXPECT_TRUE(now.ends_with("radar_local_address{address=\"10.20.2.1\",interface=\"eth0\"} 1\n"));
-            struct stat status {};
-            EXPECT_EQ(::stat(m_file.c_str(), &status), 0);
-            EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
-            files.insert(status.st_ino);
-            north.reset();
-            return now.find("radar_up{radar=\"North\"} 0\n") != std::string::npos &&
-                   now.find("\nradars 0\n") != std::string::npos;
-        },
-        30s));
+    const auto saysThatItLeft = [&] {
+        const std::string now = text();
+        if (now.empty())
+            return false; // not there yet
+        EXPECT_TRUE(now.ends_with("radar_local_address{address=\"10.20.2.1\",interface=\"eth0\"} 1\n"));
+        struct stat status {};
+        EXPECT_EQ(::stat(m_file.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+        files.insert(status.st_ino);
+        north.reset();
+        return now.find("radar_up{radar=\"North\"} 0\n") != std::string::npos &&
+               now.find("\nradars 0\n") != std::string::npos;
+    };
+    EXPECT_TRUE(comesTrue(saysThatItLeft, 30s));
     EXPECT_GT(files.size(), 1U);
     EXPECT_EQ(exporter.stop(), 0);
     EXPECT_TRUE(isAlone());

@@ -47,13 +47,6 @@ protected:
     lab::Process start(const char* node, Words arguments) {
         return m_lan.node(node).start({.command = radarctl(std::move(arguments))});
     }
-    /// Returns when the host serves.
-    lab::Process startHost(const char* node, Words arguments) {
-        arguments.insert(arguments.begin(), "host");
-        lab::Process host = start(node, arguments);
-        EXPECT_TRUE(host.lineWith("serving", 30s));
-        return host;
-    }
     Result runOn(const char* node, const Words& command) {
         m_profile.write("", "errors"); // it is appended to
         lab::Process process =

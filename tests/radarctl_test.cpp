@@ -73,17 +73,17 @@ TEST_F(Radarctl, ListsWhatHostsServeAndEscapesTheirNames) {
 
 TEST_F(Radarctl, ReportsThatNothingWasFound) {
     m_lan.cut(m_lan.node("display"));
-    const Result result = run({"list", "--timeout", "1"});
+    const Result result = run({"list", "--timeout", "0.5"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
-    EXPECT_THAT(lines(result.errors), ElementsAre("radarctl: no radar found within 1 s",
+    EXPECT_THAT(lines(result.errors), ElementsAre("radarctl: no radar found within 0.5 s",
                                                   StartsWith("radarctl: most likely: eth0 has no carrier"),
                                                   "radarctl: radarctl doctor looks closer"));
     EXPECT_THAT(run({"list", "--interface", "eth0", "--timeout", "0.5"}).errors,
                 StartsWith("radarctl: no radar found within 0.5 s; only eth0 was looked at"));
     m_lan.restore(m_lan.node("display"));
     const auto host = serve("host1", "North", 16);
-    const Result other = run({"show", "South", "--timeout", "2"});
+    const Result other = run({"show", "South", "--timeout", "1"});
     EXPECT_EQ(other.status, 1);
     EXPECT_THAT(other.errors, HasSubstr("radarctl: no radar \"South\"; there are: North\n"));
 }
@@ -101,30 +101,15 @@ TEST_F(Radarctl, ReportsWhatTheSystemDoesNotAllow) {
     }
 }
 
-TEST_F(Radarctl, TheExamplesOfAHostAndADisplayFollowARenumbering) {
+TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRenumbered) {
     lab::Process host = m_lan.node("host2").start({.command = {HOST_STREAM, "South", "1"}});
     lab::Process display = m_lan.node("display").start({.command = {IMAGE_STREAM, "South"}});
+    lab::Process listen = start("display", {"listen", "South", "0", "--json", "--sequence", "0:1"});
     const auto expectImage = [&](const std::string& endpoint) {
         EXPECT_TRUE(display.lineWith("image from " + endpoint, 30s)) << endpoint;
         EXPECT_THAT(display.nextLine(30s),
                     testing::Optional(MatchesRegex("[1-9][0-9]* datagrams, [0-9]+ bytes")));
     };
-    expectImage("236.6.7.8 port 6878");
-    const Result renumbered = run({"renumber", "South"});
-    EXPECT_EQ(renumbered.status, 0) << renumbered.errors;
-    EXPECT_THAT(lines(renumbered.output),
-                ElementsAre(HasSubstr("sent an objection to host id 1 to 236.6.7.4:6768 on 10.20.2.1"),
-                            MatchesRegex("South now has host id [1-6][0-9]( after [0-9]+ objections)?")));
-    EXPECT_TRUE(host.lineWith("image to", 30s)) << "where it was";
-    const std::string sent = host.lineWith("image to", 30s).value_or("image to nobody");
-    expectImage(sent.substr(sent.find("image to") + 9));
-}
-
-TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
-    lab::Process host = startHost("host1", {"--name", "North", "--id", "1", "--streams", "2", "--simulate"});
-    lab::Process arpa =
-        start("display", {"listen", "North", "1", "--endpoint", "arpa", "--seconds", "3.2", "--json"});
-    lab::Process listen = start("display", {"listen", "North", "0", "--json", "--sequence", "4:4be"});
     const auto next = [&](const auto& wanted) {
         nlohmann::json second;
         do
@@ -133,9 +118,16 @@ TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
         return second;
     };
     const auto hasData = [](const nlohmann::json& second) { return second["datagrams"] > 0; };
+    expectImage("236.6.7.8 port 6878");
     EXPECT_EQ(next(hasData)["total"], false);
-    EXPECT_EQ(arpa.wait(30s), 0) << arpa.output();
-    EXPECT_EQ(run({"renumber", "North"}).status, 0);
+    const Result renumbered = run({"renumber", "South"});
+    EXPECT_EQ(renumbered.status, 0) << renumbered.errors;
+    EXPECT_THAT(lines(renumbered.output),
+                ElementsAre(HasSubstr("sent an objection to host id 1 to 236.6.7.4:6768 on 10.20.2.1"),
+                            MatchesRegex("South now has host id [1-6][0-9]( after [0-9]+ objections)?")));
+    EXPECT_TRUE(host.lineWith("image to", 30s)) << "where it was";
+    const std::string sent = host.lineWith("image to", 30s).value_or("image to nobody");
+    expectImage(sent.substr(sent.find("image to") + 9));
     const auto moved = next([](const auto& second) {
         return second["events"].size() > 0 && second["events"][0]["kind"] == "moved";
     });
@@ -144,7 +136,6 @@ TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
     EXPECT_EQ(next(hasData)["total"], false);
     m_lan.dropRate(m_lan.node("display"), 30);
     EXPECT_EQ(next([](const auto& second) { return second["missing"] > 0; })["total"], false);
-    m_lan.dropRate(m_lan.node("display"), 0);
     listen.signal(SIGINT);
     EXPECT_EQ(listen.wait(30s), 0);
     const auto total = nlohmann::json::parse(lines(listen.output()).back());
@@ -152,8 +143,6 @@ TEST_F(Radarctl, ListenFollowsTheRadarAndSaysWhereDatagramsWereLost) {
     EXPECT_EQ(total["dropped"], 0);
     EXPECT_GE(total["gap99Seconds"], total["medianGapSeconds"]);
     EXPECT_GT(total["medianGapSeconds"], 0);
-    EXPECT_TRUE(comesTrue( // a datagram, which a busy machine may lose
-        [&] { return run({"reset"}).status == 0 && host.lineWith("reset asked for", 1s); }, 30s));
 }
 
 TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension) {
@@ -167,7 +156,6 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
                (event["event"] != kind || event["changes"].dump().find(change) == std::string::npos));
         return event;
     };
-    const auto west = serve("host2", "West", 22); // stays, and succeeds nobody
     auto north = serve("host1", "North", 20);
     EXPECT_EQ(text.lineWith("North", 30s),
               "+ North id 20 streams 1 image 236.6.7.99:6131 236.6.7.100:6132 236.6.7.101:6133 ARPA "
@@ -191,12 +179,9 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
         EXPECT_EQ(left["reasonCode"], left["radar"]["name"] == "South" ? "silent" : "renamed") << left;
     }
     text.signal(SIGCONT);
-    std::set<std::string> left;
-    for (int i = 0; i < 2; ++i)
-        left.insert(text.lineWith("- ", 30s).value_or("nothing"));
+    const std::set left{text.lineWith("- ", 30s), text.lineWith("- ", 30s)};
     EXPECT_THAT(left, ElementsAre("- North: 10.20.1.1 now announces Renamed",
                                   "- South: 10.20.1.2 has not answered for 8 s, others do"));
-    EXPECT_THAT(text.output(), testing::Not(HasSubstr("- West")));
     EXPECT_EQ(runOn("display", {"ip", "address", "flush", "dev", "eth0"}).status, 0);
     EXPECT_TRUE(text.lineWith("; no local address leads to it any more", 30s)) << text.output();
 }
@@ -257,10 +242,12 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
     EXPECT_EQ(host.wait(15s), 0);
 }
 
-TEST_F(Radarctl, WhatIgnoresASignalGoesOn) {
+TEST_F(Radarctl, HostHearsAResetAndGoesOnWhereItIgnoresASignal) {
     lab::Process host = m_lan.node("host1").start(
         {.command = {"sh", "-c", "trap '' HUP INT; exec " RADARCTL " host --name North"}});
     EXPECT_TRUE(host.lineWith("serving", 30s));
+    EXPECT_TRUE(comesTrue( // a datagram, which a busy machine may lose
+        [&] { return run({"reset"}).status == 0 && host.lineWith("reset asked for", 1s); }, 30s));
     host.signal(SIGHUP); // as of a terminal that is closed
     host.signal(SIGINT);
     EXPECT_FALSE(host.wait(500ms));
