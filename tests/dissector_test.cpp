@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <iomanip>
 #include <map>
 #include <sstream>
 
@@ -98,15 +99,6 @@ Frame expected(std::string_view datagram) {
         frame["udpsocket.negotiation.one"] = std::to_string(static_cast<std::uint8_t>(datagram[3]));
     }
     return frame;
-}
-
-std::string hex(std::string_view bytes) {
-    std::string text;
-    for (const char byte : bytes) {
-        constexpr const char* kDigits = "0123456789abcdef";
-        text += {kDigits[static_cast<std::uint8_t>(byte) >> 4], kDigits[byte & 15]};
-    }
-    return text;
 }
 
 /// An announcement with an extension, whose bytes differ from each other.
@@ -317,15 +309,20 @@ TEST_F(Dissector, FindsMessagesInATcpStream) {
         announcement("ZQ-7", 20, 2, {{wire::kExtended.offset, "\x01"}, {wire::kTcpOffered.offset, "\x01"}});
     const std::string reply =
         std::string(wire::text(wire::kTcpReply)) + std::string(wire::kTcpReplyLength - 2, 'x');
-    std::string segments; // from the radar: I, to it: O
-    for (const auto& [direction, bytes] :
-         std::initializer_list<std::pair<char, std::string>>{{'O', std::string(wire::text(wire::kQuery))},
-                                                             {'I', datagram.substr(0, 100)},
-                                                             {'I', datagram.substr(100)},
-                                                             {'O', std::string(wire::text(wire::kTcpWanted))},
-                                                             {'I', reply + announcement("R", 21, 2)}})
-        segments += direction + (" " + hex(bytes)) + "\n";
-    m_directory.write(segments, "segments");
+    const std::pair<char, std::string> sent[] = {{'O', std::string(wire::text(wire::kQuery))},
+                                                 {'I', datagram.substr(0, 100)},
+                                                 {'I', datagram.substr(100)},
+                                                 {'O', std::string(wire::text(wire::kTcpWanted))},
+                                                 {'I', reply + announcement("R", 21, 2)}};
+    std::ostringstream segments; // from the radar: I, to it: O
+    segments << std::hex << std::setfill('0');
+    for (const auto& [direction, bytes] : sent) {
+        segments << direction << ' ';
+        for (const unsigned char byte : bytes)
+            segments << std::setw(2) << +byte;
+        segments << '\n';
+    }
+    m_directory.write(segments.str(), "segments");
     const std::string ports = std::to_string(wire::kDiscovery.port) + ",50000";
     lab::Process capture({.command = {"text2pcap", "-q", "-r", "^(?<dir>[IO]) (?<data>[0-9a-f]+)$", "-4",
                                       kHost1 + (std::string(",") + kDisplay), "-T", ports, path("segments"),

@@ -1,23 +1,13 @@
-#include "profile_directory.h"
-#include "recorder.h"
+#include "radarctl_fixture.h"
 
 #include <UdpSocket/hostnegotiator.h>
-#include <UdpSocket/hostserver.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <lab/lan.h>
-
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
-
-#include <list>
 #include <ostream>
 
 namespace {
 
-using namespace std::chrono_literals;
 using testing::AllOf;
-using testing::HasSubstr;
 
 struct Host {
     const char* node;
@@ -43,19 +33,20 @@ void PrintTo(const Case& row, std::ostream* stream) {
     *stream << row.name;
 }
 
-class Doctor : public testing::TestWithParam<Case> {
+class Doctor : public Radarctl, public testing::WithParamInterface<Case> {
 protected:
-    void serve(const std::vector<Host>& hosts) {
-        for (const Host& host : hosts) {
-            const lab::Inside inside = m_lan.node(host.node).enter();
-            m_hosts.emplace_back(host.name, host.id, 1U);
-        }
-    }
-    lab::Process start(const char* node, std::vector<std::string> arguments,
-                       std::vector<std::string> command = {}) {
+    Doctor()
+        : Radarctl({lab::display(2),
+                    lab::radarHost(1),
+                    {"host2", {{"10.20.1.2/16"}, {"192.168.9.1/24", lab::Leads::Nowhere}}, true}},
+                   "") {}
+    lab::Process look(const char* node, const Words& arguments, Words command = {}) {
         command.insert(command.end(), {RADARCTL, "doctor", "--seconds", kSeconds});
         command.insert(command.end(), arguments.begin(), arguments.end());
         return m_lan.node(node).start({.command = command, .errorFile = "/dev/null"});
+    }
+    lab::Process follow(const char* name, const char* seconds) {
+        return start("display", {"doctor", "--interface", "eth0", "--follow", name, "--seconds", seconds});
     }
     /// Looks at what doctor found: nothing to complain of but what is expected. @return the remedies
     static std::vector<std::string> remediesOf(lab::Process& doctor,
@@ -80,19 +71,15 @@ protected:
         EXPECT_EQ(status, remedies.empty() ? 0 : 1);
         return remedies;
     }
-
-    const ProfileDirectory m_profile;
-    lab::Lan m_lan{{lab::display(2),
-                    lab::radarHost(1),
-                    {"host2", {{"10.20.1.2/16"}, {"192.168.9.1/24", lab::Leads::Nowhere}}, true}}};
-    std::list<HostServer> m_hosts;
 };
 
 TEST_P(Doctor, ReportsTheCauseAndNoOther) {
     const Case& row = GetParam();
     if (*row.profile != '\0')
         m_profile.write(row.profile);
-    serve(row.hosts);
+    std::vector<std::unique_ptr<HostServer>> hosts;
+    for (const Host& host : row.hosts)
+        hosts.push_back(serve(host.node, host.name, host.id));
     const lab::Node& node = m_lan.node(row.node);
     std::unique_ptr<HostNegotiator> negotiator; // doctor takes a computer with one for a radar host
     if (node.name() != "display")
@@ -102,7 +89,7 @@ TEST_P(Doctor, ReportsTheCauseAndNoOther) {
         node.start({.command = {"sh", "-ec", std::string(row.breakage) + "\necho broken; sleep 60"}});
     ASSERT_TRUE(breakage.lineWith("broken", 30s)) << breakage.output();
 
-    lab::Process doctor = start(row.node, {"--json"}, row.through);
+    lab::Process doctor = look(row.node, {"--json"}, row.through);
     const std::vector<std::string> remedies = remediesOf(doctor, row.expected);
     if (remedies.size() != 1 || !row.through.empty())
         return;
@@ -112,7 +99,7 @@ TEST_P(Doctor, ReportsTheCauseAndNoOther) {
         return;
     lab::Process healer = node.start({.command = {"sh", "-ec", cure}});
     ASSERT_EQ(healer.wait(30s), 0) << cure << "\n" << healer.output();
-    lab::Process cured = start(row.node, {"--json"});
+    lab::Process cured = look(row.node, {"--json"});
     remediesOf(cured, {});
 }
 
@@ -181,14 +168,14 @@ INSTANTIATE_TEST_SUITE_P(Lab, Doctor, testing::ValuesIn(kCases),
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
-    serve({{"host1", "North", 20}});
+    const auto north = serve("host1", "North", 20);
     const auto senderAt = [this](const char* node, const wire::Group& group) {
         return makeIn<net::UdpSender>(m_lan.node(node), group.address, group.port, 0, 0);
     };
     const auto claims = senderAt("host1", wire::kNegotiation);
     const auto objections = senderAt("host2", wire::kNegotiation);
     const auto otherDisplay = senderAt("host2", wire::kDiscovery);
-    lab::Process doctor = start("display", {"--json"});
+    lab::Process doctor = look("display", {"--json"});
     do {
         for (const char id : {'\x1E', '\x1F'}) {
             claims->sendData((std::string("\x01\xA1") + id + "\x01").c_str(), 4);
@@ -201,11 +188,11 @@ TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
 }
 
 TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
-    serve({{"host1", "North", 20}});
+    const auto north = serve("host1", "North", 20);
     for (const auto& [interface, status, line] :
          {std::tuple("eth1", 1, "nobody answers on eth1, which alone was looked at"),
           {"eth0", 0, "nothing to complain about on eth0, which alone was looked at\n"}}) {
-        lab::Process doctor = start("display", {"--interface", interface});
+        lab::Process doctor = look("display", {"--interface", interface});
         EXPECT_EQ(doctor.wait(60s), status);
         EXPECT_THAT(doctor.output(), HasSubstr(line));
     }
@@ -213,16 +200,25 @@ TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
 
 TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
     m_profile.write("[Local]\nIP = 10.20.1.1\n");
-    const lab::Process host = m_lan.node("host1").start(
-        {.command = {RADARCTL, "host", "--name", "North", "--streams", "2", "--simulate", "--loop"}});
-    lab::Process listen = m_lan.node("host1").start(
-        {.command = {RADARCTL, "listen", "North", "1", "--endpoint", "arpa", "--seconds", "1", "--loop"}});
+    const lab::Process host =
+        start("host1", {"host", "--name", "North", "--streams", "2", "--simulate", "--loop"});
+    lab::Process listen =
+        start("host1", {"listen", "North", "1", "--endpoint", "arpa", "--seconds", "1", "--loop"});
     EXPECT_EQ(listen.wait(60s), 0) << listen.output();
-    lab::Process told = start("host1", {"--loop"});
+    lab::Process told = look("host1", {"--loop"});
     EXPECT_EQ(told.wait(60s), 0) << told.output();
 }
 
-TEST_F(Doctor, FollowsAnImageByTheNameThatIsShownAndNamesASwitchThatForgetsIt) {
+TEST_F(Doctor, FollowsByTheNameThatIsShownAndSaysWhereNoImageComes) {
+    const auto imageless = serve("host1", "N\x1B", 20);
+    lab::Process doctor = follow("N\\x1B", "6");
+    EXPECT_EQ(doctor.wait(60s), 1);
+    EXPECT_THAT(doctor.output(),
+                AllOf(StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
+                      HasSubstr("measured: on eth0, 0 datagrams")));
+}
+
+TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
     // Queries are answered at once, and groups reported without repeating it, before the switch forgets.
     ASSERT_EQ(std::system(R"(set -e
         ip netns exec display sysctl -q net.ipv4.conf.eth0.igmpv2_unsolicited_report_interval=100
@@ -231,29 +227,18 @@ TEST_F(Doctor, FollowsAnImageByTheNameThatIsShownAndNamesASwitchThatForgetsIt) {
         ip -n lan link set lan0 type bridge mcast_querier 1
         bridge -n lan link set dev display-eth0 mcast_flood off)"),
               0);
-    serve({{"host2", "N\x1B", 21}}); // sends no image
-    const lab::Process host = m_lan.node("host1").start(
-        {.command = {RADARCTL, "host", "--name", "North", "--id", "20", "--simulate"}});
-    const auto follow = [&](const char* name) {
-        return m_lan.node("display").start(
-            {.command = {RADARCTL, "doctor", "--interface", "eth0", "--follow", name, "--seconds", "8"}});
-    };
-    lab::Process silent = follow("N\\x1B");
-    lab::Process forgotten = follow("North");
+    const lab::Process host = start("host1", {"host", "--name", "North", "--id", "20", "--simulate"});
+    lab::Process doctor = follow("North", "8");
     EXPECT_TRUE(comesTrue([] {
         return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
-    })) << forgotten.output();
+    })) << doctor.output();
     for (int i = 0; i < 10; ++i) { // again, where a report was on its way
         std::this_thread::sleep_for(100ms);
         std::system("bridge -n lan mdb del dev lan0 port display-eth0 grp 236.6.7.99 temp 2>/dev/null");
     }
-    EXPECT_EQ(forgotten.wait(60s), 1);
-    EXPECT_THAT(forgotten.output(), AllOf(testing::StartsWith("fault switch-forgets"),
-                                          HasSubstr("joined again: 1"), HasSubstr("the image of \"North\"")));
-    EXPECT_EQ(silent.wait(60s), 1);
-    EXPECT_THAT(silent.output(),
-                AllOf(testing::StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
-                      HasSubstr("measured: on eth0, 0 datagrams")));
+    EXPECT_EQ(doctor.wait(60s), 1);
+    EXPECT_THAT(doctor.output(), AllOf(StartsWith("fault switch-forgets"), HasSubstr("joined again: 1"),
+                                       HasSubstr("the image of \"North\"")));
 }
 
 } // namespace

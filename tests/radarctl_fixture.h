@@ -30,9 +30,16 @@ inline std::vector<std::string> lines(const std::string& text) {
     return result;
 }
 
-/// A computer with two interfaces on the LAN, another one, and a display whose local address is configured.
 class Radarctl : public testing::Test {
 protected:
+    /// A computer with two interfaces on the LAN, another one, and a display whose local address is
+    /// configured; or another LAN and profile.
+    explicit Radarctl(
+        const std::vector<lab::NodePlan>& plans = {{"host1", {{"10.20.1.1/16"}, {"10.20.3.1/16"}}, true},
+                                                   lab::radarHost(2),
+                                                   lab::display(1)},
+        const std::string& profile = "[Local]\nIP = 10.20.2.1\n")
+        : m_profile(profile), m_lan(plans) {}
     using Words = std::vector<std::string>;
     struct Result {
         int status;
@@ -63,7 +70,6 @@ protected:
         return makeIn<HostServer>(m_lan.node(node), name, id, streams);
     }
 
-    const ProfileDirectory m_profile{"[Local]\nIP = 10.20.2.1\n"};
-    lab::Lan m_lan{
-        {{"host1", {{"10.20.1.1/16"}, {"10.20.3.1/16"}}, true}, lab::radarHost(2), lab::display(1)}};
+    const ProfileDirectory m_profile;
+    lab::Lan m_lan;
 };
