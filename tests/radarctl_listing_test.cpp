@@ -67,18 +67,6 @@ TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWan
     EXPECT_THAT(any.output(), AllOf(HasSubstr("serving Any"), Not(HasSubstr("Other"))));
 }
 
-TEST_F(Listing, RenumberAndARecordingSayThatTheRadarHasLeft) {
-    auto gone = serve("host1", "Gone", 30);
-    lab::Process recorder = start("display", {"record", "-o", m_profile.path() / "file"});
-    lab::Process renumber = start("display", {"renumber", "Gone", "--timeout", "11"});
-    EXPECT_TRUE(renumber.lineWith("waiting for Gone", 30s));
-    gone.reset();
-    EXPECT_EQ(renumber.wait(30s), 1);
-    EXPECT_THAT(renumber.output(), HasSubstr("radarctl: Gone has left after "));
-    EXPECT_EQ(recorder.stop(), 0);
-    EXPECT_THAT(m_profile.read("file"), HasSubstr("Gone left: silent for eight seconds"));
-}
-
 /// radarctl watch on a terminal of 6 lines, 40 columns wide.
 class Terminal {
 public:

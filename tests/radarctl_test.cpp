@@ -145,7 +145,8 @@ TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRen
     EXPECT_GT(total["medianGapSeconds"], 0);
 }
 
-TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension) {
+TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAlsoAfterASuspensionAsDoRenumberAndARecording) {
+    lab::Process recorder = start("display", {"record", "-o", m_profile.path() / "file"});
     lab::Process text = start("display", {"watch"});
     lab::Process json = start("display", {"watch", "--json"});
     const auto next = [&](const std::string& kind, const std::string& change = "") {
@@ -170,6 +171,8 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
     EXPECT_EQ(next("changed", "hostId")["radar"]["hostId"], 21);
     EXPECT_TRUE(text.lineWith("= South id 21 ", 30s));
 
+    lab::Process renumber = start("display", {"renumber", "South", "--timeout", "11"});
+    EXPECT_TRUE(renumber.lineWith("waiting for South", 30s));
     north.reset(); // before its successor answers: a host has one name
     north = serve("host1", "Renamed", 20);
     south.reset();
@@ -182,6 +185,11 @@ TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAndWhyAlsoAfterASuspension)
     const std::set left{text.lineWith("- ", 30s), text.lineWith("- ", 30s)};
     EXPECT_THAT(left, ElementsAre("- North: 10.20.1.1 now announces Renamed",
                                   "- South: 10.20.1.2 has not answered for 8 s, others do"));
+    EXPECT_EQ(renumber.wait(30s), 1);
+    EXPECT_THAT(renumber.output(), HasSubstr("radarctl: South has left after "));
+    EXPECT_EQ(recorder.stop(), 0);
+    EXPECT_THAT(m_profile.read("file"), testing::AllOf(HasSubstr("North left: it has another name now"),
+                                                       HasSubstr("South left: silent for eight seconds")));
     EXPECT_EQ(runOn("display", {"ip", "address", "flush", "dev", "eth0"}).status, 0);
     EXPECT_TRUE(text.lineWith("; no local address leads to it any more", 30s)) << text.output();
 }
