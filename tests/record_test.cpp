@@ -269,7 +269,8 @@ TEST_F(Recording, OnAFullDiskEndsWithItsLastWholeBlock) {
 }
 
 TEST_F(Recording, IsReplayedUnderAnotherIdAlsoAtTwoAddressesAndNotBesideTheRadarItself) {
-    const std::string file = write("North", {{0, 20}, {0, 20, "10.20.1.2"}, {3, 20}, {6, 20}});
+    const std::string file =
+        write("North", {{0, 20}, {0, 20, "10.20.1.2"}, {1, 20}, {2, 20}, {3, 20}, {4, 20}, {5, 20}});
     const auto replay = [&](const char* id) {
         return start("host1", {"replay", file, "--interface", "eth0", "--repeat", "--as-id", id});
     };
@@ -289,7 +290,7 @@ TEST_F(Recording, IsReplayedUnderAnotherIdAlsoAtTwoAddressesAndNotBesideTheRadar
     lab::Process north = replay("1");
     for (int address = 0; address < 2; ++address) // which do not contest it
         EXPECT_TRUE(north.lineWith("North holds host id 1", 30s));
-    const Result listener = run({"listen", "North", "0", "--seconds", "2"});
+    const Result listener = run({"listen", "North", "0", "--seconds", "3"});
     EXPECT_EQ(listener.status, 0);
     EXPECT_THAT(listener.errors, HasSubstr("236.6.7.8:6878"));
     negotiate(wire::kObjection, 1);
