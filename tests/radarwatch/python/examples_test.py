@@ -3,16 +3,17 @@
 import os
 import pathlib
 import re
-import runpy
 import subprocess
 import sys
 import tempfile
 import unittest
 
-from support import LOCAL, PATIENCE, SOURCES, radar
+import radarwatch
+from support import LOCAL, PATIENCE, RADARCTL, SOURCES, group, profile, radar
 
 EXAMPLES = SOURCES / "examples" / "python"
 PAGE = (SOURCES / "docs" / "radarwatch-python.md").read_text()
+IMAGE = radarwatch.groups(30)[0].image
 
 
 class Examples(unittest.TestCase):
@@ -20,7 +21,11 @@ class Examples(unittest.TestCase):
     def setUpClass(cls):
         directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         cls.file = directory / "north.pgm"
-        cls.enterClassContext(radar(1, "North", 30, "--simulate"))
+        cls.enterClassContext(profile(f"[Local]\nIP = {LOCAL}\nMulticastLoop = true\n"))
+        cls.enterClassContext(radar(b"radar-1", 16))
+        cls.image = cls.enterClassContext(group(IMAGE.address, IMAGE.port))
+        subprocess.run(("ip", "route", "add", "236.6.0.0/16", "dev", "eth0"), check=True)  # as a host needs
+        cls.start(RADARCTL, "host", "--name", "North", "--id", "30", "--simulate", "--rate", "120")
         cls.table = cls.start(sys.executable, "-u", EXAMPLES / "live_table.py")
         cls.saving = cls.start(sys.executable, EXAMPLES / "save_picture.py", "North", cls.file)
         cls.watch = cls.start(os.environ["EXAMPLE_WATCH"], "North")
@@ -38,8 +43,8 @@ class Examples(unittest.TestCase):
     def test_live_table_lists_the_radars(self):
         lines = self.table.stdout
         first = next(line for line in lines if "radar-1" in line)
-        self.assertRegex(first, r"^'radar-1' +16  10\.20\.1\.1 +236\.6\.7\.35:6003$")
-        self.assertIn("radar-2", next(line for line in lines if "radar-2" in line))
+        self.assertRegex(first, r"^'radar-1' +16  10\.20\.2\.1 +236\.6\.7\.35:6003$")
+        self.assertIn("North", next(line for line in lines if "North" in line))
 
     def test_save_picture_saves_a_picture(self):
         self.assertEqual(self.saving.wait(2 * PATIENCE), 0)
@@ -54,10 +59,7 @@ class Examples(unittest.TestCase):
             self.assertTrue(any(text in line for line in program.stdout), text)
 
     def test_a_simulated_image_has_the_fields_of_its_page(self):
-        image = runpy.run_path(SOURCES / "examples" / "host.py")["Group"](("236.6.7.8", 6878), LOCAL)
-        with image.sender, image.receiver, radar(2, "South", 1, "--simulate"):
-            image.receiver.settimeout(PATIENCE)
-            datagram = image.receiver.recv(65536)
+        datagram = self.image.receiver.recv(65536)
         page = (SOURCES / "docs" / "simulator.md").read_text()
         rows = re.findall(r"^\| (\d+) \| (\d+) \| (\w+)", page, re.MULTILINE)
         fields = {}

@@ -1,79 +1,63 @@
-import itertools
-import os
-import pathlib
-import runpy
 import select
 import signal
 import socket
-import tempfile
 import time
 import unittest
 
-import radarwatch
-from radarwatch import Control, Moved, Sequence, Started, Stream, Watch
-from support import LOCAL, NEVER_DRAWN, PATIENCE, SOURCES, comes_true, radar
-
-SPOKE = 12 + 512  # bytes of a simulated radar's datagram
+from radarwatch import Control, Moved, Sequence, Started, Stream, Watch, Why, groups
+from support import HOST, LOCAL, PATIENCE, comes_true, group, profile, radar, repeated
 
 
 class Streams(unittest.TestCase):
     def test_follow_their_radar(self):
+        here, there = groups(1)[0], groups(20)[0].image
         events = []
         with Watch(LOCAL) as watch, Stream(
-            watch, "North", on_event=events.append, sequence=Sequence(offset=4), receive_buffer=1 << 22
+            watch, "North", on_event=events.append, sequence=Sequence(offset=1, width=2), receive_buffer=1 << 22
         ) as stream:
             self.assertEqual(stream.read(0.1), [])
             self.assertIsNone(stream.statistics().since_last)
-            self.enterContext(radar(1, "North", NEVER_DRAWN, "--simulate"))
-            for datagram in itertools.islice(stream, 200):
-                self.assertEqual((datagram.data[:4], len(datagram.data)), (b"SIMI", SPOKE))
-                self.assertEqual(datagram.source[0], "10.20.1.1")
-                self.assertLess(abs(time.time_ns() - datagram.arrival_ns), PATIENCE * 10**9)
-            self.assertIsInstance(events[0], Started)
-            planned = radarwatch.groups(NEVER_DRAWN)[0]
-            self.assertEqual((events[0].endpoint, events[0].interface), (planned.image, "eth0"))
-            counted = stream.statistics()
-            self.assertGreaterEqual(counted.datagrams, 200)
-            self.assertEqual(counted.bytes, counted.datagrams * SPOKE)
-            self.assertEqual((counted.cut, counted.repeated, counted.reordered), (0, 0, 0))
-            self.assertTrue(0 < counted.median_gap <= counted.gap_99 * 1.1)
-            self.assertTrue(select.select([stream], [], [], PATIENCE)[0])
-            self.assertTrue(stream.read(0))
+            with radar(b"North", 1), group(here.image.address, here.image.port) as image:
+                self.assertTrue(comes_true(lambda: not stream.read(0.01) and events))
+                self.assertIsInstance(events[0], Started)
+                self.assertEqual((events[0].endpoint, events[0].interface), (here.image, "eth0"))
+                sent = [b"#" + number.to_bytes(2, "big") for number in (0, 1, 2, 6, 6, 4, 7)]
+                for data in sent:
+                    image.send(data)
+                taken = [next(stream) for _ in sent[1:]] + stream.read(PATIENCE)  # what is left
+                self.assertEqual([one.data for one in taken], sent)
+                self.assertEqual(taken[0].source[0], LOCAL)
+                self.assertLess(abs(time.time_ns() - taken[0].arrival_ns), PATIENCE * 10**9)
+                counted = stream.statistics()
+                self.assertEqual((counted.datagrams, counted.bytes, counted.cut), (7, 21, 0))
+                self.assertEqual((counted.missing, counted.repeated, counted.reordered), (2, 1, 1))
+                self.assertTrue(0 < counted.median_gap <= counted.gap_99 * 1.1)
+                image.send(b"waits")
+                self.assertTrue(select.select([stream], [], [], PATIENCE)[0])
+                self.assertEqual(stream.read(0)[0].data, b"waits")
 
-            with Stream(watch, "North", "arpa") as targets, Stream(watch, "North", largest_datagram=10) as cut:
-                self.assertTrue(next(targets).data.startswith(b"$RATTM,"))
-                self.assertEqual(len(next(cut).data), 10)
-                self.assertGreater(cut.statistics().cut, 0)
-
-            self.assertTrue(watch.renumber("North"))
-            self.assertTrue(comes_true(lambda: stream.read(1) and any(isinstance(e, Moved) for e in events)))
-            self.assertEqual(next(stream).data[:4], b"SIMI")
+                with Stream(watch, "North", "arpa") as targets, Stream(watch, "North", largest_datagram=10) as cut:
+                    with repeated(b"$RATTM", here.arpa.address, here.arpa.port):
+                        self.assertEqual(next(targets).data, b"$RATTM")
+                    with repeated(bytes(11), here.image.address, here.image.port):
+                        self.assertEqual(next(cut).data, bytes(10))
+                    self.assertGreater(cut.statistics().cut, 0)
+            with radar(b"North", 20), repeated(b"moved", there.address, there.port):
+                self.assertTrue(comes_true(lambda: b"moved" in [one.data for one in stream.read(0.1)]))
+            self.assertIsInstance(events[-1], Moved)
+            self.assertEqual((events[-1].why, events[-1].endpoint), (Why.ENDPOINT, there))
 
 
 class Controls(unittest.TestCase):
     def setUp(self):
         """What is sent is heard on this computer as well."""
-        directory = self.enterContext(tempfile.TemporaryDirectory())
-        profile = "[Local]\nMulticastLoop = true\n[Radar]\nTCPService = true\n"
-        pathlib.Path(directory, "profile.ini").write_text(profile)
-        os.environ["INIPROFILE_DIR"] = directory
-        self.addCleanup(os.environ.pop, "INIPROFILE_DIR")
-        self.host = runpy.run_path(SOURCES / "examples" / "host.py")
-
-    def group(self, *address):
-        group = self.host["Group"](address, LOCAL)
-        self.enterContext(group.sender)
-        self.enterContext(group.receiver)
-        return group
+        self.enterContext(profile("[Local]\nMulticastLoop = true\n[Radar]\nTCPService = true\n"))
 
     def test_are_interrupted_while_their_radar_does_not_read(self):
-        announcement = bytearray(self.host["announcement"](b"Deaf", 45, 2))
+        announcement = bytearray(HOST["announcement"](b"Deaf", 45, 2))
         announcement[22] = announcement[30] = 1  # the long form; there is a TCP service
         announcement[37:43] = socket.inet_aton(LOCAL) + (5000).to_bytes(2, "big")
         announcement[68] = 1  # its image control: a server
-        discovery = self.group(*self.host["DISCOVERY"])
-        discovery.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 1)
-        deaf = self.enterContext(socket.create_server((LOCAL, 5000)))
         handled = []
 
         def interrupt(*_):
@@ -82,13 +66,14 @@ class Controls(unittest.TestCase):
                 raise KeyboardInterrupt
 
         def reaches(control):
-            discovery.send(bytes(announcement))
             try:
                 control.send(b"x")
                 return True
             except (LookupError, OSError):
                 return False
 
+        deaf = self.enterContext(socket.create_server((LOCAL, 5000)))
+        self.enterContext(repeated(announcement, *HOST["DISCOVERY"]))
         with Watch(LOCAL) as watch, Control(watch, "Deaf:TCP", "image-control") as control:
             self.assertTrue(comes_true(lambda: reaches(control)))
             signal.signal(signal.SIGALRM, interrupt)
@@ -100,17 +85,15 @@ class Controls(unittest.TestCase):
             deaf.close()
 
     def test_reach_their_radar_or_say_why_not(self):
-        with Watch(LOCAL) as watch, Control(watch, "nobody") as unheard:
-            self.assertTrue(comes_true(lambda: watch.find("radar-1")))
+        endpoint = groups(20)[0].image_control
+        with Watch(LOCAL) as watch, Control(watch, "nobody") as unheard, radar(b"North", 20):
+            self.assertTrue(comes_true(lambda: watch.find("North")))
             with self.assertRaises(LookupError):
                 unheard.send(b"x")
-            group = watch.find("radar-1").streams[0].image_control
-            receiver = self.group(group.address, group.port).receiver
-            receiver.settimeout(PATIENCE)
-            with Control(watch, "radar-1", "image-control") as control:
+            with group(endpoint.address, endpoint.port) as there, Control(watch, "North", "image-control") as control:
                 for data in (b"power\0on", bytearray(b"x"), memoryview(b"y")):
                     control.send(data)  # at once
-                    received, source = receiver.recvfrom(65536)
+                    received, source = there.receiver.recvfrom(65536)
                     self.assertEqual((received, source[0]), (bytes(data), LOCAL))
         with self.assertRaises(ValueError):
             control.send(b"x")

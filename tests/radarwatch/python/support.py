@@ -1,17 +1,19 @@
-"""What the tests share. They run on the display of a virtual LAN, whose hosts are radar-1 and radar-2."""
+"""What the tests share. They run on the display of a virtual LAN that has no radars, and hear what they send themselves."""
 
 import contextlib
 import os
 import pathlib
-import subprocess
-import sys
+import runpy
+import socket
+import tempfile
+import threading
 import time
 
 SOURCES = pathlib.Path(os.environ["SOURCES"])
 RADARCTL = os.environ["RADARCTL"]
 PATIENCE = 30  # seconds
-NEVER_DRAWN = 1  # a host id that a radar which is told to renumber surely leaves
-LOCAL = "10.20.2.1"  # of the interface that leads to the radars, for those who do not search
+LOCAL = "10.20.2.1"  # of the interface that leads to the LAN, for those who do not search
+HOST = runpy.run_path(SOURCES / "examples" / "host.py")
 
 
 def comes_true(condition, patience=PATIENCE):
@@ -37,44 +39,44 @@ def await_event(watch, kind, name=None):
 
 
 @contextlib.contextmanager
-def radar(number, name, host_id, *arguments):
-    """A further radar on one of the hosts, which serves when this begins."""
-    command = ("ip", "netns", "exec", f"host{number}", RADARCTL, "host", "--name", name, "--id", str(host_id))
-    with subprocess.Popen((*command, *arguments), stdout=subprocess.PIPE) as process:
+def profile(text):
+    """The library's configuration, of this program and of those that it starts."""
+    with tempfile.TemporaryDirectory() as directory:
+        pathlib.Path(directory, "profile.ini").write_text(text)
+        os.environ["INIPROFILE_DIR"] = directory
+        yield
+        del os.environ["INIPROFILE_DIR"]
+
+
+@contextlib.contextmanager
+def group(address, port):
+    """A multicast group to receive from, and to send to, also to this computer."""
+    made = HOST["Group"]((address, port), LOCAL)
+    with made.sender, made.receiver:
+        made.sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 1)
+        made.receiver.settimeout(PATIENCE)
+        yield made
+
+
+@contextlib.contextmanager
+def repeated(message, *address):
+    """This is sent to a group, fifty times a second."""
+    over = threading.Event()
+    with group(*address) as to:
+
+        def send():
+            while not over.wait(0.02):
+                to.send(message)
+
+        thread = threading.Thread(target=send)
+        thread.start()
         try:
-            for line in process.stdout:
-                if line.startswith(b"serving "):
-                    break
-            else:
-                raise AssertionError(f"{name!r} does not serve")
             yield
         finally:
-            process.terminate()
-            process.communicate()
+            over.set()
+            thread.join()
 
 
-class Python:
-    """A program of its own, that prints "ready" before what is tried, and ends by itself or when told to."""
-
-    def __init__(self, text):
-        self.process = subprocess.Popen(
-            [sys.executable, "-c", text], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
-        )
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.communicate()
-
-    def end(self, signal=None):
-        """Exit status, output after "ready", error output; by a signal that comes while it waits."""
-        if "ready\n" not in self.process.stdout:  # after what the library prints
-            raise AssertionError(self.process.stderr.read())
-        if signal:
-            stat = pathlib.Path(f"/proc/{self.process.pid}/stat")
-            comes_true(lambda: stat.read_text().split()[2] == "S")
-            self.process.send_signal(signal)
-        output, errors = self.process.communicate(timeout=PATIENCE)
-        return self.process.returncode, output, errors
+def radar(name, host_id, streams=1):
+    """A radar on this computer, which announces itself."""
+    return repeated(HOST["announcement"](name, host_id, streams), *HOST["DISCOVERY"])
