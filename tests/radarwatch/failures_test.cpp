@@ -38,11 +38,26 @@ private:
     Source m_image{net::transAddr(image().ip), net::NtoHs(image().port)};
 };
 
-void watchRead() {
+void watches() {
     North north;
+    const NetAddress group = radar::groups(20)[0].imageCtrl;
+    std::string address;
+    {
+        const Sound sound;
+        address = net::transAddr(group.ip);
+    }
+    const Ear ear({address.c_str(), net::NtoHs(group.port)});
     bool found = false;
     bool appeared = false;
+    std::atomic<bool> told = false;
     Watch watch(here());
+    const Watch calling(
+        [&](const radar::Event& event) {
+            takeMemory();
+            told = told || event.kind == radar::Event::Kind::Appeared;
+        },
+        here());
+    radar::Control control(watch, "North", radar::ImageControl);
     watch.next(10ms);
     EXPECT_TRUE(inTheEnd([&] {
         north.announce();
@@ -50,27 +65,13 @@ void watchRead() {
         found = found || watch.localAddress().address == Source::local();
         while (const auto event = watch.next(0ms))
             appeared = appeared || event->kind == radar::Event::Kind::Appeared;
-        return found && appeared && watch.find("North").has_value();
+        return found && appeared && (told || isSaid("an event was lost")) && control.send("set", 3) &&
+               soon([&] { return ear.hears(3); });
     }));
+    EXPECT_TRUE(watch.find("North").has_value());
     watch.radars();
     EXPECT_TRUE(watch.renumber("North"));
     EXPECT_TRUE(watch.reset());
-}
-
-void watchCalledBack() {
-    North north;
-    std::atomic<int> appeared = 0;
-    Watch watch(
-        [&](const radar::Event& event) {
-            takeMemory();
-            appeared += event.kind == radar::Event::Kind::Appeared;
-        },
-        here());
-    EXPECT_TRUE(inTheEnd([&] {
-        north.announce();
-        pace();
-        return appeared > 0 || isSaid("an event was lost");
-    }));
 }
 
 void tell(const radar::StreamEvent& event) {
@@ -125,24 +126,6 @@ void streamCalledBack(const std::optional<radar::Pool>& pool) {
     }));
 }
 
-void control() {
-    North north;
-    const NetAddress group = radar::groups(20)[0].imageCtrl;
-    std::string address;
-    {
-        const Sound sound;
-        address = net::transAddr(group.ip);
-    }
-    const Ear ear({address.c_str(), net::NtoHs(group.port)});
-    Watch watch(here());
-    radar::Control control(watch, "North", radar::ImageControl);
-    EXPECT_TRUE(inTheEnd([&] {
-        north.announce();
-        pace();
-        return control.send("set", 3) && soon([&] { return ear.hears(3); });
-    }));
-}
-
 // Quiet is what is asked again within a second, what the system counts besides, and what a membership makes
 // up for; memory, where a Watch that lacked it catches up.
 const std::vector<std::string_view> kLooks = {"getifaddrs", "poll",      "recv",           "recvfrom",
@@ -151,13 +134,11 @@ const std::vector<std::string_view> kLooksAndCounters = {
     "getifaddrs",      "poll",        "recv", "recvfrom", "recvmmsg", "SO_RCVBUF",
     "SO_BINDTODEVICE", "SO_RCVTIMEO", "open", "read"};
 const Scenario kScenarios[] = {
-    {"WatchRead", &watchRead, kLooks, true},
-    {"WatchCalledBack", &watchCalledBack, kLooks, true},
+    {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
-    {"Control", &control, kLooks, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(RadarWatch, EachCall, testing::ValuesIn(kScenarios), nameOf);

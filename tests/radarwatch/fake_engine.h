@@ -13,8 +13,8 @@
 #include <mutex>
 #include <thread>
 
-/// Tells the situation on the thread that makes or changes something, and ticks fifty times a second on one
-/// of its own.
+/// Tells the situation, and a tick, on the thread that makes or changes something, and ticks fifty times a
+/// second on one of its own.
 class FakeEngine : public radar::detail::Engine {
 public:
     FakeEngine() {
@@ -46,6 +46,13 @@ public:
         for (const auto& follower : m_followers)
             follower->onSituation(m_situation);
     }
+    /// A tick, as if so much more time had passed.
+    void pass(std::chrono::milliseconds time) {
+        const std::lock_guard lock(m_mutex);
+        m_passed += time;
+        for (const auto& follower : m_followers)
+            follower->onTick(std::chrono::steady_clock::now() + m_passed);
+    }
     /// North's image is there from now on, and its control.
     void tellImage(const char* address, std::uint16_t port, std::uint8_t type = 0) {
         tell([&](radar::detail::Situation& situation) {
@@ -60,14 +67,12 @@ public:
 
 private:
     void run() {
-        for (; !m_ending; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-            const std::lock_guard lock(m_mutex);
-            for (const auto& follower : m_followers)
-                follower->onTick(std::chrono::steady_clock::now());
-        }
+        for (; !m_ending; std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+            pass({});
     }
 
-    std::mutex m_mutex; // guards the next two
+    std::mutex m_mutex; // guards the next three
+    std::chrono::milliseconds m_passed{};
     radar::detail::Situation m_situation;
     std::list<std::shared_ptr<radar::detail::Follower>> m_followers;
     std::atomic<bool> m_ending = false;

@@ -15,24 +15,12 @@
 
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstddef>
-#include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
-#include <vector>
-
-/// Open descriptors, and threads.
-inline std::pair<std::ptrdiff_t, std::ptrdiff_t> resources() {
-    const auto count = [](const char* directory) {
-        return std::distance(std::filesystem::directory_iterator(directory), {});
-    };
-    return {count("/proc/self/fd"), count("/proc/self/task")};
-}
 
 class WatchOnLan : public testing::Test {
 protected:

@@ -1,4 +1,5 @@
 // A Watch and its Streams in the process they live in: destroyed anywhere, at any time; one that forks, ends.
+#include "../faults.h"
 #include "asleep.h"
 #include "watch_fixture.h"
 
@@ -20,36 +21,34 @@ using radar::Stream;
 
 class WatchLife : public WatchOnLan {
 protected:
-    WatchLife() {
-        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
-        m_before = resources();
-    }
     bool nothingIsLeft() const {
         return comesTrue([&] { // a thread that ended may have been counted before
-            const auto [descriptors, threads] = resources();
-            return descriptors == m_before.first && threads <= m_before.second;
+            const ProcessResources now = ProcessResources::now();
+            return now.descriptors == m_before.descriptors && now.threads <= m_before.threads;
         });
     }
-    std::pair<std::ptrdiff_t, std::ptrdiff_t> m_before;
+
+private:
+    static ProcessResources beforehand() {
+        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
+        return ProcessResources::now();
+    }
+
+    const ProcessResources m_before = beforehand();
 };
 
 // ----------------------------------------------------------------------------------------------- destruction
 
 TEST_F(WatchLife, EndsInEachStateAndLeavesNothing) {
-    watch(); // at once
-    EXPECT_TRUE(nothingIsLeft());
+    watch();                                           // at once
     watch(Watch::Options{net::transAddr("10.9.9.9")}); // which nobody has
-    EXPECT_TRUE(nothingIsLeft());
+    auto first = watch();                              // with events that nobody takes
+    auto second = watch();
+    first.reset();
+    EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
+    second.reset();
     m_profile.write("");
     watch(); // in a search
-    EXPECT_TRUE(nothingIsLeft());
-    m_profile.write("[Local]\nIP = 10.20.2.1\n");
-    {
-        auto first = watch(); // with events that nobody takes
-        const auto second = watch();
-        first.reset();
-        EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
-    }
     EXPECT_TRUE(nothingIsLeft());
 }
 
