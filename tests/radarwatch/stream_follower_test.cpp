@@ -36,31 +36,24 @@ public:
         return *this;
     }
     Script& sends(int seconds) {
-        for (const auto end = m_now + seconds * 1s; m_now < end; step()) {
-            m_now += 1s;
+        return eachSecond(seconds, [this] {
             for (; m_next <= m_now; m_next += m_pace) {
                 if (m_arrivals.count++ > 0)
                     m_arrivals.longestGap = std::max(m_arrivals.longestGap, m_next - m_arrivals.last);
                 m_arrivals.last = m_next;
             }
-        }
-        return *this;
+        });
     }
     /// @param others sockets in the group @param error of a socket
     Script& isSilent(int seconds, unsigned others = 0, int error = 0) {
-        for (const auto end = m_now + seconds * 1s; m_now < end; step(others, error))
-            m_now += 1s;
+        eachSecond(
+            seconds, [] {}, others, error);
         m_next = std::max(m_next, m_now);
         return *this;
     }
-
     /// The radar sends, and nobody takes it until it sends again.
     Script& isNotRead(int seconds) {
-        for (const auto end = m_now + seconds * 1s; m_now < end; step()) {
-            m_now += 1s;
-            m_arrivals.waiting = true;
-        }
-        return *this;
+        return eachSecond(seconds, [this] { m_arrivals.waiting = true; });
     }
     /// As isNotRead, and nothing is looked at either.
     Script& standsStill(int seconds) {
@@ -77,6 +70,15 @@ public:
     std::vector<std::string> takeLog() { return std::exchange(m_log, {}); }
 
 private:
+    template <class Happens>
+    Script& eachSecond(int seconds, Happens happens, unsigned others = 0, int error = 0) {
+        for (int i = 0; i < seconds; ++i) {
+            m_now += 1s;
+            happens();
+            step(others, error);
+        }
+        return *this;
+    }
     void step(unsigned others = 0, int error = 0) {
         const auto act =
             m_follower.step(m_now, std::exchange(m_arrivals, {m_arrivals.count, m_arrivals.last, 0s}));
@@ -130,13 +132,9 @@ TEST(StreamFollower, StaysWithARadarThatIsNotListedAsLongAsItSends) {
     EXPECT_THAT(script.takeLog(), ElementsAre("1 Started", "16 Stopped RadarLeft", "20 Started"));
 }
 
-TEST(StreamFollower, TellsOnceThatASocketIsRefusedAndAsksAgain) {
-    Script script;
-    script.aim(target()).isSilent(3, 0, EMFILE).isSilent(2, 0, ENODEV).sends(2);
-    EXPECT_THAT(script.takeLog(), ElementsAre("1 Refused", "4 Refused", "6 Started"));
-}
-
-TEST(StreamFollower, SaysWhatBecameOfItBehindARefusal) {
+TEST(StreamFollower, TellsARefusalOnceAsksAgainAndSaysWhatBecameOfIt) {
+    EXPECT_THAT(Script().aim(target()).isSilent(3, 0, EMFILE).isSilent(2, 0, ENODEV).sends(2).takeLog(),
+                ElementsAre("1 Refused", "4 Refused", "6 Started"));
     const Target moved = target("236.6.7.64");
     const auto refused = [&] {
         Script script;

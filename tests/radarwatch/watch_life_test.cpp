@@ -21,20 +21,17 @@ using radar::Stream;
 
 class WatchLife : public WatchOnLan {
 protected:
+    WatchLife() {
+        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
+        m_before = ProcessResources::now();
+    }
     bool nothingIsLeft() const {
         return comesTrue([&] { // a thread that ended may have been counted before
             const ProcessResources now = ProcessResources::now();
             return now.descriptors == m_before.descriptors && now.threads <= m_before.threads;
         });
     }
-
-private:
-    static ProcessResources beforehand() {
-        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first
-        return ProcessResources::now();
-    }
-
-    const ProcessResources m_before = beforehand();
+    ProcessResources m_before{};
 };
 
 // ----------------------------------------------------------------------------------------------- destruction
@@ -113,8 +110,8 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
     const auto streams = [&] {
         return comesTrue([&] {
             image->sendData("x", 1);
-            while (stream->nextEvent()) {
-            }
+            while (stream->nextEvent())
+                continue;
             return stream->read(&datagram, 1, 10ms) == 1;
         });
     };
