@@ -31,22 +31,14 @@ public:
     void sendImage() { m_image.send("image"); }
 
 private:
-    static NetAddress image() { return radar::groups(20)[0].imageStream; }
-
     const std::string m_announcement = northsAnnouncement();
     Source m_radar{wire::kDiscovery};
-    Source m_image{net::transAddr(image().ip), net::NtoHs(image().port)};
+    Source m_image{"236.6.7.99", 6131};
 };
 
 void watches() {
     North north;
-    const NetAddress group = radar::groups(20)[0].imageCtrl;
-    std::string address;
-    {
-        const Sound sound;
-        address = net::transAddr(group.ip);
-    }
-    const Ear ear({address.c_str(), net::NtoHs(group.port)});
+    const Ear ear({"236.6.7.100", 6132}); // North's image control
     bool found = false;
     bool appeared = false;
     std::atomic<bool> told = false;

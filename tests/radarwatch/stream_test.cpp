@@ -64,13 +64,11 @@ protected:
         timing.clientTick = 20ms; // eleven of them make an attempt
         net::detail::setTiming(timing);
     }
-    std::unique_ptr<radar::Control> control() {
-        return radar::StreamDoor::control(m_engine, "North", radar::ImageControl, 0);
-    }
-    /// 0: it has been sent.
-    static int errorOf(radar::Control& control, const std::string& bytes) {
+    void makeControl() { m_control = radar::StreamDoor::control(m_engine, "North", radar::ImageControl, 0); }
+    /// Of sending by the Control; 0: it has been sent.
+    int errorOf(const std::string& bytes) {
         errno = 0;
-        return control.send(bytes.data(), bytes.size()) ? 0 : errno;
+        return m_control->send(bytes.data(), bytes.size()) ? 0 : errno;
     }
     std::unique_ptr<Stream> reader(const StreamOptions& options = {}) {
         return radar::StreamDoor::stream(m_engine, "North", radar::Image, options);
@@ -108,6 +106,7 @@ protected:
     const lab::Node& m_host = m_lan.node("host1");
     const lab::Inside m_inside = m_lan.node("display").enter();
     std::shared_ptr<FakeEngine> m_engine = std::make_shared<FakeEngine>();
+    std::unique_ptr<radar::Control> m_control;
     Source m_source{m_host, kGroup};
 };
 
@@ -305,17 +304,15 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     Log<std::string> received;
     auto stream =
         caller([&](const radar::Datagram& piece) { received.add(std::string(piece.data, piece.size)); });
-    const auto control = this->control();
-    const auto isRefused = [&](int error) {
-        return comesTrue([&] { return errorOf(*control, "x") == error; });
-    };
+    makeControl();
+    const auto isRefused = [&](int error) { return comesTrue([&] { return errorOf("x") == error; }); };
     EXPECT_TRUE(isRefused(ENOENT));
     {
         Recorder host;
         const auto receiver =
             makeIn<net::UdpReceiver>(m_host, &host, inet_addr("10.20.1.1"), kGroup, kPort, 1000);
         m_engine->tellImage(kGroup, kPort);
-        EXPECT_TRUE(comesTrue([&] { return control->send("set", 3) && host.nextBytes(50ms) == "set"; }));
+        EXPECT_TRUE(comesTrue([&] { return errorOf("set") == 0 && host.nextBytes(50ms) == "set"; }));
     }
     m_engine->tellImage("10.20.1.1", 9000, radar::detail::kTcpClient);
     EXPECT_TRUE(isRefused(ENOTCONN));
@@ -325,9 +322,8 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
             const lab::Inside inside = m_host.enter();
             EXPECT_TRUE(server->connect("10.20.1.1", 9000, 8));
             peer.clear();
-            EXPECT_TRUE(comesTrue([&] {
-                return server->numOfClients() == 2 && control->send("set", 3) && peer.reaches(1, 50ms);
-            }));
+            EXPECT_TRUE(comesTrue(
+                [&] { return server->numOfClients() == 2 && errorOf("set") == 0 && peer.reaches(1, 50ms); }));
         }
         EXPECT_EQ(peer.all()[0], "set");
         server->sendData("picture", 7);
@@ -352,7 +348,7 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     EXPECT_EQ(received.all()[0].substr(0, 4), "more");
     stream.reset(); // which has the port
     peer.clear();
-    EXPECT_TRUE(comesTrue([&] { return isConnected() && control->send("set", 3) && peer.reaches(1, 50ms); }));
+    EXPECT_TRUE(comesTrue([&] { return isConnected() && errorOf("set") == 0 && peer.reaches(1, 50ms); }));
     EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("function[bind]")));
     m_engine->tell([](radar::detail::Situation& situation) { situation.interfaceIndex = 0; });
     EXPECT_TRUE(isRefused(ENETDOWN));
@@ -361,8 +357,7 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
 TEST_F(StreamTest, ControlSaysWhatBecomesOfBytesForAPeerThatDoesNotRead) {
     const Output output; // TCP endpoints log
     const std::string much(16 << 20, 'x');
-    const auto control = this->control();
-    const auto errorOf = [&](const std::string& bytes) { return StreamTest::errorOf(*control, bytes); };
+    makeControl();
     m_engine->tell([](auto& situation) { situation.localAddress = inet_addr(tcp_test::kLocal); });
 
     std::optional<tcp_test::Listening> listening(std::in_place);

@@ -1,3 +1,4 @@
+import concurrent.futures
 import contextlib
 import ctypes
 import gc
@@ -102,27 +103,17 @@ class Objects(unittest.TestCase):
         self.assertTrue(comes_true(lambda: resources() == before), f"{before}, {resources()}")
 
     def test_may_be_made_and_closed_by_many_threads(self):
-        failures = []
-
         def churn(kind):
-            try:
-                for _ in range(300):
-                    one = kind()
-                    taker = threading.Thread(target=lambda: [None for _ in one])
-                    taker.start()
-                    one.close()
-                    taker.join()
-            except BaseException as failure:
-                failures.append(failure)
+            for _ in range(300):
+                one = kind()
+                taker = threading.Thread(target=lambda: [None for _ in one])
+                taker.start()
+                one.close()
+                taker.join()
 
-        with Watch(LOCAL) as watch:
+        with Watch(LOCAL) as watch, concurrent.futures.ThreadPoolExecutor() as workers:
             stream = lambda: Stream(watch, "radar-1")
-            workers = [threading.Thread(target=churn, args=(kind,)) for kind in (lambda: Watch(LOCAL), stream, stream)]
-            for worker in workers:
-                worker.start()
-            for worker in workers:
-                worker.join()
-        self.assertEqual(failures, [])
+            list(workers.map(churn, (lambda: Watch(LOCAL), stream, stream)))
 
     def test_do_nothing_in_a_forked_child(self):
         def look(watch, stream, control, results):
@@ -156,19 +147,15 @@ class Objects(unittest.TestCase):
                 lambda: radarwatch.groups(15),
                 lambda: radarwatch.groups(2**32 + 20),
                 lambda: Watch("10.20.2"),
-                lambda: Stream(watch, "North", "picture"),
-                lambda: Stream(watch, "North", number=2),
-                lambda: Stream(watch, "North", number=2**32),
-                lambda: Stream(watch, "North", receive_buffer=-1),
-                lambda: Stream(watch, "North", sequence=Sequence(0, width=9)),
-                lambda: Stream(watch, "North", sequence=Sequence(0, width=0)),
-                lambda: Stream(watch, "North", sequence=Sequence(-4)),
-                lambda: Stream(watch, "North", sequence=Sequence(0, modulus=-1)),
                 lambda: Control(watch, "North", number=2**32),
                 lambda: Control(watch, "North\0"),
             ):
-                with self.assertRaises(ValueError):
-                    wrong()
+                self.assertRaises(ValueError, wrong)
+            options = [{"channel": "picture"}, {"number": 2}, {"number": 2**32}, {"receive_buffer": -1}]
+            for place in ({"width": 9}, {"width": 0}, {"offset": -4}, {"modulus": -1}):
+                options.append({"sequence": Sequence(**{"offset": 0, **place})})
+            for wrong in options:
+                self.assertRaises(ValueError, Stream, watch, "North", **wrong)
 
 
 if __name__ == "__main__":
