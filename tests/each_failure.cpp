@@ -83,7 +83,6 @@ std::string textOf(int file) {
 
 /// What a process tells the one that waits for it.
 struct Verdict {
-    bool ended = false;
     bool over = false;       // there are not so many calls
     std::size_t reasons = 1; // of the call
     char failed[80] = "";    // name and reason
@@ -159,9 +158,10 @@ public:
     Turn turn() const { return m_turn; }
     /// @param status with which the process has ended
     Verdict verdict(int status) const {
-        EXPECT_TRUE(status == 0 && m_verdict->ended)
-            << "number " << m_turn.number << ", " << m_verdict->failed << ": "
-            << (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "it hangs\n" : "it fails\n") << output();
+        EXPECT_EQ(status, 0) << "number " << m_turn.number << ", " << m_verdict->failed << ": "
+                             << (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "it hangs\n"
+                                                                                    : "it fails\n")
+                             << output();
         return *m_verdict;
     }
     std::string output() const { return textOf(m_output[0]) + textOf(m_output[1]); }
@@ -183,7 +183,6 @@ private:
         })) << ProcessResources::now().descriptors - before.descriptors
             << " descriptors and " << ProcessResources::now().threads - before.threads << " threads left";
         std::fflush(nullptr);
-        m_verdict->ended = true;
         ::_exit(failures() == failuresBefore ? 0 : 1);
     }
 

@@ -45,8 +45,16 @@ void failEachAllocation(const Scenario& scenario);
 
 /// While it lives, what its thread does neither fails nor counts.
 struct Sound {
-    SoundCalls calls;
-    SoundMemory memory;
+    Sound() {
+        ++soundCalls;
+        ++soundAllocations;
+    }
+    ~Sound() {
+        --soundCalls;
+        --soundAllocations;
+    }
+    Sound(const Sound&) = delete;
+    Sound& operator=(const Sound&) = delete;
 };
 
 /// Whether @p condition, which is asked with nothing failing, comes true in a while that costs little.

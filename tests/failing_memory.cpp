@@ -16,11 +16,10 @@ std::atomic<long> s_count = 0;
 std::atomic<bool> s_hit = false;
 
 thread_local bool t_own = false; // it has made the FailingMemory that there is
-thread_local int t_sound = 0;    // so many SoundMemory objects live on this thread
 
 bool fails() {
     const int armed = s_armed;
-    if (armed == kUnarmed || t_sound > 0)
+    if (armed == kUnarmed || soundAllocations > 0)
         return false;
     const auto threads = static_cast<FailingMemory::Threads>(armed);
     if (threads != FailingMemory::Threads::kAll && t_own != (threads == FailingMemory::Threads::kOwn))
@@ -62,14 +61,6 @@ FailingMemory::~FailingMemory() {
 
 bool FailingMemory::hit() const {
     return s_hit;
-}
-
-SoundMemory::SoundMemory() {
-    ++t_sound;
-}
-
-SoundMemory::~SoundMemory() {
-    --t_sound;
 }
 
 // Every form, since a sanitizer's runtime has all of them.

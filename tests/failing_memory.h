@@ -26,12 +26,6 @@ public:
     bool hit() const;
 };
 
-/// While the object lives, its thread's allocations neither fail nor count: for what a test does on threads
-/// of its own, and in callbacks.
-class SoundMemory {
-public:
-    SoundMemory();
-    ~SoundMemory();
-    SoundMemory(const SoundMemory&) = delete;
-    SoundMemory& operator=(const SoundMemory&) = delete;
-};
+/// While it is not 0, this thread's allocations neither fail nor count: for what a test does on threads of
+/// its own, and in callbacks.
+inline thread_local int soundAllocations = 0;

