@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr int kAtOnce = 8;         // processes
+constexpr int kAtOnce = 16;        // processes
 constexpr int kMost = 200;         // calls or allocations of a scenario
 constexpr unsigned kDeadline = 60; // seconds of a process
 

@@ -209,6 +209,9 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
         },
     };
     const ProfileDirectory profile;
+    net::detail::Timing timing;
+    timing.checkerPause = timing.watchPass = 50ms;
+    net::detail::setTiming(timing);
     const auto run = [this](const std::function<void()>& begin) {
         ::alarm(60);
         net::UdpSender reset(wire::kNegotiation.address, wire::kNegotiation.port, m_local, 0);

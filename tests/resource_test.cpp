@@ -29,7 +29,7 @@ class Resources : public OneInterface {
 protected:
     Resources() {
         net::detail::Timing timing;
-        timing.search = {200ms, 100ms, 300ms, 200ms};
+        timing.search = {50ms, 20ms, 100ms, 50ms};
         timing.addressLook = 100ms;
         timing.receiverRepair = 200ms;
         timing.clientTick = 50ms;
@@ -87,7 +87,6 @@ TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
     ::close(saved);
 }
 
-/// As often as the environment variable CHURN_CYCLES says, or often enough for a test.
 TEST_F(Resources, FailureToListInterfacesIsPrintedWithoutTheLock) {
     const StoppedStream errors(stderr);
     const Fault fault("getifaddrs", EMFILE);
@@ -100,9 +99,10 @@ TEST_F(Resources, FailureToListInterfacesIsPrintedWithoutTheLock) {
     EXPECT_EQ(lists.get(), "eth0");
 }
 
+/// As often as the environment variable CHURN_CYCLES says, or often enough for a test.
 TEST_F(Resources, CreationAndDestructionLeakNothing) {
     const char* const text = std::getenv("CHURN_CYCLES");
-    const size_t cycles = text != nullptr ? std::stoul(text) : 25;
+    const size_t cycles = text != nullptr ? std::stoul(text) : 10;
     const Output output;
     const ProcessResources before = ProcessResources::now();
     size_t heap = 0;

@@ -147,13 +147,8 @@ TEST(TcpServer, AClientThatDoesNotReadIsWaitedForOnceAndLosesOnlyItsOwn) {
               }),
               kQuick)
         << "half a second each, if it were waited for";
-    const std::string line = "SocketError<UdpSocket/tcpsocket.cpp,operator(),296,(127.0.0.1," +
-                             std::to_string(s.port) +
-                             ")>:\n\tfunction[send],code[11,Resource temporarily unavailable]\n";
-    std::string lines;
-    for (int i = 0; i < kBlocks; ++i)
-        lines += line;
-    EXPECT_EQ(output.err(), lines);
+    EXPECT_THAT(output.err(), HasSubstr("function[send],code[11,Resource temporarily unavailable]\n"));
+    EXPECT_EQ(std::ranges::count(output.err(), '<'), kBlocks);
     EXPECT_TRUE(comesTrue([&] { return heard == first.size() + kBlocks * block.size(); }));
     EXPECT_FALSE(s.server.sendData(deafFd, "x", 1));
     EXPECT_FALSE(s.server.sendData(kLocal, deaf.port(), "x", 1));

@@ -2,11 +2,10 @@
 
 #include <UdpSocket/base/timing.h>
 
-#include <lab/process.h>
-
 #include <gmock/gmock.h>
 
 #include <cstdlib>
+#include <thread>
 
 namespace {
 
@@ -16,33 +15,33 @@ using testing::ElementsAre;
 constexpr const char* kGroup = "236.6.7.30";
 constexpr unsigned short kPort = 6730;
 
-/// Two cables, "a" with 10.1.0.1 and "b" with 10.2.0.1 at this end; each far end is a network of its own.
+/// Interfaces with 10.1.0.1 and 10.2.0.1.
 class UdpCheckerOnTwoInterfaces : public testing::Test {
 protected:
     UdpCheckerOnTwoInterfaces() {
         net::detail::Timing timing;
-        timing.checkerProbe = 500ms;
-        timing.checkerPause = 100ms;
+        timing.checkerProbe = 100ms;
+        timing.checkerPause = 20ms;
         net::detail::setTiming(timing);
     }
     void SetUp() override {
         ASSERT_EQ(std::system(R"(set -e
-            cable() {
-                ip netns add $1
-                ip link add eth$1 type veth peer name far netns $1
-                ip addr add $2.1/24 dev eth$1; ip link set eth$1 up
-                ip -n $1 addr add $2.2/24 dev far; ip -n $1 link set far up
-                ip -n $1 route add default dev far
-            }
-            cable a 10.1.0
-            cable b 10.2.0)"),
+            for i in 1 2; do
+                ip link add eth$i type veth peer name far$i
+                ip addr add 10.$i.0.1/24 dev eth$i
+                ip link set eth$i up
+                ip link set far$i up
+            done)"),
                   0);
     }
-    /// Sends a text again and again from the far end of a cable.
-    static lab::Process beacon(const std::string& cable, const std::string& text) {
-        return lab::Process({.command = {"ip", "netns", "exec", cable, "sh", "-c",
-                                         "while sleep 0.05; do printf '" + text +
-                                             "'; done | socat -u - UDP-DATAGRAM:236.6.7.30:6730"}});
+    /// Sends a text again and again through the interface with that address.
+    static std::jthread beacon(const char* localIp, const std::string& text) {
+        return std::jthread([=](const std::stop_token& stop) {
+            net::UdpSender sender(kGroup, kPort, net::transAddr(localIp), 0);
+            sender.setMulticastLoop(true);
+            for (; !stop.stop_requested(); std::this_thread::sleep_for(10ms))
+                sender.sendData(text.data(), static_cast<int>(text.size()));
+        });
     }
 };
 
@@ -51,11 +50,11 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextAndNoOthe
     Addresses late;
     Addresses removed;
     Addresses ofOther;
-    const lab::Process other = beacon("b", "sonar");
-    const lab::Process longer = beacon("b", "radar\\0x");
+    const std::jthread other = beacon("10.2.0.1", "sonar");
+    const std::jthread longer = beacon("10.2.0.1", std::string("radar\0x", 7));
     net::UdpChecker witness(kGroup, kPort, "sonar");
     witness.addListener(&ofOther);
-    lab::Process first = beacon("a", "radar\\000"); // its zero byte may come, too
+    std::jthread beacons = beacon("10.1.0.1", std::string("radar\0", 6)); // its zero byte may come, too
     net::UdpChecker checker(kGroup, kPort, "radar");
     for (Addresses* listener : {&twice, &twice, &removed, &removed})
         checker.addListener(listener);
@@ -64,8 +63,8 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextAndNoOthe
     checker.addListener(&late);
     EXPECT_THAT(late.all(), ElementsAre("10.1.0.1")) << "reported at once";
 
-    first.stop();
-    const lab::Process second = beacon("b", "rad"); // the beginning of the text is enough
+    beacons = {};
+    beacons = beacon("10.2.0.1", "rad"); // the beginning of the text is enough
     ASSERT_TRUE(late.reaches(2));
     EXPECT_THAT(late.all(), ElementsAre("10.1.0.1", "10.2.0.1"));
     EXPECT_THAT(twice.all(), ElementsAre("10.1.0.1", "10.1.0.1", "10.2.0.1", "10.2.0.1"));
