@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <new>
-#include <sstream>
 
 using ReadLine = char* (*)(char*, int, void*);
 using TakeEntry = int (*)(void*, const char*, const char*, const char*);
@@ -179,13 +178,8 @@ TEST_F(Profile, IsReadAgainExactlyWhenItsFileHasChanged) {
 }
 
 TEST_F(Profile, ShippedExampleHoldsEveryDefaultAndIsQuotedInTheManual) {
-    const auto contents = [](const char* file) {
-        std::ostringstream text;
-        text << std::ifstream(std::string(DOCS_DIRECTORY) + "/" + file).rdbuf();
-        return text.str();
-    };
-    const std::string example = contents("profile.ini.example");
-    EXPECT_THAT(contents("configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
+    const std::string example = read(DOCS_DIRECTORY "/profile.ini.example");
+    EXPECT_THAT(read(DOCS_DIRECTORY "/configuration.md"), HasSubstr("```ini\n" + example + "```\n"));
     write(example);
     EXPECT_EQ(reports(), "");
     EXPECT_EQ(textOf("Radar", "IP") + textOf("Local", "NetName"), "");

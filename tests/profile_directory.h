@@ -32,6 +32,7 @@ public:
     void write(const std::string& text, const std::string& file = "profile.ini") const {
         std::ofstream(m_path / file, std::ios::binary) << text;
     }
+    /// @param file in the directory, or anywhere by its whole path
     std::string read(const std::string& file) const {
         std::ifstream stream(m_path / file, std::ios::binary);
         return {std::istreambuf_iterator<char>(stream), {}};

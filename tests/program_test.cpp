@@ -32,7 +32,6 @@
 #include <atomic>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 
@@ -332,10 +331,7 @@ TEST_F(Program, DestroyedClientStartsNoFurtherCommand) {
                              log + "; sleep 1 ;; esac");
     net::UdpSender beacons(wire::kBeacon.address, wire::kBeacon.port, m_local, 0);
     beacons.setMulticastLoop(true);
-    const auto calls = [&] {
-        std::ifstream lines(log);
-        return std::count(std::istreambuf_iterator<char>(lines), {}, '\n');
-    };
+    const auto calls = [&] { return std::ranges::count(commands.read("calls"), '\n'); };
     {
         const MultiRadarClient client;
         EXPECT_TRUE(comesTrue([&] { return beacons.sendData("aabbccdd", 8) == 8 && calls() > 0; }));

@@ -198,8 +198,7 @@ TEST_F(Udp, RouteIsAddedWithSudoThenWithoutAndOnlyForAValidAddress) {
     const net::UdpReceiver unsafeReceiver(&m_recorder, m_local, unsafe.c_str(), 5000, 64);
     std::optional<net::UdpReceiver> receiver;
     receiver.emplace(nullptr, net::transAddr("10.1.0.7"), kGroup, 5000, 64);
-    std::ifstream calls(log);
-    EXPECT_THAT(std::string(std::istreambuf_iterator<char>(calls), {}),
+    EXPECT_THAT(bin.read("calls"),
                 MatchesRegex("sudo route add -net 236.1.2.3 netmask 255.255.255.255 eth0:1\n"
                              "SigBlk:\t0000000000000000\n"
                              "SigIgn:\t............[02468ace]...\n"
