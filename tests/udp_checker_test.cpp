@@ -24,7 +24,7 @@ protected:
         timing.checkerPause = 20ms;
         net::detail::setTiming(timing);
     }
-    void SetUp() override {
+    static void SetUpTestSuite() {
         ASSERT_EQ(std::system(R"(set -e
             for i in 1 2; do
                 ip link add eth$i type veth peer name far$i
