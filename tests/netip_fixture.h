@@ -1,8 +1,9 @@
 /// @file
 /// What the tests of network management share: a listener that records events, commands that must succeed,
-/// stubs of commands that record their arguments instead of changing the network.
+/// and a network without interfaces or commands of the system's.
 #pragma once
 
+#include "commands.h"
 #include "recorder.h"
 
 #include <UdpSocket/base/timing.h>
@@ -47,42 +48,37 @@ inline std::string outputOf(const std::string& command) {
     return text;
 }
 
-inline void setWatchPass(std::chrono::milliseconds pass) {
+inline void setWatchTimes(std::chrono::milliseconds pass, std::chrono::milliseconds restartCarrier) {
     auto timing = net::detail::timing();
     timing.watchPass = pass;
+    timing.restartCarrier = restartCarrier;
     net::detail::setTiming(timing);
 }
 
-/// Puts a script first in PATH, in place of each command that the library runs.
-inline void replaceCommands(const std::string& script) {
-    std::filesystem::create_directories("/run/test/bin");
-    std::ofstream("/run/test/bin/ifconfig") << "#!/bin/sh\n" << script << "\n";
-    ASSERT_TRUE(succeeds("cd /run/test/bin && chmod +x ifconfig && "
-                         "for name in nmcli service udhcpc; do ln -sf ifconfig $name; done"));
-    ::setenv("PATH", ("/run/test/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
-}
-
-/// A veth pair "eth0" and "far0", the latter in the namespace "far" with 10.5.0.1; a directory of the test's
-/// own on /run, which is private; and nobody's resolver configuration but the test's.
+/// Interfaces of which there is nothing but a carrier file, and commands that only record
+/// "name|argument|argument".
 class NetworkManagement : public testing::Test {
 protected:
     void SetUp() override {
-        setWatchPass(200ms); // instead of a second
-        ASSERT_TRUE(succeeds(R"(set -e
-            mkdir -p /run/test
-            touch /run/test/resolv.conf /run/test/commands
-            mount --bind /run/test/resolv.conf /etc/resolv.conf
-            ip netns add far
-            ip link add eth0 type veth peer name far0 netns far
-            ip link set eth0 up
-            ip -n far addr add 10.5.0.1/24 dev far0)"));
-    }
-    static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
-    static bool pullCable() { return succeeds("ip -n far link set far0 down"); }
-
-    /// Commands only record "name|argument|argument".
-    static void installStubs() {
+        setWatchTimes(2ms, 2ms);
+        ASSERT_TRUE(
+            succeeds("mount -t tmpfs none /sys/class/net && mkdir /run/test && > /run/test/commands"));
         replaceCommands(R"({ printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> /run/test/commands)");
     }
+    void replaceCommands(const std::string& script) const {
+        for (const char* name : {"ifconfig", "nmcli", "service", "udhcpc"})
+            m_commands.add(name, script);
+    }
+    static bool isPrinted(const Output& output, const std::string& text) {
+        return comesTrue([&] { return (output.out() + output.err()).find(text) != std::string::npos; });
+    }
     static std::string recordedCommands() { return outputOf("cat /run/test/commands"); }
+    static void setCarrier(const std::string& interface, const std::string& lines) {
+        const std::filesystem::path directory = "/sys/class/net/" + interface;
+        std::filesystem::create_directory(directory);
+        std::ofstream(directory / "carrier") << lines << '\n';
+    }
+
+private:
+    const Commands m_commands;
 };

@@ -4,6 +4,24 @@
 
 namespace {
 
+/// A veth pair "eth0" and "far0", the latter in the namespace "far" with 10.5.0.1; a directory of the test's
+/// own on /run, which is private; and nobody's resolver configuration but the test's.
+class NetworkOnALan : public testing::Test {
+protected:
+    void SetUp() override {
+        setWatchTimes(200ms, 200ms);
+        ASSERT_TRUE(succeeds(R"(set -e
+            mkdir /run/test
+            touch /run/test/resolv.conf
+            mount --bind /run/test/resolv.conf /etc/resolv.conf
+            ip netns add far
+            ip link add eth0 type veth peer name far0 netns far
+            ip link set eth0 up
+            ip -n far addr add 10.5.0.1/24 dev far0)"));
+    }
+    static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
+};
+
 bool startDhcpServer() {
     return succeeds("ip -n far link set lo up && ip netns exec far dnsmasq --conf-file=/dev/null --port=0 "
                     "--interface=far0 --bind-interfaces --dhcp-range=10.5.0.50,10.5.0.50,10m --dhcp-option=3 "
@@ -11,7 +29,7 @@ bool startDhcpServer() {
                     "--dhcp-leasefile=/run/test/leases --log-facility=/run/test/dnsmasq.log");
 }
 
-TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
+TEST_F(NetworkOnALan, AddressFollowsDhcpLeaseAndCarrier) {
     ASSERT_TRUE(
         succeeds("mount --bind /bin/bash /bin/sh")); // dash would let blocked signals through by itself
     ASSERT_TRUE(plugCable() && startDhcpServer());
@@ -32,7 +50,7 @@ TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
     ASSERT_TRUE(comesTrue([] { return net::localIfaName(net::transAddr("10.5.0.9")) == "eth0:0"; }));
 
     listener.clear();
-    ASSERT_TRUE(pullCable());
+    ASSERT_TRUE(succeeds("ip -n far link set far0 down"));
     EXPECT_TRUE(listener.lastBecomes("eth0 0.0.0.0"));
     EXPECT_EQ(helper.GetNetIP(), "0.0.0.0");
     ASSERT_TRUE(plugCable());
@@ -44,22 +62,12 @@ TEST_F(NetworkManagement, AddressFollowsDhcpLeaseAndCarrier) {
 
     const std::string printed = output.out();
     for (const char* line :
-         {"eth0 carrier state changed 1\r\n", "eth0 carrier state changed 0\r\n", "@udhcpc -i eth0 -n\r\n",
-          "@ifconfig eth0:0 10.5.0.9 netmask 255.255.0.0\r\n",
+         {"eth0 carrier state changed 1\r\n", "eth0 carrier state changed 0\r\n",
           "\r\nLocal Net IP: \r\nlo : 127.0.0.1\r\neth0:0 : 10.5.0.9\r\neth0 : 10.5.0.50\r\n---",
           "-network ifcfg----------------------\r\neth0 DHCP success 10.5.0.50\r\n",
           "eth0 DHCP failed, use 10.5.0.9 manual IP 10.5.0.9\r\n",
           "eth0 unconnected, have no ip 0.0.0.0\r\n"})
         EXPECT_THAT(printed, HasSubstr(line));
-}
-
-TEST_F(NetworkManagement, ManualModePutsTheAddressOnTheAlias) {
-    ASSERT_TRUE(plugCable() && succeeds("ip addr add 10.5.0.70/24 dev eth0"));
-    NetIpLog listener;
-    tNetIPHelper helper(false, "eth0", "10.5.0.9", "255.255.255.0");
-    helper.AddNetIPListener(&listener);
-    EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
-    EXPECT_EQ(net::localIfaName(net::transAddr("10.5.0.9")), "eth0:0");
 }
 
 /// A NetworkManager of the test's own: its bus, its configuration, its profiles, its host name.
@@ -86,11 +94,11 @@ bool startNetworkManager() {
 std::string profiles() {
     return outputOf("nmcli -g name,type connection show | sed -n 's/:802-3-ethernet$//p'");
 }
-std::string profile(const std::string& fields) {
-    return outputOf("nmcli -g " + fields + " connection show eth0");
+bool isInProfile(const std::string& fields, const std::string& values) {
+    return comesTrue([&] { return outputOf("nmcli -g " + fields + " connection show eth0") == values; }, 30s);
 }
 
-TEST_F(NetworkManagement, NetworkManagerKeepsOneProfileOfTheInterface) {
+TEST_F(NetworkOnALan, NetworkManagerKeepsOneProfileOfTheInterface) {
     if (!succeeds("command -v NetworkManager nmcli dbus-daemon dnsmasq > /dev/null"))
         GTEST_SKIP() << "network-manager, dbus-daemon or dnsmasq-base is not installed";
     ASSERT_TRUE(startNetworkManager()) << outputOf("cat /run/test/log");
@@ -105,13 +113,11 @@ TEST_F(NetworkManagement, NetworkManagerKeepsOneProfileOfTheInterface) {
         helper.AddNetIPListener(&listener);
         EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.9"));
         EXPECT_EQ(profiles(), "eth0\n") << "the default one is gone";
-        EXPECT_EQ(profile("connection.interface-name,ipv4.method,ipv4.addresses"),
-                  "eth0\nmanual\n10.5.0.9/24\n");
+        EXPECT_TRUE(isInProfile("connection.interface-name,ipv4.method,ipv4.addresses",
+                                "eth0\nmanual\n10.5.0.9/24\n"));
         ASSERT_TRUE(
             succeeds("nmcli connection modify eth0 ipv4.addresses 10.5.0.7/24 && nmcli connection up eth0"));
-        EXPECT_TRUE(comesTrue([] { return profile("ipv4.addresses") == "10.5.0.9/24\n"; }, 30s))
-            << "the manual address is put back into the profile";
-        EXPECT_THAT(output.out(), HasSubstr("@nmcli connection delete Wired\\ connection\\ 1\r\n"));
+        EXPECT_TRUE(isInProfile("ipv4.addresses", "10.5.0.9/24\n")) << "the manual address is put back";
         EXPECT_THAT(output.out(), Not(HasSubstr("@nmcli connection delete eth0\r\n"))) << "there was none";
         EXPECT_THAT(output.out(), HasSubstr("-network nmcli----------------------\r\neth0 DHCP closed, "
                                             "use 10.5.0.9 manual"));
@@ -122,7 +128,7 @@ TEST_F(NetworkManagement, NetworkManagerKeepsOneProfileOfTheInterface) {
     EXPECT_TRUE(listener.lastBecomes("eth0 10.5.0.50 dhcp"));
     EXPECT_EQ(profiles(), "eth0\n") << "the profile of the first watch is replaced";
     // Not the method: a look before the lease may change it for a moment.
-    EXPECT_EQ(profile("connection.autoconnect"), "yes\n");
+    EXPECT_TRUE(isInProfile("connection.autoconnect", "yes\n"));
 }
 
 } // namespace
