@@ -184,9 +184,7 @@ TEST(Announcement, TcpServiceIsAnsweredWhereTheDisplayUsesIt) {
         {AnnouncementBytes(150, "R").at(22, 1).at(30, 1), kTcpService, {"R"}, {}},
         // of a fixed radar only names with TCP are listed
         {offer, {true, true}, {"R:TCP"}, wire::kTcpWanted},
-        {offer, {true, false}, {}, {}},
         {AnnouncementBytes(222, "R").at(22, 1).at(73, 1), {true, true}, {}, wire::kTcpUnwanted},
-        {AnnouncementBytes(150, "R"), {true, true}, {}, {}},
         {AnnouncementBytes(150, "TCP mast"), {true, false}, {"TCP mast"}, {}},
     };
     for (const auto& [datagram, options, listed, answer] : cases) {

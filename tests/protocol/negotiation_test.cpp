@@ -51,7 +51,6 @@ TEST(IdDraw, DrawsEveryIdFromSixteenToSixtyThreeAndNoOther) {
     EXPECT_EQ(drawn.size(), 48U);
     EXPECT_EQ(*drawn.begin(), 16);
     EXPECT_EQ(*drawn.rbegin(), 63);
-    EXPECT_EQ(draws(0, 8), draws(1, 8));
     EXPECT_EQ(draws(1'700'000'000'000, 8), draws(1'700'000'000'000 % 2147483647, 8));
     EXPECT_NE(draws(1, 8), draws(2, 8));
 }
