@@ -78,8 +78,7 @@ TEST_F(FixedRadar, IsQueriedAndListedOverTcp) {
     }));
     std::string announcement = protocol::composeAnnouncement("ZQ-7", 20, 2);
     announcement[wire::kExtended.offset] = announcement[wire::kTcpOffered.offset] = 1;
-    server.sendData(announcement.data(), 100);
-    server.sendData(announcement.data() + 100, 122);
+    server.sendData(announcement.data(), 222);
     EXPECT_TRUE(comesTrue([&] { return received(wire::kTcpWanted); }));
     EXPECT_EQ(client.getRadar(), std::vector<std::string>{"ZQ-7:TCP"});
     EXPECT_THAT(output.out(), testing::HasSubstr("LocalIP (eth0): 0.0.0.0\n"));
