@@ -1,7 +1,7 @@
+#include "faults.h"
 #include "netip_fixture.h"
 
-#include <sys/resource.h>
-
+#include <cerrno>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -67,16 +67,16 @@ TEST_F(NetworkManagement, WhatAListenerThrowsReachesTheApplicationAndLeavesTheWa
 
 TEST_F(NetworkManagement, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAnother) {
     replaceCommands(R"(
-        mkdir /run/test/running || touch /run/test/overlap
-        echo >> /run/test/count
+        mkdir /run/running || touch /run/overlap
+        echo >> /run/count
         if [ "$1 $2" = "eth8:0 10.5.0.8" ]; then
             for i in $(seq 300); do
-                [ -e /run/test/hold ] || break
-                touch /run/test/held
+                [ -e /run/hold ] || break
+                touch /run/held
                 sleep 0.05
             done
         fi
-        rmdir /run/test/running)");
+        rmdir /run/running)");
     const Output output;
     NetIpLog busyLog;
     NetIpLog otherLog;
@@ -89,16 +89,16 @@ TEST_F(NetworkManagement, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAno
     EXPECT_TRUE(busyLog.lastBecomes("eth8 10.5.0.8"));
     EXPECT_TRUE(otherLog.lastBecomes("eth9 10.5.0.9"));
 
-    ASSERT_TRUE(succeeds("rm -rf /run/test/overlap /run/test/count")); // a restart's may meet a watch's
-    EXPECT_TRUE(comesTrue([] { return succeeds("[ $(wc -l < /run/test/count || echo 0) -gt 20 ]"); }));
-    EXPECT_FALSE(std::filesystem::exists("/run/test/overlap"));
+    ASSERT_TRUE(succeeds("rm -rf /run/overlap /run/count")); // a restart's may meet a watch's
+    EXPECT_TRUE(comesTrue([] { return succeeds("[ $(wc -l < /run/count || echo 0) -gt 20 ]"); }));
+    EXPECT_FALSE(std::filesystem::exists("/run/overlap"));
 
-    std::ofstream("/run/test/hold");
-    ASSERT_TRUE(comesTrue([] { return std::filesystem::exists("/run/test/held"); }));
+    std::ofstream("/run/hold");
+    ASSERT_TRUE(comesTrue([] { return std::filesystem::exists("/run/held"); }));
     const auto destroysOther = [&] {
         auto done = std::async(std::launch::async, [&] { other.reset(); });
         return done.wait_for(2s) == std::future_status::ready ||
-               (std::filesystem::remove("/run/test/hold"), false);
+               (std::filesystem::remove("/run/hold"), false);
     };
     EXPECT_TRUE(destroysOther()) << "it waits for its turn";
 
@@ -106,20 +106,20 @@ TEST_F(NetworkManagement, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAno
     other = std::make_unique<tNetIPHelper>(false, "eth9", "10.5.0.9", "255.255.255.0");
     EXPECT_TRUE(busyLog.lastBecomes("eth8 0.0.0.0")) << "its restart has begun";
     EXPECT_TRUE(destroysOther()) << "its restart waits for the command";
-    EXPECT_TRUE(std::filesystem::remove("/run/test/hold")) << "the command is still running";
+    EXPECT_TRUE(std::filesystem::remove("/run/hold")) << "the command is still running";
     EXPECT_TRUE(busyLog.lastBecomes("eth8 10.5.0.8"));
 }
 
 TEST_F(NetworkManagement, ARestartThatIsGivenUpLeavesNoInterfaceWithoutConfiguration) {
-    replaceCommands(R"(echo "${0##*/} $*" >> /run/test/commands; [ "${0##*/}" != service ] || sleep 0.5)");
-    const auto hasRun = [](const std::string& command) {
+    replaceCommands(R"(echo "${0##*/} $*" >> "${0%/*}/recorded"; [ "${0##*/}" != service ] || sleep 0.5)");
+    const auto hasRun = [this](const std::string& command) {
         return comesTrue([&] { return recordedCommands().find(command) != std::string::npos; }, 30s);
     };
     tNetIPHelper::SetNetworkToolType(true);
     setCarrier("eth9", "1");
     const tNetIPHelper other(false, "eth9", "10.5.0.9", "255.255.255.0");
     ASSERT_TRUE(hasRun("nmcli connection modify eth9 ")) << "its own restart is over";
-    ASSERT_TRUE(succeeds("> /run/test/commands"));
+    forgetCommands();
     auto starter = std::make_unique<tNetIPHelper>(false, "eth8", "10.5.0.8", "255.255.255.0");
     setCarrier("eth8", "1");
     ASSERT_TRUE(hasRun("service "));
@@ -152,12 +152,10 @@ TEST_F(NetworkManagement, DescriptorsThatRunOutPullNoCable) {
     ASSERT_TRUE(listener.lastBecomes("eth9 10.5.0.9"));
     const std::vector<std::string> before = listener.all();
     const Output output;
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none{0, limit.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    EXPECT_TRUE(isPrinted(output, "a pass of the watch was lost: Too many open files\n"));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    {
+        const Fault none("open", EMFILE, 1, 1'000'000);
+        EXPECT_TRUE(isPrinted(output, "a pass of the watch was lost: Too many open files\n"));
+    }
     EXPECT_EQ(listener.all(), before);
     setCarrier("eth9", "0");
     EXPECT_TRUE(listener.lastBecomes("eth9 0.0.0.0"));

@@ -39,15 +39,6 @@ inline bool succeeds(const std::string& command) {
     return std::system(command.c_str()) == 0;
 }
 
-inline std::string outputOf(const std::string& command) {
-    std::string text;
-    FILE* const output = ::popen(command.c_str(), "r");
-    for (char piece[256]; std::fgets(piece, sizeof piece, output) != nullptr;)
-        text += piece;
-    ::pclose(output);
-    return text;
-}
-
 inline void setWatchTimes(std::chrono::milliseconds pass, std::chrono::milliseconds restartCarrier) {
     auto timing = net::detail::timing();
     timing.watchPass = pass;
@@ -61,9 +52,8 @@ class NetworkManagement : public testing::Test {
 protected:
     void SetUp() override {
         setWatchTimes(2ms, 2ms);
-        ASSERT_TRUE(
-            succeeds("mount -t tmpfs none /sys/class/net && mkdir /run/test && > /run/test/commands"));
-        replaceCommands(R"({ printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> /run/test/commands)");
+        ASSERT_TRUE(succeeds("mount -t tmpfs none /sys/class/net"));
+        replaceCommands(R"({ printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> "${0%/*}/recorded")");
     }
     void replaceCommands(const std::string& script) const {
         for (const char* name : {"ifconfig", "nmcli", "service", "udhcpc"})
@@ -72,7 +62,8 @@ protected:
     static bool isPrinted(const Output& output, const std::string& text) {
         return comesTrue([&] { return (output.out() + output.err()).find(text) != std::string::npos; });
     }
-    static std::string recordedCommands() { return outputOf("cat /run/test/commands"); }
+    std::string recordedCommands() const { return m_commands.read("recorded"); }
+    void forgetCommands() const { m_commands.write("", "recorded"); }
     static void setCarrier(const std::string& interface, const std::string& lines) {
         const std::filesystem::path directory = "/sys/class/net/" + interface;
         std::filesystem::create_directory(directory);

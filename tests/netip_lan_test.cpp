@@ -22,6 +22,12 @@ protected:
     static bool plugCable() { return succeeds("ip -n far link set far0 up"); }
 };
 
+std::string outputOf(const std::string& command) {
+    lab::Process shell({.command = {"sh", "-c", command}});
+    shell.wait(30s);
+    return shell.output();
+}
+
 bool startDhcpServer() {
     return succeeds("ip -n far link set lo up && ip netns exec far dnsmasq --conf-file=/dev/null --port=0 "
                     "--interface=far0 --bind-interfaces --dhcp-range=10.5.0.50,10.5.0.50,10m --dhcp-option=3 "

@@ -84,7 +84,7 @@ TEST_F(NetworkManagement, RestartWithIfconfigWaitsForResetReadyAndThenRunsExactl
 
 TEST_F(NetworkManagement, UnsafeTextReachesNoShell) {
     setCarrier("lo", "1");
-    const std::string injection = "; touch /run/test/injected;";
+    const std::string injection = "; touch /run/injected;";
     for (const auto& [nmcli, address] :
          {std::pair{true, std::string("127.0.0.1")}, {false, "10.5.0.9 " + injection}}) {
         tNetIPHelper::SetNetworkToolType(nmcli);
@@ -95,7 +95,7 @@ TEST_F(NetworkManagement, UnsafeTextReachesNoShell) {
         badAddress.AddNetIPListener(&listener);
         ASSERT_TRUE(listener.lastBecomes("lo " + address)) << "the manual one is told where it cannot be set";
     }
-    EXPECT_FALSE(std::filesystem::exists("/run/test/injected"));
+    EXPECT_FALSE(std::filesystem::exists("/run/injected"));
     for (const char* unsafe : {"eth9", "10.5.0.9", "netmask"})
         EXPECT_THAT(recordedCommands(), Not(HasSubstr(unsafe)));
     EXPECT_THAT(recordedCommands(), HasSubstr("ifconfig|eth7:0|down\n"));

@@ -34,28 +34,18 @@ std::string name(plan::EndpointField field) {
     return "original image";
 }
 
-/// The rows of tables that the page has to have, each to where its last cell goes on in words.
-class Rows {
-public:
-    template <class... Cells>
-    void add(const Cells&... cells) {
+TEST(ProtocolPage, NumbersMatchTheCode) {
+    const std::string page(std::istreambuf_iterator<char>(std::ifstream(PROTOCOL_PAGE).rdbuf()), {});
+    const auto hasRow = [&](const auto&... cells) { // to where its last cell goes on in words
         std::ostringstream row;
         ((row << " | " << cells), ...);
-        EXPECT_THAT(m_page, testing::HasSubstr("\n" + row.str().substr(1)));
-    }
-    template <class Places>
-    void addPlaces(const Places& places, const std::string& kind) {
+        EXPECT_THAT(page, testing::HasSubstr("\n" + row.str().substr(1)));
+    };
+    const auto hasPlaces = [&](const auto& places, const std::string& kind) {
         for (const auto& [field, stream, offset] : places)
-            add(offset, 6,
-                (kind == "stream" ? "stream " + std::to_string(stream) : kind) + " " + name(field));
-    }
-
-private:
-    const std::string m_page{std::istreambuf_iterator<char>(std::ifstream(PROTOCOL_PAGE).rdbuf()), {}};
-};
-
-TEST(ProtocolPage, NumbersMatchTheCode) {
-    Rows rows;
+            hasRow(offset, 6,
+                   kind + (kind == "stream" ? " " + std::to_string(stream) : "") + " " + name(field));
+    };
     for (const auto& [field, words] : {std::pair{wire::kCode, "code"},
                                        {wire::kName, "name"},
                                        {wire::kRadarIp, "the radar's own"},
@@ -64,32 +54,32 @@ TEST(ProtocolPage, NumbersMatchTheCode) {
                                        {wire::kTcpOffered, "TCP service"},
                                        {wire::kTcpKinds, "a kind byte"},
                                        {wire::kUserValid, "user endpoints"}})
-        rows.add(field.offset, field.width, words);
-    rows.addPlaces(wire::kShortEndpoints, "stream");
-    rows.addPlaces(wire::kLongEndpoints, "stream");
-    rows.addPlaces(wire::kTcpEndpoints, "TCP");
-    rows.addPlaces(wire::kUserEndpoints, "user");
+        hasRow(field.offset, field.width, words);
+    hasPlaces(wire::kShortEndpoints, "stream");
+    hasPlaces(wire::kLongEndpoints, "stream");
+    hasPlaces(wire::kTcpEndpoints, "TCP");
+    hasPlaces(wire::kUserEndpoints, "user");
     for (const wire::Group& group : {wire::kDiscovery, wire::kNegotiation, wire::kBeacon})
-        rows.add(group.address, group.port);
+        hasRow(group.address, group.port);
 
     for (const plan::Row& planned : plan::kRows) {
         const auto of = [&](std::uint8_t id) {
             return text(plan::announcedEndpoint(id, planned.field, planned.stream));
         };
-        rows.add("stream " + std::to_string(planned.stream) + " " + name(planned.field), planned.offset,
-                 of(1), of(16), of(17), of(30), of(63));
+        hasRow("stream " + std::to_string(planned.stream) + " " + name(planned.field), planned.offset, of(1),
+               of(16), of(17), of(30), of(63));
         if (planned.displayPort != 0)
-            rows.add(name(planned.field), text(plan::defaultRecord().*planned.field));
+            hasRow(name(planned.field), text(plan::defaultRecord().*planned.field));
     }
     for (const std::uint8_t id : std::initializer_list<std::uint8_t>{1, 16, 17, 30, 63}) {
         InfoDeviceEndpoints devices;
         plan::fillInfoDevices(devices, plan::getInfoDevBaseEp(id));
-        rows.add(int{id}, text(devices[0]), text(devices[9]));
+        hasRow(int{id}, text(devices[0]), text(devices[9]));
     }
     for (const std::uint8_t number : std::initializer_list<std::uint8_t>{0, 1, 2, 255}) {
         const RadarAddress record = plan::dedicatedRecord(number);
-        rows.add(int{number}, text(record.imageStream), text(record.arpaStream), text(record.imageOriginal),
-                 text(record.infoDev[0]));
+        hasRow(int{number}, text(record.imageStream), text(record.arpaStream), text(record.imageOriginal),
+               text(record.infoDev[0]));
     }
 }
 

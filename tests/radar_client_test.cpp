@@ -120,8 +120,8 @@ TEST_F(RadarClient, DiagnosticsPrintARecordWhenItDiffersFromTheLast) {
     dedicated.imageStream.type = 2;
     dedicated.imageCtrl.type = 3;
     const std::string printed = outOf([&] { printRadarAddrs(dedicated); });
-    EXPECT_THAT(printed, HasSubstr("MultiAddress(true):12 0x1EE7\r\n"));
-    EXPECT_THAT(printed, HasSubstr("ImageStream: 234.5.8.89:35161 TCP Client\r\n"));
+    EXPECT_THAT(printed, HasSubstr("MultiAddress(true):12 0x1EE7\r\n"
+                                   "ImageStream: 234.5.8.89:35161 TCP Client\r\n"));
     EXPECT_THAT(printed, HasSubstr("ImageCtrl:   234.5.8.90:35162 null\r\n"));
 }
 

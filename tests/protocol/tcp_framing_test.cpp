@@ -55,12 +55,9 @@ TEST(TcpFraming, MessageIsCompleteAtItsLengthHoweverItIsCut) {
         << "no start: not a radar's name";
 }
 
-TEST(TcpFraming, WhatFollowsAMessageInItsLastChunkIsDiscarded) {
+TEST(TcpFraming, OnlyTheFirstMessageOfAChunkAndTheLastThatBeganAreKept) {
     EXPECT_EQ(cut({kSeven + kEight, kEight.substr(100)}), Messages{kSeven});
     EXPECT_EQ(cut({kReply + "x", kSeven.substr(100)}), Messages{kReply});
-}
-
-TEST(TcpFraming, NewStartReplacesAMessageThatIsNotComplete) {
     EXPECT_EQ(cut({kSeven.substr(0, 60), kReply, kSeven.substr(60)}), Messages{kReply});
     EXPECT_EQ(cut({kReply.substr(0, 20), kEight.substr(0, 60), kEight.substr(60)}), Messages{kEight});
 }
