@@ -14,6 +14,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <sstream>
@@ -23,15 +24,12 @@ namespace {
 using namespace std::chrono_literals;
 
 std::string name(plan::EndpointField field) {
-    for (const auto& [candidate, words] : {std::pair{&RadarAddress::imageStream, "image"},
-                                           {&RadarAddress::imageCtrl, "image control"},
-                                           {&RadarAddress::imageState, "image state"},
-                                           {&RadarAddress::arpaStream, "ARPA"},
-                                           {&RadarAddress::arpaCtrl, "ARPA control"},
-                                           {&RadarAddress::arpaState, "ARPA state"}})
-        if (candidate == field)
-            return words;
-    return "original image";
+    constexpr std::pair<plan::EndpointField, const char*> kNames[] = {
+        {&RadarAddress::imageStream, "image"},      {&RadarAddress::imageCtrl, "image control"},
+        {&RadarAddress::imageState, "image state"}, {&RadarAddress::imageOriginal, "original image"},
+        {&RadarAddress::arpaStream, "ARPA"},        {&RadarAddress::arpaCtrl, "ARPA control"},
+        {&RadarAddress::arpaState, "ARPA state"}};
+    return std::ranges::find(kNames, field, &std::pair<plan::EndpointField, const char*>::first)->second;
 }
 
 TEST(ProtocolPage, NumbersMatchTheCode) {

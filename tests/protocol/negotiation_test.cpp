@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -39,20 +40,18 @@ TEST(Negotiation, OnlyAClaimIsWithdrawnAndOnlyAnIdGivenUpIsKept) {
 }
 
 TEST(IdDraw, DrawsEveryIdFromSixteenToSixtyThreeAndNoOther) {
-    const auto draws = [](std::uint64_t seed, int count) {
-        protocol::IdDraw draw(seed);
-        std::vector<int> ids;
-        for (int i = 0; i < count; ++i)
-            ids.push_back(draw());
+    const auto draws = [](std::uint64_t seed) {
+        std::vector<int> ids(2000);
+        std::ranges::generate(ids, protocol::IdDraw(seed));
         return ids;
     };
-    const std::vector<int> many = draws(7, 2000);
+    const std::vector<int> many = draws(7);
     const std::set<int> drawn(many.begin(), many.end());
     EXPECT_EQ(drawn.size(), 48U);
     EXPECT_EQ(*drawn.begin(), 16);
     EXPECT_EQ(*drawn.rbegin(), 63);
-    EXPECT_EQ(draws(1'700'000'000'000, 8), draws(1'700'000'000'000 % 2147483647, 8));
-    EXPECT_NE(draws(1, 8), draws(2, 8));
+    EXPECT_EQ(draws(1'700'000'000'000), draws(1'700'000'000'000 % 2147483647));
+    EXPECT_NE(draws(1), draws(2));
 }
 
 } // namespace
