@@ -28,6 +28,28 @@ TEST_F(NetworkManagement, AProgramEndsWithItsOwnStatusWhileARestartWaitsUntilItM
         EXPECT_EXIT(program(onOwnThread), testing::ExitedWithCode(7), "");
 }
 
+TEST_F(NetworkManagement, ExitInACallbackEndsTheProgramAlsoWhereAnotherInterfacesWatchCalls) {
+    setCarrier("eth9", "1");
+    struct Exits final : net::iNetIPListener {
+        void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+            if (::gettid() != ::getpid()) // nor while it is added
+                std::exit(7);
+        }
+    };
+    const auto program = [] {
+        ::alarm(30);
+        static Exits s_exits;
+        setWatchTimes(1h, 2ms);
+        static tNetIPHelper s_hears(false, "eth8", "10.5.0.8", "255.255.255.0");
+        s_hears.AddNetIPListener(&s_exits);
+        std::this_thread::sleep_for(100ms); // its watch begins that hour
+        setWatchTimes(2ms, 2ms);
+        static tNetIPHelper s_restarts(false, "eth9", "10.5.0.9", "255.255.255.0");
+        std::this_thread::sleep_for(1h);
+    };
+    EXPECT_EXIT(program(), testing::ExitedWithCode(7), "");
+}
+
 /// Throws on the thread that made it, while told to.
 class Thrower : public net::iNetIPListener {
 public:
@@ -159,6 +181,27 @@ TEST_F(NetworkManagement, DescriptorsThatRunOutPullNoCable) {
     EXPECT_EQ(listener.all(), before);
     setCarrier("eth9", "0");
     EXPECT_TRUE(listener.lastBecomes("eth9 0.0.0.0"));
+}
+
+TEST_F(NetworkManagement, InterfacesThatCannotBeListedHaveNotLostTheirAddresses) {
+    ASSERT_TRUE(succeeds("ip link set lo up"));
+    setCarrier("lo", "1");
+    for (const bool nmcli : {false, true}) {
+        tNetIPHelper::SetNetworkToolType(nmcli);
+        NetIpLog listener;
+        tNetIPHelper helper(true, "lo", "10.5.0.9", "255.255.255.0");
+        helper.AddNetIPListener(&listener);
+        ASSERT_TRUE(listener.lastBecomes("lo 127.0.0.1 dhcp"));
+        forgetCommands();
+        const std::vector<std::string> before = listener.all();
+        const Output output;
+        {
+            const Fault none("getifaddrs", EMFILE, 1, 1'000'000);
+            EXPECT_TRUE(isPrinted(output, "get ifAddrs: Too many open files\nget ifAddrs: "));
+        }
+        EXPECT_EQ(recordedCommands(), "");
+        EXPECT_EQ(listener.all(), before);
+    }
 }
 
 } // namespace

@@ -3,13 +3,18 @@
 #include "asleep.h"
 #include "watch_fixture.h"
 
+#include <RadarWatch/membership.h>
 #include <RadarWatch/radarstream.h>
 
+#include <UdpSocket/base/socket.h>
+
+#include <net/if.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <future>
 #include <system_error>
 #include <thread>
@@ -18,6 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using radar::Stream;
+using radar::detail::Membership;
 
 class WatchLife : public WatchOnLan {
 protected:
@@ -158,6 +164,22 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
     EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
     const auto south = serve(m_host2, "South", 17);
     EXPECT_EQ(next(*watching), "South appeared, 17 at 10.20.1.2");
+}
+
+TEST(Memberships, OfAForkedChildAreItsOwn) {
+    ASSERT_EQ(std::system("ip link set lo up"), 0);
+    const auto join = [](const net::detail::Descriptor& socket) {
+        return Membership::join(socket, net::transAddr("236.6.7.9"), 0, ::if_nametoindex("lo"));
+    };
+    const auto socket = net::detail::openSocket(SOCK_DGRAM);
+    const auto ofParent = join(socket);
+    ASSERT_NE(ofParent, nullptr);
+    const auto child = [&] {
+        const auto own = net::detail::openSocket(SOCK_DGRAM);
+        const auto renewed = join(own)->renew(std::chrono::steady_clock::now());
+        ::_exit(static_cast<int>(renewed.renewal));
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(static_cast<int>(Membership::Renewal::OthersJoined)), "");
 }
 
 TEST_F(WatchLife, ProgramMayEndWhileWatchesStand) {
