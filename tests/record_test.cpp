@@ -220,6 +220,27 @@ TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
     EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
 }
 
+TEST_F(Recording, OfARingEndsWithAWholeFileWhereMemoryRunsOut) {
+    Chunk each{interfaceBlock("eth0"), ""};
+    appendDatagramBlock(each.blocks, 0, {1s, endpoint("10.20.1.1", 1), endpoint("236.6.7.8", 6878), "x"}, "");
+    bool isHit = true;
+    for (long failing = 1; isHit; ++failing) {
+        const std::string ring = path("a-ring-" + std::to_string(failing));
+        Writer writer(
+            {ring, "a test", 1}, [] { return Chunk(); }, [] {});
+        const Output output;
+        const FailingMemory memory(failing);
+        for (Chunk chunk : {each, each})
+            EXPECT_TRUE(writer.give(chunk));
+        writer.finish();
+        isHit = memory.hit();
+        EXPECT_EQ(writer.failure().value(), isHit ? ENOMEM : 0) << failing;
+        Reader first(ring + "-00001");
+        EXPECT_TRUE(first.next());
+        EXPECT_FALSE(first.next());
+    }
+}
+
 TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSet) {
     const auto source = imageSender();
     const lab::Inside inside = m_lan.node("display").enter();

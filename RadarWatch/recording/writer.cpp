@@ -97,7 +97,9 @@ void Writer::run() {
             chunk = std::move(m_queue.front());
             m_queue.pop_front();
         }
-        const bool written = writeChunk(chunk);
+        bool written = false;
+        if (!net::detail::runStep("recording: what follows", [&] { written = writeChunk(chunk); }))
+            fail(ENOMEM); // where a file of the ring begins
         net::detail::Lock lock(m_mutex);
         m_queued -= chunk.blocks.size(); // room again: never more than that in memory
         if (!written)
@@ -111,6 +113,7 @@ void Writer::run() {
 
 /// A new file of the ring, or the only one.
 void Writer::open() {
+    const std::string section = sectionBlock(m_options.application); // first: no file is left without one
     const bool isRing = m_options.rotateAt != 0;
     m_ring.push_back(isRing ? numbered(m_options.path, ++m_number) : m_options.path);
     if (hasContent(m_ring.back()))
@@ -120,7 +123,7 @@ void Writer::open() {
         return fail(errno);
     m_size = 0;
     m_interfaces = 0;
-    if (!write(sectionBlock(m_options.application)))
+    if (!write(section))
         return;
     if (m_options.keep != 0 && m_ring.size() > m_options.keep) {
         if (::unlink(m_ring.front().c_str()) != 0)
@@ -132,6 +135,7 @@ void Writer::open() {
 bool Writer::writeChunk(const Chunk& chunk) {
     if (m_options.rotateAt != 0 && m_size + chunk.blocks.size() > m_options.rotateAt && m_interfaces != 0) {
         close();
+        m_file.reset();
         if (m_error == 0)
             open();
     }

@@ -24,9 +24,10 @@ struct Chunk {
     std::string blocks;
 };
 
-/// Life cycle: writes from construction to finish(), or to the first call that the system refuses. A file
-/// ends behind a whole block, whatever happens; its statistics stand last, where there is room for them. The
-/// files of a ring have numbers in their names, from behind the highest that is there.
+/// Life cycle: writes from construction to finish(), or to the first call that the system refuses, memory to
+/// begin a file of a ring included. A file ends behind a whole block, whatever happens; its statistics stand
+/// last, where there is room for them. The files of a ring have numbers in their names, from behind the
+/// highest that is there.
 ///
 /// Threads: a thread that writes, from construction to finish() or destruction, which wait until it has
 /// written what it was given. give() and the getters: any thread.
@@ -41,7 +42,7 @@ public:
     };
 
     /// @param closing composes what ends a file; called on the writing thread, without a lock
-    /// @param failed  called once, on the writing thread, when the system refused to write
+    /// @param failed  called once, on the writing thread, when nothing is written any more
     /// @throws std::system_error
     Writer(Options options, std::function<Chunk()> closing, std::function<void()> failed);
     ~Writer() { finish(); }
