@@ -196,6 +196,29 @@ TEST_F(Recording, TellsOfEveryDatagramThatIsMissing) {
     EXPECT_EQ(missing, droppedBySystem);
 }
 
+TEST_F(Recording, IsInOrderWhereItWasHeldUp) {
+    const auto north = serve("host1", "North", 20);
+    const auto sender = [&](RadarEndpoint RadarAddress::*channel) {
+        return makeIn<net::UdpSender>(m_lan.node("host1"), plan::announcedEndpoint(20, channel, 0),
+                                      net::transAddr("10.20.1.1"), std::uint16_t{0});
+    };
+    const auto busy = sender(&RadarAddress::imageStream);
+    const auto quiet = sender(&RadarAddress::arpaStream);
+    lab::Process recorder = record("file");
+    const auto sizeBehind = [&](int datagrams) {
+        for (int i = 0; i < datagrams; ++i)
+            (i % 100 == 0 ? quiet : busy)->sendData("x", 1);
+        return std::filesystem::file_size(path("file"));
+    };
+    ASSERT_TRUE(comesTrue([&] { return sizeBehind(200) > 50000; }));
+    recorder.signal(SIGSTOP);
+    sizeBehind(20000); // more than is taken at once, where the system grants the room
+    recorder.signal(SIGCONT);
+    ASSERT_TRUE(comesTrue([&] { return sizeBehind(200) > 1000000; }));
+    end(recorder);
+    EXPECT_THAT(shell("capinfos -o " + path("file")), HasSubstr("Strict time order:   True"));
+}
+
 TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
     const auto source = imageSender();
     const lab::Inside inside = m_lan.node("display").enter();

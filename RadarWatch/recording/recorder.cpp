@@ -32,6 +32,7 @@ constexpr std::chrono::milliseconds
 constexpr std::chrono::milliseconds kPace(1); // between rounds: one wake-up for what came meanwhile
 constexpr int kReceiveBuffer = 4 << 20;       // bytes; the system may grant less
 constexpr int kBatchesOfOne = 16;             // batches of one socket before the others have their turn
+constexpr std::size_t kGroups = 1024;         // that may have something at once; a full plan has hundreds
 constexpr std::uint64_t kEnd = 0;             // the number of m_ending beside those of the sockets
 
 Time stampOf(const msghdr& message) {
@@ -149,8 +150,8 @@ void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
 }
 
 void Recorder::run() {
-    epoll_event events[kBatch];
-    std::uint64_t ready[kBatch];
+    epoll_event events[kGroups];
+    std::uint64_t ready[kGroups];
     auto handed = Steady::now();
     for (bool ending = false; !ending;) {
         const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
@@ -177,16 +178,24 @@ void Recorder::run() {
     }
 }
 
-/// Takes what has arrived at these sockets. What was taken a while ago is recorded, in the order of time: by
-/// now everything older has come out of its socket, too.
+/// Takes what has arrived at these sockets, but for those that are ahead of one that has more. What was taken
+/// a while ago is recorded, in the order of time, as far as everything older has come out of its socket, too.
 void Recorder::round(std::span<const std::uint64_t> ready) {
-    for (const std::uint64_t number : ready)
-        if (const auto found = m_sockets.find(number); found != m_sockets.end()) // not closed meanwhile
-            drain(found->second);
-    sort();
     const auto limit = Steady::now() - kSorting;
+    Time complete = Time::max();
+    for (const std::uint64_t number : ready) {
+        const auto found = m_sockets.find(number);
+        if (found == m_sockets.end()) // closed meanwhile
+            continue;
+        Socket& socket = found->second;
+        const bool isAhead = timeOf(socket.last) > m_complete;
+        if (isAhead || !drain(socket))
+            complete = std::min(complete, timeOf(socket.last));
+    }
+    m_complete = complete;
+    sort();
     std::size_t count = m_waiting.size();
-    while (count > 0 && m_waiting[count - 1].taken > limit)
+    while (count > 0 && (m_waiting[count - 1].taken > limit || m_waiting[count - 1].time > m_complete))
         --count;
     record(count);
 }
@@ -201,9 +210,12 @@ void Recorder::sort() {
     std::ranges::inplace_merge(first, fresh, m_waiting.end(), {}, &Waiting::time);
 }
 
-void Recorder::drain(Socket& socket) {
-    for (int batch = 0; batch < kBatchesOfOne && receive(socket) == kBatch; ++batch)
-        continue;
+/// @return false: it has more
+bool Recorder::drain(Socket& socket) {
+    for (int batch = 0; batch < kBatchesOfOne; ++batch)
+        if (receive(socket) < kBatch)
+            return true;
+    return false;
 }
 
 /// One batch. @return how many datagrams it had

@@ -28,9 +28,9 @@ struct Place {
 };
 
 /// Each group has a socket of its own, bound to the group and joined on its interface, so that the kernel
-/// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, but
-/// where it falls behind by more than a thousand datagrams of a group. A wall clock that is set meanwhile
-/// does not touch them.
+/// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, also
+/// where it is held up for a while: then what is ahead waits for the group that is behind. A wall clock that
+/// is set meanwhile does not touch them.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
 /// for which memory runs out. Memory: the writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a
@@ -109,7 +109,7 @@ private:
     void run();
     void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
     void sort() REQUIRES(m_mutex);
-    void drain(Socket& socket) REQUIRES(m_mutex);
+    bool drain(Socket& socket) REQUIRES(m_mutex);
     std::size_t receive(Socket& socket) REQUIRES(m_mutex);
     void countDrops(Socket& socket) REQUIRES(m_mutex);
     void drop(std::size_t interface, std::uint64_t count) REQUIRES(m_mutex);
@@ -132,6 +132,7 @@ private:
     std::string m_interfaceBlocks GUARDED_BY(m_mutex);
     std::vector<char> m_buffer GUARDED_BY(m_mutex);
     std::deque<Waiting> m_waiting GUARDED_BY(m_mutex); // by time
+    Time m_complete GUARDED_BY(m_mutex) = Time::max(); // up to then all has come out of its socket
     Chunk m_chunk GUARDED_BY(m_mutex);
     Counts m_inChunk GUARDED_BY(m_mutex);
     std::uint64_t m_tcpInChunk GUARDED_BY(m_mutex) = 0;         // pieces
