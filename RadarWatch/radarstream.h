@@ -50,7 +50,7 @@ struct StreamEvent {
     enum class Kind {
         Started, ///< it listens at endpoint, on interface
         Moved,   ///< it listens there now
-        Silent,  ///< nothing comes any more, while the radar still announces itself
+        Silent,  ///< nothing comes, nor waits, any more, while the radar still announces itself
         Resumed, ///< something comes again
         Stopped, ///< it does not listen any more, until the radar is back
         Refused, ///< it cannot listen there: error; tried again every second, and told once
@@ -61,7 +61,7 @@ struct StreamEvent {
         Endpoint,     ///< Moved: the radar has other endpoints
         Interface,    ///< Moved: the interface is another one, also one of the same name
         LocalAddress, ///< Moved: it changed; Stopped: there is none any more
-        RadarLeft,    ///< Stopped: it is not listed, and nothing has come for two seconds
+        RadarLeft,    ///< Stopped: it is not listed, and nothing was taken for two seconds
         NoEndpoint,   ///< Stopped: it announces none for this channel
         SwitchForgot, ///< Resumed: just after the group was left and joined again, so a switch had forgotten
                       ///< it

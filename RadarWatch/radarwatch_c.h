@@ -237,7 +237,7 @@ typedef struct radar_datagram {
 enum radar_stream_event_kind {
     RADAR_STREAM_STARTED, ///< it listens at endpoint, on the interface
     RADAR_STREAM_MOVED,   ///< it listens there now
-    RADAR_STREAM_SILENT,  ///< nothing comes any more, while the radar still announces itself
+    RADAR_STREAM_SILENT,  ///< nothing comes, nor waits, any more, while the radar still announces itself
     RADAR_STREAM_RESUMED, ///< something comes again
     RADAR_STREAM_STOPPED, ///< it does not listen any more, until the radar is back
     RADAR_STREAM_REFUSED  ///< it cannot listen there: error; tried again every second, and told once
@@ -249,7 +249,7 @@ enum radar_why {
     RADAR_WHY_ENDPOINT,      ///< moved: the radar has other endpoints
     RADAR_WHY_INTERFACE,     ///< moved: the interface is another one, also one of the same name
     RADAR_WHY_LOCAL_ADDRESS, ///< moved: it changed; stopped: there is none any more
-    RADAR_WHY_RADAR_LEFT,    ///< stopped: it is not listed, and nothing has come for two seconds
+    RADAR_WHY_RADAR_LEFT,    ///< stopped: it is not listed, and nothing was taken for two seconds
     RADAR_WHY_NO_ENDPOINT,   ///< stopped: it announces none for this channel
     RADAR_WHY_SWITCH_FORGOT, ///< resumed: just after the group was left and joined again
     RADAR_WHY_OTHERS_JOINED  ///< silent: others on this computer are in the group, so it was not left

@@ -109,19 +109,21 @@ StreamFollower::Act StreamFollower::step(Time now, const Arrivals& arrivals) {
     m_events.reserve(m_events.size() + kMostEvents);
     noteArrivals(now, arrivals);
     const bool stoodStill = now - std::exchange(m_lastStep, now) > kStandstill;
+    if (stoodStill)
+        m_standstill = now;
     if (arrivals.waiting || stoodStill)
         m_late = now;
     if (m_target && (!m_open || !isSame(*m_open, *m_target)))
         return Act::Open;
-    const nanoseconds silence = now - std::max(m_since, m_late);
-    if (!m_target) { // datagrams that still come say more than announcements that do not
-        if (silence < kShortestSilence)
+    if (!m_target) { // datagrams that are still taken say more than announcements that do not come
+        if (now - std::max(m_since, m_standstill) < kShortestSilence)
             return Act::None;
         if (m_open)
             return Act::Close;
         closed(); // since it was refused, or lost
         return Act::None;
     }
+    const nanoseconds silence = now - std::max(m_since, m_late);
     if (m_flow == Flow::Flowing && silence >= silenceThreshold()) {
         m_flow = Flow::Silent;
         tell(Kind::Silent, Why::None, *m_open);

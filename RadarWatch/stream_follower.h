@@ -52,7 +52,8 @@ struct Arrivals {
 /// Once there was data, two seconds without, or three times the longest usual gap, are a silence. If the
 /// radar still announces itself then, a switch may have forgotten the group, so it is left and joined: a
 /// second later, and 10 s, 1 min, and every further 10 min from the beginning of the silence. While datagrams
-/// wait for a reader, or this program stood still, it is nobody's silence.
+/// wait for a reader, or this program stood still, it is nobody's silence. A radar that does not announce
+/// itself any more is followed as long as somebody takes what it sends.
 class StreamFollower {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -94,7 +95,8 @@ private:
     std::optional<Target> m_refusedAt; // the last that was told of, until it listens again, or Stopped
     Time m_since;                      // the last datagram, or the opening
     Time m_lastStep;
-    Time m_late; // the last step that came late itself, or found datagrams waiting
+    Time m_standstill; // the last step that came late itself
+    Time m_late;       // the same, or the last that found datagrams waiting
 
     Flow m_flow = Flow::Waiting;
     std::uint64_t m_count = 0;

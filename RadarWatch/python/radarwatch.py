@@ -470,7 +470,7 @@ class Why(enum.Enum):
     LOCAL_ADDRESS = 3
     """Moved: it changed; Stopped: there is none any more."""
     RADAR_LEFT = 4
-    """Stopped: it is not listed, and nothing has come for two seconds."""
+    """Stopped: it is not listed, and nothing was taken for two seconds."""
     NO_ENDPOINT = 5
     """Stopped: it announces none for this channel."""
     SWITCH_FORGOT = 6
@@ -500,7 +500,7 @@ class Moved:
 
 @dataclass(frozen=True)
 class Silent:
-    """Nothing comes any more, while the radar still announces itself. `others`: sockets, of Why.OTHERS_JOINED."""
+    """Nothing comes, nor waits, any more, while the radar still announces itself. `others`: sockets, of Why.OTHERS_JOINED."""
 
     why: Why
     others: int

@@ -130,6 +130,11 @@ TEST(StreamFollower, StaysWithARadarThatIsNotListedAsLongAsItSends) {
     script.aim(target()).sends(2).radarLeaves().sends(10).aim(target()).sends(2);
     script.radarLeaves().isSilent(5).aim(target()).isSilent(1);
     EXPECT_THAT(script.takeLog(), ElementsAre("1 Started", "16 Stopped RadarLeft", "20 Started"));
+    EXPECT_THAT(Script().aim(target()).sends(2).radarLeaves().isNotRead(5).takeLog(),
+                ElementsAre("1 Started", "4 Stopped RadarLeft"))
+        << "what waits may be old";
+    EXPECT_THAT(Script().aim(target()).sends(2).radarLeaves().standsStill(5).sends(2).takeLog(),
+                ElementsAre("1 Started"));
 }
 
 TEST(StreamFollower, TellsARefusalOnceAsksAgainAndSaysWhatBecameOfIt) {
