@@ -173,6 +173,8 @@ void Recorder::run() {
                 handed = now;
             }
         });
+        if (m_ranOut.exchange(false)) // without the lock: the terminal may stand still
+            sockets::reportOutOfMemory("recording: a datagram");
         if (count > 0 && !ending)
             std::this_thread::sleep_for(kPace);
     }
@@ -274,7 +276,7 @@ void Recorder::drop(std::size_t interface, std::uint64_t count) {
 }
 
 void Recorder::dropForWantOfMemory(std::size_t interface) {
-    sockets::reportOutOfMemory("recording: a datagram");
+    m_ranOut = true;
     drop(interface, 1);
 }
 

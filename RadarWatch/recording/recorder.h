@@ -9,6 +9,7 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <compare>
 #include <deque>
 #include <map>
@@ -138,6 +139,7 @@ private:
     std::uint64_t m_tcpInChunk GUARDED_BY(m_mutex) = 0;         // pieces
     std::vector<std::uint64_t> m_inChunkOf GUARDED_BY(m_mutex); // datagrams by interface
     Counts m_counts GUARDED_BY(m_mutex);
+    std::atomic<bool> m_ranOut = false;                // memory, which is still to be said
     std::string m_comments GUARDED_BY(m_mutex);        // for the next datagram
     std::string m_commentsInChunk GUARDED_BY(m_mutex); // lost with it, otherwise
     Writer m_writer;                                   // ends before what it asks for its last words
