@@ -19,7 +19,8 @@
 
 namespace {
 
-std::atomic<int> s_behind = 0; // seconds that the wall clock was set back, beside the steady one
+std::atomic<int> s_behind = 0;  // seconds that the wall clock was set back, beside the steady one
+std::atomic<int> s_toSleep = 0; // seconds by which the others are behind until the machine has slept
 
 } // namespace
 
@@ -32,6 +33,8 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 #endif
     if (clock == CLOCK_MONOTONIC_COARSE)
         time->tv_sec += s_behind;
+    if (clock == CLOCK_BOOTTIME || clock == CLOCK_REALTIME_COARSE)
+        time->tv_sec -= s_toSleep;
     return static_cast<int>(result);
 }
 
@@ -272,22 +275,30 @@ TEST_F(Recording, OfARingEndsWithAWholeFileWhereMemoryRunsOut) {
     }
 }
 
-TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSet) {
+TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSetAndTheMachineSleeps) {
+    const struct Clocks {
+        ~Clocks() { s_behind = s_toSleep = 0; }
+    } asTheyWere;
     const auto source = imageSender();
     const lab::Inside inside = m_lan.node("display").enter();
+    s_toSleep = 600;
     radar::recording::Recorder recorder({path("file"), "a test"}, [] {});
     ASSERT_TRUE(recorder.listenTo({{"eth0", imageOf(20).ip, imageOf(20).port}}).empty());
-    for (const std::uint64_t number : {1U, 2U}) {
+    for (const std::uint64_t number : {1U, 2U, 3U}) {
         source->sendData("x", 1);
         EXPECT_TRUE(comesTrue([&] { return recorder.counts().datagrams == number; }));
-        s_behind = 60;
+        (number == 1 ? s_behind : s_toSleep) = number == 1 ? 60 : 0;
     }
+    const Time now = recorder.now(); // which s_behind does not touch
     recorder.finish();
-    Reader reader(path("file"));
-    const auto first = reader.next()->time;
-    const auto between = reader.next()->time - first;
-    EXPECT_GT(between, 60s);
-    EXPECT_LT(between, 80s);
+    std::vector<Time> times;
+    for (Reader reader(path("file")); const auto datagram = reader.next();)
+        times.push_back(datagram->time);
+    ASSERT_EQ(times.size(), 3U);
+    const auto isAbout = [](Time time) { return AllOf(testing::Gt(time - 1s), testing::Lt(time + 20s)); };
+    EXPECT_THAT(times[1] - times[0], isAbout(60s));
+    EXPECT_THAT(times[2] - times[1], isAbout(600s));
+    EXPECT_THAT(now - times[0], isAbout(600s));
 }
 
 TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {

@@ -221,7 +221,7 @@ private:
             any = true;
             const bool isOther = !event->radar.name.empty() && !isWanted(event->radar);
             if (const std::string text = commentOf(*event); !text.empty() && !isOther)
-                m_recorder.comment(timeText(wallClock()) + " " + text);
+                m_recorder.comment(timeText(m_recorder.now()) + " " + text);
         }
         return any;
     }

@@ -35,6 +35,10 @@ constexpr int kBatchesOfOne = 16;             // batches of one socket before th
 constexpr std::size_t kGroups = 1024;         // that may have something at once; a full plan has hundreds
 constexpr std::uint64_t kEnd = 0;             // the number of m_ending beside those of the sockets
 
+Time wallClock() {
+    return std::chrono::duration_cast<Time>(std::chrono::system_clock::now().time_since_epoch());
+}
+
 Time stampOf(const msghdr& message) {
     msghdr header = message;
     for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item))
@@ -47,10 +51,6 @@ Time stampOf(const msghdr& message) {
 }
 
 } // namespace
-
-Time wallClock() {
-    return std::chrono::duration_cast<Time>(std::chrono::system_clock::now().time_since_epoch());
-}
 
 Recorder::Recorder(Writer::Options options, std::function<void()> failed)
     : m_ready(::epoll_create1(EPOLL_CLOEXEC)), m_ending(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
@@ -132,8 +132,23 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
     return refused;
 }
 
+Time Recorder::now() {
+    sockets::Lock lock(m_mutex);
+    return timeOfNow();
+}
+
 Time Recorder::timeOf(Steady::time_point moment) const {
     return m_start.wall + (moment - m_start.steady);
+}
+
+Time Recorder::timeOfNow() {
+    return timeOf(Steady::now() + asleep());
+}
+
+/// How long the machine has slept since the start.
+std::chrono::nanoseconds Recorder::asleep() {
+    m_asleep = std::max(m_asleep, sockets::timeAsleep());
+    return m_asleep - m_asleepBefore;
 }
 
 void Recorder::comment(const std::string& text) {
@@ -143,7 +158,7 @@ void Recorder::comment(const std::string& text) {
 
 void Recorder::takeTcp(const NetAddress& peer, std::string_view bytes) {
     sockets::Lock lock(m_mutex);
-    appendTcpBlock(m_chunk.blocks, {timeOf(Steady::now()), peer, {}, bytes});
+    appendTcpBlock(m_chunk.blocks, {timeOfNow(), peer, {}, bytes});
     ++m_tcpInChunk;
     if (m_chunk.blocks.size() >= kChunk)
         hand();
@@ -240,7 +255,8 @@ std::size_t Recorder::receive(Socket& socket) {
     if (count <= 0)
         return 0; // nothing there, or an interface that went down, which listenTo() looks after
     const auto now = Steady::now();
-    const auto clocks = sockets::Clocks::now();
+    auto clocks = sockets::Clocks::now();
+    clocks.steady += asleep();
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
         try {
             socket.last = sockets::steadyArrival(stampOf(messages[i].msg_hdr), clocks, socket.last);
@@ -349,9 +365,10 @@ Chunk Recorder::closing() {
     for (auto& [number, socket] : m_sockets)
         countDrops(socket);
     Chunk chunk{m_interfaceBlocks, {}};
+    const Time now = timeOfNow();
     for (std::size_t i = 0; i < m_interfaces.size(); ++i)
-        appendStatisticsBlock(chunk.blocks, static_cast<std::uint32_t>(i), timeOf(Steady::now()),
-                              m_interfaces[i].statistics, i + 1 == m_interfaces.size() ? m_comments : "");
+        appendStatisticsBlock(chunk.blocks, static_cast<std::uint32_t>(i), now, m_interfaces[i].statistics,
+                              i + 1 == m_interfaces.size() ? m_comments : "");
     return chunk;
 }
 

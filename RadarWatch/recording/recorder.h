@@ -31,7 +31,7 @@ struct Place {
 /// Each group has a socket of its own, bound to the group and joined on its interface, so that the kernel
 /// filters, and needs no privileges. Times are the kernel's, and what comes is recorded in their order, also
 /// where it is held up for a while: then what is ahead waits for the group that is behind. A wall clock that
-/// is set meanwhile does not touch them.
+/// is set meanwhile does not touch them, and while the machine sleeps they go on.
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
 /// for which memory runs out. Memory: the writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a
@@ -67,6 +67,9 @@ public:
     /// A line for people, put on the next datagram that is recorded.
     void comment(const std::string& text);
 
+    /// The time that what comes now is given.
+    Time now();
+
     /// Bytes that came on a TCP connection.
     void takeTcp(const NetAddress& peer, std::string_view bytes);
 
@@ -88,7 +91,7 @@ private:
         NetAddress group{};
         std::size_t interface = 0;                  // in m_interfaces
         Device device;                              // when the group was joined
-        std::chrono::steady_clock::time_point last; // arrival
+        std::chrono::steady_clock::time_point last; // arrival, which counts asleep()
         std::uint32_t dropped = 0;                  // by the system, as far as it is counted
     };
     struct Interface {
@@ -105,7 +108,9 @@ private:
     };
     static constexpr std::size_t kBatch = 64; // datagrams of one system call
 
-    Time timeOf(std::chrono::steady_clock::time_point moment) const;
+    Time timeOf(std::chrono::steady_clock::time_point moment) const; // that counts asleep()
+    Time timeOfNow() REQUIRES(m_mutex);
+    std::chrono::nanoseconds asleep() REQUIRES(m_mutex);
     std::size_t interfaceNumber(const std::string& name) REQUIRES(m_mutex);
     void run();
     void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
@@ -121,11 +126,13 @@ private:
     Chunk closing();
 
     const net::detail::Clocks m_start = net::detail::Clocks::now();
+    const std::chrono::nanoseconds m_asleepBefore = net::detail::timeAsleep();
     const std::shared_ptr<net::detail::LinkHistory> m_links = net::detail::LinkHistory::ofThisNetwork();
     net::detail::Descriptor m_ready;  // epoll
     net::detail::Descriptor m_ending; // eventfd
 
     net::detail::Mutex m_mutex;
+    std::chrono::nanoseconds m_asleep GUARDED_BY(m_mutex) = m_asleepBefore;
     std::map<Place, std::uint64_t> m_places GUARDED_BY(m_mutex); // number of the socket
     std::map<std::uint64_t, Socket> m_sockets GUARDED_BY(m_mutex);
     std::uint64_t m_lastSocket GUARDED_BY(m_mutex) = 0;
@@ -145,8 +152,5 @@ private:
     Writer m_writer;                                   // ends before what it asks for its last words
     std::thread m_thread;
 };
-
-/// The wall clock, now.
-Time wallClock();
 
 } // namespace radar::recording

@@ -51,6 +51,11 @@ Clocks Clocks::now() {
     return clocks;
 }
 
+std::chrono::nanoseconds timeAsleep() {
+    const std::int64_t sinceStart = nanoseconds(CLOCK_BOOTTIME); // read first
+    return std::chrono::nanoseconds(sinceStart - nanoseconds(CLOCK_MONOTONIC));
+}
+
 Steady::time_point steadyArrival(std::chrono::nanoseconds stamp, const Clocks& clocks,
                                  Steady::time_point earliest) {
     const Steady::time_point arrival = clocks.steady - (clocks.wall - stamp);

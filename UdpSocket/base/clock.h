@@ -22,6 +22,10 @@ struct Clocks {
     static Clocks now();
 };
 
+/// How long the machine has slept since it was started, which the steady clock leaves out; a little less
+/// where the thread is held up meanwhile, never more.
+std::chrono::nanoseconds timeAsleep();
+
 /// When a datagram arrived by the steady clock, whatever was done to the wall clock by which the system
 /// stamped it. @param stamp of the wall clock @param clocks read after that @param earliest of the result
 std::chrono::steady_clock::time_point steadyArrival(std::chrono::nanoseconds stamp, const Clocks& clocks,
