@@ -28,9 +28,11 @@ __attribute__((visibility("default"))) Recording openRecording(const std::string
 /// Its radars are there from the first moment, where they announced themselves in its first two seconds.
 /// It stands at that moment until as many streams listen as were asked for, so that none misses anything;
 /// then all comes in the recorded order and, but for their arrival, which is the recorded one, as if it came
-/// now. What a stream has no room for waits until the stream takes it, and all else with it; a stream that
-/// takes nothing for a second loses what it has no room for, until it takes something again. At the end the
-/// radars are silent, and leave. What is sent to them goes nowhere; TCP services are refused.
+/// now. Where a clock was set back between two datagrams, the second and all behind it have later arrivals
+/// than the file, so that they follow each other. What a stream has no room for waits until the stream takes
+/// it, and all else with it; a stream that takes nothing for a second loses what it has no room for, until it
+/// takes something again. At the end the radars are silent, and leave. What is sent to them goes nowhere; TCP
+/// services are refused.
 ///
 /// A value: copies mean the same recording, whose local address is lost with the last of them.
 ///

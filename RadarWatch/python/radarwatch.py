@@ -875,9 +875,10 @@ class Recording(_Object):
     without a network, for a Watch with this local_address and for Streams on that.
 
     The radars that announce themselves in its first two seconds are there from the first moment. It stands at that
-    moment until as many Streams listen as were asked for. Then everything comes in the recorded order, with the recorded
-    arrival. What a Stream has no room for waits until it is taken, and all else with it; a Stream that takes nothing for
-    a second loses what it has no room for. What is sent to the radars goes nowhere.
+    moment until as many Streams listen as were asked for. Then everything comes in the recorded order, with the
+    recorded arrival, a later one behind a clock that was set back, so that arrivals follow each other. What a Stream
+    has no room for waits until it is taken, and all else with it; a Stream that takes nothing for a second loses what
+    it has no room for. What is sent to the radars goes nowhere.
     """
 
     def __init__(self, path: Union[str, "os.PathLike[str]"], speed: float = 1, streams: int = 1) -> None:
