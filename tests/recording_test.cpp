@@ -219,6 +219,12 @@ TEST_F(RecordingFile, NeverMakesAWriterWait) {
     writer.finish();
     EXPECT_EQ(writer.bytes(), wanted.size());
     EXPECT_FALSE(writer.failure());
+    Writer unread(
+        {path(), "a test", 0, 0, 1 << 20}, [] { return Chunk(); }, [] {});
+    while (unread.give(chunk))
+        chunk = each;
+    unread.finish();
+    EXPECT_EQ(unread.failure(), std::errc::timed_out);
 }
 
 TEST_F(RecordingFile, OfARingIsWholeAndTheOldOnesGo) {

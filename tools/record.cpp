@@ -12,6 +12,7 @@
 #include <UdpSocket/tcpsocket.h>
 #include <UdpSocket/udpsocket.h>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -161,14 +162,30 @@ void allowDescriptors() {
     ::setrlimit(RLIMIT_NOFILE, &limit); // refused: what cannot be heard is said
 }
 
+/// Of a FIFO, which cannot be opened to write while nobody reads it; other files are left closed.
+/// @throws Failure when stopped meanwhile
+net::detail::Descriptor awaitReader(const Options& options, Loop& loop) {
+    struct stat file {};
+    while (options.rotateAt == 0 && ::stat(options.file.c_str(), &file) == 0 && S_ISFIFO(file.st_mode)) {
+        net::detail::Descriptor fifo(::open(options.file.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        if (fifo.isOpen() || errno != ENXIO)
+            return fifo;
+        if (loop.wait(100ms) == Loop::Event::Stop)
+            throw Failure(kNothingFound, "stopped before anybody read " + printable(options.file));
+    }
+    return {};
+}
+
 class Record {
 public:
     Record(const Options& options, Output& output)
         : m_options(options), m_output(output),
           m_watch(radar::Watch::Options{checkedLocalAddress(options.local)}),
+          m_reader(awaitReader(options, m_loop)),
           m_recorder({options.file, std::string("radarctl ") + UDPSOCKET_VERSION, options.rotateAt,
                       static_cast<std::size_t>(options.keep), kQueue},
                      [this] { m_loop.wake(); }) {
+        m_reader.reset();
         m_loop.watch(m_watch.descriptor());
     }
 
@@ -334,7 +351,8 @@ private:
     Output& m_output;
     Loop m_loop; // before anything that starts threads
     radar::Watch m_watch;
-    Recorder m_recorder; // makes the file, when nothing else is refused any more
+    net::detail::Descriptor m_reader; // keeps a FIFO's until the recorder has it
+    Recorder m_recorder;              // makes the file, when nothing else is refused any more
     std::map<Contents::Key, std::unique_ptr<Tap>> m_taps;
     std::set<Place> m_refused; // that was told of
     std::set<std::string> m_unheard{m_options.names.begin(), m_options.names.end()};

@@ -3,6 +3,7 @@
 #include <UdpSocket/base/thread.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -118,7 +119,8 @@ void Writer::open() {
     m_ring.push_back(isRing ? numbered(m_options.path, ++m_number) : m_options.path);
     if (hasContent(m_ring.back()))
         return fail(EEXIST);
-    m_file = net::detail::Descriptor(::open(m_ring.back().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    m_file = net::detail::Descriptor(
+        ::open(m_ring.back().c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!m_file.isOpen())
         return fail(errno);
     m_size = 0;
@@ -151,6 +153,21 @@ bool Writer::append(const Chunk& chunk) {
     return write(chunk.blocks);
 }
 
+/// @return false when nobody takes anything for a second and the recording is to end (errno)
+bool Writer::waitForReader() {
+    constexpr int kPatience = 1000; // ms
+    pollfd reader{m_file.get(), POLLOUT, 0};
+    for (bool mayWait = true; ::poll(&reader, 1, kPatience) <= 0;) {
+        if (!mayWait) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        const net::detail::Lock lock(m_mutex);
+        mayWait = m_isRunning && !m_ending;
+    }
+    return true;
+}
+
 /// What does not fit is cut behind its last whole block.
 bool Writer::write(std::string_view blocks) {
     std::size_t done = 0;
@@ -158,11 +175,13 @@ bool Writer::write(std::string_view blocks) {
         const ssize_t count = ::write(m_file.get(), blocks.data() + done, blocks.size() - done);
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
-        } else if (errno != EINTR) {
+        } else if (errno != EINTR && (errno != EAGAIN || !waitForReader())) {
             const int error = errno;
             done = wholeBlocks(blocks.substr(0, done));
             if (::ftruncate(m_file.get(), static_cast<off_t>(m_size + done)) == 0)
                 ::lseek(m_file.get(), static_cast<off_t>(m_size + done), SEEK_SET);
+            else
+                m_file.reset(); // nothing follows half a block
             fail(error);
             break;
         }

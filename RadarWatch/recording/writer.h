@@ -43,7 +43,7 @@ public:
 
     /// @param closing composes what ends a file; called on the writing thread, without a lock
     /// @param failed  called once, on the writing thread, when nothing is written any more
-    /// @throws std::system_error
+    /// @throws std::system_error, with ENXIO for a FIFO that nobody reads
     Writer(Options options, std::function<Chunk()> closing, std::function<void()> failed);
     ~Writer() { finish(); }
     Writer(const Writer&) = delete;
@@ -53,7 +53,8 @@ public:
     /// Never waits for the file. @return whether it took them
     bool give(Chunk& chunk);
 
-    /// Writes what waits, and ends. A second call does nothing.
+    /// Writes what waits, and ends; gives up where a FIFO's reader takes nothing for a second (ETIMEDOUT). A
+    /// second call does nothing.
     void finish();
 
     /// Why nothing is written any more.
@@ -67,6 +68,7 @@ private:
     void open();
     void run();
     bool write(std::string_view blocks);
+    bool waitForReader();
     bool writeChunk(const Chunk& chunk);
     bool append(const Chunk& chunk);
     void close();
