@@ -1,10 +1,13 @@
 #include "radarctl_fixture.h"
 
 #include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <set>
 
 namespace {
@@ -235,6 +238,13 @@ TEST_F(Radarctl, EveryCommandEndsAtOnceOnASignal) {
     }
 }
 
+/// Whether it takes that signal as an event by now.
+bool hasBlocked(const lab::Process& tool, int number) {
+    std::ifstream file("/proc/" + std::to_string(tool.pid()) + "/status");
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    return (std::stoul(text.substr(text.find("SigBlk:") + 7), nullptr, 16) >> (number - 1) & 1) == 1;
+}
+
 TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
     const std::string full = m_profile.path() / "full";
     EXPECT_EQ(runOn("host1", {"mkfifo", full}).status, 0);
@@ -242,12 +252,46 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
     const std::string page(4096, ' ');
     while (::write(fifo.get(), page.data(), page.size()) > 0)
         continue;
-    lab::Process host = m_lan.node("host1").start({.command = radarctl({"host", "--name", "North"}),
-                                                   .outputFile = full,
-                                                   .errorFile = m_profile.path() / "errors"});
-    EXPECT_TRUE(comesTrue([&] { return run({"list"}).output.find("North") != std::string::npos; }, 30s));
-    host.signal(SIGTERM); // while it says that it serves
-    EXPECT_EQ(host.wait(15s), 0);
+    const std::string errors = m_profile.path() / "errors";
+    const std::string unread = m_profile.path() / "unread";
+    EXPECT_EQ(runOn("host1", {"mkfifo", unread}).status, 0);
+    EXPECT_EQ(runOn("host1", {"ip", "address", "flush", "scope", "global"}).status, 0); // says that it waits
+    const struct {
+        const char* node;
+        lab::Process::Plan plan;
+        int status;
+    } cases[] = {{"host1", {radarctl({"host", "--name", "North"}), errors, full}, 0},
+                 {"display", {radarctl({"record", "-o", m_profile.path() / "voyage"}), full, errors}, 0},
+                 {"display", {radarctl({"record", "-o", unread}), errors, errors}, 1}};
+    for (const auto& [node, plan, status] : cases) {
+        lab::Process tool = m_lan.node(node).start(plan);
+        ASSERT_TRUE(comesTrue([&] { return hasBlocked(tool, SIGTERM); }));
+        tool.signal(SIGTERM);
+        EXPECT_EQ(tool.wait(15s), status) << testing::PrintToString(plan.command);
+    }
+}
+
+TEST_F(Radarctl, WatchEndsOnASignalAndGivesTheTerminalBackWhereNobodyReadsIt) {
+    std::size_t capacity = std::numeric_limits<std::size_t>::max();
+    for (const std::size_t room : {0U, 60U}) { // for nothing, for less than a picture
+        const net::detail::Descriptor reader(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+        ASSERT_EQ(::unlockpt(reader.get()), 0);
+        const std::string path = ::ptsname(reader.get());
+        const net::detail::Descriptor terminal(
+            ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        std::size_t filled = 0;
+        while (filled + room < capacity && ::write(terminal.get(), " ", 1) == 1)
+            ++filled;
+        capacity = filled;
+        lab::Process watch = m_lan.node("display").start(
+            {.command = {"sh", "-c", "TERM=vt100 exec " RADARCTL " watch <" + path + " >" + path}});
+        ASSERT_TRUE(comesTrue([&] { return hasBlocked(watch, SIGTERM); }));
+        watch.signal(SIGTERM);
+        EXPECT_EQ(watch.wait(15s), 0) << room;
+        termios keys{};
+        EXPECT_EQ(::tcgetattr(terminal.get(), &keys), 0);
+        EXPECT_NE(keys.c_lflag & ECHO, 0U) << room;
+    }
 }
 
 TEST_F(Radarctl, HostHearsAResetAndGoesOnWhereItIgnoresASignal) {

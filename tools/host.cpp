@@ -20,7 +20,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -112,9 +111,9 @@ bool hasAddress() {
 bool waitForNetwork(Loop& loop, ServiceManager& manager) {
     for (bool said = false; !hasAddress() || !canReachGroups(); said = true) {
         if (!said) {
-            const char* text = "waiting for an address and a route to the radars' groups";
-            std::fprintf(stderr, "radarctl: %s; as root: ip route add 236.6.0.0/16 dev INTERFACE\n", text);
-            manager.tell(std::string("STATUS=") + text);
+            const std::string text = "waiting for an address and a route to the radars' groups";
+            manager.tell("STATUS=" + text);
+            tell("radarctl: " + text + "; as root: ip route add 236.6.0.0/16 dev INTERFACE\n");
         }
         if (loop.wait(kNetworkLook) == Loop::Event::Stop)
             return false;

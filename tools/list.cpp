@@ -30,7 +30,7 @@ void print(const std::vector<radar::Radar>& radars, const std::string& interface
                 output.write(text + "\n");
     }
     for (const std::string& note : sharedIdNotes(shared, columns))
-        std::fprintf(stderr, "%s\n", note.c_str());
+        tell(note + "\n");
 }
 
 void printJson(const std::vector<radar::Radar>& radars, const radar::LocalAddress& local,
@@ -68,11 +68,12 @@ int list(const Options& options, Output& output) {
         throw Failure(kNothingFound, "stopped before a radar was found");
     const unsigned int wanted = localAddress(options.search.local);
     const std::string only = wanted != 0 ? net::localIfaName(wanted) : "";
-    std::fprintf(stderr, "radarctl: no radar found within %g s%s\n", options.search.timeout,
-                 leftOut(only, local.address).c_str());
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g s", options.search.timeout);
+    tell(std::string("radarctl: no radar found within ") + seconds + leftOut(only, local.address) + "\n");
     if (const auto cause = doctor::likelyCause(only, search.loop()))
-        std::fprintf(stderr, "radarctl: most likely: %s\n", printable(*cause).c_str());
-    std::fprintf(stderr, "radarctl: radarctl doctor looks closer\n");
+        tell("radarctl: most likely: " + printable(*cause) + "\n");
+    tell("radarctl: radarctl doctor looks closer\n");
     return kNothingFound;
 }
 

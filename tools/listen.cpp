@@ -317,9 +317,9 @@ int listen(const Options& options, Output& output) {
     const radar::Radar radar = search.find(options.name);
     const RadarEndpoint endpoint = chosenEndpoint(radar, options);
     const std::string name = printable(radar.name);
-    std::fprintf(stderr, "radarctl: listening to %s of %s, stream %d: %s on %s; Ctrl-C ends\n",
-                 options.endpoint.c_str(), name.c_str(), options.stream, endpointText(endpoint).c_str(),
-                 printable(search.watch().localAddress().interface).c_str());
+    tell("radarctl: listening to " + options.endpoint + " of " + name + ", stream " +
+         std::to_string(options.stream) + ": " + endpointText(endpoint) + " on " +
+         printable(search.watch().localAddress().interface) + "; Ctrl-C ends\n");
     radar::StreamOptions streamOptions;
     streamOptions.number = options.stream;
     streamOptions.sequence = sequenceOf(options.sequence);
@@ -351,12 +351,12 @@ int listen(const Options& options, Output& output) {
         total.add(second);
         for (const StreamEvent& event : second.events)
             if (!std::exchange(saidWhere, false) || event.kind != StreamEvent::Kind::Started)
-                std::fprintf(stderr, "radarctl: %s\n", sentence(event, name).c_str());
+                tell("radarctl: " + sentence(event, name) + "\n");
         const Losses losses(before, statistics);
         output.write(options.json ? jsonText(toJson(second, losses, hasSequence, false), true)
                                   : line(second, losses, std::to_string(seconds)) + "\n");
         if (total.datagrams == 0 && (seconds >= kSilentSeconds || ends) && !std::exchange(saidSilent, true))
-            std::fprintf(stderr, "radarctl: nothing arrives; radarctl doctor looks for the reason\n");
+            tell("radarctl: nothing arrives; radarctl doctor looks for the reason\n");
     }
     const Losses losses({}, statistics);
     if (options.json) {

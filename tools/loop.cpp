@@ -64,6 +64,7 @@ Loop::Event Loop::wait(std::chrono::nanoseconds timeout) {
         case SIGCONT:
             return Event::Resume;
         default:
+            ::raise(static_cast<int>(signal.ssi_signo)); // stays, for what is still to be written
             return Event::Stop;
         }
     if (sources[1].revents != 0)

@@ -28,7 +28,8 @@ public:
     /// From here on wait() returns Wake, too, while this descriptor, not owned, is readable.
     void watch(int descriptor);
 
-    /// Waits for the next event; a negative @p timeout waits for ever.
+    /// Waits for the next event; a negative @p timeout waits for ever. After Stop there is no other: the
+    /// signal stays pending, which keeps Output from waiting for a reader that stands.
     Event wait(std::chrono::nanoseconds timeout);
     /// Makes wait() return Wake. Any thread.
     void wake();

@@ -80,16 +80,16 @@ int main(int argc, char** argv) {
     } catch (const ReaderGone&) {
         return kFound;
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "radarctl: %s\n", failure.what());
+        tell(std::string("radarctl: ") + failure.what() + "\n");
         return failure.code;
     } catch (const std::system_error& error) {
-        std::fprintf(stderr, "radarctl: %s\n", error.what());
+        tell(std::string("radarctl: ") + error.what() + "\n");
         return isShortage(error.code()) ? kShortage : kNotAllowed;
     } catch (const std::bad_alloc&) {
-        std::fputs("radarctl: out of memory\n", stderr);
+        std::fputs("radarctl: out of memory\n", stderr); // allocates nothing
         return kShortage;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "radarctl: %s\n", error.what());
+        tell(std::string("radarctl: ") + error.what() + "\n");
         return kNotAllowed;
     }
 }

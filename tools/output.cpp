@@ -26,12 +26,57 @@ bool wantsColor(const std::string& color, int descriptor) {
     return (noColor == nullptr || *noColor == '\0') && canMoveCursor(descriptor);
 }
 
-net::detail::Descriptor openStops() {
-    sigset_t stops;
-    sigemptyset(&stops);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        sigaddset(&stops, number);
-    return net::detail::Descriptor(::signalfd(-1, &stops, SFD_CLOEXEC));
+/// Readable when a Loop has a signal to end, which it leaves there.
+int stops() {
+    static const net::detail::Descriptor descriptor([] {
+        sigset_t stops;
+        sigemptyset(&stops);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            sigaddset(&stops, number);
+        return ::signalfd(-1, &stops, SFD_CLOEXEC);
+    }());
+    return descriptor.get();
+}
+
+/// A copy of a standard descriptor. Of a terminal it does not block: one is ready also where there is less
+/// room than a write takes.
+net::detail::Descriptor openOwn(int standard) {
+    const std::string path = "/proc/self/fd/" + std::to_string(standard);
+    const int terminal =
+        ::isatty(standard) == 1 ? ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1;
+    return net::detail::Descriptor(terminal != -1 ? terminal : ::fcntl(standard, F_DUPFD_CLOEXEC, 3));
+}
+
+/// Standard error; -1: it was closed from the start.
+int errors() {
+    static const net::detail::Descriptor descriptor = openOwn(STDERR_FILENO);
+    return descriptor.get();
+}
+
+/// @return why not all of it was written, as errno: EPIPE also where nobody takes it when a signal asks to
+///         end; 0: it was
+int writeAll(int descriptor, const std::string& text) {
+    constexpr int kPatience = 1000; // ms, with a reader that is slow
+    constexpr int kPause = 20;      // ms
+    pollfd sources[] = {{stops(), POLLIN, 0}, {descriptor, POLLOUT, 0}};
+    for (std::size_t done = 0; done < text.size();) {
+        while (::poll(sources, std::size(sources), -1) == -1 && errno == EINTR)
+            continue;
+        if (sources[0].revents != 0 && sources[1].revents == 0 && ::poll(sources + 1, 1, kPatience) <= 0)
+            return EPIPE;
+        const auto some =
+            std::min<std::size_t>(text.size() - done, PIPE_BUF); // what a pipe that is ready takes
+        const ssize_t count = ::write(descriptor, text.data() + done, some);
+        if (count >= 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (errno == EAGAIN) { // a terminal with room for half of a line's end, say
+            if (::poll(sources, 1, kPause) > 0)
+                return EPIPE;
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
 }
 
 } // namespace
@@ -41,13 +86,18 @@ bool canMoveCursor(int descriptor) {
     return ::isatty(descriptor) == 1 && (kind == nullptr || std::strcmp(kind, "dumb") != 0);
 }
 
+void tell(const std::string& text) {
+    if (errors() != -1)
+        writeAll(errors(), text);
+}
+
 Output::Output(bool verbose, const std::string& color)
-    : m_descriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), m_stops(openStops()),
-      m_colored(wantsColor(color, m_descriptor.get())) {
+    : m_descriptor(openOwn(STDOUT_FILENO)), m_colored(wantsColor(color, m_descriptor.get())) {
     std::signal(SIGPIPE, SIG_IGN); // write tells
+    errors();                      // before something else takes the number of one that is closed
     const net::detail::Descriptor diagnostics(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
                                                       : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (!m_descriptor.isOpen() || !m_stops.isOpen() || !diagnostics.isOpen() ||
+    if (!m_descriptor.isOpen() || stops() == -1 || !diagnostics.isOpen() ||
         ::dup2(diagnostics.get(), STDOUT_FILENO) == -1) {
         throw Failure(kNothingFound, std::string("standard output: ") + std::strerror(errno));
     }
@@ -72,27 +122,10 @@ std::string Output::styled(Style style, const std::string& text) const {
     return std::string("\x1b[") + codes[static_cast<int>(style)] + "m" + text + "\x1b[0m";
 }
 
-/// @return false when a signal asks to end and there is none
-bool Output::waitForRoom() const {
-    pollfd sources[] = {{m_descriptor.get(), POLLOUT, 0}, {m_stops.get(), POLLIN, 0}};
-    while (::poll(sources, std::size(sources), -1) == -1 && errno == EINTR)
-        continue;
-    return sources[0].revents != 0 || sources[1].revents == 0;
-}
-
 void Output::write(const std::string& text) const {
-    for (std::size_t done = 0; done < text.size();) {
-        if (!waitForRoom())
-            throw ReaderGone();
-        const auto some =
-            std::min<std::size_t>(text.size() - done, PIPE_BUF); // what a pipe that is ready takes
-        const ssize_t count = ::write(m_descriptor.get(), text.data() + done, some);
-        if (count >= 0) {
-            done += static_cast<std::size_t>(count);
-        } else if (errno == EPIPE) {
-            throw ReaderGone();
-        } else if (errno != EINTR && errno != EAGAIN) {
-            throw Failure(kNothingFound, std::string("cannot write the output: ") + std::strerror(errno));
-        }
-    }
+    const int error = writeAll(m_descriptor.get(), text);
+    if (error == EPIPE)
+        throw ReaderGone();
+    if (error != 0)
+        throw Failure(kNothingFound, std::string("cannot write the output: ") + std::strerror(error));
 }

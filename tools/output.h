@@ -12,6 +12,9 @@ struct ReaderGone {};
 /// Whether that is a terminal on which more can be done than to print lines.
 bool canMoveCursor(int descriptor);
 
+/// Writes @p text to standard error, but what nobody takes when a signal asks to end.
+void tell(const std::string& text);
+
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
 /// error or nowhere.
 class Output {
@@ -36,14 +39,11 @@ public:
     /// @p text in that style, where colour is wanted.
     std::string styled(Style style, const std::string& text) const;
 
-    /// Writes all of @p text. A reader that stands has gone when a signal asks to end, which nobody would
-    /// come to take out of a Loop. @throws ReaderGone, Failure
+    /// Writes all of @p text. A reader that stands for a second while a signal asks to end has gone.
+    /// @throws ReaderGone, Failure
     void write(const std::string& text) const;
 
 private:
-    bool waitForRoom() const;
-
-    net::detail::Descriptor m_descriptor; // a copy of the real standard output
-    net::detail::Descriptor m_stops;      // signalfd, readable when a Loop has a signal to end
+    net::detail::Descriptor m_descriptor; // of the real standard output
     bool m_colored;
 };

@@ -1,5 +1,6 @@
 #include "proposal.h"
 
+#include "output.h"
 #include "table.h"
 
 #include <UdpSocket/protocol/announcement.h>
@@ -8,7 +9,6 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <chrono>
-#include <cstdio>
 #include <map>
 #include <mutex>
 #include <random>
@@ -62,8 +62,8 @@ std::uint8_t proposedId(int wanted, Loop& loop) {
     }
     const std::map<int, std::string> holders = announced.holders();
     if (const auto holder = holders.find(wanted); wanted != 0 && holder != holders.end())
-        std::fprintf(stderr, "radarctl: host id %d is announced by %s; proposing it all the same\n", wanted,
-                     holder->second.c_str());
+        tell("radarctl: host id " + std::to_string(wanted) + " is announced by " + holder->second +
+             "; proposing it all the same\n");
     if (wanted != 0)
         return static_cast<std::uint8_t>(wanted);
     protocol::IdDraw draw{std::random_device{}()};

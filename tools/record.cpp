@@ -268,9 +268,9 @@ private:
         for (const Recorder::Refusal& refusal : m_recorder.listenTo(places))
             if (m_refused.size() < kMaxLines && m_refused.insert(refusal.place).second) {
                 m_status.wipe();
-                std::fprintf(stderr, "radarctl: cannot hear %s: %s\n",
-                             endpointText(NetAddress{refusal.place.ip, refusal.place.port}).c_str(),
-                             std::strerror(refusal.error));
+                tell("radarctl: cannot hear " +
+                     endpointText(NetAddress{refusal.place.ip, refusal.place.port}) + ": " +
+                     std::strerror(refusal.error) + "\n");
             }
         std::erase_if(m_taps, [&](const auto& tap) { return !servers.contains(tap.first); });
         for (const auto& [key, server] : servers)
@@ -302,9 +302,9 @@ private:
         for (const radar::Radar& radar : m_watch.radars())
             there.insert(radar.name);
         m_status.wipe();
-        std::fprintf(stderr, "radarctl: not heard: %s; %s\n", inWords(m_unheard).c_str(),
-                     there.empty() ? "no radar is there (see radarctl doctor)"
-                                   : ("there are: " + inWords(there)).c_str());
+        tell("radarctl: not heard: " + inWords(m_unheard) + "; " +
+             (there.empty() ? "no radar is there (see radarctl doctor)" : "there are: " + inWords(there)) +
+             "\n");
     }
 
     void show() {
@@ -340,7 +340,7 @@ private:
             throw Failure(kNotAllowed, printable(m_recorder.writer().path()) + ": " + error.message() +
                                            "; the recording ends with the last block that was written whole");
         if (counts.datagrams == 0)
-            std::fprintf(stderr, "radarctl: nothing was heard; radarctl doctor looks for the reason\n");
+            tell("radarctl: nothing was heard; radarctl doctor looks for the reason\n");
         tellUnheard();
         return counts.datagrams > 0 && (m_heardAny || m_options.names.empty()) ? kFound : kNothingFound;
     }

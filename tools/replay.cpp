@@ -131,8 +131,7 @@ public:
         : m_options(options), m_output(output), m_speed(std::strtod(options.speed.c_str(), nullptr)),
           m_recorded(lookThrough(options.file)), m_lan(localAddress(options.local), m_loop) {
         if (!m_recorded.broken.empty())
-            std::fprintf(stderr, "radarctl: %s; what is before that is replayed\n",
-                         printable(m_recorded.broken).c_str());
+            tell("radarctl: " + printable(m_recorded.broken) + "; what is before that is replayed\n");
         chooseRadars();
         const Time start = m_recorded.contents.total().first;
         m_from = start + offset(options.from);

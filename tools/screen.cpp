@@ -40,7 +40,6 @@ constexpr Key kKeys[] = {
 
 Screen::Screen(const Output& output) : m_output(output) {
     m_hasKeys = ::tcgetattr(STDIN_FILENO, &m_before) == 0;
-    resume();
 }
 
 Screen::~Screen() {
@@ -56,14 +55,14 @@ void Screen::resume() const {
         keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO); // signals stay with the terminal
         keys.c_cc[VMIN] = 0;
         keys.c_cc[VTIME] = 0;
-        ::tcsetattr(STDIN_FILENO, TCSADRAIN, &keys);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &keys); // a terminal may stand
     }
     m_output.write("\x1b[?1049h\x1b[?25l");
 }
 
 void Screen::giveBack() const {
     if (m_hasKeys)
-        ::tcsetattr(STDIN_FILENO, TCSANOW, &m_before); // a terminal may stand
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &m_before);
     m_output.write("\x1b[?25h\x1b[?1049l");
 }
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-/// Has a screen of its own, which is given back at the end, and takes what is typed where standard input is
-/// the terminal: arrows, PgUp, PgDn, Home and End scroll, q ends.
+/// Has a screen of its own from resume() on, which is given back at the end, and takes what is typed where
+/// standard input is the terminal: arrows, PgUp, PgDn, Home and End scroll, q ends.
 class Screen {
 public:
     explicit Screen(const Output& output);
@@ -32,7 +32,7 @@ public:
 
     /// Gives the terminal back, and lets the shell suspend the process until it is told to go on.
     void suspend();
-    /// Takes the terminal again, whatever it was used for meanwhile.
+    /// Takes the terminal, also again, whatever it was used for meanwhile.
     void resume() const;
 
 private:

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 #include <iterator>
 #include <limits>
@@ -151,6 +150,7 @@ public:
             return;
         m_screen = std::make_unique<Screen>(output);
         m_search.loop().takeTerminal(m_screen->keyboard());
+        m_screen->resume();
     }
 
     int run() {
@@ -220,7 +220,7 @@ private:
             m_silentSince = Clock::now();
         }
         if (!m_screen && !m_hinted && isSilent()) {
-            std::fprintf(stderr, "radarctl: %s\n", kHint);
+            tell(std::string("radarctl: ") + kHint + "\n");
             m_hinted = true;
         }
         return true;

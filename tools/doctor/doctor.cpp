@@ -12,7 +12,6 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <sstream>
 #include <system_error>
@@ -163,7 +162,7 @@ int examine(const Options& options, Output& output) {
     std::unique_ptr<Bundle> bundle;
     if (!options.bundle.empty()) {
         bundle = std::make_unique<Bundle>(options.bundle, options.redact);
-        std::fprintf(stderr, "%s will hold:\n%s", printable(options.bundle).c_str(), bundle->list().c_str());
+        tell(printable(options.bundle) + " will hold:\n" + bundle->list());
     }
     const Observation seen = [&] {
         StatusLine status;
@@ -177,7 +176,7 @@ int examine(const Options& options, Output& output) {
                            : std::make_unique<FollowedImage>(options.follow, localAddress(options.local)));
     }();
     if (seen.listening.stopped) {
-        std::fprintf(stderr, "radarctl: stopped before the examination was over\n");
+        tell("radarctl: stopped before the examination was over\n");
         return kNothingFound;
     }
     const Report report = judge(seen);
@@ -185,7 +184,7 @@ int examine(const Options& options, Output& output) {
     output.write(options.json ? json : asText(report, seen.only, &output));
     if (bundle) {
         bundle->write(seen, asText(report, seen.only, nullptr), json);
-        std::fprintf(stderr, "%s is written\n", printable(options.bundle).c_str());
+        tell(printable(options.bundle) + " is written\n");
     }
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
