@@ -461,6 +461,9 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
         EXPECT_EQ(shell("grep -c '\x1b' " + out + "/findings.txt || true"), "0\n") << "colour of a terminal";
     }
     EXPECT_EQ(run({"doctor", "--seconds", "600", "--bundle", "/nowhere/bundle.tar.gz"}).status, 3);
+    const std::string unread = path("unread.tar.gz"); // the report
+    runOn("display", {"sh", "-c", RADARCTL " doctor --seconds 1 --bundle " + unread + " | true"});
+    EXPECT_TRUE(std::filesystem::exists(unread));
 }
 
 } // namespace
