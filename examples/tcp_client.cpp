@@ -16,7 +16,7 @@ public:
     virtual ~Reader() = default;
     // A stream has no message borders: one line may come in pieces, several lines at once.
     void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int len) override {
-        std::fwrite(data, 1, static_cast<size_t>(len), stdout);
+        std::fwrite(data, 1, static_cast<size_t>(len), stdout); // of any kind: for a terminal, escape them
         std::fflush(stdout);
     }
     void OnTcpClientConnected(int, const char*, unsigned short) override {}
