@@ -67,14 +67,14 @@ void loseHosts(Observation& seen) {
     seen.listening.onWire.clear();
 }
 
-UdpSocketEntry boundTo(const wire::Group& group, unsigned int user, int process) {
-    return {transAddr(group.address), group.port, user, 1, 0, process};
+UdpSocketEntry boundTo(const wire::Group& group, unsigned int user, int process, const char* program) {
+    return {transAddr(group.address), group.port, user, 1, 0, process, process != 0 ? program : ""};
 }
-UdpSocketEntry negotiates(unsigned int user, int process) {
-    return boundTo(wire::kNegotiation, user, process);
+UdpSocketEntry negotiates(unsigned int user, int process, const char* program = "radarctl") {
+    return boundTo(wire::kNegotiation, user, process, program);
 }
-UdpSocketEntry hearsBeacons(unsigned int user, int process) {
-    return boundTo(wire::kBeacon, user, process);
+UdpSocketEntry hearsBeacons(unsigned int user, int process, const char* program = "radarctl") {
+    return boundTo(wire::kBeacon, user, process, program);
 }
 
 void runHostHere(Observation& seen) {
@@ -138,6 +138,7 @@ const Case kCases[] = {
          negotiates(5, 70), hearsBeacons(5, 70)}; }, {}},
     {"HostBesideThem", [](Observation& s) { s.socketsBefore = {negotiates(5, 70), hearsBeacons(5, 71), negotiates(5, 72), hearsBeacons(5, 72)}; },
      {{Id::HostHere, ""}}},
+    {"HostThatIsADisplayToo", [](Observation& s) { s.socketsBefore = {negotiates(5, 70, "bridge"), hearsBeacons(5, 70, "bridge")}; }, {{Id::HostHere, ""}}},
     {"RouteToOneGroupOfADisplay", [](Observation& s) { routeDiscovery(s, "eth1", "eth0"); }, {}},
     {"FirstRouteToAGroupIsTaken", [](Observation& s) { runHostHere(s); routeDiscovery(s, "eth0", "eth1"); }, {{Id::HostHere, ""}}},
     {"HostHereDoesNotLoop", [](Observation& s) { runHostHere(s); s.profile.multicastLoop = true; },

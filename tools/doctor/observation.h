@@ -148,7 +148,8 @@ struct UdpSocketEntry {
     unsigned int uid;
     unsigned long inode;
     unsigned long drops;
-    int process = 0; ///< that holds it; 0: not known
+    int process = 0;       ///< that holds it; 0: not known
+    std::string program{}; ///< its name; empty: not known
 };
 std::vector<UdpSocketEntry> readUdpSockets();
 

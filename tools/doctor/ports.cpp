@@ -65,15 +65,21 @@ std::vector<UdpSocketEntry> readUdpSockets() {
         return sockets;
     const std::map<unsigned long, int> holders = socketHolders();
     for (UdpSocketEntry& socket : sockets)
-        if (const auto holder = holders.find(socket.inode); holder != holders.end())
+        if (const auto holder = holders.find(socket.inode); holder != holders.end()) {
             socket.process = holder->second;
+            std::ifstream name("/proc/" + std::to_string(socket.process) + "/comm");
+            std::getline(name >> std::ws, socket.program); // nothing where it has ended
+        }
     return sockets;
 }
 
 bool Observation::hostHere() const {
-    // What records, or looks as doctor does, hears beacons too wherever it hears the negotiation.
+    // Of programs only radarctl, which records or looks as doctor does, hears the negotiation without taking
+    // part, and hears beacons too wherever it does.
     std::map<std::pair<int, unsigned int>, int> surplus; // by process, or user where that is not known
     for (const UdpSocketEntry& socket : socketsBefore) {
+        if (isBoundTo(socket, wire::kNegotiation) && !socket.program.empty() && socket.program != "radarctl")
+            return true;
         int& count = surplus[{socket.process, socket.process != 0 ? 0U : socket.uid}];
         count += isBoundTo(socket, wire::kNegotiation) ? 1 : isBoundTo(socket, wire::kBeacon) ? -1 : 0;
     }
@@ -84,11 +90,8 @@ namespace {
 
 /// The program that holds a socket, as far as it is known.
 std::string holder(const UdpSocketEntry& socket) {
-    const std::string id = std::to_string(socket.process);
-    std::string name;
-    if (socket.process != 0 &&
-        std::getline(std::ifstream("/proc/" + id + "/comm") >> std::ws, name)) // it may have ended
-        return name + " (process " + id + ")";
+    if (!socket.program.empty())
+        return socket.program + " (process " + std::to_string(socket.process) + ")";
     return "a program of user " + std::to_string(socket.uid) +
            (::geteuid() == 0 ? "" : " (could not check which: needs root)");
 }
