@@ -202,6 +202,8 @@ const Case kCases[] = {
     {"FollowedNobody", [](Observation& s) { s.image = ImageSeen{.radar = "Nroth", .interface = {}}; },
      {{Id::NoImage, "warning no radar \"Nroth\" is there to be followed; there are: North and South"}}},
     {"FollowedTooLate", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = {}}; }, {{Id::NoImage, "unchecked could not check: \"North\" was not found in time"}}},
+    {"FollowedUntilItLeft", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = "eth0", .datagrams = 9, .isSilent = true, .hasLeft = true, .followed = 5s}; },
+     {{Id::NoImage, "warning \"North\" has left, and its image does not come any more; look whether it is switched on"}}},
     {"FollowedInTime", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = "eth0", .datagrams = 9, .followed = 1s}; }, {}},
 
     {"SameId", [](Observation& s) { hear(s, "No'rth", "10.20.1.0", 21); },

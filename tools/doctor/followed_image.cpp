@@ -25,7 +25,9 @@ void FollowedImage::take(const radar::StreamEvent& event) {
     using radar::StreamEvent;
     const std::lock_guard lock(m_mutex);
     m_seen.interface = event.interface;
-    m_seen.isSilent = event.kind == StreamEvent::Kind::Silent;
+    m_seen.isSilent = event.kind == StreamEvent::Kind::Silent || event.kind == StreamEvent::Kind::Stopped ||
+                      event.kind == StreamEvent::Kind::Refused;
+    m_seen.hasLeft = event.kind == StreamEvent::Kind::Stopped && event.why == StreamEvent::Why::RadarLeft;
     if (event.kind == StreamEvent::Kind::Resumed && event.why == StreamEvent::Why::SwitchForgot)
         ++m_seen.forgotten;
 }

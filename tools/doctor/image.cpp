@@ -19,10 +19,11 @@ void judgeAbsence(const ImageSeen& image, const Listening& listening, const std:
     const std::string wanted = printable(std::string(protocol::announcedName(image.radar)));
     if (image.followed >= kEnough)
         report.find(Id::NoImage, Severity::Warning,
-                    radar + " announces itself, and its image does not come" +
-                        (image.datagrams > 0 ? " any more" : ""),
-                    "look whether it transmits, and whether the network passes the group on: radarctl listen "
-                    "shows it",
+                    radar + (image.hasLeft ? " has left" : " announces itself") +
+                        ", and its image does not come" + (image.datagrams > 0 ? " any more" : ""),
+                    image.hasLeft ? "look whether it is switched on and connected: radarctl list shows it"
+                                  : "look whether it transmits, and whether the network passes the group on: "
+                                    "radarctl listen shows it",
                     measured);
     else if (image.followed == 0s && !names.empty() && !names.contains(wanted))
         report.find(Id::NoImage, Severity::Warning, "no radar " + radar + " is there to be followed",

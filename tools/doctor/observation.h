@@ -136,7 +136,8 @@ struct ImageSeen {
     std::string interface;       ///< where it was listened to last; empty: nowhere
     std::uint64_t datagrams = 0; ///< or pieces of TCP
     int forgotten = 0;           ///< times that it came again just after its group was left and joined again
-    bool isSilent = false;       ///< at the end, while the radar announces itself
+    bool isSilent = false;       ///< at the end
+    bool hasLeft = false;        ///< the radar, by then
     Seconds followed{0};         ///< since the radar was found; 0: it was not
 };
 
