@@ -208,12 +208,13 @@ TEST_F(Recording, IsInOrderWhereItWasHeldUp) {
     };
     const auto busy = sender(&RadarAddress::imageStream);
     const auto quiet = sender(&RadarAddress::arpaStream);
-    lab::Process recorder = record("file");
+    lab::Process recorder = record();
     const auto sizeBehind = [&](int datagrams) {
         for (int i = 0; i < datagrams; ++i)
             (i % 100 == 0 ? quiet : busy)->sendData("x", 1);
         return std::filesystem::file_size(path("file"));
     };
+    ASSERT_TRUE(comes("eth0"));
     ASSERT_TRUE(comesTrue([&] { return sizeBehind(200) > 50000; }));
     recorder.signal(SIGSTOP);
     sizeBehind(20000); // more than is taken at once, where the system grants the room
