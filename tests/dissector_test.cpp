@@ -318,8 +318,8 @@ TEST_F(Dissector, FindsMessagesInATcpStream) {
     segments << std::hex << std::setfill('0');
     for (const auto& [direction, bytes] : sent) {
         segments << direction << ' ';
-        for (const unsigned char byte : bytes)
-            segments << std::setw(2) << +byte;
+        for (const char byte : bytes)
+            segments << std::setw(2) << +static_cast<unsigned char>(byte);
         segments << '\n';
     }
     m_directory.write(segments.str(), "segments");
