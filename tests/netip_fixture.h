@@ -51,7 +51,7 @@ inline void setWatchTimes(std::chrono::milliseconds pass, std::chrono::milliseco
 class NetworkManagement : public testing::Test {
 protected:
     void SetUp() override {
-        setWatchTimes(2ms, 2ms);
+        setWatchTimes(200ms, 2ms); // listeners are added before the first pass
         ASSERT_TRUE(succeeds("mount -t tmpfs none /sys/class/net"));
         replaceCommands(R"({ printf %s "${0##*/}"; printf '|%s' "$@"; echo; } >> "${0%/*}/recorded")");
     }
