@@ -186,7 +186,7 @@ TEST(StreamFollower, TakesNoLateReaderForASilence) {
 }
 
 TEST(StreamFollower, TakesNoUsualGapForASilence) {
-    for (const auto pace : {2500ms, 3500ms, 5000ms, 7500ms}) {
+    for (const auto pace : {2500ms, 3500ms, 4000ms, 5000ms, 7500ms}) {
         Script script(pace);
         script.aim(target()).sends(25).takeLog(); // at first nobody knows what is usual
         EXPECT_THAT(script.sends(295).takeLog(), IsEmpty()) << pace.count();
