@@ -1,6 +1,8 @@
 #include "faults.h"
 #include "netip_fixture.h"
+#include "radarwatch/asleep.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <future>
 #include <memory>
@@ -42,10 +44,17 @@ TEST_F(NetworkManagement, ExitInACallbackEndsTheProgramAlsoWhereAnotherInterface
         setWatchTimes(1h, 2ms);
         static tNetIPHelper s_hears(false, "eth8", "10.5.0.8", "255.255.255.0");
         s_hears.AddNetIPListener(&s_exits);
-        std::this_thread::sleep_for(100ms); // its watch begins that hour
+        comesTrue([] { // its watch begins that hour
+            const std::filesystem::directory_iterator threads("/proc/self/task");
+            return std::ranges::any_of(threads, [](const auto& thread) {
+                const pid_t id = std::stoi(thread.path().filename());
+                return id != ::gettid() && isAsleep(id);
+            });
+        });
         setWatchTimes(2ms, 2ms);
         static tNetIPHelper s_restarts(false, "eth9", "10.5.0.9", "255.255.255.0");
-        std::this_thread::sleep_for(1h);
+        for (;;)
+            ::pause();
     };
     EXPECT_EXIT(program(), testing::ExitedWithCode(7), "");
 }
