@@ -302,8 +302,6 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     const Output output; // TCP endpoints log
     TcpPeer peer;
     Log<std::string> received;
-    auto stream =
-        caller([&](const radar::Datagram& piece) { received.add(std::string(piece.data, piece.size)); });
     makeControl();
     const auto isRefused = [&](int error) { return comesTrue([&] { return errorOf("x") == error; }); };
     EXPECT_TRUE(isRefused(ENOENT));
@@ -316,6 +314,10 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     }
     m_engine->tellImage("10.20.1.1", 9000, radar::detail::kTcpClient);
     EXPECT_TRUE(isRefused(ENOTCONN));
+    std::atomic<int> refusals = 0;
+    auto stream = // whose first socket is one of TCP
+        caller([&](const radar::Datagram& piece) { received.add(std::string(piece.data, piece.size)); },
+               [&](const StreamEvent& event) { refusals += event.kind == Kind::Refused; });
     {
         const auto server = makeIn<net::TcpServer>(m_host, &peer);
         for (int serving = 0; serving < 2; ++serving) { // the second time, the connections are lost
@@ -331,6 +333,7 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
         EXPECT_EQ(received.all()[0], "picture");
     }
 
+    makeControl(); // the stream is to have the port
     net::TcpServer other(nullptr);
     ASSERT_TRUE(other.connect(9001, 1));
     m_engine->tellImage("10.20.2.1", 9001, radar::detail::kTcpServer);
@@ -346,7 +349,9 @@ TEST_F(StreamTest, AndControlFollowEndpointsOfEveryKindAndTakeUpWhatWasLost) {
     EXPECT_TRUE(
         comesTrue([&] { return isConnected() && client->sendData("more", 4) && received.reaches(1, 50ms); }));
     EXPECT_EQ(received.all()[0].substr(0, 4), "more");
-    stream.reset(); // which has the port
+    m_engine->tell([](radar::detail::Situation& situation) { ++situation.interfaceChange; });
+    EXPECT_EQ(refusals, 1) << "the other's port, and not that of its own older socket";
+    stream.reset();
     peer.clear();
     EXPECT_TRUE(comesTrue([&] { return isConnected() && errorOf("set") == 0 && peer.reaches(1, 50ms); }));
     EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("function[bind]")));
