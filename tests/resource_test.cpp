@@ -7,6 +7,7 @@
 #include "stopped_stream.h"
 
 #include <UdpSocket/base/timing.h>
+#include <UdpSocket/protocol/wire.h>
 
 #include <gmock/gmock.h>
 
@@ -97,6 +98,25 @@ TEST_F(Resources, FailureToListInterfacesIsPrintedWithoutTheLock) {
     errors.fail();
     prints.join();
     EXPECT_EQ(lists.get(), "eth0");
+}
+
+TEST_F(Resources, InterfacesThatCannotBeListedHaveNotLostTheRadars) {
+    const ProfileDirectory searching;
+    const Output output;
+    Addresses addresses;
+    MultiRadarClient client;
+    client.addListener(&addresses);
+    net::UdpSender beacons(wire::kBeacon.address, wire::kBeacon.port, m_local, 0);
+    beacons.setMulticastLoop(true);
+    const auto beat = [&] { return std::this_thread::sleep_for(10ms), beacons.sendData("aabbccdd", 8) == 8; };
+    EXPECT_TRUE(comesTrue([&] { return beat() && addresses.reaches(1, 0ms); }));
+    {
+        const Fault none("getifaddrs", EMFILE, 1, 1'000'000);
+        EXPECT_TRUE(comesTrue([&] { return beat() && std::ranges::count(output.err(), '\n') >= 5; }));
+    }
+    for (const auto end = std::chrono::steady_clock::now() + 500ms; std::chrono::steady_clock::now() < end;)
+        beat();
+    EXPECT_THAT(addresses.all(), testing::ElementsAre("10.1.0.1"));
 }
 
 /// As often as the environment variable CHURN_CYCLES says, or often enough for a test.

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -175,7 +176,10 @@ MultiRadarCheckerPrivate::TimePoint MultiRadarCheckerPrivate::continueSearch() {
         if (probe->heard())
             m_search.heard(probe->localIp());
     const Phase before = m_search.phase();
-    const auto result = m_search.advance(TimePoint::clock::now(), net::localIpSet());
+    const std::set<unsigned int> addresses = net::localIpSet();
+    if (addresses.contains(0) && m_search.current() != 0) // not listed, which is no address that is gone
+        return TimePoint::clock::now() + net::detail::timing().addressLook;
+    const auto result = m_search.advance(TimePoint::clock::now(), addresses);
     if (m_search.phase() != before)
         enterPhase();
     if (result) {
