@@ -146,12 +146,17 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
         void OnTcpClientConnected(int, const char*, unsigned short) override { std::exit(7); }
         void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
         void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+            if (isGone)
+                ::_exit(9);
             if (::gettid() != ::getpid()) // nor while it is added
                 std::exit(7);
         }
         void OnLocalIpChanged(unsigned int) override { std::exit(7); }
         MultiRadarClient* client = nullptr;
+        bool isGone = false;
         ~Exits() {
+            isGone = true;
+            net::tNetIPHelper::NetworkRestart();
             if (client != nullptr)
                 client->removeListener(this);
         }
@@ -189,7 +194,15 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
             static net::UdpChecker s_checker(kGroup, 5000, "x");
             s_checker.addListener(&s_exits);
         },
-        [] { static const HostNegotiator s_negotiator([] { std::exit(7); }, nullptr); },
+        [] {
+            static ExitsForOne s_listener;
+            static HostNegotiator s_negotiator([] { std::exit(7); },
+                                               [](std::uint8_t) {
+                                                   if (s_listener.isGone)
+                                                       ::_exit(9);
+                                               });
+            s_negotiator.asyncLogin(20);
+        },
         [&] { connect(&s_exits, nullptr); },
         [&] { connect(nullptr, &s_exits); },
         [] {
@@ -216,7 +229,7 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
     };
     const ProfileDirectory profile;
     net::detail::Timing timing;
-    timing.checkerPause = timing.watchPass = 50ms;
+    timing.checkerPause = timing.watchPass = timing.objection = 40ms;
     net::detail::setTiming(timing);
     const auto run = [this](const std::function<void()>& begin) {
         ::alarm(60);

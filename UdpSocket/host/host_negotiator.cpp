@@ -47,6 +47,8 @@ public:
     static bool receive(const std::shared_ptr<Login>& self, std::string_view datagram);
     /// Ends every thread that drives. A callback in progress is waited for, unless it is the caller.
     void end();
+    /// Calls nobody from here on. Inside a callback that exits: a caller of syncLogin is not to go on.
+    void fallSilent();
 
 private:
     static int ensureThread(const std::shared_ptr<Login>& self) REQUIRES(self->m_mutex);
@@ -64,6 +66,7 @@ private:
     protocol::Negotiation m_negotiation GUARDED_BY(m_mutex){protocol::IdDraw(millisecondsSinceEpoch()),
                                                             net::detail::timing().objection};
     bool m_ended GUARDED_BY(m_mutex) = false;
+    bool m_silent GUARDED_BY(m_mutex) = false;
     int m_driving GUARDED_BY(m_mutex) = 0;                      // threads in drive()
     std::vector<std::thread::id> m_calling GUARDED_BY(m_mutex); // those of them that are in the callback
     std::thread m_thread GUARDED_BY(m_mutex);
@@ -137,7 +140,7 @@ void Login::call(std::uint8_t id) {
     const std::thread::id self = std::this_thread::get_id();
     {
         net::detail::Lock lock(m_mutex);
-        if (m_ended)
+        if (m_ended || m_silent)
             return;
         m_calling.push_back(self);
     }
@@ -191,6 +194,11 @@ void Login::end() {
         thread.join();
 }
 
+void Login::fallSilent() {
+    net::detail::Lock lock(m_mutex);
+    m_silent = true;
+}
+
 } // namespace
 
 class HostNegotiatorPrivate : public net::iUdpDataListener, public net::detail::ProcessBound {
@@ -210,6 +218,7 @@ public:
         m_login->end();
     }
 
+    void fallSilent() { m_login->fallSilent(); }
     bool asyncLogin(std::uint8_t id) {
         if (!begin(id, __func__))
             return false;
@@ -237,6 +246,8 @@ private:
 HostNegotiator::HostNegotiator(std::function<void()> onReset, std::function<void(std::uint8_t)> onLogin)
     : d(new HostNegotiatorPrivate(std::move(onReset), std::move(onLogin))) {}
 HostNegotiator::~HostNegotiator() {
+    if (d->inOwnProcess() && d->isCalling()) // where it is left
+        d->fallSilent();
     net::detail::destroy(d);
 }
 bool HostNegotiator::asyncLogin(std::uint8_t id) {

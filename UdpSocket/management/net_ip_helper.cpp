@@ -312,7 +312,11 @@ void tNetIPHelperPrivate::print(const std::string& text) {
 tNetIPHelper::tNetIPHelper(bool dhcp, std::string ifname, std::string manualIp, std::string netmask)
     : d(tNetIPHelperPrivate::start(dhcp, std::move(ifname), std::move(manualIp), std::move(netmask))) {}
 tNetIPHelper::~tNetIPHelper() {
-    if (d->inOwnProcess() && !d->isCalling()) // see destroy()
+    if (!d->inOwnProcess()) // see destroy()
+        return;
+    if (d->isCalling())
+        d->fallSilent();
+    else
         d->end();
 }
 void tNetIPHelper::AddNetIPListener(iNetIPListener* listener) {

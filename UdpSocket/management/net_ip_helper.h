@@ -32,6 +32,8 @@ public:
                                       std::string netmask);
     /// Takes the instance out of the list and ends its thread. The instance is not to be used afterwards.
     void end();
+    /// Leaves the instance as it is, inside a callback that exits: other threads call its listeners no more.
+    void fallSilent() { m_pause.stop(); }
     bool isGone() const { return m_pause.stopped(); }
 
     void AddNetIPListener(iNetIPListener* listener);
