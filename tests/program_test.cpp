@@ -169,12 +169,19 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
             if (*data == 'e')
                 std::exit(7);
         }
-        void OnTcpClientConnected(int, const char*, unsigned short) override {}
-        void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
+        void OnTcpClientConnected(int fd, const char*, unsigned short) override { last = fd; }
+        void OnTcpClientDisconnected(int, const char*, unsigned short) override {
+            if (isGone)
+                ::_exit(9);
+        }
+        net::TcpServer* server = nullptr;
+        std::atomic<int> last = -1;
         std::atomic<bool> isGone = false;
         ~ExitsForOne() {
             std::this_thread::sleep_for(50ms); // a callback in progress is not waited for
             isGone = true;
+            if (server != nullptr)
+                server->closeClient(last);
             std::this_thread::sleep_for(50ms);
         }
     };
@@ -208,11 +215,14 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
         [] {
             static ExitsForOne s_listener;
             static net::TcpServer s_server(&s_listener);
-            s_server.connect("127.0.0.1", kPort, 2);
+            s_listener.server = &s_server;
+            s_server.connect("127.0.0.1", kPort, 3);
             auto* const client = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
             auto* const other = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
-            client->connectOnce();
-            other->connectOnce();
+            auto* const idle = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
+            for (net::TcpClient* each : {client, other, idle})
+                each->connectOnce();
+            comesTrue([] { return s_server.numOfClients() == 3; });
             client->sendData("e", 1);
             for (;;)
                 other->sendData("x", 1);

@@ -60,6 +60,11 @@ public:
     bool connect(in_addr_t ip, unsigned short port, int maxClients);
     void disconnect();
     void notifyForQuit() { m_running = false; }
+    /// Inside a callback that exits: the other threads end, and call nobody any more.
+    void fallSilent() {
+        m_silent = true;
+        m_running = false;
+    }
     detail::ClientTable& clients() { return m_clients; }
 
 private:
@@ -78,6 +83,7 @@ private:
 
     iTcpDataListener* const m_listener;
     std::atomic<bool> m_running = false;
+    std::atomic<bool> m_silent = false;
 
     // Set while no thread runs.
     detail::Descriptor m_listening;
@@ -256,7 +262,7 @@ void TcpServerPrivate::removeClient(const ClientPtr& client, bool peerEnded) {
                             m_bound.address().c_str(), m_bound.port(), client->address().c_str(),
                             client->port());
     detail::runStep("TcpServer: a client", [&] {
-        if (m_listener != nullptr)
+        if (m_listener != nullptr && !m_silent)
             m_listener->OnTcpClientDisconnected(client->number(), client->address().c_str(), client->port());
     });
     if (sendsOn)
@@ -292,7 +298,8 @@ void TcpServerPrivate::cleanUpThread() {
 
 TcpServer::TcpServer(iTcpDataListener* listener) : d(new TcpServerPrivate(listener)) {}
 TcpServer::~TcpServer() {
-    d->notifyForQuit(); // where it is left, inside a callback, its other threads call nobody any more
+    if (d->isCalling()) // where it is left
+        d->fallSilent();
     detail::destroy(d);
 }
 bool TcpServer::connect(unsigned short port, int maxClients) {
