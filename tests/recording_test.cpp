@@ -286,8 +286,8 @@ protected:
         return said;
     }
 
-    static std::string target(const ReplayedRadar& radar, const NetAddress& recorded) {
-        const auto found = radar.target(recorded);
+    static std::string target(const ReplayedRadar& radar, const NetAddress& recorded, Time time = 0s) {
+        const auto found = radar.target(recorded, time);
         return found ? text(*found) : "none";
     }
 
@@ -327,10 +327,11 @@ TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
         m_now += 900ms;
         radar.advance(5950ms, kLead, m_now); // the next id is held already
         EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(1)));
+        EXPECT_EQ(target(radar, arpaOf(30), 6s), text(arpaOf(30))) << "sent before the position is moved";
         EXPECT_EQ(radar.answer(), north);
         playTo(radar, 6);
         EXPECT_EQ(radar.answer(), composeAnnouncement("North", 30, 2)) << "as in the recording";
-        EXPECT_EQ(target(radar, arpaOf(30)), text(arpaOf(30)));
+        EXPECT_EQ(target(radar, arpaOf(1), 5900ms), text(arpaOf(1))) << "sent late";
     }
     m_now = m_begin - 3s;
     ReplayedRadar radar(contents.radars().front(), 40, 1, kObjection);

@@ -265,7 +265,7 @@ private:
             if (event == Loop::Event::Stop)
                 return false;
             if (event == Loop::Event::Wake || Clock::now() >= m_nextServing)
-                serve();
+                serve(position);
         }
     }
 
@@ -278,7 +278,8 @@ private:
             continue;
     }
 
-    void serve() {
+    /// @param next position of a datagram: before it is sent, nobody is told of what follows
+    void serve(Time next) {
         const auto now = Clock::now();
         m_nextServing = now + kServing;
         m_targets.clear(); // a radar may hold another id afterwards
@@ -286,7 +287,7 @@ private:
         if (m_speed > 0 && now < m_start)
             position = m_from - std::chrono::duration_cast<Time>((m_start - now) * m_speed);
         else if (m_speed > 0)
-            position = std::min(m_to, m_from + std::chrono::duration_cast<Time>((now - m_start) * m_speed));
+            position = std::min(next, m_from + std::chrono::duration_cast<Time>((now - m_start) * m_speed));
         const Time lead = m_speed > 0 ? std::chrono::duration_cast<Time>(kLead * m_speed) : Time(0);
         for (ReplayedRadar& radar : m_radars)
             act(radar, radar.advance(position, lead, now));
@@ -334,7 +335,7 @@ private:
             return std::nullopt; // said anew
         std::optional<NetAddress> found;
         for (const ReplayedRadar& radar : m_radars)
-            if (const auto own = radar.target(datagram.destination)) {
+            if (const auto own = radar.target(datagram.destination, datagram.time)) {
                 found = own;
                 if (radar.source() == datagram.source.ip) // of several with one id, the sender
                     break;

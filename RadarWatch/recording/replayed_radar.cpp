@@ -24,7 +24,11 @@ std::uint8_t ReplayedRadar::claimed(Time time) const {
 }
 
 std::uint8_t ReplayedRadar::hostId() const {
-    const std::uint8_t id = claimed(m_position); // the next one may be claimed already
+    return hostIdAt(m_position); // the next one may be claimed already
+}
+
+std::uint8_t ReplayedRadar::hostIdAt(Time time) const {
+    const std::uint8_t id = claimed(time);
     const auto held = m_held.find(id);
     return held == m_held.end() ? id : held->second;
 }
@@ -72,11 +76,14 @@ std::string ReplayedRadar::answer() const {
     return m_held.contains(id) ? protocol::renumbered(*m_announcement, hostId()) : "";
 }
 
-std::optional<NetAddress> ReplayedRadar::target(const NetAddress& endpoint) const {
-    for (const RadarEndpointPlace& place : m_endpoints)
+std::optional<NetAddress> ReplayedRadar::target(const NetAddress& endpoint, Time time) const {
+    const std::string& announcement = m_radar->announcementAt(time);
+    const bool isAtPosition = &announcement == m_announcement;
+    const auto others = isAtPosition ? std::vector<RadarEndpointPlace>() : endpointsOf(announcement);
+    for (const RadarEndpointPlace& place : isAtPosition ? m_endpoints : others)
         if (place.endpoint.ip == endpoint.ip && place.endpoint.port == endpoint.port) {
-            const std::uint8_t recorded = protocol::announcedHostId(*m_announcement);
-            return recorded == 0 ? endpoint : plan::renumbered(endpoint, recorded, hostId());
+            const std::uint8_t recorded = protocol::announcedHostId(announcement);
+            return recorded == 0 ? endpoint : plan::renumbered(endpoint, recorded, hostIdAt(time));
         }
     return std::nullopt;
 }

@@ -39,11 +39,13 @@ public:
 
     /// What it says to a query; empty: nothing.
     std::string answer() const;
-    /// Where a datagram that was recorded for @p endpoint goes; nothing: that is none of its endpoints.
-    std::optional<NetAddress> target(const NetAddress& endpoint) const;
+    /// Where a datagram that was recorded for @p endpoint at @p time, near the position, goes; nothing: that
+    /// is none of its endpoints.
+    std::optional<NetAddress> target(const NetAddress& endpoint, Time time) const;
 
 private:
     std::uint8_t claimed(Time time) const;
+    std::uint8_t hostIdAt(Time time) const;
     bool isPresent() const;
     Output note(Output output);
 
