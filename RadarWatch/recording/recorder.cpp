@@ -99,7 +99,7 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
             if (places.contains(entry.first) && device != devices.end() &&
                 device->second == socket->second.device)
                 return false;
-            drain(socket->second); // what it has heard belongs to the recording
+            empty(socket->second); // what it has heard belongs to the recording
             countDrops(socket->second);
             m_sockets.erase(socket);
             return true;
@@ -178,7 +178,7 @@ void Recorder::run() {
             sockets::Lock lock(m_mutex);
             if (ending)
                 for (auto& [number, socket] : m_sockets)
-                    drain(socket);
+                    empty(socket);
             round({ready, static_cast<std::size_t>(std::max(count, 0))});
             if (ending)
                 record(m_waiting.size());
@@ -233,6 +233,13 @@ bool Recorder::drain(Socket& socket) {
         if (receive(socket) < kBatch)
             return true;
     return false;
+}
+
+/// Takes all that has arrived by now.
+void Recorder::empty(Socket& socket) {
+    const Time now = timeOfNow();
+    while (!drain(socket) && timeOf(socket.last) < now)
+        continue;
 }
 
 /// One batch. @return how many datagrams it had

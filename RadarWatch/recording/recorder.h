@@ -35,7 +35,8 @@ struct Place {
 ///
 /// What the writer has no room for is dropped and counted: receiving never waits for a file. So is a datagram
 /// for which memory runs out. Memory: the writer's queue, a chunk of 256 KiB, what comes in 20 ms, and a
-/// thousand datagrams of each group that has more waiting.
+/// thousand datagrams of each group that has more waiting; of one that is heard no longer, and in the end of
+/// all, what the system has kept.
 ///
 /// Threads: one that receives and the writer's, from construction to finish() or destruction. Any thread may
 /// call any operation, finish() one.
@@ -116,6 +117,7 @@ private:
     void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
     void sort() REQUIRES(m_mutex);
     bool drain(Socket& socket) REQUIRES(m_mutex);
+    void empty(Socket& socket) REQUIRES(m_mutex);
     std::size_t receive(Socket& socket) REQUIRES(m_mutex);
     void countDrops(Socket& socket) REQUIRES(m_mutex);
     void drop(std::size_t interface, std::uint64_t count) REQUIRES(m_mutex);
