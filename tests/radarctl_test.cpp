@@ -213,6 +213,7 @@ TEST_F(Radarctl, RemovesItsProfileWhereItsOutputEndsItToo) {
                               "export TMPDIR=$(mktemp -d)\n(sleep 0.1; " RADARCTL " --loop doctor --list) " +
                                   end + "\nls $TMPDIR >&2; rmdir $TMPDIR"});
         EXPECT_THAT(result.errors, testing::Not(HasSubstr("radarctl-"))) << end;
+        EXPECT_EQ(result.errors.find("Bad file descriptor") != std::string::npos, end == ">&-");
     }
 }
 

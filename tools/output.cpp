@@ -38,13 +38,14 @@ int stops() {
     return descriptor.get();
 }
 
-/// A copy of a standard descriptor. Of a terminal it does not block: one is ready also where there is less
-/// room than a write takes.
+/// A copy of a standard descriptor, which takes no number of one that is closed. Of a terminal it does not
+/// block: one is ready also where there is less room than a write takes.
 net::detail::Descriptor openOwn(int standard) {
     const std::string path = "/proc/self/fd/" + std::to_string(standard);
-    const int terminal =
-        ::isatty(standard) == 1 ? ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1;
-    return net::detail::Descriptor(terminal != -1 ? terminal : ::fcntl(standard, F_DUPFD_CLOEXEC, 3));
+    const net::detail::Descriptor terminal(
+        ::isatty(standard) == 1 ? ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1);
+    return net::detail::Descriptor(
+        ::fcntl(terminal.isOpen() ? terminal.get() : standard, F_DUPFD_CLOEXEC, 3));
 }
 
 /// Standard error; -1: it was closed from the start.
@@ -93,14 +94,17 @@ void tell(const std::string& text) {
 
 Output::Output(bool verbose, const std::string& color)
     : m_descriptor(openOwn(STDOUT_FILENO)), m_colored(wantsColor(color, m_descriptor.get())) {
+    const auto fail = [] {
+        throw Failure(kNothingFound, std::string("standard output: ") + std::strerror(errno));
+    };
+    if (!m_descriptor.isOpen())
+        fail();
     std::signal(SIGPIPE, SIG_IGN); // write tells
     errors();                      // before something else takes the number of one that is closed
     const net::detail::Descriptor diagnostics(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
                                                       : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (!m_descriptor.isOpen() || stops() == -1 || !diagnostics.isOpen() ||
-        ::dup2(diagnostics.get(), STDOUT_FILENO) == -1) {
-        throw Failure(kNothingFound, std::string("standard output: ") + std::strerror(errno));
-    }
+    if (stops() == -1 || !diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1)
+        fail();
     std::setvbuf(stdout, nullptr, _IOLBF, 0); // diagnostics in step with standard error
 }
 
