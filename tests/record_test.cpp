@@ -465,6 +465,10 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
     const std::string unread = path("unread.tar.gz"); // the report
     runOn("display", {"sh", "-c", RADARCTL " doctor --seconds 1 --bundle " + unread + " | true"});
     EXPECT_TRUE(std::filesystem::exists(unread));
+    std::filesystem::create_symlink("/dev/full", path("full.tar.gz.part"));
+    EXPECT_THAT(run({"doctor", "--seconds", "1", "--bundle", path("full.tar.gz")}).output,
+                HasSubstr("looked at:"))
+        << "though the disk is full";
 }
 
 } // namespace

@@ -194,7 +194,8 @@ public:
 private:
     void check(int result) const {
         if (result != ARCHIVE_OK)
-            throw std::runtime_error(m_path + ": " + ::archive_error_string(m_archive.get()));
+            throw std::system_error(::archive_errno(m_archive.get()), std::generic_category(),
+                                    m_path + ": " + ::archive_error_string(m_archive.get()));
     }
     struct Free {
         void operator()(archive* one) const { ::archive_write_free(one); }

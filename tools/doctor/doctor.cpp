@@ -181,11 +181,16 @@ int examine(const Options& options, Output& output) {
     }
     const Report report = judge(seen);
     const std::string json = asJson(report, seen);
-    if (bundle) { // before whoever reads the report may have enough
+    try {
+        output.write(options.json ? json : asText(report, seen.only, &output));
+    } catch (const ReaderGone&) { // who has enough of the report may want the bundle
+        if (!bundle)
+            throw;
+    }
+    if (bundle) {
         bundle->write(seen, asText(report, seen.only, nullptr), json);
         tell(printable(options.bundle) + " is written\n");
     }
-    output.write(options.json ? json : asText(report, seen.only, &output));
     return std::ranges::any_of(report.findings, &Finding::isComplaint) ? kNothingFound : kFound;
 }
 
