@@ -1,11 +1,15 @@
 #include "service_manager.h"
 
+#include "output.h"
+
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -44,7 +48,7 @@ ServiceManager::ServiceManager() {
 void ServiceManager::tell(const std::string& state) const {
     if (m_socket.isOpen() && ::sendto(m_socket.get(), state.data(), state.size(), MSG_NOSIGNAL,
                                       reinterpret_cast<const sockaddr*>(&m_address), m_length) == -1)
-        std::perror("radarctl: the service manager cannot be told");
+        ::tell(std::string("radarctl: the service manager cannot be told: ") + std::strerror(errno) + "\n");
 }
 
 void ServiceManager::keepAlive() {
