@@ -267,11 +267,13 @@ std::string senderCount(const Second& second) {
 std::string line(const Second& second, const Losses& losses, const std::string& label) {
     const std::string sizes =
         second.datagrams == 0 ? "-" : std::to_string(second.smallest) + ".." + std::to_string(second.largest);
+    const double gap = second.longestGap.count();
+    const bool isLong = gap >= 10; // more milliseconds than the column takes
     char text[160];
-    std::snprintf(text, sizeof text, "%-5s%8.0f/s %7.1f kB/s %12s %6.1f ms %6ld ", label.c_str(),
+    std::snprintf(text, sizeof text, "%-5s%8.0f/s %7.1f kB/s %12s %6.1f %-2s %6ld ", label.c_str(),
                   static_cast<double>(second.datagrams) / second.duration.count(),
                   static_cast<double>(second.bytes) / second.duration.count() / 1000, sizes.c_str(),
-                  second.longestGap.count() * 1000, losses.socket);
+                  isLong ? gap : gap * 1000, isLong ? "s" : "ms", losses.socket);
     if (second.sources.empty())
         return text + std::string("-");
     return text + (second.sources.size() == 1 ? second.sources.begin()->first : senderCount(second));
