@@ -1,5 +1,7 @@
 #include "observation.h"
 
+#include "../table.h"
+
 #include <UdpSocket/udpsocket.h>
 
 #include <unistd.h>
@@ -69,6 +71,7 @@ std::vector<UdpSocketEntry> readUdpSockets() {
             socket.process = holder->second;
             std::ifstream name("/proc/" + std::to_string(socket.process) + "/comm");
             std::getline(name >> std::ws, socket.program); // nothing where it has ended
+            socket.program = printable(socket.program);
         }
     return sockets;
 }
