@@ -275,6 +275,7 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
 }
 
 TEST_F(Radarctl, WatchEndsOnASignalAndGivesTheTerminalBackWhereNobodyReadsIt) {
+    const auto host = serve("host1", "North", 16);
     std::size_t capacity = std::numeric_limits<std::size_t>::max();
     for (const std::size_t room : {0U, 60U}) { // for nothing, for less than a picture
         const net::detail::Descriptor reader(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -286,6 +287,10 @@ TEST_F(Radarctl, WatchEndsOnASignalAndGivesTheTerminalBackWhereNobodyReadsIt) {
         while (filled + room < capacity && ::write(terminal.get(), " ", 1) == 1)
             ++filled;
         capacity = filled;
+        if (room == 0) {
+            const std::string list = "TERM=vt100 exec " RADARCTL " list 2>" + path;
+            EXPECT_EQ(m_lan.node("display").start({.command = {"sh", "-c", list}}).wait(15s), 0);
+        }
         lab::Process watch = m_lan.node("display").start(
             {.command = {"sh", "-c", "TERM=vt100 exec " RADARCTL " watch <" + path + " >" + path}});
         ASSERT_TRUE(comesTrue([&] { return takesSignals(watch); }));

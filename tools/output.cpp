@@ -92,6 +92,10 @@ void tell(const std::string& text) {
         writeAll(errors(), text);
 }
 
+bool tellAtOnce(const std::string& text) {
+    return ::write(errors(), text.data(), text.size()) > 0;
+}
+
 Output::Output(bool verbose, const std::string& color)
     : m_descriptor(openOwn(STDOUT_FILENO)), m_colored(wantsColor(color, m_descriptor.get())) {
     const auto fail = [] {

@@ -14,6 +14,8 @@ bool canMoveCursor(int descriptor);
 
 /// Writes @p text to standard error, but what nobody takes when a signal asks to end.
 void tell(const std::string& text);
+/// Writes as much of @p text as a terminal takes at once. @return whether that was any
+bool tellAtOnce(const std::string& text);
 
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
 /// error or nowhere.

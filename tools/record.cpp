@@ -327,7 +327,6 @@ private:
     }
 
     int report() {
-        m_status.wipe();
         const Recorder::Counts counts = m_recorder.counts();
         std::string text = "recorded " + std::to_string(counts.datagrams) + " datagrams, " +
                            sizeText(static_cast<double>(counts.bytes)) + ", in " +
@@ -335,6 +334,7 @@ private:
         text += counts.dropped == 0 ? "none"
                                     : std::to_string(counts.dropped) + ", " +
                                           std::to_string(counts.droppedBySystem) + " of them by the system";
+        m_status.wipe();
         m_output.write(text + "\n");
         if (const std::error_code error = m_recorder.writer().failure())
             throw Failure(kNotAllowed, printable(m_recorder.writer().path()) + ": " + error.message() +

@@ -16,7 +16,8 @@ void StatusLine::wipe() {
 void StatusLine::show(const std::string& text) {
     if (!m_isShown || text == m_shown)
         return;
-    // No wrapping meanwhile: a line that the terminal breaks could not be taken back.
-    tell("\r\x1b[K\x1b[?7l" + text + "\x1b[?7h");
-    m_shown = text;
+    // No wrapping meanwhile: a line that the terminal breaks could not be taken back. Nobody's work waits for
+    // a terminal that stands.
+    if (tellAtOnce("\r\x1b[K\x1b[?7l" + text + "\x1b[?7h"))
+        m_shown = text;
 }
