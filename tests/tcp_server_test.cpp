@@ -129,15 +129,15 @@ TEST(TcpServer, CloseClientEndsItForThePeerAtOnceAndIsAnnouncedOnce) {
 
 TEST(TcpServer, AClientThatDoesNotReadIsWaitedForOnceAndLosesOnlyItsOwn) {
     Serving s;
-    const auto [deaf, deafFd] = s.join(kLocal, 1);
+    const auto [deaf, deafFd] = s.join(kLocal, 1 << 16);
     const auto [attentive, attentiveFd] = s.join();
     std::atomic<size_t> heard = 0;
     const auto reading = std::async(std::launch::async, [&, &peer = attentive] {
         for (std::string bytes; !(bytes = peer.read(65536, 0)).empty();)
             heard += bytes.size();
     });
-    const std::string first(32 << 20, '1'); // several times what the connection holds
-    EXPECT_LT(timeOf([&] { s.server.sendData(first.data(), 32 << 20); }), kQuick);
+    const std::string first(64 << 20, '1'); // several times what the connection holds
+    EXPECT_LT(timeOf([&] { s.server.sendData(first.data(), 64 << 20); }), kQuick);
     const Output output;
     const std::string block(1 << 20, 'b');
     constexpr int kBlocks = 40;
