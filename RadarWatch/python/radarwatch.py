@@ -21,6 +21,7 @@ forks, it does nothing: nothing is listed, no event or datagram comes, iteration
 
 from __future__ import annotations
 
+import _thread
 import ctypes
 import enum
 import errno
@@ -644,18 +645,20 @@ def _datagram(raw: Any) -> Datagram:
 class _Alarm:
     """Readable for good once it was set off: what ends every wait on an object that is closed."""
 
+    _ends: Tuple[int, ...] = ()  # still where the system has no descriptor left
+
     def __init__(self) -> None:
-        self._read, self._write = os.pipe()
+        self._ends = os.pipe()
 
     def fileno(self) -> int:
-        return self._read
+        return self._ends[0]
 
     def set_off(self) -> None:
-        os.write(self._write, b"!")
+        os.write(self._ends[1], b"!")
 
     def __del__(self, close: Callable[[int], None] = os.close) -> None:
-        close(self._read)
-        close(self._write)
+        for end in self._ends:
+            close(end)
 
 
 class _Closed(ValueError):
@@ -718,8 +721,11 @@ class _Object:
         """From here to _end_use the handle is not freed."""
         with self._lock:
             if self._closed:
-                raise _Closed(f"this {type(self).__name__} is closed")
+                raise self._closed_error()
             self._uses += 1
+
+    def _closed_error(self) -> _Closed:
+        return _Closed(f"this {type(self).__name__} is closed")
 
     def _end_use(self) -> None:
         with self._lock:
@@ -1031,26 +1037,36 @@ class Control(_Object):
         if self._process != os.getpid():
             return
         copy = bytes(data)
-        self._begin_use()
+        results: List[int] = []
         if threading.current_thread() is not threading.main_thread():
-            result = self._send(copy)
-        else:  # which signal handlers run on, but not within a call of the library
-            results: List[int] = []
-            helper = threading.Thread(target=lambda: results.append(self._send(copy)), daemon=True)
-            try:
-                helper.start()
-            except BaseException:
-                self._end_use()
-                raise
-            helper.join()
-            result = results[0]
-        if result == -errno.ENOENT:
-            raise LookupError(f"{self._name!r} is not there, or has no such channel")
-        _checked(result)
+            self._send(copy, results)
+        elif not self._closed:  # on another: signal handlers run on this one, but not within a call of the library
+            done = threading.Lock()
+            done.acquire()
 
-    def _send(self, data: bytes) -> int:
+            def send() -> None:
+                try:
+                    self._send(copy, results)
+                finally:
+                    done.release()
+
+            _thread.start_new_thread(send, ())
+            done.acquire()
+        if not results:
+            raise self._closed_error()
+        if results[0] == -errno.ENOENT:
+            raise LookupError(f"{self._name!r} is not there, or has no such channel")
+        _checked(results[0])
+
+    def _send(self, data: bytes, results: List[int]) -> None:
+        """Uses the handle on the thread that calls the library: a signal handler's exception may end any other one's
+        wait for it. No result: the object is closed."""
         try:
-            return int(_control_send(self._handle, data, len(data)))
+            self._begin_use()
+        except _Closed:
+            return
+        try:
+            results.append(int(_control_send(self._handle, data, len(data))))
         finally:
             self._end_use()
 

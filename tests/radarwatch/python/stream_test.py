@@ -3,6 +3,7 @@ import signal
 import socket
 import time
 import unittest
+from contextlib import suppress
 
 from radarwatch import Control, Moved, Sequence, Started, Stream, Watch, Why, groups
 from support import HOST, LOCAL, PATIENCE, comes_true, group, profile, radar, repeated
@@ -83,6 +84,19 @@ class Controls(unittest.TestCase):
                     control.send(bytes(1 << 24))
             signal.setitimer(signal.ITIMER_REAL, 0)
             deaf.close()
+
+    def test_are_closed_by_what_interrupts_them(self):
+        def interrupt(*_):
+            raise KeyboardInterrupt
+
+        signal.signal(signal.SIGALRM, interrupt)
+        with Watch(LOCAL) as watch:
+            for _ in range(400):  # wherever a send is then
+                with self.assertRaises(KeyboardInterrupt), Control(watch, "nobody") as control:
+                    signal.setitimer(signal.ITIMER_REAL, 0.0005)
+                    while True:
+                        with suppress(LookupError):
+                            control.send(b"x")
 
     def test_reach_their_radar_or_say_why_not(self):
         endpoint = groups(20)[0].image_control
