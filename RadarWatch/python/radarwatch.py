@@ -711,11 +711,16 @@ class _Object:
     def _in_use(self) -> Iterator[Any]:
         """The handle, which is not freed meanwhile."""
         with self._lock:
-            self._begin_use()
-            try:
+            if self._closed:
+                raise self._closed_error()
+            before = self._uses
+            try:  # no call lies between what is done and undone: a signal handler's exception could come from it
+                self._uses = before + 1
                 yield self._handle
             finally:
-                self._end_use()
+                self._uses = before
+                if self._closed and before == 0:
+                    self._free()
 
     def _begin_use(self) -> None:
         """From here to _end_use the handle is not freed."""

@@ -1,3 +1,4 @@
+import os
 import select
 import signal
 import socket
@@ -91,12 +92,19 @@ class Controls(unittest.TestCase):
 
         signal.signal(signal.SIGALRM, interrupt)
         with Watch(LOCAL) as watch:
-            for _ in range(400):  # wherever a send is then
+            stream = Stream(watch, "nobody")
+            descriptor = stream.fileno()
+            for _ in range(400):  # wherever a call is then
                 with self.assertRaises(KeyboardInterrupt), Control(watch, "nobody") as control:
                     signal.setitimer(signal.ITIMER_REAL, 0.0005)
                     while True:
+                        for _ in range(10):
+                            stream.read(0)
                         with suppress(LookupError):
                             control.send(b"x")
+            stream.close()
+            with self.assertRaises(OSError):
+                os.fstat(descriptor)
 
     def test_reach_their_radar_or_say_why_not(self):
         endpoint = groups(20)[0].image_control
