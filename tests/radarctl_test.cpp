@@ -274,6 +274,14 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
         tool.signal(SIGTERM);
         EXPECT_EQ(tool.wait(15s), status) << testing::PrintToString(plan.command);
     }
+    lab::Process host = m_lan.node("host2").start(
+        {.command = radarctl({"host", "--name", "South", "--simulate"}), .errorFile = full});
+    EXPECT_TRUE(host.lineWith("serving", 30s));
+    EXPECT_EQ(runOn("host2", {"ip", "address", "flush", "scope", "global"}).status,
+              0); // the library complains
+    EXPECT_FALSE(host.wait(100ms));
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.wait(15s), 0);
 }
 
 TEST_F(Radarctl, WatchEndsOnASignalAndGivesTheTerminalBackWhereNobodyReadsIt) {

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,14 +39,16 @@ int stops() {
     return descriptor.get();
 }
 
-/// A copy of a standard descriptor, which takes no number of one that is closed. Of a terminal it does not
-/// block: one is ready also where there is less room than a write takes.
+/// A copy of a standard descriptor, which takes no number of one that is closed. Of a terminal or a pipe it
+/// does not block: a terminal is ready also where there is less room than a write takes.
 net::detail::Descriptor openOwn(int standard) {
     const std::string path = "/proc/self/fd/" + std::to_string(standard);
-    const net::detail::Descriptor terminal(
-        ::isatty(standard) == 1 ? ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1);
-    return net::detail::Descriptor(
-        ::fcntl(terminal.isOpen() ? terminal.get() : standard, F_DUPFD_CLOEXEC, 3));
+    struct stat file {};
+    const bool mayStand =
+        ::isatty(standard) == 1 || (::fstat(standard, &file) == 0 && S_ISFIFO(file.st_mode));
+    const net::detail::Descriptor own(
+        mayStand ? ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1);
+    return net::detail::Descriptor(::fcntl(own.isOpen() ? own.get() : standard, F_DUPFD_CLOEXEC, 3));
 }
 
 /// Standard error; -1: it was closed from the start.
@@ -104,7 +107,8 @@ Output::Output(bool verbose, const std::string& color)
     if (!m_descriptor.isOpen())
         fail();
     std::signal(SIGPIPE, SIG_IGN); // write tells
-    errors();                      // before something else takes the number of one that is closed
+    if (errors() != -1)            // looked at before something else takes the number of one that is closed
+        ::dup2(errors(), STDERR_FILENO); // what the library says there waits for nobody either
     const net::detail::Descriptor diagnostics(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
                                                       : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (stops() == -1 || !diagnostics.isOpen() || ::dup2(diagnostics.get(), STDOUT_FILENO) == -1)
