@@ -398,7 +398,7 @@ void addListen(CommandLine& line) {
                   checkEndpoint);
     syntax.option(
         "--sequence", options->sequence, "OFFSET[:BYTES[be|le]]",
-        "Where a number stands that grows by one a datagram: tells what the network lost (default 4be)",
+        "Where a number stands (BYTES: 4be unless given) that grows by one a datagram: what the network lost",
         checkSequence);
     syntax.option("--seconds", options->seconds, "S", "End after so many seconds",
                   checkSeconds(0.1, "duration"));

@@ -385,7 +385,7 @@ void addRecord(CommandLine& line) {
     syntax.option(
         "--streams", options->streams, "LIST",
         "all (default), or image, image-control, image-state, arpa, arpa-control, arpa-state, original, "
-        "with commas; none is lost of what radars announce and negotiate",
+        "with commas; what radars announce and negotiate is recorded in any case",
         checkStreams);
     syntax.option("--duration", options->duration, "S", "End after so many seconds",
                   checkNumber(0.1, 1e9, "is no duration: seconds"));

@@ -126,7 +126,7 @@ constexpr Part kParts[] = {
     {"interfaces.txt", "interfaces and their addresses", interfaces},
     {"routes.txt", "routes", routes},
     {"memberships.txt", "multicast memberships", memberships},
-    {"sockets.txt", "UDP sockets of all programs", sockets},
+    {"sockets.txt", "sockets of all programs on the library's ports", sockets},
     {"limits.txt", "limits of the system and of this process", limits},
     {"rules.txt", "rules of the packet filter, as far as they can be read", rules},
     {"profile.ini", "the settings", profile},
