@@ -26,7 +26,8 @@ __attribute__((visibility("default"))) Recording openRecording(const std::string
 /// Streams on that, hear the radars that were recorded, and none else.
 ///
 /// Its radars are there from the first moment, where they announced themselves in its first two seconds.
-/// It stands at that moment until as many streams listen as were asked for, so that none misses anything;
+/// It stands at that moment until as many streams listen as were asked for, so that none misses anything
+/// (one of a radar that comes later does not listen yet: ask for 0 where there is no other);
 /// then all comes in the recorded order and, but for their arrival, which is the recorded one, as if it came
 /// now. Where a clock was set back between two datagrams, the second and all behind it have later arrivals
 /// than the file, so that they follow each other. What a stream has no room for waits until the stream takes
