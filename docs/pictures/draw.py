@@ -139,7 +139,7 @@ def layers():
           "error line, command")
     right, users = 706, 174
     picture.box(right, 44, users, 50, ["applications", "examples/"])
-    picture.box(right, 142, users, 50, ["tools/ (radarctl)", "lab/"])
+    picture.box(right, 142, users, 50, ["RadarWatch/, tools/", "lab/"])
     picture.box(right, 269, users, 50, ["tests/simulation/", "fuzz/"])
     picture.line((right, 69), (640, 69))
     picture.line((right, 157), (672, 157), (672, 81), (640, 81))
