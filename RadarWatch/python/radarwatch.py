@@ -243,11 +243,15 @@ def _text(name: bytes) -> str:
     return name.decode("utf-8", "surrogateescape")
 
 
+def _whole(text: bytes) -> bytes:
+    """Refuses what C would cut."""
+    if b"\0" in text:
+        raise ValueError("a zero byte in a name")
+    return text
+
+
 def _bytes(name: str) -> bytes:
-    encoded = name.encode("utf-8", "surrogateescape")
-    if b"\0" in encoded:
-        raise ValueError("a name holds no zero byte")
-    return encoded
+    return _whole(name.encode("utf-8", "surrogateescape"))
 
 
 def _quad(address: int) -> str:
@@ -899,7 +903,7 @@ class Recording(_Object):
         ValueError: a number is out of its range. OSError: the file cannot be opened, or is of another kind."""
 
         def new(handle: Any) -> int:
-            return int(_recording_open(handle, os.fsencode(path), speed, _number(streams)))
+            return int(_recording_open(handle, _whole(os.fsencode(path)), speed, _number(streams)))
 
         super().__init__(new, _recording_free)
         self._local_address = _quad(self._call(_recording_address))

@@ -41,6 +41,8 @@ class Recordings(unittest.TestCase):
             Recording("/nowhere")
         with self.assertRaises(OSError):
             Recording(__file__)
+        with self.assertRaises(ValueError):
+            Recording(__file__ + "\0x")
         for wrong in ({"speed": -1}, {"streams": -1}, {"streams": 2**32 + 1}):
             with self.assertRaises(ValueError):
                 Recording(__file__, **wrong)
