@@ -35,7 +35,6 @@ import threading
 import time
 import weakref
 from collections import deque
-from contextlib import contextmanager
 from dataclasses import dataclass
 from types import TracebackType
 from typing import Any, Callable, Deque, Iterator, List, Optional, Tuple, Type, TypeVar, Union
@@ -669,6 +668,7 @@ class _Closed(ValueError):
     pass
 
 
+_Result = TypeVar("_Result")
 _Self = TypeVar("_Self", bound="_Object")
 
 
@@ -682,12 +682,12 @@ class _Object:
         self._closed = False
         self._alarm = _Alarm()
         self._handle = _handle()
+        self._free = weakref.finalize(self, free, self._handle)  # first: a signal handler may raise behind new
+        self._free.atexit = False  # threads may still use it then, and the process's end frees it
         result = new(ctypes.byref(self._handle))
         if result == -errno.EINVAL:
             raise ValueError(_OUT_OF_RANGE)
         _checked(result)
-        self._free = weakref.finalize(self, free, self._handle)
-        self._free.atexit = False  # threads may still use it then, and the process's end frees it
 
     def close(self) -> None:
         """Frees the object's threads and descriptors. What waits for it in other threads ends. May be called twice."""
@@ -711,16 +711,15 @@ class _Object:
     ) -> None:
         self.close()
 
-    @contextmanager
-    def _in_use(self) -> Iterator[Any]:
-        """The handle, which is not freed meanwhile."""
+    def _use(self, function: Callable[[Any], _Result]) -> _Result:
+        """Calls this with the handle, which is not freed meanwhile."""
         with self._lock:
             if self._closed:
                 raise self._closed_error()
             before = self._uses
             try:  # no call lies between what is done and undone: a signal handler's exception could come from it
                 self._uses = before + 1
-                yield self._handle
+                return function(self._handle)
             finally:
                 self._uses = before
                 if self._closed and before == 0:
@@ -746,8 +745,7 @@ class _Object:
         """Calls a function of the library that does not wait. In a child, it does nothing: 0."""
         if self._process != os.getpid():
             return 0
-        with self._in_use() as handle:
-            return _checked(function(handle, *arguments))
+        return self._use(lambda handle: _checked(function(handle, *arguments)))
 
 
 class _Source(_Object):
@@ -787,8 +785,7 @@ def _on_watch(watch: Watch, new: Callable[..., int], *arguments: Any) -> Callabl
     def make(handle: Any) -> int:
         if watch._process != os.getpid():
             raise ValueError("the Watch belongs to another process")
-        with watch._in_use() as watch_handle:
-            return new(handle, watch_handle, *arguments)
+        return watch._use(lambda watch_handle: new(handle, watch_handle, *arguments))
 
     return make
 
@@ -969,13 +966,15 @@ class Stream(_Source):
         self._batch: Deque[Datagram] = deque()
 
     def read(self, timeout: Optional[float] = None) -> List[Datagram]:
-        """Takes what has come, some dozens at most, after waiting for the first. Empty: time is up, or the Stream
-        was closed."""
+        """Takes what has come, some dozens at most, after waiting for the first. Empty: time is up, the Stream was
+        closed, or this is a signal handler that interrupted another call of it."""
         deadline = _deadline(timeout)
         try:
             while True:
                 self._take_events()
                 batch = self._take()
+                if batch is None:
+                    return []
                 if batch or not self._wait(deadline):
                     return batch
         except _Closed:
@@ -1006,18 +1005,21 @@ class Stream(_Source):
                 values[i] = None if values[i] < 0 else values[i] / 1e9
         return Statistics(*values)
 
-    def _take(self) -> List[Datagram]:
+    def _take(self) -> Optional[List[Datagram]]:
+        """None: it cannot be said, in a signal handler that interrupted a call of this Stream."""
         if self._batch:
             batch = list(self._batch)
             self._batch.clear()
             return batch
         if self._process != os.getpid():
             return []
-        with self._in_use() as handle:
-            if self._uses > 1:  # the one that was interrupted still copies what it took
-                return []
-            count = _checked(_stream_read(handle, self._datagrams, _MOST_AT_ONCE, 0))
-            return [_datagram(one) for one in self._datagrams[:count]]
+        return self._use(self._take_with)
+
+    def _take_with(self, handle: Any) -> Optional[List[Datagram]]:
+        if self._uses > 1:  # the one that was interrupted still copies what it took
+            return None
+        count = _checked(_stream_read(handle, self._datagrams, _MOST_AT_ONCE, 0))
+        return [_datagram(one) for one in self._datagrams[:count]]
 
     def _take_events(self) -> None:
         raw = _StreamEvent()

@@ -2,6 +2,7 @@ import os
 import select
 import signal
 import socket
+import threading
 import time
 import unittest
 from contextlib import suppress
@@ -36,6 +37,7 @@ class Streams(unittest.TestCase):
                 self.assertTrue(0 < counted.median_gap <= counted.gap_99 * 1.1)
                 image.send(b"waits")
                 self.assertTrue(select.select([stream], [], [], PATIENCE)[0])
+                self.assertEqual(stream._use(lambda _: stream.read()), [], "in a signal handler in another call")
                 self.assertEqual(stream.read(0)[0].data, b"waits")
 
                 with Stream(watch, "North", "arpa") as targets, Stream(watch, "North", largest_datagram=10) as cut:
@@ -95,13 +97,19 @@ class Controls(unittest.TestCase):
             stream = Stream(watch, "nobody")
             descriptor = stream.fileno()
             for _ in range(400):  # wherever a call is then
-                with self.assertRaises(KeyboardInterrupt), Control(watch, "nobody") as control:
-                    signal.setitimer(signal.ITIMER_REAL, 0.0005)
-                    while True:
-                        for _ in range(10):
-                            stream.read(0)
-                        with suppress(LookupError):
-                            control.send(b"x")
+                other = threading.Thread(target=stream.statistics, daemon=True)
+                try:
+                    with Control(watch, "nobody") as control:
+                        signal.setitimer(signal.ITIMER_REAL, 0.0005)
+                        while True:
+                            for _ in range(10):
+                                stream.read(0)
+                            with suppress(LookupError):
+                                control.send(b"x")
+                except KeyboardInterrupt:
+                    other.start()
+                    other.join(PATIENCE)
+                self.assertFalse(other.is_alive(), "it waits for what was interrupted")
             stream.close()
             with self.assertRaises(OSError):
                 os.fstat(descriptor)

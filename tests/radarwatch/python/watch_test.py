@@ -10,6 +10,7 @@ import signal
 import threading
 import time
 import unittest
+from unittest import mock
 
 import radarwatch
 from radarwatch import Appeared, Change, Changed, Control, Left, LocalFound, Origin, Reason, Sequence, Stream, Watch
@@ -87,7 +88,14 @@ class Events(unittest.TestCase):
 
 class Objects(unittest.TestCase):
     def test_that_are_collected_leave_nothing_behind(self):
+        new = radarwatch._watch_new
+
+        def interrupted(*arguments):
+            raise KeyboardInterrupt(new(*arguments))
+
         def use():
+            with mock.patch("radarwatch._watch_new", interrupted), self.assertRaises(KeyboardInterrupt):
+                Watch(LOCAL)
             watch = Watch(LOCAL)
             stream = Stream(watch, "radar-1")
             control = Control(watch, "radar-1")
