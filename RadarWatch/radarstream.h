@@ -144,8 +144,9 @@ struct StreamOptions {
 ///
 /// Life cycle: listens from construction to destruction, also when the Watch is destroyed before. A socket
 /// that takes the place of another is in use before that one is left, and what the system had taken for the
-/// old one is still delivered, first; around that moment a datagram may come twice. A switch that has
-/// forgotten that we listen is reminded (see docs/radarwatch-streams.md).
+/// old one is still delivered, first, unless it takes more than seven such places before anybody reads;
+/// around that moment a datagram may come twice. A switch that has forgotten that we listen is reminded (see
+/// docs/radarwatch-streams.md).
 ///
 /// Two ways to take datagrams and events: callbacks, or read() and nextEvent().
 ///

@@ -21,6 +21,7 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr std::size_t kEvents = 64;
+constexpr std::size_t kInlets = 8;              // a radar may move while nobody reads
 constexpr std::size_t kLargestDatagram = 65536; // no datagram is longer
 constexpr milliseconds kWait = 500ms; // of a receive call, until it is seen whether there are events
 constexpr milliseconds kFailurePause = 100ms;
@@ -144,12 +145,20 @@ void StreamPrivate::open(Time now) {
 }
 
 bool StreamPrivate::putInUse(const InletPtr& inlet) {
+    InletPtr lost; // closed without the lock
     {
         Lock lock(m_mutex);
         m_inlets.push_back(inlet);
         if (!registerSocket(*inlet)) {
             m_inlets.pop_back();
             return false;
+        }
+        if (m_inlets.size() > kInlets) {
+            const auto second = m_inlets.begin() + 1; // the first may be read just now
+            lost = std::move(*second);
+            m_inlets.erase(second);
+            unregisterSocket(*lost);
+            m_droppedHere += lost->droppedHere();
         }
         m_inletsChanged = true;
     }

@@ -399,8 +399,10 @@ TEST_F(StreamTest, ControlSaysWhatBecomesOfBytesForAPeerThatDoesNotRead) {
 TEST_F(StreamTest, ReaderThatSleptFindsTheLast64EventsAndIsWhereTheRadarIs) {
     constexpr unsigned moves = 100;
     const auto stream = reader();
+    const auto before = ProcessResources::now().descriptors;
     for (unsigned i = 1; i <= moves; ++i)
         m_engine->tellImage(i < moves ? ("236.6.8." + std::to_string(i)).c_str() : kGroup, kPort);
+    EXPECT_LE(ProcessResources::now().descriptors, before + 8);
     std::vector<StreamEvent> events;
     while (auto event = stream->nextEvent())
         events.push_back(*event);
