@@ -143,6 +143,9 @@ Descriptor RecordedLan::listen(const NetAddress& endpoint, int flags,
     }
     {
         Lock lock(m_mutex);
+        for (auto& [key, listeners] : m_listeners) // what is sent tells who has gone, but nothing may be sent
+            if (key != keyOf(discoveryEndpoint()))
+                std::erase_if(listeners, [](const auto& known) { return known->stream.expired(); });
         m_listeners[keyOf(endpoint)].push_back(listener);
     }
     if (keyOf(endpoint) == keyOf(discoveryEndpoint()))

@@ -1,5 +1,6 @@
 // A recording in place of a LAN: Watches and streams hear it as they hear radars, and nothing needs a
 // network.
+#include "../faults.h"
 #include "../profile_directory.h"
 #include "../records.h"
 #include "../wait.h"
@@ -128,10 +129,13 @@ TEST_F(RecordedLan, GivesEveryStreamAllThatWasRecordedInItsOrder) {
 TEST_F(RecordedLan, StandsUntilAsManyStreamsListenAsItWaitsForAndThenKeepsTheRecordedPace) {
     const Recording recording = radar::openRecording(record(50), 2, 2);
     Watch watch(Watch::Options{recording.localAddress()});
-    for (int i = 0; i < 3; ++i) { // one after the other
+    std::vector<long> descriptors;
+    for (int i = 0; i < 6; ++i) { // one after the other
+        descriptors.push_back(ProcessResources::now().descriptors);
         Stream stream(watch, "North", radar::Image);
         EXPECT_TRUE(tells(stream, StreamEvent::Kind::Started));
     }
+    EXPECT_LE(descriptors.back(), descriptors.front() + 2) << "one that is forgotten with the next";
     Stream north(watch, "North", radar::Image);
     radar::Datagram datagram;
     EXPECT_FALSE(comesTrue([&] { return north.read(&datagram, 1, 10ms) > 0; }, 200ms));
