@@ -64,7 +64,7 @@ std::optional<Event> WatchPrivate::wait(std::chrono::milliseconds timeout) {
         if (m_inbox.isClosed() || (timeout >= 0ms && left <= 0ms))
             return std::nullopt;
         pollfd ready{m_inbox.descriptor(), POLLIN, 0};
-        if (::poll(&ready, 1, static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX))) < 0)
+        if (::poll(&ready, 1, static_cast<int>(std::clamp<std::int64_t>(left.count(), -1, INT_MAX))) < 0)
             return std::nullopt; // a signal handler ran
     }
 }
