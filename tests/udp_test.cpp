@@ -4,8 +4,10 @@
 #include "profile_directory.h"
 #include "recorder.h"
 #include "records.h"
+#include "wait.h"
 
 #include <UdpSocket/base/command.h>
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/netiphelper.h>
 #include <UdpSocket/transport/protocol_sockets.h>
 
@@ -114,6 +116,26 @@ TEST_F(Udp, DiscoveryReceiversHaveRoomForAFullPlanOfAnswersOrSaySo) {
     EXPECT_EQ(errOf(forDiscovery),
               "UdpReceiver: the system grants 10240 of 262144 bytes of receive buffer (net.core.rmem_max), "
               "many radars at once may not all be heard\n");
+}
+
+TEST_F(Udp, ReceiverIsTiedToItsInterfaceInTheEndWhereTheInterfacesCouldNotBeListedFirst) {
+    net::detail::Timing timing;
+    timing.receiverRepair = 50ms;
+    net::detail::setTiming(timing);
+    const unsigned int loopback = net::transAddr("127.0.0.1");
+    net::UdpSocket other(&m_recorder, 64); // joins the group there
+    other.SetGroupRecvSockAddr(loopback, kGroup, 5001);
+    net::UdpSender sender(kGroup, 5000, loopback, 0);
+    sender.setMulticastLoop(true);
+    for (const int look : {1, 2}) {
+        const Fault fault("getifaddrs", EMFILE, look);
+        const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+        int unheard = 0;
+        const auto hears = [&] { return sender.sendData("x", 1) == 1 && m_recorder.next(20ms).has_value(); };
+        EXPECT_TRUE(comesTrue([&] { return (unheard = hears() ? 0 : unheard + 1) == 10; })) << look;
+        EXPECT_TRUE(fault.hit());
+    }
+    net::detail::setTiming({});
 }
 
 TEST_F(Udp, DescriptorsAreCloseOnExecAndClosedAtOnceWithTheirOwners) {

@@ -103,14 +103,15 @@ void UdpReceiverPrivate::setUp(Attempt attempt) {
     const detail::Kind kind = detail::kindOf(address());
     if (kind == detail::Kind::Broadcast && !detail::setOption(socket, SOL_SOCKET, SO_BROADCAST, 1))
         report(attempt, udp_site::kReceiverBroadcast);
-    m_interface = detail::interfaceIndex(m_localIp, m_listened);
+    const std::string name =
+        attempt == Attempt::First ? localIfaName(m_localIp) : detail::interfaceName(m_localIp);
+    const bool nameless = m_localIp != 0 && name.empty(); // not tied to its interface: repair() tries again
+    m_interface = nameless ? 0 : detail::interfaceIndex(m_localIp, m_listened);
     m_links = detail::LinkHistory::ofThisNetwork();
     m_removals = m_links ? m_links->removals(m_interface) : 0;
     m_joined = kind != detail::Kind::Multicast || detail::joinGroup(socket, m_listened, m_localIp);
     if (!m_joined)
         report(attempt, udp_site::kReceiverJoin);
-    const std::string name =
-        attempt == Attempt::First ? localIfaName(m_localIp) : detail::interfaceName(m_localIp);
     if (!name.empty() && !detail::bindToDevice(socket, detail::deviceName(name)))
         report(attempt, udp_site::kReceiverDevice);
     if (attempt == Attempt::First)
