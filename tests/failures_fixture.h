@@ -29,6 +29,7 @@ protected:
         timing.addressLook = 50ms;
         timing.objection = 10ms;
         timing.receiverRepair = 20ms;
+        timing.senderLook = 1h; // which fails without a word
         timing.checkerProbe = 15ms;
         timing.checkerPause = 5ms;
         timing.clientTick = timing.watchPass = timing.restartCarrier = 2ms;

@@ -402,7 +402,7 @@ class ReceiverOnAnInterface : public Program {
 protected:
     ReceiverOnAnInterface() {
         net::detail::Timing timing;
-        timing.receiverRepair = 100ms;
+        timing.receiverRepair = timing.senderLook = 100ms;
         net::detail::setTiming(timing);
     }
     static void replaceInterface() {
@@ -459,7 +459,14 @@ TEST_F(ReceiverOnAnInterface, AndItsSenderTakeUpALateAddressWhileDatagramsArrive
     EXPECT_TRUE(comesTrue([&] { return (unheard = hears() ? 0 : unheard + 1) == 10; }));
     sender.sendData("late", 4);
     EXPECT_EQ(m_recorder.next().value_or(Datagram{}).from, "10.7.0.1:5009");
-    std::system("ip link del late");
+
+    ASSERT_EQ(std::system("ip addr del 10.7.0.1/24 dev late && ip addr add 10.7.0.1/24 dev eth0"), 0);
+    EXPECT_TRUE(hearsAgain());
+    while (m_recorder.next(50ms))
+        continue;
+    EXPECT_TRUE(comesTrue([&] { return sender.sendData("moved", 5) == 5 && m_recorder.next(20ms); }))
+        << "the interface that had the address is still up";
+    std::system("ip addr del 10.7.0.1/24 dev eth0; ip link del late");
 }
 
 } // namespace

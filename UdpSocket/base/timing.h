@@ -19,6 +19,7 @@ struct Timing {
     std::chrono::milliseconds addressLook{1000}; ///< how soon a search's pause notices other addresses
     std::chrono::milliseconds objection{1000};   ///< how long others may object to a probe, and to a confirm
     std::chrono::milliseconds receiverRepair{2000}; ///< how soon a receiver notices a replaced interface
+    std::chrono::milliseconds senderLook{2000};     ///< how soon a sender notices that its address has moved
     std::chrono::milliseconds checkerProbe{2000};   ///< how long UdpChecker listens through each address
     std::chrono::milliseconds checkerPause{5000};   ///< between its checks
     std::chrono::milliseconds clientTick{500};      ///< a TCP client's cycle, of which eleven make an attempt

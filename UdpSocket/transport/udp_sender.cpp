@@ -1,5 +1,7 @@
 #include <UdpSocket/transport/udp_sender.h>
 
+#include <UdpSocket/base/clock.h>
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/settings/settings.h>
 #include <UdpSocket/transport/destination.h>
 #include <UdpSocket/transport/udp_sites.h>
@@ -69,6 +71,7 @@ bool UdpSenderPrivate::ensureSocket() {
         detail::setOption(made.socket, IPPROTO_IP, IP_MULTICAST_LOOP, *m_wantedLoop ? 1 : 0);
     m_socket = std::move(made.socket);
     m_interfaceSet = made.interfaceSet;
+    m_nextLook = detail::coarseNow() + detail::timing().senderLook;
     m_ready = true;
     return true;
 }
@@ -91,11 +94,19 @@ bool UdpSenderPrivate::adoptInterface() {
     return true;
 }
 
+/// Where the address has moved and its interface is still up, no send would fail.
+void UdpSenderPrivate::followAddress() {
+    const auto now = detail::coarseNow();
+    if (m_interfaceSet && now < m_nextLook.load())
+        return;
+    m_nextLook = now + detail::timing().senderLook;
+    adoptInterface();
+}
+
 int UdpSenderPrivate::sendData(const char* data, int length, int flags) {
     if (!ensureSocket())
         return -1;
-    if (!m_interfaceSet)
-        adoptInterface();
+    followAddress();
     auto sent = static_cast<int>(detail::sendTo(m_socket, data, length, m_destination, flags));
     if (sent == -1 && isInterfaceGone(errno) && adoptInterface())
         sent = static_cast<int>(detail::sendTo(m_socket, data, length, m_destination, flags));
@@ -117,8 +128,7 @@ int UdpSenderPrivate::sendMultipleDatas(const std::vector<std::pair<const void*,
         header.msg_iov = &buffers[i];
         header.msg_iovlen = 1;
     }
-    if (!m_interfaceSet)
-        adoptInterface();
+    followAddress();
     const auto send = [&] {
         return ::sendmmsg(m_socket.get(), messages.data(), static_cast<unsigned int>(messages.size()), 0);
     };

@@ -9,6 +9,7 @@
 #include <UdpSocket/udpsocket.h>
 
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -44,6 +45,7 @@ private:
     bool ensureSocket();
     bool setInterface(const detail::Descriptor& socket) const;
     bool adoptInterface();
+    void followAddress();
 
     const detail::ErrorReporter m_errors; // the destination's address and port
     const sockaddr_in m_destination;
@@ -54,6 +56,7 @@ private:
     detail::Descriptor m_socket;                               // made once, used from m_ready on
     std::atomic<bool> m_ready = false;
     std::atomic<bool> m_interfaceSet = true;
+    std::atomic<std::chrono::steady_clock::time_point> m_nextLook{}; // whether the address has moved
 };
 
 } // namespace net
