@@ -33,7 +33,7 @@ protected:
         timing.search = {50ms, 20ms, 100ms, 50ms};
         timing.addressLook = 100ms;
         timing.receiverRepair = 200ms;
-        timing.clientTick = 50ms;
+        timing.clientTick = timing.checkerPause = 50ms;
         net::detail::setTiming(timing);
     }
 
@@ -104,12 +104,15 @@ TEST_F(Resources, InterfacesThatCannotBeListedHaveNotLostTheRadars) {
     const ProfileDirectory searching;
     const Output output;
     Addresses addresses;
+    Addresses checked;
     MultiRadarClient client;
     client.addListener(&addresses);
+    net::UdpChecker checker(wire::kBeacon.address, wire::kBeacon.port, "aabbccdd");
+    checker.addListener(&checked);
     net::UdpSender beacons(wire::kBeacon.address, wire::kBeacon.port, m_local, 0);
     beacons.setMulticastLoop(true);
     const auto beat = [&] { return std::this_thread::sleep_for(10ms), beacons.sendData("aabbccdd", 8) == 8; };
-    EXPECT_TRUE(comesTrue([&] { return beat() && addresses.reaches(1, 0ms); }));
+    EXPECT_TRUE(comesTrue([&] { return beat() && addresses.reaches(1, 0ms) && checked.reaches(1, 0ms); }));
     {
         const Fault none("getifaddrs", EMFILE, 1, 1'000'000);
         EXPECT_TRUE(comesTrue([&] { return beat() && std::ranges::count(output.err(), '\n') >= 5; }));
@@ -117,6 +120,7 @@ TEST_F(Resources, InterfacesThatCannotBeListedHaveNotLostTheRadars) {
     for (const auto end = std::chrono::steady_clock::now() + 500ms; std::chrono::steady_clock::now() < end;)
         beat();
     EXPECT_THAT(addresses.all(), testing::ElementsAre("10.1.0.1"));
+    EXPECT_THAT(checked.all(), testing::ElementsAre("10.1.0.1"));
 }
 
 /// As often as the environment variable CHURN_CYCLES says, or often enough for a test.

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstring>
 #include <list>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,7 +53,7 @@ private:
     };
 
     void check();
-    unsigned int probeAll();
+    unsigned int probeAll(const std::set<unsigned int>& addresses);
     detail::Descriptor openProbe(unsigned int localIp) const;
     void endProbes();
     bool receivesExpected(const detail::Descriptor& socket) const;
@@ -114,22 +115,23 @@ void UdpCheckerPrivate::removeListener(iUdpCheckerListener* listener) {
 void UdpCheckerPrivate::check() {
     do {
         detail::runStep("UdpChecker: a check", [this] {
-            const unsigned int foundIp = probeAll();
+            const std::set<unsigned int> addresses = localIpSet();
+            if (addresses.contains(0))
+                return; // not listed, which is no address that is lost
+            const unsigned int foundIp = probeAll(addresses);
             if (!m_pause.stopped())
                 store(foundIp);
         });
     } while (m_pause.sleep(detail::timing().checkerPause));
 }
 
-/// Listens once through every local address at the same time. @return the one that the text came through, or
+/// Listens once through all of @p addresses at the same time. @return the one that the text came through, or
 /// came through last; or 0
-unsigned int UdpCheckerPrivate::probeAll() {
+unsigned int UdpCheckerPrivate::probeAll(const std::set<unsigned int>& addresses) {
     std::vector<Probe*> probes; // those of m_probes, which only this thread changes
     std::atomic<int> heard = 0; // how many have heard the text
     const detail::ScopeExit end([this] { endProbes(); });
-    for (const unsigned int localIp : localIpSet()) {
-        if (localIp == 0) // the addresses could not be listed
-            continue;
+    for (const unsigned int localIp : addresses) {
         detail::Lock lock(m_probesMutex);
         if (m_pause.stopped())
             break;
