@@ -39,6 +39,9 @@ TEST(Search, SettlesOnTheAddressThatReceivesBeaconsAndReportsItOnce) {
 using HostServerTest = OneInterface;
 
 TEST_F(HostServerTest, AnswersTheExactQueryOnlyAndOnce) {
+    net::detail::Timing timing;
+    timing.receiverRepair = 50ms;
+    net::detail::setTiming(timing);
     const ProfileDirectory profile("[Local]\nMulticastLoop = true\n");
     RadarAddress images{};
     images.imageStream = {net::transAddr("239.1.1.1"), net::HtoNs(111), 0};
@@ -55,6 +58,13 @@ TEST_F(HostServerTest, AnswersTheExactQueryOnlyAndOnce) {
             answers.insert(datagram->bytes);
     EXPECT_THAT(answers, testing::UnorderedElementsAre(protocol::composeAnnouncement("Planned", 17, 2),
                                                        protocol::composeAnnouncement("Own", 18, images)));
+
+    ASSERT_EQ(std::system("ip link add eth1 type veth peer name far1 && ip addr add 10.2.0.1/24 dev eth1 && "
+                          "ip link set eth1 up && ip route replace 236.6.7.5 dev eth1"),
+              0);
+    EXPECT_TRUE(comesTrue([] { return std::system("ip maddr show dev eth1 | grep -q 236.6.7.5") == 0; }))
+        << "its answers leave by that interface from now on";
+    std::system("ip link del eth1");
 }
 
 using FixedRadar = OneInterface;

@@ -29,6 +29,7 @@ inline std::unique_ptr<UdpReceiver> makeReceiver(iUdpDataListener* listener, con
     auto receiver =
         std::make_unique<UdpReceiver>(listener, localIp, group.address, group.port, kDatagramBuffer);
     UdpReceiverPrivate::growReceiveBuffer(*receiver, kReceiveBuffer);
+    UdpReceiverPrivate::followRoute(*receiver);
     return receiver;
 }
 

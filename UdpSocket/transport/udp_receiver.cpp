@@ -200,7 +200,8 @@ void UdpReceiverPrivate::repair() {
         m_joined = false;
     }
     char name[IF_NAMESIZE];
-    if (!removed && m_localIp == 0 && m_joined && ::if_indextoname(m_interface, name) != nullptr)
+    if (!removed && m_localIp == 0 && m_joined && !m_followsRoute &&
+        ::if_indextoname(m_interface, name) != nullptr)
         return; // another interface may be the system's choice by now, but this one is there
     const unsigned int interface = detail::interfaceIndex(m_localIp, m_listened);
     if (interface == 0 || (interface == m_interface && !removed && m_joined))

@@ -1,6 +1,6 @@
 /// @file
 /// The implementation behind net::UdpReceiver, and the door through which the library's own receivers get a
-/// larger receive buffer.
+/// larger receive buffer, and follow the route.
 #pragma once
 
 #include <UdpSocket/base/error_line.h>
@@ -37,6 +37,9 @@ public:
     /// Asks the system for @p bytes of receive buffer, beyond what the constructor asked for. When it grants
     /// less, standard error says so, once a process.
     static void growReceiveBuffer(UdpReceiver& receiver, int bytes);
+    /// Has a receiver without a local address move to the interface to which the route leads by now, where a
+    /// sender without one sends; otherwise it stays on its own for as long as there is that.
+    static void followRoute(UdpReceiver& receiver) { receiver.d->m_followsRoute = true; }
     /// False where the system had no thread for the receiver: it will never hear anything.
     static bool hasThread(const UdpReceiver& receiver);
 
@@ -61,6 +64,7 @@ private:
     const unsigned int m_localIp;         // network order
     const unsigned int m_listened;        // the address, network order
     std::atomic<bool> m_running = true;
+    std::atomic<bool> m_followsRoute = false;
     detail::Pause m_ending;
 
     // Of the socket at hand, for the thread that sets it up: the constructor's, then the receive thread.
