@@ -122,7 +122,8 @@ std::uint8_t Login::drive(bool untilHeld) {
         const auto output = m_negotiation.advance(now);
         lock.unlock();
         if (output.message)
-            net::detail::send(*m_sender, wire::text(*output.message));
+            net::detail::runStep("HostNegotiator: a message",
+                                 [&] { net::detail::send(*m_sender, wire::text(*output.message)); });
         if (output.loggedIn && untilHeld) {
             call(*output.loggedIn); // what it throws is the caller's
             return *output.loggedIn;
