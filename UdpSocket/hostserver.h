@@ -16,7 +16,8 @@ class HostServerPrivate;
 /// Errors: a host id or stream count that does not exist is a programming error and ends the process, in
 /// every build type, after a message. So does a name longer than the record, which has 148 bytes for it, with
 /// two streams 220. Failed sends are reported on standard error and not retried; the receiver sets itself up
-/// again as udpsocket.h says. The multicast route decides which interface is used.
+/// again as udpsocket.h says. The multicast route decides which interface is used, 2 seconds after it has
+/// changed at most.
 class __attribute__((visibility("default"))) HostServer {
 public:
     /// @param name        the radar's name; displays see at most its first 16 bytes

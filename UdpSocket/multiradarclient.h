@@ -18,7 +18,8 @@ class MultiRadarClientPrivate;
 class __attribute__((visibility("default"))) iMultiRadarCheckerListener {
 public:
     /// The local address has been settled or has changed. Called on the client's checker thread while its
-    /// listener lock is held: return quickly, and neither add nor remove listeners from inside.
+    /// listener lock is held: return quickly, and neither add nor remove listeners from inside. addListener
+    /// calls it, too.
     /// @param localIp network order
     virtual void OnLocalIpChanged(unsigned int localIp) = 0;
 };

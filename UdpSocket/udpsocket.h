@@ -95,8 +95,9 @@ private:
 /// multicast, anything else unicast.
 ///
 /// Whether this machine hears its own multicast is read from profile.ini, section "Local", key
-/// "MulticastLoop" (default false), each time a sender is made. Threads: none of its own; all operations may
-/// be called from several threads at once.
+/// "MulticastLoop" (default false), each time a sender is made. What goes to a group leaves by the interface
+/// that carries the local address, also when the address has moved, 2 seconds later at most. Threads: none of
+/// its own; all operations may be called from several threads at once.
 class __attribute__((visibility("default"))) UdpSender {
 public:
     /// @param localIp   address to send from, network order; 0 lets the system choose
@@ -178,9 +179,9 @@ public:
 
 /// Finds out through which local address a known multicast datagram can be received.
 ///
-/// Every 5 seconds, at first at once, it listens on the group through every local address at the same time,
-/// for one datagram or 2 seconds each. A datagram that is the expected text, or its beginning, settles on
-/// that address; when several hear it, on one of them.
+/// At once, and again 5 seconds after each check, it listens on the group through every local address at the
+/// same time, for one datagram or 2 seconds each. A datagram that is the expected text, or its beginning,
+/// settles on that address; when several hear it, on one of them.
 ///
 /// Life cycle: checks from construction to destruction. Threads: one, and one for each local address during a
 /// check; listeners may be added and removed from any thread.
@@ -229,7 +230,7 @@ __attribute__((visibility("default"))) std::string cidrToMask(int prefixLength);
 __attribute__((visibility("default"))) int maskToCidr(const std::string& mask);
 
 /// Resolves a host name and appends its IPv4 addresses, in the resolver's order, to @p addresses.
-/// @return how many were appended; 0 when the name is not known
+/// @return how many were appended; 0 when the name is not known, or nobody could be asked
 __attribute__((visibility("default"))) int GetIpByDomainName(const char* name,
                                                              std::vector<std::string>& addresses);
 /// @}
@@ -252,8 +253,8 @@ extern __attribute__((visibility("default"))) std::mutex networkIfMutex;
 __attribute__((visibility("default"))) std::map<unsigned int, tNetworkInterface> localNetworkInterfaces();
 
 /// The hardware address of the interface that carries @p ip (network order), 12 hexadecimal digits without
-/// colons. Any thread.
-/// @throws std::logic_error when no interface carries it
+/// colons; empty when it could not be read. Any thread.
+/// @throws std::logic_error when no interface carries it, or the system cannot list them
 __attribute__((visibility("default"))) std::string localMac(unsigned int ip);
 
 /// The name of the interface that carries @p ip (network order), or "". Any thread.
