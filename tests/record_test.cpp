@@ -366,7 +366,8 @@ TEST_F(Recording, IsShownWithItsCommentsUnlessItIsNotThereOrCannotBeRead) {
     std::string blocks = sectionBlock("test") + interfaceBlock("eth0");
     appendDatagramBlock(blocks, 0, {1s, endpoint("10.20.1.1", 1), imageOf(20), "x"}, "a\nb");
     m_profile.write(blocks, "file");
-    EXPECT_THAT(run({"info", path("file")}).output, HasSubstr("0.0 s  a\n             b\n"));
+    EXPECT_THAT(run({"info", path("file")}).output,
+                testing::AllOf(HasSubstr(": 1 datagram, 1 byte\n"), HasSubstr("0.0 s  a\n             b\n")));
     EXPECT_EQ(run({"info", path("nowhere")}).status, 1);
     EXPECT_EQ(run({"info", path("profile.ini")}).status, 1);
     EXPECT_EQ(run({"info", path("file") + "/file"}).status, 3);

@@ -188,13 +188,13 @@ std::string noteLines(const Recorded& recorded) {
 int show(const Options& options, Output& output) {
     const Recorded recorded = lookThrough(options.file);
     const Contents::Stream& total = recorded.contents.total();
-    output.write(options.json ? asJson(recorded)
-                              : format("%.3f s from %s: %llu datagrams, %llu bytes\n",
-                                       inSeconds(total.last - total.first), timeText(total.first).c_str(),
-                                       static_cast<unsigned long long>(total.datagrams),
-                                       static_cast<unsigned long long>(total.bytes)) +
-                                    radarLines(recorded.contents, output) +
-                                    streamLines(recorded.contents, output) + noteLines(recorded));
+    output.write(options.json
+                     ? asJson(recorded)
+                     : format("%.3f s from %s: %s, %s\n", inSeconds(total.last - total.first),
+                              timeText(total.first).c_str(), counted(total.datagrams, "datagram").c_str(),
+                              counted(total.bytes, "byte").c_str()) +
+                           radarLines(recorded.contents, output) + streamLines(recorded.contents, output) +
+                           noteLines(recorded));
     if (recorded.broken.empty())
         return kFound;
     std::fprintf(stderr, "radarctl: %s\n", printable(recorded.broken).c_str());

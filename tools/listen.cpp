@@ -286,7 +286,7 @@ std::string senderLines(const Second& total) {
         return "";
     std::string text;
     for (const auto& [source, datagrams] : total.sources)
-        text += "  " + padded(source, 22) + std::to_string(datagrams) + " datagrams\n";
+        text += "  " + padded(source, 22) + counted(static_cast<std::uint64_t>(datagrams), "datagram") + "\n";
     return text;
 }
 

@@ -328,7 +328,7 @@ private:
 
     int report() {
         const Recorder::Counts counts = m_recorder.counts();
-        std::string text = "recorded " + std::to_string(counts.datagrams) + " datagrams, " +
+        std::string text = "recorded " + counted(counts.datagrams, "datagram") + ", " +
                            sizeText(static_cast<double>(counts.bytes)) + ", in " +
                            std::to_string((Clock::now() - m_start) / 1s) + " s; dropped: ";
         text += counts.dropped == 0 ? "none"

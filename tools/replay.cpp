@@ -369,15 +369,15 @@ private:
             return;
         m_nextDrawing = Clock::now() + kRedraw;
         char text[100];
-        std::snprintf(text, sizeof text, "%.1f of %.1f s, %llu datagrams sent",
+        std::snprintf(text, sizeof text, "%.1f of %.1f s, %s sent",
                       std::chrono::duration<double>(std::max(Time(0), position - m_from)).count(),
                       std::chrono::duration<double>(m_to - m_from).count(),
-                      static_cast<unsigned long long>(m_sent));
+                      counted(m_sent, "datagram").c_str());
         m_status.show(text);
     }
 
     void report() {
-        std::string text = std::to_string(m_sent) + " datagrams sent";
+        std::string text = counted(m_sent, "datagram") + " sent";
         if (m_failed > 0)
             text += ", " + std::to_string(m_failed) + " not: " + std::strerror(m_error);
         if (m_leftOut > 0)

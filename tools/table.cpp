@@ -103,6 +103,10 @@ std::string endpointText(const wire::Group& group) {
     return std::string(group.address) + ":" + std::to_string(group.port);
 }
 
+std::string counted(std::uint64_t number, const std::string& what) {
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
 std::string ageText(std::chrono::milliseconds age) {
     return format("%.1f s ago", static_cast<double>(age.count()) / 1000);
 }

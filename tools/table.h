@@ -6,6 +6,7 @@
 #include "listing.h"
 
 #include <chrono>
+#include <cstdint>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +17,9 @@ std::string printable(const std::string& bytes);
 
 /// Printable text, filled with blanks to that many columns, and at least one blank.
 std::string padded(const std::string& text, int columns);
+
+/// "1 datagram", "2 datagrams".
+std::string counted(std::uint64_t number, const std::string& what);
 
 /// Seconds with one decimal: "0.3 s ago".
 std::string ageText(std::chrono::milliseconds age);

@@ -41,8 +41,8 @@ Report judgeImage(const ImageSeen& image, const Listening& listening) {
     Report report;
     const std::string subject = "the image of \"" + image.radar + "\"";
     const std::string where = image.interface.empty() ? "not listened to" : "on " + image.interface;
-    const std::string seen = where + ", " + std::to_string(image.datagrams) + " datagrams" +
-                             (image.isSilent ? ", none of them lately" : "");
+    const std::string seen =
+        where + ", " + counted(image.datagrams, "datagram") + (image.isSilent ? ", none of them lately" : "");
     report.check(subject, seen);
     if (image.forgotten > 0)
         report.find(Id::SwitchForgets, Severity::Fault,

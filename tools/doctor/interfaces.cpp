@@ -216,8 +216,8 @@ void judgeReversePath(const Observation& seen, const Interface& interface, Repor
     if (interface.rpFilter == 0)
         return;
     const std::string measured = "rp_filter " + std::to_string(interface.rpFilter) + " on " + interface.name +
-                                 ", " + std::to_string(seen.reversePathDrops) +
-                                 " datagrams of this machine failed the check while it was looked at";
+                                 ", " + counted(seen.reversePathDrops, "datagram") +
+                                 " of this machine failed the check while it was looked at";
     const std::string remedy = "sysctl net.ipv4.conf.all.rp_filter=0 " + sysctlOf(interface, "rp_filter=0") +
                                ", or correct the route to the radars";
     for (const unsigned int source : undelivered(seen, interface.index)) {

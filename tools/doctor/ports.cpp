@@ -134,14 +134,13 @@ void judgeDrops(const Observation& seen, Report& report) {
                         holder(old) + " does not empty its socket on port " + std::to_string(old.port) +
                             " in time, and misses datagrams",
                         "have it return from its listeners sooner, or give it a larger receive buffer",
-                        std::to_string(now->drops - old.drops) +
-                            " datagrams dropped while it was looked at, " + std::to_string(now->drops) +
-                            " in all");
+                        counted(now->drops - old.drops, "datagram") + " dropped while it was looked at, " +
+                            std::to_string(now->drops) + " in all");
         before += old.drops;
     }
     report.check("sockets", std::to_string(seen.socketsBefore.size()) +
-                                " of other programs on these ports, " + std::to_string(before) +
-                                " datagrams dropped by them until now");
+                                " of other programs on these ports, " + counted(before, "datagram") +
+                                " dropped by them until now");
 }
 
 void judgeErrors(const Observation& seen, Report& report) {
