@@ -60,7 +60,7 @@ TEST_F(HostService, WaitsForAnAddressAndARouteAndSaysSoOnce) {
 TEST_F(HostService, TellsItsManagerWhenItAnswersAndThatItIsAlive) {
     const std::string path = "/run/notify";
     lab::Process manager = startManager(m_computer, path);
-    lab::Process other = start(m_computer, {"env", "RADAR_NAME=North"});
+    lab::Process other = start(m_computer, {"env", "RADAR_NAME=North"}, {"--simulate"});
     const auto began = std::chrono::steady_clock::now();
     lab::Process host =
         start(m_computer,
@@ -81,6 +81,10 @@ TEST_F(HostService, TellsItsManagerWhenItAnswersAndThatItIsAlive) {
     EXPECT_EQ(manager.nextLine(30s), "WATCHDOG=1");
     EXPECT_EQ(host.stop(), 0);
     EXPECT_TRUE(other.lineWith("serving North as", 30s));
+    m_lan.changeAddress(m_computer, 0, "");
+    EXPECT_TRUE(other.lineWith("SocketError", 30s));
+    EXPECT_FALSE(other.wait(500ms));
+    EXPECT_LT(std::ranges::count(other.output(), '\n'), 20) << "a picture that cannot be sent floods the log";
 }
 
 TEST_F(HostService, EndsWithACodeThatSaysWhetherAnotherStartCanHelp) {

@@ -15,6 +15,7 @@ constexpr std::size_t kSamples = 512;
 constexpr double kRange = 6; // nautical miles
 constexpr std::size_t kHeader = 12;
 constexpr std::uint64_t kMaxAtOnce = 256; // spokes, after the process was held up
+constexpr double kPause = 1;              // seconds, after what the system refused: the library tells of each
 
 constexpr double kTurn = 2 * std::numbers::pi;
 
@@ -62,9 +63,13 @@ void Simulator::send() {
     for (const std::string& one : spokes)
         datagrams.emplace_back(one.data(), static_cast<int>(one.size()));
     const bool sentencesDue = elapsed.count() >= m_sentences;
-    for (const Stream& stream : m_streams) {
-        if (!datagrams.empty())
-            stream.image->sendMultipleDatas(datagrams);
+    for (Stream& stream : m_streams) {
+        if (elapsed.count() < stream.pausedUntil)
+            continue;
+        if (!datagrams.empty() && stream.image->sendMultipleDatas(datagrams) == -1) {
+            stream.pausedUntil = elapsed.count() + kPause;
+            continue;
+        }
         for (std::size_t i = 0; sentencesDue && i < std::size(kTargets); ++i) {
             const std::string text = sentence(i, hours);
             stream.arpa->sendData(text.data(), static_cast<int>(text.size()));

@@ -40,6 +40,7 @@ private:
     struct Stream {
         std::unique_ptr<net::UdpSender> image;
         std::unique_ptr<net::UdpSender> arpa;
+        double pausedUntil = 0; // seconds since the start
     };
     static const Target kTargets[3];
 
