@@ -70,12 +70,13 @@ TEST_F(Listing, AHostProposesAnIdThatNobodyAnnouncesAndSaysWhoHasTheOneThatIsWan
 /// radarctl watch on a terminal of 6 lines, 40 columns wide.
 class Terminal {
 public:
-    Terminal(const lab::Node& node, const std::string& fifo, const std::string& kind = "vt100")
+    Terminal(const lab::Node& node, const std::string& fifo, const std::string& kind = "vt100",
+             const std::string& options = "")
         : m_keys(openFifo(fifo)),
-          m_script(
-              node.start({.command = {"sh", "-c",
-                                      "exec script -qec 'stty cols 40 rows 6; TERM=" + kind +
-                                          " exec " RADARCTL " --color never watch' /dev/null <" + fifo}})) {}
+          m_script(node.start({.command = {"sh", "-c",
+                                           "exec script -qec 'stty cols 40 rows 6; TERM=" + kind +
+                                               " exec " RADARCTL " --color never watch" + options +
+                                               "' /dev/null <" + fifo}})) {}
     void type(std::string_view keys) const {
         EXPECT_EQ(::write(m_keys.get(), keys.data(), keys.size()), std::ssize(keys));
     }
@@ -129,7 +130,7 @@ TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeardThenScrollsKeepsTheAgesInSigh
                              testing::EndsWith("\x1b[?25h\x1b[?1049l")));
 }
 
-TEST_F(Listing, WatchGivesTheTerminalBackOnCtrlBackslashAndPrintsLinesWhereItCannotDraw) {
+TEST_F(Listing, WatchGivesTheTerminalBackOnCtrlBackslashAndPrintsLinesWhereItCannotDrawOrCounts) {
     const auto north = serve("host1", "North", 20);
     Terminal terminal(m_lan.node("display"), m_profile.path() / "keys");
     EXPECT_TRUE(terminal.shows("North"));
@@ -139,6 +140,9 @@ TEST_F(Listing, WatchGivesTheTerminalBackOnCtrlBackslashAndPrintsLinesWhereItCan
     Terminal dumb(m_lan.node("display"), m_profile.path() / "dumb", "dumb");
     EXPECT_TRUE(dumb.process().lineWith("+ North id 20", 30s));
     EXPECT_THAT(dumb.process().output(), Not(HasSubstr("\x1b")));
+    Terminal counting(m_lan.node("display"), m_profile.path() / "counting", "vt100", " --count 1");
+    EXPECT_TRUE(counting.process().lineWith("+ North id 20", 30s));
+    EXPECT_EQ(counting.process().wait(30s), 0);
 }
 
 TEST_F(Listing, ASearchOnARadarHostLeavesItsRoutesAsTheyAre) {

@@ -146,7 +146,8 @@ class View {
 public:
     View(const Options& options, Output& output)
         : m_options(options), m_output(output), m_search({options.local}) {
-        if (!output.canMoveCursor() || options.json)
+        if (!output.canMoveCursor() || options.json ||
+            options.count > 0) // a picture would go with its screen
             return;
         m_screen = std::make_unique<Screen>(output);
         m_search.loop().takeTerminal(m_screen->keyboard());
@@ -264,6 +265,6 @@ void addWatch(CommandLine& line) {
     addLocalOptions(syntax, options->local);
     syntax.flag("--endpoints", options->endpoints, "Show the endpoints of image and ARPA in the table, too");
     syntax.flag("--json", options->json, "Print each event as a line of JSON");
-    syntax.option("--count", options->count, "N", "End after so many events",
+    syntax.option("--count", options->count, "N", "End after so many events, each a line, on a terminal too",
                   checkWholeNumber(1, std::numeric_limits<int>::max(), "is no number of events"));
 }
