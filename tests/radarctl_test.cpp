@@ -153,7 +153,9 @@ TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRen
 
 TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAlsoAfterASuspensionAsDoRenumberAndARecording) {
     lab::Process recorder = start("display", {"record", "-o", m_profile.path() / "file"});
-    lab::Process text = start("display", {"watch"});
+    lab::Process text = m_lan.node("display").start( // why a radar left is known without /sys
+        {.command = {"unshare", "--mount", "sh", "-c",
+                     "mount -t tmpfs none /sys && exec " RADARCTL " watch"}});
     lab::Process json = start("display", {"watch", "--json"});
     const auto next = [&](const std::string& kind, const std::string& change = "") {
         nlohmann::json event;

@@ -2,11 +2,15 @@
 
 #include "table.h"
 
+#include <UdpSocket/base/socket.h>
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
+#include <net/if.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cerrno>
 #include <string_view>
 #include <utility>
 
@@ -19,10 +23,13 @@ using radar::Event;
 constexpr auto kKept = 60s;
 constexpr int kAtOnce = 1024; // events: the keyboard waits meanwhile
 
+/// Of what is not known, true.
 bool hasCarrier(const std::string& interface) {
-    std::ifstream file("/sys/class/net/" + interface.substr(0, interface.find(':')) + "/carrier");
-    int carrier = 0;
-    return file >> carrier && carrier == 1;
+    ifreq request{};
+    interface.substr(0, interface.find(':')).copy(request.ifr_name, sizeof request.ifr_name - 1);
+    const net::detail::Descriptor socket = net::detail::openSocket(SOCK_DGRAM);
+    return ::ioctl(socket.get(), SIOCGIFFLAGS, &request) == 0 ? (request.ifr_flags & IFF_RUNNING) != 0
+                                                              : errno != ENODEV;
 }
 
 /// Of what an event tells, what concerns one entry.
