@@ -105,6 +105,11 @@ TEST_F(Radarctl, ReportsWhatTheSystemDoesNotAllow) {
         EXPECT_EQ(full.status, 1);
         EXPECT_THAT(lines(full.errors), ElementsAre(StartsWith("radarctl: cannot write the output")));
     }
+    const Result none =
+        runOn("display", {"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "--output=/dev/null",
+                          "--inject=socket:error=EMFILE", RADARCTL, "list"});
+    EXPECT_EQ(none.status, 4) << "which may pass";
+    EXPECT_EQ(none.errors, "radarctl: this computer allows no UDP socket: Too many open files\n");
 }
 
 TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRenumbered) {

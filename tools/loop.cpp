@@ -25,7 +25,7 @@ Loop::Loop() {
     take({SIGINT, SIGTERM, SIGHUP, SIGWINCH});
     m_wakes = net::detail::Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!m_signals.isOpen() || !m_wakes.isOpen())
-        throw std::system_error(errno, std::generic_category(), "radarctl: event descriptors");
+        throw std::system_error(errno, std::generic_category(), "event descriptors");
 }
 
 void Loop::take(std::initializer_list<int> signals) {

@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <system_error>
 
 namespace {
 
@@ -36,8 +36,7 @@ std::string joined(const std::vector<std::string>& words) {
 
 void requireSockets() {
     if (!net::detail::openSocket(SOCK_DGRAM).isOpen())
-        throw Failure(kNotAllowed,
-                      std::string("this computer allows no UDP socket: ") + std::strerror(errno));
+        throw std::system_error(errno, std::generic_category(), "this computer allows no UDP socket");
 }
 
 } // namespace

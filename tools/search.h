@@ -22,7 +22,7 @@ void addLocalOptions(Syntax& syntax, LocalOptions& options);
 /// @throws Failure for what this computer does not have
 /// @return network order; 0: neither was given
 unsigned int localAddress(const LocalOptions& options);
-/// The same. @throws Failure also where this computer allows no socket
+/// The same. @throws also std::system_error, where this computer allows no socket
 unsigned int checkedLocalAddress(const LocalOptions& options);
 
 struct SearchOptions {
@@ -34,7 +34,8 @@ void addSearchOptions(Syntax& syntax, SearchOptions& options);
 /// Looks for radars until enough is known. Progress is shown on standard error where that is a terminal.
 class Search {
 public:
-    /// @throws Failure for local options that do not fit this computer, and where it allows no socket
+    /// @throws Failure for local options that do not fit this computer, std::system_error where it has no
+    /// socket
     explicit Search(const SearchOptions& options);
 
     enum class End { Enough, TimedOut, Stopped };
