@@ -465,7 +465,10 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
         EXPECT_FALSE(std::filesystem::exists(file + ".part"));
         EXPECT_EQ(shell("grep -c '\x1b' " + out + "/findings.txt || true"), "0\n") << "colour of a terminal";
     }
-    EXPECT_EQ(run({"doctor", "--seconds", "600", "--bundle", "/nowhere/bundle.tar.gz"}).status, 3);
+    const std::string null = path("null.tar.gz");
+    std::filesystem::create_symlink("/dev/null", null);
+    for (const std::string& refused : {std::string("/nowhere/bundle.tar.gz"), null})
+        EXPECT_EQ(run({"doctor", "--seconds", "600", "--bundle", refused}).status, 3);
     EXPECT_EQ(piped.wait(30s), 0);
     EXPECT_TRUE(std::filesystem::exists(unread));
     std::filesystem::create_symlink("/dev/full", path("full.tar.gz.part"));

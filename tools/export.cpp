@@ -140,9 +140,7 @@ private:
 /// Replaces a file as a whole: who reads it meets the old text or the new one. It is not flushed to the disk:
 /// after a power failure nobody wants what it said.
 void replaceFile(const std::string& path, const std::string& text) {
-    struct stat present {};
-    if (::lstat(path.c_str(), &present) == 0 && !S_ISREG(present.st_mode))
-        throw Failure(kNotAllowed, printable(path) + " is there, and no regular file");
+    requireReplaceable(path);
     std::string temporary = path + ".XXXXXX";
     const net::detail::Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
     const auto fail = [&] {

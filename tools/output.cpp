@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include "command.h"
+#include "table.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -97,6 +98,12 @@ void tell(const std::string& text) {
 
 bool tellAtOnce(const std::string& text) {
     return ::write(errors(), text.data(), text.size()) > 0;
+}
+
+void requireReplaceable(const std::string& path) {
+    struct stat present {};
+    if (::lstat(path.c_str(), &present) == 0 && !S_ISREG(present.st_mode))
+        throw Failure(kNotAllowed, printable(path) + " is there, and no regular file");
 }
 
 Output::Output(bool verbose, const std::string& color)

@@ -17,6 +17,10 @@ void tell(const std::string& text);
 /// Writes as much of @p text as a terminal takes at once. @return whether that was any
 bool tellAtOnce(const std::string& text);
 
+/// Refuses to put a new file in the place of a device, a link, or whatever else is no regular file.
+/// @throws Failure
+void requireReplaceable(const std::string& path);
+
 /// Owns the real standard output. The library's diagnostics, which go to descriptor 1, are led to standard
 /// error or nowhere.
 class Output {

@@ -1,6 +1,7 @@
 #include "bundle.h"
 
 #include "../json.h"
+#include "../output.h"
 #include "../recorded.h"
 #include "../table.h"
 #include "redaction.h"
@@ -151,6 +152,7 @@ public:
         : m_path(path), m_temporary(path + ".part"), m_archive(::archive_write_new()) {
         if (!m_archive)
             throw std::bad_alloc();
+        requireReplaceable(path);
         check(::archive_write_add_filter_gzip(m_archive.get()));
         check(::archive_write_set_format_pax_restricted(m_archive.get()));
         m_file = net::detail::Descriptor(
