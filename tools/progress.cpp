@@ -4,6 +4,7 @@
 
 #include <UdpSocket/udpsocket.h>
 
+#include <set>
 #include <string>
 
 namespace {
@@ -31,11 +32,11 @@ std::string currentPass(std::chrono::steady_clock::duration elapsed) {
 }
 
 std::string interfaceNames() {
-    std::string names;
+    std::set<std::string> names; // of which one may have several addresses
     for (const auto& [address, interface] : net::localNetworkInterfaces())
         if (interface.name != "lo")
-            names += (names.empty() ? "" : ", ") + printable(interface.name);
-    return names.empty() ? "lo" : names;
+            names.insert(interface.name);
+    return names.empty() ? "lo" : inWords(names);
 }
 
 } // namespace
