@@ -33,6 +33,7 @@ TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
         {{"reset", "--interface", ""}, "--interface: '' is no interface"},
         {{"record", "-o", "/dev/stdout"}, "'/dev/stdout' is where the report goes; a FIFO takes"},
         {{"watch", "--count", "0"}, "'0' is no number of events"},
+        {{"doctor", "--list", "--json"}, "--json excludes --list"},
         {{"listen", "North", "2"}, "'2' is no stream: 0 or 1"},
         {{"listen", "North", "0", "--endpoint", "sound"}, "'sound' is no endpoint: image, image-control"},
     };

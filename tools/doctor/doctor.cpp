@@ -228,4 +228,6 @@ void addDoctor(CommandLine& line) {
                   "Also write what support needs to a file; what that will hold is listed first");
     syntax.flag("--redact", options->redact, "Replace addresses and names in the bundle");
     syntax.need("--redact", "--bundle");
+    for (const char* const name : {"--json", "--bundle", "--follow"})
+        syntax.exclude("--list", name);
 }
