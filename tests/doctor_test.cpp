@@ -140,8 +140,9 @@ const Case kCases[] = {
     {"LeftOverRoutes", "for group in 236.6.7.5 236.6.7.4; do ip route prepend $group dev eth1; done",
      {{"left-over-route", "instead of eth0"}, {"left-over-route", "ip route del 236.6.7.4 dev eth1 && ip route del 236.6.7.5 dev eth1"}}, "",
      {{"host1", "North", 20}, {"host2", "South", 21}}, "host2"},
-    {"TinyMtuOldIgmpAndProfileKey", "ip link set eth0 mtu 100; echo 1 > /proc/sys/net/ipv4/conf/eth0/force_igmp_version",
-     {{"small-mtu", "up to 100 bytes, so announcements and streams may not come through; ip link set eth0 mtu 1500"}, {"igmp-version", "eth0: V1"},
+    {"TinyMtuOldIgmpAndProfileKey", "ip link set eth0 down; ip link set eth0 name enx021122334455; ip link set enx021122334455 up mtu 100;"
+     "echo 1 > /proc/sys/net/ipv4/conf/enx021122334455/force_igmp_version",
+     {{"small-mtu", "up to 100 bytes, so announcements and streams may not come through; ip link set enx021122334455 mtu 1500"}, {"igmp-version", "enx021122334455: V1"},
       {"profile-key", "MulticastLop, which the library does not read; MulticastLoop?"}}, "[Local]\nMulticastLop = true\n"},
     {"IgmpQueries", "nft add table ip t; nft add chain ip t in '{ type filter hook input priority 0; policy drop; }'; nft add rule ip t in ip daddr 236.6.0.0/16 accept",
      {{"firewall", "nft chain ip t in drops IGMP queries on eth0, eth1, so a switch that snoops takes the radars away after minutes; nft insert rule ip t in ip protocol igmp accept"}}},

@@ -105,9 +105,10 @@ Igmp readIgmp() {
             ++igmp.memberships;
             continue;
         }
-        std::istringstream words(line); // index, name, ":", count, version
-        std::string index, name, colon, count, version;
-        if (words >> index >> name >> colon >> count >> version)
+        std::ranges::replace(line, ':', ' '); // which follows on a long name at once
+        std::istringstream words(line);
+        std::string index, name, count, version;
+        if (words >> index >> name >> count >> version)
             igmp.versions[name] = version;
     }
     std::ifstream limit("/proc/sys/net/ipv4/igmp_max_memberships");
