@@ -175,7 +175,7 @@ const Case kCases[] = {
     {"RuleForSeveralTypesOfAddress", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT DROP [0:0]\n-A INPUT -m addrtype --dst-type BROADCAST,MULTICAST -j ACCEPT\nCOMMIT\n"; }, {}},
     {"IngressOfOneDevice", [](Observation& s) { s.rules.nft = nft("ingress", "accept", rule(match("daddr", "==", kRadarGroups) + kDrop));
          s.rules.nftText = "table ip t {\n\tchain c {\n\t\ttype filter hook ingress device \"eth1\" priority 0; policy accept;\n"; },
-     {{Id::Firewall, " on eth1; "}}},
+     {{Id::Firewall, "note nft rule ip t c handle 2 drops"}, {Id::Firewall, " on eth1; "}}},
     {"Egress", [](Observation& s) { loseQueries(s); s.rules.nft = nft("egress", "accept", rule(match("daddr", "==", kRadarGroups) + kDrop)); },
      {{Id::Firewall, "nft rule ip t c handle 2 drops queries (236.6.7.5:6878) on eth0, eth1; "}}},
     {"GroupsOfAUsersChoice", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -d 239.1.2.3 -j DROP\nCOMMIT\n";

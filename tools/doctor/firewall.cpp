@@ -119,8 +119,14 @@ struct Cost {
     bool seenByEffect;
     std::string remedy;
     bool radars; ///< more than IGMP queries, which only switches need
+    bool needed; ///< on an interface that may lead to the radars
 };
 using Costs = std::map<std::string, Cost>; // by rule
+
+/// One that nobody needs is no fault while the radars are heard through another.
+bool mayLead(const Observation& seen, int interface) {
+    return !seen.radarHeard() || seen.radarHeardOn(interface);
+}
 
 /// @param lost own queries show that something is dropped there
 /// @return whether a rule was found that explains that
@@ -133,11 +139,12 @@ bool judgeRules(const Observation& seen, const Interface& interface, bool lost, 
         const bool isQuery = packet.igmp && !packet.outgoing; // of which own queries show nothing
         if (!loss || (!loss->certain && (!lost || isQuery)) || !named.insert({loss->rule, group}).second)
             continue;
-        Cost& cost = costs.try_emplace(loss->rule, Cost{*loss, "", "", lost, "", false}).first->second;
+        Cost& cost = costs.try_emplace(loss->rule, Cost{*loss, "", "", lost, "", false, false}).first->second;
         append(cost.uses, packet.use + (packet.igmp ? "" : " (" + group + ")"));
         append(cost.interfaces, interface.name);
         append(cost.remedy, loss->remedy, " && ");
         cost.radars = cost.radars || !isQuery;
+        cost.needed = cost.needed || mayLead(seen, interface.index);
         found = found || !isQuery;
     }
     return found;
@@ -146,7 +153,10 @@ bool judgeRules(const Observation& seen, const Interface& interface, bool lost, 
 /// @param queried an IGMP querier was heard, so a switch may snoop
 void reportCosts(const Costs& costs, bool queried, Report& report) {
     for (const auto& [rule, cost] : costs)
-        report.find(Id::Firewall, cost.radars || queried ? Severity::Fault : Severity::Warning,
+        report.find(Id::Firewall,
+                    !cost.needed             ? Severity::Note
+                    : cost.radars || queried ? Severity::Fault
+                                             : Severity::Warning,
                     rule + (cost.loss.certain ? " drops " : " probably drops ") + cost.uses + " on " +
                         cost.interfaces +
                         (cost.radars ? "" : ", so a switch that snoops takes the radars away after minutes"),
@@ -205,6 +215,7 @@ Report judgeFirewall(const Observation& seen) {
     const bool readable = seen.rules.error.empty();
     std::string effect;
     std::string unexplained; // interfaces on which something is dropped, by no rule that was found
+    bool unexplainedNeeded = false;
     bool queried = false;
     Costs costs;
     for (const auto& [index, result] : seen.listening.results) {
@@ -220,8 +231,10 @@ Report judgeFirewall(const Observation& seen) {
                            " own queries came back through " + interface->name +
                            (result.sendError == EPERM ? " (not permitted)" : ""));
         try {
-            if (!judgeRules(seen, *interface, lost, costs) && lost)
+            if (!judgeRules(seen, *interface, lost, costs) && lost) {
                 append(unexplained, interface->name);
+                unexplainedNeeded = unexplainedNeeded || mayLead(seen, index);
+            }
         } catch (const nlohmann::json::exception& error) {
             report.find(Id::FirewallUnread, Severity::Unchecked,
                         "could not check: needs an nft whose JSON output can be read", "nft list ruleset",
@@ -230,7 +243,7 @@ Report judgeFirewall(const Observation& seen) {
     }
     reportCosts(costs, queried, report);
     if (!unexplained.empty())
-        report.find(Id::Firewall, Severity::Fault,
+        report.find(Id::Firewall, unexplainedNeeded ? Severity::Fault : Severity::Note,
                     "the packet filter of this machine drops queries, or what comes for the discovery group, "
                     "on " +
                         unexplained,
