@@ -161,7 +161,7 @@ const Case kCases[] = {
     {"ComputerWithThisOnesAddress", "ip -n host2 address add 10.20.2.1/16 dev eth0",
      {{"same-address", "another computer at eth0 has this one's address 10.20.2.1; give each"}}},
     {"HardwareAddressesWithoutPrivileges", "for i in $(seq 600); do ip neigh replace 10.20.1.1 dev eth0 lladdr 02:00:00:00:00:0$((i % 2)); sleep 0.3; done &",
-     {{"same-address", "10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"}, {"firewall-unread", "needs root"}, {"wire-unread", "(CAP_NET_RAW)"}}, "",
+     {{"same-address", "10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"}, {"firewall-unread", "to read the packet filter; sudo radarctl doctor"}, {"wire-unread", "(CAP_NET_RAW)"}}, "",
      {{"host1", "North", 20}}, "display", kUnprivileged},
 };
 // clang-format on

@@ -202,11 +202,14 @@ Ruleset readRuleset() {
         rules.iptables = iptables;
     if (run("grep -q . /proc/net/ip_tables_names 2>/dev/null").second) // or looking would make the tables
         rules.iptablesLegacy = run("iptables-legacy-save 2>/dev/null").first;
-    if (!nftRead && !iptablesRead)
-        rules.error =
-            run("command -v nft || command -v iptables-save").second
-                ? "needs root (CAP_NET_ADMIN), and nf_tables in the kernel, to read the packet filter"
-                : "needs the program nft (Debian package nftables) to read the packet filter";
+    if (nftRead || iptablesRead)
+        return rules;
+    rules.error = "needs root (CAP_NET_ADMIN), and nf_tables in the kernel, to read the packet filter";
+    rules.remedy = "sudo radarctl doctor";
+    if (!run("command -v nft || command -v iptables-save").second) {
+        rules.error = "needs the program nft (Debian package nftables) to read the packet filter";
+        rules.remedy = "sudo apt install nftables && sudo radarctl doctor";
+    }
     return rules;
 }
 
@@ -253,7 +256,7 @@ Report judgeFirewall(const Observation& seen) {
     report.check("packet filter", (readable ? "rules read; " : "rules not readable; ") + effect);
     if (!readable)
         report.find(Id::FirewallUnread, Severity::Unchecked, "could not check: " + seen.rules.error,
-                    "sudo radarctl doctor", "judged by effect alone: " + effect);
+                    seen.rules.remedy, "judged by effect alone: " + effect);
     return report;
 }
 

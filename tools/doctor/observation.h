@@ -197,6 +197,7 @@ struct Ruleset {
     std::string iptables;       ///< empty: not readable, or not installed
     std::string iptablesLegacy; ///< of the older tables, which the kernel has beside them
     std::string error;          ///< why nothing is readable
+    std::string remedy;         ///< a command against that
 };
 Ruleset readRuleset();
 
