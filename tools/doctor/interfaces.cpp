@@ -97,7 +97,8 @@ std::vector<Interface> readInterfaces() {
     for (auto& [index, interface] : byIndex) {
         std::error_code error;
         const std::filesystem::path device = "/sys/class/net/" + interface.name;
-        interface.partOfAnother = std::filesystem::exists(device / "master", error);
+        for (std::filesystem::directory_iterator file(device, error), end; file != end; file.increment(error))
+            interface.partOfAnother |= file->path().filename().string().starts_with("upper_");
         interface.emptyBridge = std::filesystem::is_empty(device / "brif", error) && !error;
         interface.mtu = setting(device / "mtu");
         const std::string settings = "/proc/sys/net/ipv4/conf/";
@@ -174,7 +175,8 @@ namespace {
 
 void judgeLink(const Observation& seen, const Interface& interface, Report& report) {
     // One that nobody needs is no fault while the radars are heard through another.
-    const Severity severity = seen.radarHeard() || interface.emptyBridge ? Severity::Note : Severity::Fault;
+    const bool isNoCable = interface.emptyBridge || interface.pointToPoint; // of a VPN, say
+    const Severity severity = seen.radarHeard() || isNoCable ? Severity::Note : Severity::Fault;
     const std::string measured = interface.name + " " + addressesOf(interface) + ", " + stateOf(interface);
     if (!interface.up)
         report.find(Id::InterfaceDown, severity, interface.name + " is switched off",

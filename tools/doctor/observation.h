@@ -39,7 +39,7 @@ struct Interface {
     bool carrier = false;
     bool multicast = false;
     bool pointToPoint = false;
-    bool partOfAnother = false; ///< of a bridge, say
+    bool partOfAnother = false; ///< of a bridge, say, or of a VLAN's interface
     bool emptyBridge = false;   ///< waits for containers, say
     int mtu = 0;                ///< bytes; 0: not readable
     std::string hardware{};     ///< its address as text, "02:00:..."
