@@ -122,6 +122,8 @@ struct Case {
 const Case kCases[] = {
     {"NoInterface", [](Observation& s) { loseHosts(s); s.interfaces.clear(); s.listening.results.clear(); },
      {{Id::NoAddress, "no network interface"}}},
+    {"NoEthernet", [](Observation& s) { loseHosts(s); s.interfaces[1].name = "can0"; s.interfaces[1].addresses.clear(); s.listening.results.erase(kEth1); },
+     {{Id::NoRadar, "nobody answers"}}},
     {"ReversePathWithoutARoute", [](Observation& s) { s.listening.hosts.clear(); s.interfaces[0].rpFilter = 2; s.interfaces[0].name = "eth0.100";
          for (auto& [source, route] : s.routesToRadars) route = {"", ENETUNREACH}; },
      {{Id::RpFilter, "since its way back leads nowhere"}, {Id::RpFilter, "net.ipv4.conf.eth0/100.rp_filter=0"}}},

@@ -318,10 +318,11 @@ void judgeRoute(const Observation& seen, Report& report) {
                                group + ": " + path + ", radar heard through " + on->name);
 }
 
-/// Without an address the library cannot listen, whatever its cable brings.
+/// Without an address the library cannot listen, whatever its cable brings. What is no Ethernet, a CAN bus
+/// say, needs none.
 void judgeAddress(const Observation& seen, const Interface& interface, Report& report) {
-    if (interface.addresses.empty() && interface.up && interface.carrier && !interface.partOfAnother &&
-        !seen.radarHeard())
+    if (interface.addresses.empty() && interface.up && interface.carrier && !interface.hardware.empty() &&
+        !interface.partOfAnother && !seen.radarHeard())
         report.find(Id::NoAddress, Severity::Fault, interface.name + " has no IPv4 address",
                     "ip address add ADDRESS/PREFIX dev " + interface.name + ", or start its DHCP client",
                     interface.name + " up, with carrier");
