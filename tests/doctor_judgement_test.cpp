@@ -153,6 +153,8 @@ const Case kCases[] = {
     {"NftablesPolicy", [](Observation& s) { loseQueries(s);
          s.rules.nft = nft("input", "drop", R"({"chain": {"family": "ip", "table": "t", "name": "lan", "handle": 2}}, )" +
              rule(R"({"vmap": {"key": {"ct": {"key": "state"}}, "data": {"set": [["established", {"accept": null}], ["new", {"jump": {"target": "lan"}}]]}}})") + ", " +
+             R"({"map": {"family": "ip", "table": "t", "name": "zones", "map": "verdict", "elem": [["lo", {"accept": null}], ["eth0", {"return": null}]]}}, )" +
+             rule(R"({"vmap": {"key": {"meta": {"key": "iifname"}}, "data": "@zones"}})", "lan") + ", " +
              rule(R"({"match": {"op": "==", "left": {"payload": {"protocol": "udp", "field": "dport"}}, "right": 22}}, {"accept": null})", "lan")); },
      {{Id::Firewall, "nft insert rule ip t c ip daddr 236.6.0.0/16 accept"}}},
     {"NftablesReports", [](Observation& s) { s.rules.nft = nft("output", "accept", rule(match("protocol", "==", "\"igmp\"") + kDrop)); },
@@ -167,7 +169,7 @@ const Case kCases[] = {
     {"RulesForForeignGroups", [](Observation& s) { s.rules.iptables = "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -d 239.0.0.0/8 -j DROP\nCOMMIT\n";
          s.rules.nft = nft("input", "accept", rule(match("daddr", "!=", kRadarGroups) + match("saddr", "!=", R"({"prefix": {"addr": "10.0.0.0", "len": 8}})") + kDrop)); }, {}},
     {"RulesForOtherProtocols", [](Observation& s) { s.rules.nft = nft("input", "accept", rule(match("dport", "!=", "22", "tcp") + kDrop) + ", " +
-             rule(match("type", "!=", "\"echo-request\"", "icmp") + kDrop) + ", " + rule(match("saddr", "!=", "\"fe80::1\"", "ip6") + kDrop) + ", " +
+             rule(R"({"ct count": {"val": 1000, "inv": true}}, )" + kDrop) + ", " + rule(match("type", "!=", "\"echo-request\"", "icmp") + kDrop) + ", " + rule(match("saddr", "!=", "\"fe80::1\"", "ip6") + kDrop) + ", " +
              rule(match("dport", "!=", R"({"set": [6878, 6768, 6720]})", "udp") + kDrop)); }, {}},
     {"RuleForFlagsOfTcp", [](Observation& s) { loseQueries(s);
          s.rules.nft = nft("input", "accept", rule(R"({"match": {"op": "!=", "left": {"&": [{"payload": {"protocol": "tcp", "field": "flags"}}, "syn"]}, "right": "syn"}}, )" + kDrop)); },
@@ -184,8 +186,8 @@ const Case kCases[] = {
          s.rules.nft = nft("input", "accept", rule(match("daddr", "==", "\"239.1.2.4\"") + kDrop));
          for (auto& [host, heard] : s.listening.hosts) heard.image = {transAddr(host.name == "North" ? "239.1.2.3" : "239.1.2.4"), net::HtoNs(5000)}; },
      {{Id::Firewall, "-I INPUT -d 239.1.2.3 -j ACCEPT"}, {Id::Firewall, "ip daddr 239.1.2.4 accept"}}},
-    {"RulesThatCannotBeRead", [](Observation& s) { s.rules.nft = "{"; },
-     {{Id::FirewallUnread, "needs an nft whose JSON output can be read"}}},
+    {"RulesThatCannotBeRead", [](Observation& s) { loseQueries(s); s.rules.nft = "{"; },
+     {{Id::FirewallUnread, "needs an nft whose JSON output can be read"}, {Id::Firewall, "look for the rule"}}},
 
     {"FewMemberships", [](Observation& s) { s.igmp.limit = 13; }, {{Id::MembershipLimit, "limit 13 a socket"}}},
     {"EnoughMemberships", [](Observation& s) { s.igmp.limit = 14; }, {}},

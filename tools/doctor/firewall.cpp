@@ -233,15 +233,17 @@ Report judgeFirewall(const Observation& seen) {
         append(effect, std::to_string(result.looped) + " of " + std::to_string(result.sent) +
                            " own queries came back through " + interface->name +
                            (result.sendError == EPERM ? " (not permitted)" : ""));
+        bool explained = false;
         try {
-            if (!judgeRules(seen, *interface, lost, costs) && lost) {
-                append(unexplained, interface->name);
-                unexplainedNeeded = unexplainedNeeded || mayLead(seen, index);
-            }
+            explained = judgeRules(seen, *interface, lost, costs);
         } catch (const nlohmann::json::exception& error) {
             report.find(Id::FirewallUnread, Severity::Unchecked,
                         "could not check: needs an nft whose JSON output can be read", "nft list ruleset",
                         error.what());
+        }
+        if (lost && !explained) {
+            append(unexplained, interface->name);
+            unexplainedNeeded = unexplainedNeeded || mayLead(seen, index);
         }
     }
     reportCosts(costs, queried, report);

@@ -155,6 +155,20 @@ bool takeVerdict(const json& statement, const std::string& table, Rule& rule) {
     return true;
 }
 
+/// The keys and verdicts of a map, which may have a name and stand elsewhere.
+json pairsOf(const json& map, const std::map<std::string, json>& sets) {
+    if (!map.is_string())
+        return map.value("set", json::array());
+    const auto named = sets.find(map.get<std::string>().substr(1)); // behind an @
+    return named != sets.end() ? named->second : json::array();
+}
+
+/// Whether the rest of a rule is met by every packet that meets this statement.
+bool letsAllPass(const json& statement) {
+    return statement.contains("counter") || statement.contains("log") || statement.contains("mangle") ||
+           statement.contains("notrack");
+}
+
 void addRules(const json& rule, const std::string& table, const Packet& packet,
               const std::map<std::string, json>& sets, std::vector<Rule>& rules) {
     const std::string name = "nft rule " + table + " " + rule.value("chain", "") + " handle " +
@@ -163,11 +177,9 @@ void addRules(const json& rule, const std::string& table, const Packet& packet,
     for (const json& statement : rule.value("expr", json::array())) {
         if (statement.contains("match")) {
             result.matches = both(result.matches, compare(statement["match"], packet, sets));
-        } else if (statement.contains("xt") || statement.contains("limit") || statement.contains("quota")) {
-            result.matches = both(result.matches, Tri::Maybe);
         } else if (statement.contains("vmap")) {
             const json& vmap = statement["vmap"];
-            for (const json& pair : vmap.at("data").value("set", json::array())) {
+            for (const json& pair : pairsOf(vmap.at("data"), sets)) {
                 Rule entry = result;
                 entry.matches = both(entry.matches, isIn(valueOf(vmap.at("key"), packet), pair.at(0), sets));
                 if (takeVerdict(pair.at(1), table, entry))
@@ -176,6 +188,8 @@ void addRules(const json& rule, const std::string& table, const Packet& packet,
         } else if (takeVerdict(statement, table, result)) {
             rules.push_back(result);
             return;
+        } else if (!letsAllPass(statement)) {
+            result.matches = both(result.matches, Tri::Maybe); // a limit, say
         }
     }
 }
