@@ -40,7 +40,7 @@ struct Datagram {
     std::size_t size = 0;       ///< bytes
     /// When the system took it from the interface; when it was read, of a piece of TCP.
     std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> arrival;
-    std::uint32_t source = 0;     ///< 0: a TCP client of ours
+    std::uint32_t source = 0;     ///< 0: it came over TCP
     std::uint16_t sourcePort = 0; ///< host order
 };
 

@@ -228,7 +228,7 @@ typedef struct radar_datagram {
     const void* data;     ///< the library's; valid until the stream's next radar_stream_read, or its end
     size_t length;        ///< bytes
     int64_t arrival;      ///< nanoseconds since the epoch: when the system took it from the interface
-    uint32_t source;      ///< 0: a TCP client of ours
+    uint32_t source;      ///< 0: it came over TCP
     uint16_t source_port; ///< network byte order
     uint16_t unused;      ///< 0
 } radar_datagram;

@@ -460,7 +460,7 @@ class Datagram:
     arrival_ns: int
     """When the system took it from the interface: nanoseconds since the epoch."""
     source: Optional[Tuple[str, int]]
-    """Address and port; None: a TCP client of ours."""
+    """Address and port; None: it came over TCP."""
 
 
 class Why(enum.Enum):
