@@ -1061,7 +1061,10 @@ class Control(_Object):
                 finally:
                     done.release()
 
-            _thread.start_new_thread(send, ())
+            try:
+                _thread.start_new_thread(send, ())
+            except RuntimeError as error:  # which has no number
+                raise OSError(errno.EAGAIN, str(error)) from error
             done.acquire()
         if not results:
             raise self._closed_error()

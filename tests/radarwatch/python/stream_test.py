@@ -6,6 +6,7 @@ import threading
 import time
 import unittest
 from contextlib import suppress
+from unittest import mock
 
 from radarwatch import Control, Moved, Sequence, Started, Stream, Watch, Why, groups
 from support import HOST, LOCAL, PATIENCE, comes_true, group, profile, radar, repeated
@@ -125,6 +126,8 @@ class Controls(unittest.TestCase):
                     control.send(data)  # at once
                     received, source = there.receiver.recvfrom(65536)
                     self.assertEqual((received, source[0]), (bytes(data), LOCAL))
+                with mock.patch("_thread.start_new_thread", side_effect=RuntimeError), self.assertRaises(OSError):
+                    control.send(b"x")
         with self.assertRaises(ValueError):
             control.send(b"x")
 
