@@ -197,6 +197,8 @@ const Case kCases[] = {
     {"ProfileOfAnInterfaceThatWasNotLookedAt", [](Observation& s) { s.only = "eth0"; s.interfaces.pop_back(); s.profile.error = 0; s.profile.localIp = transAddr("192.168.1.1");
          s.profile.localIsOurs = true; }, {}},
     {"ProfileInterface", [](Observation& s) { s.profile.error = 0; s.profile.netName = "eth7"; }, {{Id::ProfileInterface, "NetName = eth7"}}},
+    {"ProfileInterfaceWithoutAddress", [](Observation& s) { s.profile.error = 0; s.profile.netName = "th1"; s.interfaces[1].addresses.clear(); s.listening.results.erase(kEth1); },
+     {{Id::ProfileInterface, "names an interface that has no IPv4 address"}}},
     {"FixedRadarIsNoAddress", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "radar"; },
      {{Id::FixedRadar, "it counts for nothing"}}},
     {"FixedRadarWithoutTcp", [](Observation& s) { s.profile.error = 0; s.profile.radarText = "10.20.1.1"; s.profile.radarIp = transAddr("10.20.1.1"); },

@@ -160,10 +160,15 @@ void judgeProfile(const Observation& seen, Report& report) {
         report.find(Id::ProfileAddress, Severity::Fault,
                     path + " names a local address that this machine does not have",
                     "set [Local] IP to one that it has, or remove it to search", measured);
+    const bool isThere = std::ranges::any_of(seen.interfaces, [&](const Interface& interface) {
+        return interface.name.find(profile.netName) != std::string::npos;
+    });
     if (profile.localIp == 0 && !profile.netName.empty())
         report.find(Id::ProfileInterface, Severity::Warning,
-                    path + " names an interface that this machine does not have, so the library searches",
-                    "set [Local] NetName to one that it has, or remove it", measured);
+                    path + " names an interface that " +
+                        (isThere ? "has no IPv4 address" : "this machine does not have") +
+                        ", so the library searches",
+                    "set [Local] NetName to one that has an address, or remove it", measured);
 
     // Where the library listens, and where the radars are; unless it was not looked at where it listens.
     const Interface* heardOn = nullptr;
