@@ -1,4 +1,5 @@
 #include "faults.h"
+#include "left_threads.h"
 #include "netip_fixture.h"
 #include "radarwatch/asleep.h"
 

@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "everything.h"
+#include "left_threads.h"
 #include "one_interface.h"
 #include "profile_directory.h"
 #include "recorder.h"
@@ -34,13 +35,6 @@
 #include <filesystem>
 #include <functional>
 #include <future>
-
-#if defined(__SANITIZE_THREAD__)
-/// Threads that exit in a callback leaves behind end, and nobody joins them.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
-    return "report_thread_leaks=0";
-}
-#endif
 
 namespace {
 
@@ -153,7 +147,7 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
         }
         void OnLocalIpChanged(unsigned int) override { std::exit(7); }
         MultiRadarClient* client = nullptr;
-        bool isGone = false;
+        std::atomic<bool> isGone = false;
         ~Exits() {
             isGone = true;
             net::tNetIPHelper::NetworkRestart();
