@@ -21,6 +21,8 @@ File openFile(const std::string& path) {
 }
 
 Blocks::Blocks(const std::string& path) : m_path(path), m_file(openFile(path)) {
+    // A forked child that exits would put the place, which both share, back to what it had not taken.
+    std::setvbuf(m_file.get(), nullptr, _IONBF, 0);
     bool isRecording = false;
     try {
         isRecording = isSection(next());
