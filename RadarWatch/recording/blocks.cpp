@@ -1,5 +1,8 @@
 #include <RadarWatch/recording/blocks.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -10,6 +13,7 @@ namespace {
 
 constexpr std::size_t kLongestBlock = 1 << 24; // no packet is longer, and more need not be in memory
 constexpr std::size_t kBegin = 8;              // type and length
+constexpr std::size_t kReadAhead = 1 << 16;
 
 } // namespace
 
@@ -20,9 +24,10 @@ File openFile(const std::string& path) {
     return file;
 }
 
-Blocks::Blocks(const std::string& path) : m_path(path), m_file(openFile(path)) {
-    // A forked child that exits would put the place, which both share, back to what it had not taken.
-    std::setvbuf(m_file.get(), nullptr, _IONBF, 0);
+Blocks::Blocks(const std::string& path)
+    : m_path(path), m_file(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), m_buffer(new char[kReadAhead]) {
+    if (!m_file.isOpen())
+        throw std::system_error(errno, std::generic_category(), path);
     bool isRecording = false;
     try {
         isRecording = isSection(next());
@@ -30,14 +35,37 @@ Blocks::Blocks(const std::string& path) : m_path(path), m_file(openFile(path)) {
     }
     if (!isRecording)
         throw BrokenFile(path + ": no pcapng file of this machine's byte order");
-    std::rewind(m_file.get());
+    m_ahead = {};
+    m_readTo = 0;
     m_position = 0;
+}
+
+/// As fread does, but without a place in the file that is shared with forked children: one that exits puts it
+/// back to what it has not taken.
+std::size_t Blocks::read(char* bytes, std::size_t count) {
+    std::size_t length = 0;
+    while (length < count) {
+        if (m_ahead.empty()) {
+            const ssize_t more = ::pread(m_file.get(), m_buffer.get(), kReadAhead, m_readTo);
+            m_failed = more < 0;
+            if (m_failed && errno == EINTR)
+                continue;
+            if (more <= 0)
+                break;
+            m_ahead = {m_buffer.get(), static_cast<std::size_t>(more)};
+            m_readTo += more;
+        }
+        const std::size_t taken = m_ahead.copy(bytes + length, count - length);
+        m_ahead.remove_prefix(taken);
+        length += taken;
+    }
+    return length;
 }
 
 std::string_view Blocks::next() {
     m_block.resize(kBegin);
-    const std::size_t begun = std::fread(m_block.data(), 1, kBegin, m_file.get());
-    if (begun == 0 && std::ferror(m_file.get()) == 0)
+    const std::size_t begun = read(m_block.data(), kBegin);
+    if (begun == 0 && !m_failed)
         return {};
     std::uint32_t length = 0;
     if (begun == kBegin)
@@ -45,7 +73,7 @@ std::string_view Blocks::next() {
     const bool isLength = length > kBegin && length <= kLongestBlock;
     if (isLength)
         m_block.resize(length);
-    if (!isLength || std::fread(&m_block[kBegin], 1, length - kBegin, m_file.get()) != length - kBegin ||
+    if (!isLength || read(&m_block[kBegin], length - kBegin) != length - kBegin ||
         wholeBlocks({m_block.data(), length}) != length)
         throw BrokenFile(m_path + ": broken at byte " + std::to_string(m_position));
     m_position += length;

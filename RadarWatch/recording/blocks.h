@@ -4,6 +4,10 @@
 
 #include <RadarWatch/recording/pcapng.h>
 
+#include <UdpSocket/base/descriptor.h>
+
+#include <sys/types.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -42,8 +46,14 @@ public:
     std::optional<Datagram> nextDatagram();
 
 private:
+    std::size_t read(char* bytes, std::size_t count);
+
     const std::string m_path;
-    File m_file;
+    const net::detail::Descriptor m_file;
+    const std::unique_ptr<char[]> m_buffer;
+    std::string_view m_ahead; // what is in it and not taken
+    off_t m_readTo = 0;
+    bool m_failed = false;
     std::uint64_t m_position = 0; // of the next block
     std::vector<char> m_block;
     std::vector<Frames> m_interfaces;
