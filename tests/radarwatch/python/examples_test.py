@@ -66,10 +66,10 @@ class Examples(unittest.TestCase):
         return process
 
     def test_live_table_lists_the_radars(self):
-        lines = self.table.stdout
-        first = next(line for line in lines if "radar-1" in line)
-        self.assertRegex(first, r"^'radar-1' +16  10\.20\.2\.1 +236\.6\.7\.35:6003$")
-        self.assertIn("North", next(line for line in lines if "North" in line))
+        expected = [r"^'radar-1' +16  10\.20\.2\.1 +236\.6\.7\.35:6003$", "^'North' +30 "]
+        while expected:  # in any order
+            line = next(self.table.stdout)
+            expected = [one for one in expected if not re.search(one, line)]
 
     def test_pictures_show_the_targets_on_the_sea(self):
         ended = [one.wait(2 * PATIENCE) for one in (self.saving, self.drawing, self.refused)]
