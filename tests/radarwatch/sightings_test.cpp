@@ -96,6 +96,8 @@ TEST(Sightings, ComingsAndGoingsAreToldInOrder) {
     lan.remove("North");
     EXPECT_THAT(lan.run(7s), IsEmpty());
     EXPECT_THAT(lan.run(2s), ElementsAre("North left, Silent"));
+    lan.local("10.1.0.9", "eth1");
+    EXPECT_THAT(lan.run(1s), testing::Contains("local 10.1.0.9 (eth1)"));
 }
 
 TEST(Sightings, VariantsBelongToTheirRadar) {
