@@ -347,8 +347,7 @@ group, and threads whose waits end after half a second, as the library's do, {ra
 Where datagrams come one at a time, each wakes a thread, and what follows is cold. A Stream's `recvmmsg` looks a second time
 whether more has come, 0.2 to 0.3 us, and its wait has an end, 0.2 us: that is what "stream of 222 B" pays there, and
 what makes a Stream cheaper where several datagrams wait already, as in "saturated". A pool of 50 streams saves wake-ups and
-pays an `epoll_wait`, so it is the cheaper, the more a wake-up costs: in another run, where the machine woke its raw threads
-within 9.4 us a datagram, a pool cost 1.09 of them.
+pays an `epoll_wait`, so it is the cheaper, the more a wake-up costs, and may be the dearer where that is little.
 
 ![Ratios to raw system calls](performance/ratios.svg)
 

@@ -332,7 +332,7 @@ private:
     /// Where a recorded datagram goes now; nothing: it is not replayed.
     std::optional<NetAddress> target(const Datagram& datagram) const {
         if (isFor(datagram, wire::kDiscovery) || isFor(datagram, wire::kNegotiation))
-            return std::nullopt; // said anew
+            return std::nullopt; // said again
         std::optional<NetAddress> found;
         for (const ReplayedRadar& radar : m_radars)
             if (const auto own = radar.target(datagram.destination, datagram.time)) {

@@ -646,7 +646,7 @@ def _datagram(raw: Any) -> Datagram:
 
 
 class _Alarm:
-    """Readable for good once it was set off: what ends every wait on an object that is closed."""
+    """Readable permanently once it was set off: what ends every wait on an object that is closed."""
 
     _ends: Tuple[int, ...] = ()  # still where the system has no descriptor left
 
