@@ -88,7 +88,7 @@ public:
     /// is handed to the shell as it stands.
     static void NetResetCmd(std::string cmd);
 
-    /// Restarts the network and configures every watched interface anew, on the calling thread, waiting for
+    /// Restarts the network and configures every watched interface again, on the calling thread, waiting for
     /// each command. The watch threads only follow their carriers meanwhile. Every listener hears "0.0.0.0",
     /// and later the address that its interface then has, the same or another. Restarts run one at a time.
     /// What a listener throws reaches the caller and gives the restart up; every watch goes on.

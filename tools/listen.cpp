@@ -194,10 +194,10 @@ std::string sentence(const StreamEvent& event, const std::string& name) {
         return "nothing comes any more, and " + name + " still announces itself" +
                (event.why == Why::OthersJoined
                     ? "; others on this computer are in the group (" + std::to_string(event.others) +
-                          "), so it is not joined anew"
+                          "), so it is not joined again"
                     : "");
     case Kind::Resumed:
-        return event.why == Why::SwitchForgot ? "data come again since the group was joined anew: a switch "
+        return event.why == Why::SwitchForgot ? "data come again since the group was joined again: a switch "
                                                 "had forgotten it (switch-forgets)"
                                               : "data come again";
     case Kind::Stopped:
