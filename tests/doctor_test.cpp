@@ -40,36 +40,53 @@ protected:
                     lab::radarHost(1),
                     {"host2", {{"10.20.1.2/16"}, {"192.168.9.1/24", lab::Leads::Nowhere}}, true}},
                    "") {}
-    lab::Process look(const char* node, const Words& arguments, Words command = {}) {
-        command.insert(command.end(), {RADARCTL, "doctor", "--seconds", kSeconds});
+    lab::Process look(const char* node, const Words& arguments, Words command = {},
+                      const char* seconds = kSeconds) {
+        command.insert(command.end(), {RADARCTL, "doctor", "--seconds", seconds});
         command.insert(command.end(), arguments.begin(), arguments.end());
         return m_lan.node(node).start({.command = command, .errorFile = "/dev/null"});
     }
     lab::Process follow(const char* name, const char* seconds) {
         return start("display", {"doctor", "--interface", "eth0", "--follow", name, "--seconds", seconds});
     }
-    /// Looks at what doctor found: nothing to complain of but what is expected. @return the remedies
-    static std::vector<std::string> remediesOf(lab::Process& doctor,
-                                               const decltype(Case::expected)& expected) {
+    struct Found {
+        std::vector<std::string> remedies;
+        std::string wrong; ///< what is complained of and not expected, or expected and not found
+    };
+    static Found resultOf(lab::Process& doctor, const decltype(Case::expected)& expected) {
         const std::optional<int> status = doctor.wait(60s);
         const nlohmann::json document = nlohmann::json::parse(doctor.output());
-        std::map<std::string, std::string> found;
-        std::vector<std::string> remedies;
+        Found found;
+        std::map<std::string, std::string> texts;
         for (const nlohmann::json& finding : document.at("findings")) {
             const std::string id = finding.at("id");
             const std::string remedy = finding.at("remedy");
-            found[id] += finding.at("what").get<std::string>() + "; " + remedy + "; " +
+            texts[id] += finding.at("what").get<std::string>() + "; " + remedy + "; " +
                          finding.at("measured").get<std::string>();
             if (finding.at("severity") != "fault" && finding.at("severity") != "warning")
                 continue;
-            remedies.push_back(remedy);
-            EXPECT_TRUE(std::ranges::any_of(expected, [&](const auto& row) { return row.first == id; }))
-                << finding;
+            found.remedies.push_back(remedy);
+            if (std::ranges::none_of(expected, [&](const auto& row) { return row.first == id; }))
+                found.wrong += finding.dump() + "\n";
         }
         for (const auto& [id, part] : expected)
-            EXPECT_THAT(found[id], HasSubstr(part)) << document.dump(2);
-        EXPECT_EQ(status, remedies.empty() ? 0 : 1);
-        return remedies;
+            if (texts[id].find(part) == std::string::npos)
+                found.wrong += id + " is \"" + texts[id] + "\", without \"" + part + "\"\n";
+        EXPECT_EQ(status, found.remedies.empty() ? 0 : 1);
+        return found;
+    }
+    /// Looks quickly, and where the machine pauses meanwhile once more and longer. @return the remedies
+    std::vector<std::string> remediesFor(const decltype(Case::expected)& expected, const char* node,
+                                         const Words& through = {}) {
+        const auto find = [&](const char* seconds) {
+            lab::Process doctor = look(node, {"--json"}, through, seconds);
+            return resultOf(doctor, expected);
+        };
+        Found found = find("0.5");
+        if (!found.wrong.empty())
+            found = find("2.5");
+        EXPECT_EQ(found.wrong, "");
+        return found.remedies;
     }
 };
 
@@ -89,8 +106,7 @@ TEST_P(Doctor, ReportsTheCauseAndNoOther) {
         node.start({.command = {"sh", "-ec", std::string(row.breakage) + "\necho broken; sleep 60"}});
     ASSERT_TRUE(breakage.lineWith("broken", 30s)) << breakage.output();
 
-    lab::Process doctor = look(row.node, {"--json"}, row.through);
-    const std::vector<std::string> remedies = remediesOf(doctor, row.expected);
+    const std::vector<std::string> remedies = remediesFor(row.expected, row.node, row.through);
     if (remedies.size() != 1 || !row.through.empty())
         return;
     const std::string cure = remedies[0].substr(0, remedies[0].find(", ")); // where it is a command
@@ -99,8 +115,7 @@ TEST_P(Doctor, ReportsTheCauseAndNoOther) {
         return;
     lab::Process healer = node.start({.command = {"sh", "-ec", cure}});
     ASSERT_EQ(healer.wait(30s), 0) << cure << "\n" << healer.output();
-    lab::Process cured = look(row.node, {"--json"});
-    remediesOf(cured, {});
+    remediesFor({}, row.node);
 }
 
 // clang-format off
@@ -161,7 +176,7 @@ const Case kCases[] = {
      {{"same-address", "radar hosts at eth0 share the address 10.20.1.1; give each an address of its own"}}},
     {"ComputerWithThisOnesAddress", "ip -n host2 address add 10.20.2.1/16 dev eth0",
      {{"same-address", "another computer at eth0 has this one's address 10.20.2.1; give each"}}},
-    {"HardwareAddressesWithoutPrivileges", "for i in $(seq 600); do ip neigh replace 10.20.1.1 dev eth0 lladdr 02:00:00:00:00:0$((i % 2)); sleep 0.3; done &",
+    {"HardwareAddressesWithoutPrivileges", "for i in $(seq 1200); do ip neigh replace 10.20.1.1 dev eth0 lladdr 02:00:00:00:00:0$((i % 2)); sleep 0.05; done &",
      {{"same-address", "10.20.1.1 belongs to 02:00:00:00:00:00, 02:00:00:00:00:01"}, {"firewall-unread", "to read the packet filter; sudo radarctl doctor"}, {"wire-unread", "(CAP_NET_RAW)"}}, "",
      {{"host1", "North", 20}}, "display", kUnprivileged},
 };
@@ -185,8 +200,9 @@ TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
         }
         otherDisplay->sendData(wire::kQuery.data(), static_cast<int>(wire::kQuery.size()));
     } while (!doctor.wait(100ms));
-    remediesOf(doctor,
-               {{"id-contest", "10.20.1.1 claimed 2 ids"}, {"other-display", "queries from 10.20.1.2"}});
+    const Found found = resultOf(
+        doctor, {{"id-contest", "10.20.1.1 claimed 2 ids"}, {"other-display", "queries from 10.20.1.2"}});
+    EXPECT_EQ(found.wrong, "");
 }
 
 TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {

@@ -220,7 +220,7 @@ void addDoctor(CommandLine& line) {
     syntax.flag("--json", options->json, "One JSON object instead of text");
     syntax.flag("--list", options->list, "List what can be found, and look at nothing");
     syntax.option("--seconds", options->seconds, "S", "How long to listen and ask (default 10)",
-                  checkSeconds(1, "time to look"));
+                  checkSeconds(0.5, "time to look"));
     addLocalOptions(syntax, options->local);
     syntax.option("--follow", options->follow, "RADAR",
                   "Also receive that radar's image meanwhile: does a switch forget it after some minutes?");
