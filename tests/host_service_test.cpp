@@ -96,7 +96,7 @@ TEST_F(HostService, EndsWithACodeThatSaysWhetherAnotherStartCanHelp) {
         int status;
         const char* line;
     } cases[] = {
-        {{"sh", "-c", "ulimit -n 9; exec \"$@\"", "sh"}, 4, "sockets: Too many open files"},
+        {{"sh", "-c", "ulimit -n 9; exec \"$@\"", "sh"}, 4, "s: Too many open files"},
         {refusing("--inject=clone3,clone:error=EAGAIN"), 4, "threads: Resource temporarily unavailable"},
         {refusing("--inject=eventfd2:error=EPERM"), 3, "Operation not permitted"},
         {{"env", "RADAR_NAME=seventeen letters"}, 2, "RADAR_NAME: 'seventeen letters' is no radar name"},
