@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <ctime>
 #include <fcntl.h>
 #include <future>
 
@@ -174,6 +175,9 @@ TEST(TcpServer, AClientThatEndsItsOwnDirectionStillGetsWhatWasToBeSent) {
         EXPECT_EQ(s.server.numOfClients(), 0);
         if (!readsInTime) {
             EXPECT_TRUE(sent.get()) << "cut short by its time-out";
+            const std::clock_t before = std::clock();
+            EXPECT_FALSE(s.notes.disconnected.reaches(2, 200ms));
+            EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20) << "of the processor, to wait for the peer";
         }
         EXPECT_TRUE(peer.read(much.size() - 1) == much.substr(1));
         if (readsInTime) {

@@ -166,20 +166,37 @@ TEST_F(WatchLife, ForkedChildMakesItsOwnAndItsParentNoticesNothing) {
     EXPECT_EQ(next(*watching), "South appeared, 17 at 10.20.1.2");
 }
 
-TEST(Memberships, OfAForkedChildAreItsOwn) {
-    ASSERT_EQ(std::system("ip link set lo up"), 0);
-    const auto join = [](const net::detail::Descriptor& socket) {
+class Memberships : public testing::Test {
+protected:
+    using Renewal = Membership::Renewal;
+
+    std::unique_ptr<Membership> join(const net::detail::Descriptor& socket) const {
         return Membership::join(socket, net::transAddr("236.6.7.9"), 0, ::if_nametoindex("lo"));
-    };
-    const auto socket = net::detail::openSocket(SOCK_DGRAM);
-    const auto ofParent = join(socket);
+    }
+    const int m_up = std::system("ip link set lo up");
+    const net::detail::Descriptor m_first = net::detail::openSocket(SOCK_DGRAM);
+    const net::detail::Descriptor m_second = net::detail::openSocket(SOCK_DGRAM);
+};
+
+TEST_F(Memberships, OfAForkedChildAreItsOwn) {
+    const auto ofParent = join(m_first);
     ASSERT_NE(ofParent, nullptr);
     const auto child = [&] {
-        const auto own = net::detail::openSocket(SOCK_DGRAM);
-        const auto renewed = join(own)->renew(std::chrono::steady_clock::now());
+        const auto renewed = join(m_second)->renew(std::chrono::steady_clock::now());
         ::_exit(static_cast<int>(renewed.renewal));
     };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(static_cast<int>(Membership::Renewal::OthersJoined)), "");
+    EXPECT_EXIT(child(), testing::ExitedWithCode(static_cast<int>(Renewal::OthersJoined)), "");
+}
+
+TEST_F(Memberships, OfOneGroupAreRenewedTogetherAndNotBesideData) {
+    const auto now = std::chrono::steady_clock::now();
+    const auto first = join(m_first);
+    const auto second = join(m_second);
+    EXPECT_EQ(first->renew(now).renewal, Renewal::Done);
+    first->noteData(now + 500ms);
+    EXPECT_EQ(second->renew(now + 900ms).renewal, Renewal::Done) << "with the first";
+    EXPECT_EQ(second->renew(now + 1400ms).renewal, Renewal::DataFlow);
+    EXPECT_EQ(second->renew(now + 1600ms).renewal, Renewal::Done);
 }
 
 TEST_F(WatchLife, ProgramMayEndWhileWatchesStand) {
