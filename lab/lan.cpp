@@ -136,6 +136,11 @@ std::string addressLines(const Node& node, size_t interface, const std::string& 
     return lines;
 }
 
+std::string upLines(const Node& node, size_t interface) {
+    return "link set lo up\nlink set " + ethernet(interface) + " up\n" +
+           addressLines(node, interface, node.plan().interfaces[interface].address);
+}
+
 } // namespace
 
 NodePlan radarHost(int number) {
@@ -163,9 +168,13 @@ Lan::Lan(const std::vector<NodePlan>& plans) : m_bridge({kBridgeNetwork, {}, fal
             lines += linkLine(node, i);
     }
     ip(lines);
-    for (const Node& node : m_nodes)
+    for (const Node& node : m_nodes) {
+        const Inside inside = node.enter();
+        std::string ups;
         for (size_t i = 0; i < node.plan().interfaces.size(); ++i)
-            connect(node, i);
+            ups += upLines(node, i);
+        ip(ups);
+    }
     m_bridge.run([this] {
         for (const Node& node : m_nodes)
             for (size_t i = 0; i < node.plan().interfaces.size(); ++i)
@@ -182,12 +191,6 @@ std::string Lan::linkLine(const Node& node, size_t interface) const {
 std::string Lan::portOptions(const Node& node, size_t interface) const {
     return std::string(" group ") + kDeviceGroup + (leadsToLan(node, interface) ? " master lan0" : "") +
            " up";
-}
-
-void Lan::connect(const Node& node, size_t interface) {
-    const Inside inside = node.enter();
-    ip("link set lo up\nlink set " + ethernet(interface) + " up\n" +
-       addressLines(node, interface, node.plan().interfaces[interface].address));
 }
 
 Lan::~Lan() {
@@ -238,7 +241,7 @@ void Lan::plugIn(const Node& node, size_t interface, unsigned int index) {
         ip(index != 0 ? "link set " + farEnd(node, interface) + portOptions(node, interface) + "\n"
                       : linkLine(node, interface));
     });
-    connect(node, interface);
+    node.run([&] { ip(upLines(node, interface)); });
     if (leadsToLan(node, interface))
         m_bridge.run([&] { awaitForwarding(farEnd(node, interface)); });
 }

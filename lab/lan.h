@@ -66,7 +66,6 @@ public:
 private:
     std::string linkLine(const Node& node, size_t interface) const;
     std::string portOptions(const Node& node, size_t interface) const;
-    void connect(const Node& node, size_t interface);
     void applyDropRates();
 
     Node m_bridge;

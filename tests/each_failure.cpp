@@ -21,19 +21,17 @@
 
 namespace {
 
-constexpr int kAtOnce = 16;        // processes
+constexpr int kAtOnce = 8;         // processes
 constexpr int kMost = 200;         // calls or allocations of a scenario
 constexpr unsigned kDeadline = 60; // seconds of a process
 
-std::string networkOf(int place) {
-    return "place" + std::to_string(place);
-}
-
-/// One network a process, since a port that is not to be shared is refused to the others.
-void makeNetworks() {
-    for (int i = 0; i < kAtOnce && !std::filesystem::exists("/run/netns/" + networkOf(i)); ++i) {
-        const std::string network = networkOf(i);
-        const std::string make = "ip netns add " + network + " && ip -n " + network +
+/// One network a process, since a port that is not to be shared is refused to the others. The first of a
+/// place makes it.
+void enterNetwork(int place) {
+    const std::string name = "place" + std::to_string(place);
+    const std::string path = "/run/netns/" + name;
+    if (!std::filesystem::exists(path)) {
+        const std::string make = "ip netns add " + name + " && ip -n " + name +
                                  " -batch - << end\n"
                                  "link set lo up\n"
                                  "link add eth0 type veth peer name far\n"
@@ -44,10 +42,6 @@ void makeNetworks() {
                                  "end\n";
         ASSERT_EQ(std::system(make.c_str()), 0);
     }
-}
-
-void enterNetwork(int place) {
-    const std::string path = "/run/netns/" + networkOf(place);
     const int network = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(::setns(network, CLONE_NEWNET), 0);
     ::close(network);
@@ -200,7 +194,6 @@ private:
 /// @return those of the @p expected texts that no process has printed
 std::vector<std::string> failEach(const Scenario& scenario, Fail fail, std::vector<std::string> expected,
                                   std::size_t mostReasons = 10) {
-    makeNetworks();
     std::optional<Trial> trials[kAtOnce]; // each in the network of its place
     std::vector<Turn> reasons;            // further ones, of calls that have failed for their first
     int last = 0;
