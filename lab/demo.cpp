@@ -181,21 +181,9 @@ void showTable(Display& display, const Hosts& hosts) {
     check(asPlanned, "every endpoint is the one that the plan has for the host's id");
 }
 
-void showDeparture(Display& display, Hosts& hosts) {
-    say("\nNorth is stopped. The display goes on asking.\n");
-    const auto stopped = Clock::now();
-    check(hosts.process("North").stop() == 0, "North has ended, with status 0");
-    const bool hasLeft = display.queryUntil([&] { return !display.lists("North"); }, 20s);
-    const double seconds = secondsSince(stopped);
-    check(hasLeft, "North has left the table " + inSeconds(seconds) + " later");
-    // Ages are counted in whole seconds, and the last answer came up to a second before the stop.
-    check(seconds > 6.5 && seconds < 14, "as it does 8 seconds after it was last heard");
-    check(display.lists("East") && display.lists("South"), "East and South have stayed");
-}
-
 void showRenumbering(Display& display, Hosts& hosts) {
     const int before = hosts.id("South");
-    say("\nThe display makes South give up host id %d.\n", before);
+    say("\nMeanwhile it makes South give up host id %d.\n", before);
     int after = before;
     for (int tries = 0; after == before && tries < 5;
          ++tries) { // the new id is drawn, and may be the old one
@@ -206,6 +194,20 @@ void showRenumbering(Display& display, Hosts& hosts) {
     check(display.queryUntil([&] { return isAsPlanned(display.record("South"), after); }, 10s),
           "the table has followed");
     printRow("South", after, display.record("South"));
+}
+
+void showDeparture(Display& display, Hosts& hosts, const std::function<void()>& meanwhile) {
+    say("\nNorth is stopped. The display goes on asking.\n");
+    const auto stopped = Clock::now();
+    check(hosts.process("North").stop() == 0, "North has ended, with status 0");
+    meanwhile();
+    const bool hasLeft = display.queryUntil([&] { return !display.lists("North"); }, 20s);
+    const double seconds = secondsSince(stopped);
+    say("\n");
+    check(hasLeft, "North has left the table " + inSeconds(seconds) + " later");
+    // Ages are counted in whole seconds, and the last answer came up to a second before the stop.
+    check(seconds > 6.5 && seconds < 14, "as it does 8 seconds after it was last heard");
+    check(display.lists("East") && display.lists("South"), "East and South have stayed");
 }
 
 void run() {
@@ -224,8 +226,7 @@ void run() {
     Display display;
     showSearch(display, start);
     showTable(display, hosts);
-    showDeparture(display, hosts);
-    showRenumbering(display, hosts);
+    showDeparture(display, hosts, [&] { showRenumbering(display, hosts); });
 }
 
 } // namespace
