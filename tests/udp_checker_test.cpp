@@ -4,7 +4,12 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 namespace {
@@ -69,6 +74,23 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextAndNoOthe
     EXPECT_THAT(late.all(), ElementsAre("10.1.0.1", "10.2.0.1"));
     EXPECT_THAT(twice.all(), ElementsAre("10.1.0.1", "10.1.0.1", "10.2.0.1", "10.2.0.1"));
     EXPECT_THAT(removed.all(), ElementsAre());
+}
+
+TEST_F(UdpCheckerOnTwoInterfaces, HearsTheTextInAProbeThatIsInterrupted) {
+    net::detail::Timing timing;
+    timing.checkerProbe = timing.checkerPause = 60s;
+    net::detail::setTiming(timing);
+    std::signal(SIGPROF, [](int) {}); // a profiler's
+    ASSERT_EQ(std::system("ip addr flush dev eth2"), 0);
+    Addresses found;
+    net::UdpChecker checker(kGroup, kPort, "radar");
+    checker.addListener(&found);
+    ASSERT_TRUE(comesTrue([] { return std::system("ip maddr show dev eth1 | grep -q 236.6.7.30") == 0; }));
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
+        ::syscall(SYS_tgkill, ::getpid(), std::stoi(thread.path().filename()), SIGPROF);
+    const std::jthread beacons = beacon("10.1.0.1", "radar");
+    EXPECT_TRUE(found.reaches(1));
+    ASSERT_EQ(std::system("ip addr add 10.2.0.1/24 dev eth2"), 0);
 }
 
 TEST_F(UdpCheckerOnTwoInterfaces, IsGoneAtOnceInAProbeAndInAPause) {

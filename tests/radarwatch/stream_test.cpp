@@ -12,10 +12,13 @@
 #include <gmock/gmock.h>
 
 #include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <numeric>
 
 namespace {
@@ -394,6 +397,37 @@ TEST_F(StreamTest, ControlSaysWhatBecomesOfBytesForAPeerThatDoesNotRead) {
     const tcp_test::Peer newer(serving);
     EXPECT_TRUE(comesTrue([&] { return errorOf("set") == 0; })) << "where the older one still reads nothing";
     EXPECT_EQ(newer.read(3), "set");
+}
+
+TEST_F(StreamTest, OfTcpThatNobodyReadsHoldsItsPeerUpLosesNothingAndEndsAtOnce) {
+    const Output output; // TCP endpoints log
+    m_engine->tell([](auto& situation) { situation.localAddress = inet_addr(tcp_test::kLocal); });
+    const std::uint16_t serving = tcp_test::freePort();
+    auto stream = reader();
+    m_engine->tellImage(tcp_test::kLocal, serving, radar::detail::kTcpServer);
+    const tcp_test::Peer peer(serving);
+    std::string much(32 << 20, '\0'); // more than the connection holds
+    std::ranges::generate(much, [value = 0U]() mutable { return static_cast<char>((value += 7) / 256); });
+    sigset_t profiler;
+    sigemptyset(&profiler);
+    sigaddset(&profiler, SIGPROF);
+    ::pthread_sigmask(SIG_BLOCK, &profiler, nullptr); // in the threads of this test
+    std::signal(SIGPROF, [](int) {});
+    std::atomic<bool> sent = false;
+    const auto send = [&] { sent = peer.send(much); };
+    std::jthread sender(send);
+    EXPECT_FALSE(comesTrue([&] { return sent.load(); }, 100ms));
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
+        ::syscall(SYS_tgkill, ::getpid(), std::stoi(thread.path().filename()), SIGPROF);
+    std::string taken;
+    for (radar::Datagram piece; taken.size() < much.size() && stream->read(&piece, 1, 10s) == 1;)
+        taken.append(piece.data, piece.size);
+    EXPECT_TRUE(taken == much);
+    sender.join();
+    EXPECT_TRUE(sent.exchange(false));
+    sender = std::jthread(send);
+    EXPECT_FALSE(comesTrue([&] { return sent.load(); }, 100ms));
+    EXPECT_LT(timeOf([&] { stream.reset(); }), 5s);
 }
 
 TEST_F(StreamTest, ReaderThatSleptFindsTheLast64EventsAndIsWhereTheRadarIs) {
