@@ -41,7 +41,6 @@ nanoseconds gapOf(std::size_t bucket) {
 void ArrivalStatistics::count(Steady::time_point arrival, std::size_t bytes) {
     if (m_datagrams == 0) {
         m_firstSlot = m_slot = slotAt(arrival);
-        m_slotEnd = Steady::time_point(kSlot * (m_slot + 1));
     } else {
         const nanoseconds gap = arrival - m_last;
         m_longestGap = std::max(m_longestGap, gap);

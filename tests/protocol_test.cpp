@@ -114,6 +114,7 @@ TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
         const std::string words = "serving as host id ";
         return std::stoi(host.lineWith(words, 30s).value_or(words + "0").substr(words.size()));
     };
+    const Output output;
     lab::Process first = start("R");
     EXPECT_EQ(servedId(first), 1);
     const auto rival = makeIn<HostNegotiator>(lan.node("host2"), nullptr, nullptr);
@@ -140,6 +141,7 @@ TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
     first.signal(SIGINT);
     EXPECT_EQ(first.wait(30s), 0);
     EXPECT_EQ(second.stop(), 0);
+    EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("HostNegotiator")));
 }
 
 } // namespace

@@ -340,6 +340,10 @@ TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
     EXPECT_EQ(target(radar, arpaOf(1)), text(arpaOf(40)));
     EXPECT_EQ(target(radar, plan::getOriginalImageEp(1, 1)), text(plan::getOriginalImageEp(40, 1)));
     EXPECT_EQ(target(radar, plan::getInfoDevBaseEp(1)), text(plan::getInfoDevBaseEp(40)));
+    const Contents single = recordingOf({{0, composeAnnouncement("South", 1, 1)}});
+    EXPECT_EQ(
+        target(ReplayedRadar(single.radars().front(), 40, 1, kObjection), plan::getOriginalImageEp(1, 0)),
+        text(plan::getOriginalImageEp(40, 0)));
     radar.receive("\x03\xA1\x28\x01");
     EXPECT_THAT(playTo(radar, 5), testing::SizeIs(2)) << "another id";
     EXPECT_NE(radar.hostId(), 40);
