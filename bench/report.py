@@ -345,8 +345,8 @@ For MD5, "raw" is OpenSSL. An event loop on all 50 groups would cost {ratio_to_r
 group, and threads whose waits end after half a second, as the library's do, {ratio_to_raw_threads(results, "raw with time-out")}.
 
 Where datagrams come one at a time, each wakes a thread, and what follows is cold. A Stream's `recvmmsg` looks a second time
-whether more has come, 0.2 to 0.3 us, and its wait has an end, 0.2 us: that is what "stream of 222 B" pays there, and
-what makes a Stream cheaper where several datagrams wait already, as in "saturated". A pool of 50 streams saves wake-ups and
+whether more has come, and its wait has an end: most of what "stream of 222 B" pays there; the rest is counting. The second
+look makes a Stream cheaper where several datagrams wait already, as in "saturated". A pool of 50 streams saves wake-ups and
 pays an `epoll_wait`, so it is the cheaper, the more a wake-up costs, and may be the dearer where that is little.
 
 ![Ratios to raw system calls](performance/ratios.svg)
