@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <fstream>
 #include <sstream>
@@ -117,7 +118,9 @@ TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
     const Output output;
     lab::Process first = start("R");
     EXPECT_EQ(servedId(first), 1);
-    const auto rival = makeIn<HostNegotiator>(lan.node("host2"), nullptr, nullptr);
+    std::atomic<int> resets = 0;
+    const auto rival = makeIn<HostNegotiator>(
+        lan.node("host2"), [&] { ++resets; }, nullptr);
     EXPECT_THAT(rival->syncLogin(1), drawn) << "the holder of id 1 objects";
 
     const auto client = makeIn<MultiRadarClient>(lan.node("display"));
@@ -142,6 +145,7 @@ TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
     EXPECT_EQ(first.wait(30s), 0);
     EXPECT_EQ(second.stop(), 0);
     EXPECT_THAT(output.err(), testing::Not(testing::HasSubstr("HostNegotiator")));
+    EXPECT_EQ(resets, 0) << "nobody has asked for one";
 }
 
 } // namespace

@@ -29,6 +29,7 @@ TEST(SequenceCounter, TellsLossFromRepetitionAndReordering) {
         {"in order", wide, {7, 8, 9}, 0, 0, 0},
         {"lost", wide, {7, 10, 11, 15}, 5, 0, 0},
         {"repeated", wide, {7, 8, 8, 9, 7}, 0, 2, 0},
+        {"repeated behind a loss", wide, {7, 10, 10}, 2, 1, 0},
         {"late, and late again", wide, {1, 2, 4, 5, 3, 3, 6}, 0, 1, 1},
         {"begun again", wide, {100000, 100001, 0, 1, 2}, 0, 0, 0},
         {"just inside the window", wide, {100, 200, 137}, 98, 0, 1},
