@@ -1,5 +1,6 @@
 // Recordings without a network: packets, blocks, files, and the radars that live again from them.
 
+#include "interrupt.h"
 #include "profile_directory.h"
 #include "records.h"
 
@@ -17,7 +18,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -208,9 +208,7 @@ TEST_F(RecordingFile, NeverMakesAWriterWait) {
         wanted += each.blocks;
     EXPECT_EQ(chunk.blocks, each.blocks) << "is left to its owner";
     EXPECT_GE(wanted.size(), std::size_t{1} << 20);
-    std::signal(SIGPROF, [](int) {}); // a profiler's, which cuts a write short
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
-        ::syscall(SYS_tgkill, ::getpid(), std::stoi(thread.path().filename()), SIGPROF);
+    interruptThreads(); // which cuts a write short
     std::string written(wanted.size(), '\0');
     for (std::size_t length = 0; length < written.size();)
         length += static_cast<std::size_t>(

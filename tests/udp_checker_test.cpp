@@ -1,15 +1,11 @@
+#include "interrupt.h"
 #include "recorder.h"
 
 #include <UdpSocket/base/timing.h>
 
 #include <gmock/gmock.h>
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <thread>
 
 namespace {
@@ -80,14 +76,12 @@ TEST_F(UdpCheckerOnTwoInterfaces, HearsTheTextInAProbeThatIsInterrupted) {
     net::detail::Timing timing;
     timing.checkerProbe = timing.checkerPause = 60s;
     net::detail::setTiming(timing);
-    std::signal(SIGPROF, [](int) {}); // a profiler's
     ASSERT_EQ(std::system("ip addr flush dev eth2"), 0);
     Addresses found;
     net::UdpChecker checker(kGroup, kPort, "radar");
     checker.addListener(&found);
     ASSERT_TRUE(comesTrue([] { return std::system("ip maddr show dev eth1 | grep -q 236.6.7.30") == 0; }));
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
-        ::syscall(SYS_tgkill, ::getpid(), std::stoi(thread.path().filename()), SIGPROF);
+    interruptThreads();
     const std::jthread beacons = beacon("10.1.0.1", "radar");
     EXPECT_TRUE(found.reaches(1));
     ASSERT_EQ(std::system("ip addr add 10.2.0.1/24 dev eth2"), 0);

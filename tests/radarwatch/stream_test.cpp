@@ -1,5 +1,6 @@
 // Streams and Controls on an engine that says where the radar is.
 #include "../faults.h"
+#include "../interrupt.h"
 #include "../tcp_support.h"
 #include "asleep.h"
 #include "fake_engine.h"
@@ -12,13 +13,10 @@
 #include <gmock/gmock.h>
 
 #include <poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <numeric>
 
 namespace {
@@ -412,13 +410,11 @@ TEST_F(StreamTest, OfTcpThatNobodyReadsHoldsItsPeerUpLosesNothingAndEndsAtOnce) 
     sigemptyset(&profiler);
     sigaddset(&profiler, SIGPROF);
     ::pthread_sigmask(SIG_BLOCK, &profiler, nullptr); // in the threads of this test
-    std::signal(SIGPROF, [](int) {});
     std::atomic<bool> sent = false;
     const auto send = [&] { sent = peer.send(much); };
     std::jthread sender(send);
     EXPECT_FALSE(comesTrue([&] { return sent.load(); }, 100ms));
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
-        ::syscall(SYS_tgkill, ::getpid(), std::stoi(thread.path().filename()), SIGPROF);
+    interruptThreads();
     std::string taken;
     for (radar::Datagram piece; taken.size() < much.size() && stream->read(&piece, 1, 10s) == 1;)
         taken.append(piece.data, piece.size);
