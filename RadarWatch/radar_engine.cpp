@@ -1,6 +1,7 @@
 #include <RadarWatch/radar_engine.h>
 
 #include <UdpSocket/base/thread.h>
+#include <UdpSocket/base/timing.h>
 #include <UdpSocket/settings/settings.h>
 #include <UdpSocket/udpsocket.h>
 
@@ -23,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kTick = 1s;       // between queries
 constexpr auto kStandstill = 3s; // between two ticks: this program stood still, which is nobody's silence
 constexpr int kBatch = 64;       // datagrams, before anything else is looked at
 constexpr int kBuffer = 1024;    // bytes; the longest message has 222
@@ -144,7 +144,7 @@ void RadarEngine::run() {
             hear();
         runStep("RadarWatch: a message", [this] { sendWaiting(); });
         if (const TimePoint moment = now(); m_lookSoon.exchange(false) || moment >= m_nextTick) {
-            m_nextTick = moment + kTick;
+            m_nextTick = moment + net::detail::timing().radarLook;
             runStep("RadarWatch: a look", [&] { tick(moment); });
             runStep("RadarWatch: a stream's look", [&] { callFollowers(moment); });
         } else {

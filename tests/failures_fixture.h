@@ -28,7 +28,7 @@ protected:
         timing.search = {5ms, 5ms, 40ms, 200ms}; // seldom, since each starts threads and commands
         timing.addressLook = 50ms;
         timing.objection = 10ms;
-        timing.receiverRepair = 20ms;
+        timing.receiverRepair = timing.radarLook = 20ms;
         timing.senderLook = 1h; // which fails without a word
         timing.checkerProbe = 15ms;
         timing.checkerPause = 5ms;

@@ -26,6 +26,7 @@ struct Timing {
     std::chrono::milliseconds watchPass{1000};      ///< the cycle of the watch of an interface
     std::chrono::milliseconds restartCarrier{
         5000}; ///< a carrier that comes during a restart is left to settle
+    std::chrono::milliseconds radarLook{1000}; ///< between queries and looks of who watches radars
 };
 
 /// The times in force, read when an object is made and at each new period. Any thread.

@@ -31,6 +31,7 @@ protected:
         timing.search = {std::chrono::milliseconds(200), std::chrono::milliseconds(100),
                          std::chrono::milliseconds(500), std::chrono::milliseconds(200)};
         timing.clientTick = std::chrono::milliseconds(20);
+        timing.radarLook = std::chrono::milliseconds(100);
         net::detail::setTiming(timing);
     }
     ~WatchOnLan() override { net::detail::setTiming({}); }
