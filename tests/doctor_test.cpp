@@ -230,7 +230,7 @@ TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
 
 TEST_F(Doctor, FollowsByTheNameThatIsShownAndSaysWhereNoImageComes) {
     const auto imageless = serve("host1", "N\x1B", 20);
-    lab::Process doctor = follow("N\\x1B", "5");
+    lab::Process doctor = follow("N\\x1B", "4");
     EXPECT_EQ(doctor.wait(60s), 1);
     EXPECT_THAT(doctor.output(),
                 AllOf(StartsWith("warning no-image"), HasSubstr("\"N\\x1B\" announces itself"),
@@ -247,7 +247,7 @@ TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
         bridge -n lan link set dev display-eth0 mcast_flood off)"),
               0);
     const lab::Process host = start("host1", {"host", "--name", "North", "--id", "20", "--simulate"});
-    lab::Process doctor = follow("North", "10");
+    lab::Process doctor = follow("North", "7");
     EXPECT_TRUE(comesTrue([] {
         return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
     })) << doctor.output();

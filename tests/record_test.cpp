@@ -334,25 +334,22 @@ TEST_F(Recording, OnAFullDiskEndsWithItsLastWholeBlock) {
 }
 
 TEST_F(Recording, IsReplayedUnderAnotherIdAlsoAtTwoAddressesAndNotBesideTheRadarItself) {
-    const std::string file =
-        write("North", {{0, 20}, {0, 20, "10.20.1.2"}, {1, 20}, {2, 20}, {3, 20}, {4, 20}, {5, 20}});
-    const auto replay = [&](const char* id) {
+    const auto replay = [&](const std::string& file, const char* id) {
         return start("host1", {"replay", file, "--interface", "eth0", "--repeat", "--as-id", id});
     };
-    const struct {
-        const char* name;
-        std::uint8_t id;
-        const char* refusal;
-    } others[] = {{"North", 21, "radarctl: the name North is held by a radar at 10.20.1.2\n"},
-                  {"South", 40, "radarctl: host id 40 is held by a radar at 10.20.1.2, South\n"}};
-    for (const auto& [name, id, refusal] : others) {
-        const auto other = serve("host2", name, id);
-        lab::Process refused = replay("40");
-        EXPECT_EQ(refused.wait(30s), 1);
-        EXPECT_EQ(refused.output(), refusal);
+    const std::string file =
+        write("North", {{0, 20}, {0, 20, "10.20.1.2"}, {1, 20}, {2, 20}, {3, 20}, {4, 20}, {5, 20}});
+    {
+        const auto north = serve("host2", "North", 21);
+        const auto south = serve("host2", "South", 40);
+        lab::Process name = replay(file, "41");
+        lab::Process id = replay(write("East", {{0, 20}}), "40");
+        for (lab::Process* refused : {&name, &id})
+            EXPECT_EQ(refused->wait(30s), 1);
+        EXPECT_EQ(name.output(), "radarctl: the name North is held by a radar at 10.20.1.2\n");
+        EXPECT_EQ(id.output(), "radarctl: host id 40 is held by a radar at 10.20.1.2, South\n");
     }
-
-    lab::Process north = replay("1");
+    lab::Process north = replay(file, "1");
     for (int address = 0; address < 2; ++address) // which do not contest it
         EXPECT_TRUE(north.lineWith("North holds host id 1", 30s));
     lab::Process listener = start("display", {"listen", "North", "0"});

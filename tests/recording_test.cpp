@@ -306,6 +306,17 @@ TEST_F(Replayed, RadarClaimsItsIdAndAnswersWhileItWasThere) {
     }
 }
 
+TEST_F(Replayed, RadarHoldsTheIdThatItHadAlsoWhereTheNextOneFollowsSoonerThanItIsClaimed) {
+    const std::string north = composeAnnouncement("North", 20, 1);
+    const std::string moved = composeAnnouncement("North", 30, 1);
+    const Contents contents = recordingOf({{0, north}, {1, moved}, {3, moved}});
+    ReplayedRadar radar(contents.radars().front(), 0, 1, kObjection);
+    playTo(radar, 0);
+    EXPECT_EQ(radar.answer(), north);
+    playTo(radar, 3);
+    EXPECT_EQ(radar.answer(), moved) << "a little late";
+}
+
 TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
     const std::string north = composeAnnouncement("North", 1, 2);
     const Contents contents =

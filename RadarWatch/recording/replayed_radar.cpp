@@ -54,7 +54,8 @@ ReplayedRadar::Output ReplayedRadar::advance(Time position, Time lead, TimePoint
     }
     const Time ahead = position + lead;
     const std::uint8_t wanted = ahead < m_radar->presences.front().first ? std::uint8_t{0} : claimed(ahead);
-    if (wanted != 0 && wanted != m_claim) { // the first id, or the recorded host took another
+    const bool isClaiming = m_claim != 0 && !m_held.contains(m_claim); // which another claim would break off
+    if (wanted != 0 && wanted != m_claim && !isClaiming) { // the first id, or the recorded host took another
         m_claim = wanted;
         m_held.erase(wanted);
         m_negotiation = protocol::Negotiation(m_draw, m_objection);
