@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <set>
 
 namespace {
 
@@ -102,11 +103,73 @@ private:
     lab::Process m_script;
 };
 
-TEST_F(Listing, WatchNamesDoctorWhereNoRadarIsHeardThenScrollsKeepsTheAgesInSightAndMarksASharedId) {
+TEST_F(Listing, WatchTellsWhoAppearsChangesAndLeavesAsOthersDoAndNamesDoctorWhereNoRadarIsHeard) {
+    Terminal lonely(m_lan.node("display"), m_profile.path() / "keys", "vt100", " --local 127.0.0.1");
+    lab::Process lonelyText = start("display", {"watch", "--local", "127.0.0.1"});
+    lab::Process exporter =
+        start("display", {"export", "--every", "0.1", "--textfile", m_profile.path() / "radar.prom"});
+    lab::Process recorder = start("display", {"record", "-o", m_profile.path() / "file"});
+    lab::Process text = m_lan.node("display").start( // why a radar left is known without /sys
+        {.command = {"unshare", "--mount", "sh", "-c",
+                     "mount -t tmpfs none /sys && exec " RADARCTL " watch"}});
+    lab::Process json = start("display", {"watch", "--json"});
+    const auto next = [&](const std::string& kind, const std::string& change = "") {
+        nlohmann::json event;
+        do
+            event = nlohmann::json::parse(json.nextLine(30s).value_or("{\"event\":\"none\"}"));
+        while (event["event"] != "none" &&
+               (event["event"] != kind || event["changes"].dump().find(change) == std::string::npos));
+        return event;
+    };
+    auto north = serve("host1", "North", 20);
+    EXPECT_EQ(text.lineWith("North", 30s),
+              "+ North id 20 streams 1 image 236.6.7.99:6131 236.6.7.100:6132 236.6.7.101:6133 ARPA "
+              "236.6.7.105:6137 236.6.7.106:6138 236.6.7.107:6139");
+    const auto appeared = next("appeared");
+    EXPECT_EQ(appeared["schema"], 1);
+    EXPECT_EQ(appeared["localAddressOrigin"], "profileAddress");
+    auto south = serve("host2", "South", 20);
+    const auto shared = next("changed", "sharesHostIdWith");
+    EXPECT_NE(shared["sharesHostIdWith"][0]["name"], shared["radar"]["name"]);
+    south = serve("host2", "South", 21);
+    EXPECT_EQ(next("changed", "hostId")["radar"]["hostId"], 21);
+    EXPECT_TRUE(text.lineWith("= South id 21 ", 30s));
+
+    lab::Process renumber = start("display", {"renumber", "South", "--timeout", "10"});
+    EXPECT_TRUE(renumber.lineWith("waiting for South", 30s));
+    south.reset();
+    north.reset(); // before its successor answers: a host has one name
+    north = serve("host1", "Renamed", 20);
+    text.signal(SIGSTOP);
+    for (int i = 0; i < 2; ++i) { // longer than a radar may be silent
+        const auto left = next("left");
+        EXPECT_EQ(left["reasonCode"], left["radar"]["name"] == "South" ? "silent" : "renamed") << left;
+    }
+    text.signal(SIGCONT);
+    const std::set left{text.lineWith("- ", 30s), text.lineWith("- ", 30s)};
+    EXPECT_THAT(left, ElementsAre("- North: 10.20.1.1 now announces Renamed",
+                                  "- South: 10.20.1.2 has not answered for 8 s, others do"));
+    EXPECT_EQ(renumber.wait(30s), 1);
+    EXPECT_THAT(renumber.output(), HasSubstr("radarctl: South has left after "));
+    EXPECT_TRUE(comesTrue([&] {
+        const std::string now = m_profile.read("radar.prom");
+        return now.find("radar_up{radar=\"South\"} 0\n") != std::string::npos &&
+               now.find("\nradars 1\n") != std::string::npos;
+    })) << m_profile.read("radar.prom");
+    EXPECT_EQ(exporter.stop(), 0);
+    EXPECT_EQ(recorder.stop(), 0);
+    EXPECT_THAT(m_profile.read("file"), testing::AllOf(HasSubstr("North left: it has another name now"),
+                                                       HasSubstr("South left: silent for eight seconds")));
+    EXPECT_EQ(runOn("display", {"ip", "address", "flush", "dev", "eth0"}).status, 0);
+    EXPECT_TRUE(text.lineWith("; no local address leads to it any more", 30s)) << text.output();
+    EXPECT_TRUE(lonelyText.lineWith("radarctl: no radar for 10 s; see radarctl doctor", 30s));
+    EXPECT_TRUE(lonely.shows("no radar for 10 s; see radarctl doctor"));
+    lonely.type("q");
+    EXPECT_EQ(lonely.process().wait(30s), 0);
+}
+
+TEST_F(Listing, WatchScrollsKeepsTheAgesInSightAndMarksASharedId) {
     Terminal terminal(m_lan.node("display"), m_profile.path() / "keys");
-    lab::Process piped = start("display", {"watch"});
-    EXPECT_TRUE(piped.lineWith("radarctl: no radar for 10 s; see radarctl doctor", 30s));
-    EXPECT_TRUE(terminal.shows("no radar for 10 s; see radarctl doctor"));
     const auto a = serve("host1", "A radar of 16 by", 20);
     const auto b = serve("host1", "B", 20);
     const auto c = serve("host1", "C", 30);

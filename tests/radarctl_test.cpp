@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <limits>
-#include <set>
 
 namespace {
 
@@ -155,57 +154,6 @@ TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRen
     EXPECT_EQ(total["dropped"], 0);
     EXPECT_GE(total["gap99Seconds"], total["medianGapSeconds"]);
     EXPECT_GT(total["medianGapSeconds"], 0);
-}
-
-TEST_F(Radarctl, WatchTellsWhoAppearsChangesAndLeavesAlsoAfterASuspensionAsDoRenumberAndARecording) {
-    lab::Process recorder = start("display", {"record", "-o", m_profile.path() / "file"});
-    lab::Process text = m_lan.node("display").start( // why a radar left is known without /sys
-        {.command = {"unshare", "--mount", "sh", "-c",
-                     "mount -t tmpfs none /sys && exec " RADARCTL " watch"}});
-    lab::Process json = start("display", {"watch", "--json"});
-    const auto next = [&](const std::string& kind, const std::string& change = "") {
-        nlohmann::json event;
-        do
-            event = nlohmann::json::parse(json.nextLine(30s).value_or("{\"event\":\"none\"}"));
-        while (event["event"] != "none" &&
-               (event["event"] != kind || event["changes"].dump().find(change) == std::string::npos));
-        return event;
-    };
-    auto north = serve("host1", "North", 20);
-    EXPECT_EQ(text.lineWith("North", 30s),
-              "+ North id 20 streams 1 image 236.6.7.99:6131 236.6.7.100:6132 236.6.7.101:6133 ARPA "
-              "236.6.7.105:6137 236.6.7.106:6138 236.6.7.107:6139");
-    const auto appeared = next("appeared");
-    EXPECT_EQ(appeared["schema"], 1);
-    EXPECT_EQ(appeared["localAddressOrigin"], "profileAddress");
-    auto south = serve("host2", "South", 20);
-    const auto shared = next("changed", "sharesHostIdWith");
-    EXPECT_NE(shared["sharesHostIdWith"][0]["name"], shared["radar"]["name"]);
-    south = serve("host2", "South", 21);
-    EXPECT_EQ(next("changed", "hostId")["radar"]["hostId"], 21);
-    EXPECT_TRUE(text.lineWith("= South id 21 ", 30s));
-
-    lab::Process renumber = start("display", {"renumber", "South", "--timeout", "10"});
-    EXPECT_TRUE(renumber.lineWith("waiting for South", 30s));
-    south.reset();
-    north.reset(); // before its successor answers: a host has one name
-    north = serve("host1", "Renamed", 20);
-    text.signal(SIGSTOP);
-    for (int i = 0; i < 2; ++i) { // longer than a radar may be silent
-        const auto left = next("left");
-        EXPECT_EQ(left["reasonCode"], left["radar"]["name"] == "South" ? "silent" : "renamed") << left;
-    }
-    text.signal(SIGCONT);
-    const std::set left{text.lineWith("- ", 30s), text.lineWith("- ", 30s)};
-    EXPECT_THAT(left, ElementsAre("- North: 10.20.1.1 now announces Renamed",
-                                  "- South: 10.20.1.2 has not answered for 8 s, others do"));
-    EXPECT_EQ(renumber.wait(30s), 1);
-    EXPECT_THAT(renumber.output(), HasSubstr("radarctl: South has left after "));
-    EXPECT_EQ(recorder.stop(), 0);
-    EXPECT_THAT(m_profile.read("file"), testing::AllOf(HasSubstr("North left: it has another name now"),
-                                                       HasSubstr("South left: silent for eight seconds")));
-    EXPECT_EQ(runOn("display", {"ip", "address", "flush", "dev", "eth0"}).status, 0);
-    EXPECT_TRUE(text.lineWith("; no local address leads to it any more", 30s)) << text.output();
 }
 
 TEST_F(Radarctl, EndsWhenItsReaderEnds) {

@@ -442,12 +442,12 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
     const auto host = serve("host1", "Secret \"mast\"", 20);
     const std::string unread = path("unread.tar.gz"); // the report
     lab::Process piped = m_lan.node("display").start(
-        {.command = {"sh", "-c", RADARCTL " doctor --seconds 1 --bundle " + unread + " | true"}});
+        {.command = {"sh", "-c", RADARCTL " doctor --seconds 0.5 --bundle " + unread + " | true"}});
     for (const bool redacted : {false, true}) {
         const std::string file = path(redacted ? "redacted.tar.gz" : "bundle.tar.gz");
         const std::string out = path(redacted ? "redacted" : "bundle");
         const Result doctor =
-            run({"doctor", "--seconds", "1.2", "--bundle", file, redacted ? "--redact" : "--verbose",
+            run({"doctor", "--seconds", "0.7", "--bundle", file, redacted ? "--redact" : "--verbose",
                  "--color", "always", "--follow", "Secretive"});
         EXPECT_EQ(doctor.status, 1) << "nobody has that name: " << doctor.output;
         EXPECT_THAT(doctor.errors, HasSubstr("discovery.pcapng"));
@@ -470,7 +470,7 @@ TEST_F(Recording, BundleOfDoctorHoldsWhatItListsAndGivesNothingAway) {
     EXPECT_EQ(piped.wait(30s), 0);
     EXPECT_TRUE(std::filesystem::exists(unread));
     std::filesystem::create_symlink("/dev/full", path("full.tar.gz.part"));
-    EXPECT_THAT(run({"doctor", "--seconds", "1", "--bundle", path("full.tar.gz")}).output,
+    EXPECT_THAT(run({"doctor", "--seconds", "0.5", "--bundle", path("full.tar.gz")}).output,
                 HasSubstr("looked at:"))
         << "though the disk is full";
 }

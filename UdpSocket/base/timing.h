@@ -25,7 +25,7 @@ struct Timing {
     std::chrono::milliseconds clientTick{500};      ///< a TCP client's cycle, of which eleven make an attempt
     std::chrono::milliseconds watchPass{1000};      ///< the cycle of the watch of an interface
     std::chrono::milliseconds restartCarrier{
-        5000}; ///< a carrier that comes during a restart is left to settle
+        5000};                                 ///< a carrier that comes during a restart is left to settle
     std::chrono::milliseconds radarLook{1000}; ///< between queries and looks of who watches radars
 };
 
