@@ -247,7 +247,7 @@ TEST_F(Doctor, NamesASwitchThatForgetsAFollowedImage) {
         bridge -n lan link set dev display-eth0 mcast_flood off)"),
               0);
     const lab::Process host = start("host1", {"host", "--name", "North", "--id", "20", "--simulate"});
-    lab::Process doctor = follow("North", "7");
+    lab::Process doctor = follow("North", "10");
     EXPECT_TRUE(comesTrue([] {
         return std::system("bridge -n lan mdb | grep -q 'display-eth0 grp 236.6.7.99'") == 0;
     })) << doctor.output();

@@ -213,6 +213,8 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
     const std::string page(4096, ' ');
     while (::write(fifo.get(), page.data(), page.size()) > 0)
         continue;
+    lab::Process host = m_lan.node("host2").start(
+        {.command = radarctl({"host", "--name", "South", "--simulate"}), .errorFile = full});
     const std::string errors = m_profile.path() / "errors";
     const std::string unread = m_profile.path() / "unread";
     EXPECT_EQ(runOn("host1", {"mkfifo", unread}).status, 0);
@@ -230,8 +232,6 @@ TEST_F(Radarctl, EndsOnASignalAlsoWhereNobodyTakesItsOutput) {
         tool.signal(SIGTERM);
         EXPECT_EQ(tool.wait(15s), status) << testing::PrintToString(plan.command);
     }
-    lab::Process host = m_lan.node("host2").start(
-        {.command = radarctl({"host", "--name", "South", "--simulate"}), .errorFile = full});
     EXPECT_TRUE(host.lineWith("serving", 30s));
     EXPECT_EQ(runOn("host2", {"ip", "address", "flush", "scope", "global"}).status,
               0); // the library complains

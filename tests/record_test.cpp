@@ -145,7 +145,7 @@ TEST_F(Recording, HoldsWhatWasSaidAndWhatHappenedInAFormThatOtherProgramsRead) {
 }
 
 TEST_F(Recording, LivesAgainAndIsTheSameRecordedAgain) {
-    const std::string first = write("North", {{0, 20}, {1, 20}, {2, 20}, {3, 30}, {4, 30}});
+    const std::string first = write("North", {{0, 20}, {1, 20}, {2, 30}, {3, 30}});
     lab::Process display = start("display", {"watch", "--json"});
     lab::Process recorder = record();
     lab::Process replay = start("host1", {"replay", first, "--interface", "eth0"});
