@@ -22,14 +22,14 @@ using namespace std::chrono_literals;
 
 void hostServer() {
     Source display(wire::kDiscovery);
-    const Ear ear(wire::kDiscovery);
+    const GroupListener listener(wire::kDiscovery);
     const auto answer = static_cast<ssize_t>(northsAnnouncement().size());
     const HostServer host("North", 20, 2);
     EXPECT_TRUE(inTheEnd([&] {
         return soon([&] {
                    display.send(wire::text(wire::kQuery));
                    pace();
-                   return ear.hears(answer);
+                   return listener.hears(answer);
                }) ||
                isSaid("function[thread]") || isSaid("IP_MULTICAST_LOOP") || isSaid("cannot be read");
     }));

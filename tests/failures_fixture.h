@@ -77,9 +77,9 @@ private:
 };
 
 /// Hears a group; nothing of it fails.
-class Ear {
+class GroupListener {
 public:
-    explicit Ear(const wire::Group& group) {
+    explicit GroupListener(const wire::Group& group) {
         const Sound sound;
         m_socket = net::detail::openSocket(SOCK_DGRAM | SOCK_NONBLOCK);
         const in_addr_t address = net::transAddr(group.address);

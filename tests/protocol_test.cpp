@@ -119,9 +119,9 @@ TEST(ExampleHost, NegotiatesWithTheLibrarysHostsAndDisplays) {
     lab::Process first = start("R");
     EXPECT_EQ(servedId(first), 1);
     std::atomic<int> resets = 0;
-    const auto rival = makeIn<HostNegotiator>(
+    const auto newcomer = makeIn<HostNegotiator>(
         lan.node("host2"), [&] { ++resets; }, nullptr);
-    EXPECT_THAT(rival->syncLogin(1), drawn) << "the holder of id 1 objects";
+    EXPECT_THAT(newcomer->syncLogin(1), drawn) << "the holder of id 1 objects";
 
     const auto client = makeIn<MultiRadarClient>(lan.node("display"));
     const auto isListedWith = [&](int id) {

@@ -96,11 +96,35 @@ TEST(Inbox, ReaderThatSleptFindsTheOlderEventsOfOneSubjectMerged) {
         {{conflict(16, {"R", "S"}), conflict(17, {"T", "U"}), conflict(16, {"S"})},
          {"17 shared: T U", "16 ended: S, merged 1"}},
         {{local("", "10.1.0.1"), local("10.1.0.1", "10.1.0.2")}, {"local 10.1.0.2 (), merged 1"}},
+        {{local("10.1.0.1", "10.1.0.2"), local("10.1.0.2", "10.1.0.3")},
+         {"local changed 10.1.0.3 (), merged 1"}},
         {{local("10.1.0.1", "10.1.0.2"), local("10.1.0.2", "")}, {"lost 10.1.0.1, merged 1"}},
         {{local("", "10.1.0.1"), local("10.1.0.1", "")}, {}},
     };
     for (const Case& one : cases)
         EXPECT_EQ(merged(one.events), one.expected);
+}
+
+TEST(EventQueue, WhatWasTakenIsMergedWithNothingThatFollows) {
+    EventQueue queue;
+    const auto pushLater = [&] {
+        for (std::size_t i = 0; i < EventQueue::kKept; ++i)
+            queue.push(about("later", Kind::Changed));
+    };
+    queue.push(about("R", Kind::Appeared));
+    queue.push(about("S", Kind::Appeared));
+    EXPECT_EQ(text(queue.pop()), "R appeared, 16 at 0.0.0.0") << "which was among the recent ones";
+    pushLater();
+    EXPECT_EQ(text(queue.pop()), "S appeared, 16 at 0.0.0.0") << "which was among the old ones";
+    queue.push(about("S", Kind::Changed, 1));
+    pushLater();
+    std::vector<std::string> texts;
+    while (!queue.empty())
+        texts.push_back(text(queue.pop()));
+    EXPECT_EQ(texts.size(), EventQueue::kKept + 2);
+    EXPECT_EQ(texts[0],
+              "later changed, 16 at 0.0.0.0, bits 0, merged " + std::to_string(EventQueue::kKept - 1));
+    EXPECT_EQ(texts[1], "S changed, 16 at 0.0.0.0, bits 1");
 }
 
 } // namespace

@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-/// "North appeared, 16 at 10.1.0.1", "North left, Renamed: South", "16: North South", "local 10.1.0.9 (eth0)"
+/// "North appeared, 16 at 10.1.0.1", "North left, Renamed: South", "16: North South", "local 10.1.0.9
+/// (eth0)", "local changed 10.1.0.9 (eth1)"
 inline std::string text(const radar::Event& event) {
     using Kind = radar::Event::Kind;
     static constexpr const char* kReasons[] = {"None",    "Silent",       "Renumbered",
@@ -19,7 +20,8 @@ inline std::string text(const radar::Event& event) {
     std::string result;
     switch (event.kind) {
     case Kind::Appeared:
-        result = radar.name + " appeared" + about;
+        result = radar.name + " appeared" + about +
+                 (event.changes == 0 ? "" : ", bits " + std::to_string(event.changes));
         break;
     case Kind::Changed:
         result = radar.name + " changed" + about + ", bits " + std::to_string(event.changes);
@@ -36,8 +38,8 @@ inline std::string text(const radar::Event& event) {
         break;
     case Kind::LocalFound:
     case Kind::LocalChanged:
-        result =
-            std::string("local ") + net::transAddr(event.local.address) + " (" + event.local.interface + ")";
+        result = std::string(event.kind == Kind::LocalFound ? "local " : "local changed ") +
+                 net::transAddr(event.local.address) + " (" + event.local.interface + ")";
         break;
     case Kind::LocalLost:
         result = std::string("lost ") + net::transAddr(event.previous);

@@ -38,7 +38,7 @@ private:
 
 void watches() {
     North north;
-    const Ear ear({"236.6.7.100", 6132}); // North's image control
+    const GroupListener listener({"236.6.7.100", 6132}); // North's image control
     bool found = false;
     bool appeared = false;
     std::atomic<bool> told = false;
@@ -58,7 +58,7 @@ void watches() {
         while (const auto event = watch.next(0ms))
             appeared = appeared || event->kind == radar::Event::Kind::Appeared;
         return found && appeared && (told || isSaid("an event was lost")) && control.send("set", 3) &&
-               soon([&] { return ear.hears(3); });
+               soon([&] { return listener.hears(3); });
     }));
     EXPECT_TRUE(watch.find("North").has_value());
     watch.radars();

@@ -51,6 +51,11 @@ public:
         m_next = std::max(m_next, m_now);
         return *this;
     }
+    Script& losesItsSocket() {
+        m_follower.lost();
+        m_hasSocket = false;
+        return *this;
+    }
     /// The radar sends, and nobody takes it until it sends again.
     Script& isNotRead(int seconds) {
         return eachSecond(seconds, [this] { m_arrivals.waiting = true; });
@@ -86,8 +91,12 @@ private:
             m_follower.opened(m_now);
         if (act == StreamFollower::Act::Open && error != 0)
             m_follower.refused(error);
-        if (act == StreamFollower::Act::Close)
+        if (act == StreamFollower::Act::Close) {
+            EXPECT_TRUE(m_hasSocket);
             m_follower.closed();
+        }
+        if (act == StreamFollower::Act::Open || act == StreamFollower::Act::Close)
+            m_hasSocket = act == StreamFollower::Act::Open && error == 0;
         if (act == StreamFollower::Act::Rejoin && others == 0) {
             log("rejoined");
             m_follower.rejoined(m_now);
@@ -109,6 +118,7 @@ private:
     StreamFollower::Time m_now;
     StreamFollower::Time m_next = m_now + 50ms;
     Arrivals m_arrivals;
+    bool m_hasSocket = false;
     std::vector<std::string> m_log;
 };
 
@@ -153,6 +163,14 @@ TEST(StreamFollower, TellsARefusalOnceAsksAgainAndSaysWhatBecameOfIt) {
                 ElementsAre("1 Started", "3 Refused", "6 Stopped RadarLeft", "11 Started"));
     EXPECT_THAT(Script().aim(moved).isSilent(1, 0, EMFILE).radarLeaves().isSilent(5).takeLog(),
                 ElementsAre("1 Refused", "2 Stopped RadarLeft"));
+    EXPECT_THAT(Script().aim(target()).isSilent(2, 0, EMFILE).aim(moved).isSilent(2, 0, EMFILE).takeLog(),
+                ElementsAre("1 Refused", "3 Refused"))
+        << "at another place it is news";
+    Script lost;
+    lost.aim(target()).isSilent(1, 0, EMFILE).sends(2).losesItsSocket().sends(2);
+    EXPECT_THAT(lost.takeLog(), ElementsAre("1 Refused", "2 Started"));
+    EXPECT_THAT(lost.losesItsSocket().isSilent(1, 0, EMFILE).sends(1).takeLog(),
+                ElementsAre("6 Refused", "7 Started"));
 }
 
 TEST(StreamFollower, RemindsASwitchWhenDataHaveStopped) {
@@ -163,12 +181,22 @@ TEST(StreamFollower, RemindsASwitchWhenDataHaveStopped) {
     script.sends(2).isSilent(3).sends(2);
     EXPECT_THAT(script.takeLog(),
                 ElementsAre("701 Resumed", "704 Silent", "705 rejoined", "706 Resumed SwitchForgot"));
+    script.isSilent(3).sends(2).isSilent(8).sends(2);
+    EXPECT_THAT(script.takeLog(), ElementsAre("709 Silent", "710 rejoined", "711 Resumed SwitchForgot"))
+        << "what the switch made once is not usual, but twice";
+    Script seldom;
+    seldom.aim(target()).sends(10).isSilent(3).sends(310).isSilent(3).sends(2).isSilent(3);
+    EXPECT_THAT(seldom.takeLog(), testing::Contains(testing::HasSubstr(" Silent")).Times(3))
+        << "once in five minutes is once";
 }
 
 TEST(StreamFollower, LeavesNoGroupWithoutReason) {
     EXPECT_THAT(Script().aim(target()).isSilent(35).takeLog(), ElementsAre("1 Started")) << "no data yet";
     EXPECT_THAT(Script().aim(target()).sends(5).isSilent(30, 2).takeLog(),
                 ElementsAre("1 Started", "7 Silent", "8 Silent OthersJoined"));
+    EXPECT_THAT(Script().aim(target()).sends(5).isSilent(5, 2).sends(5).isSilent(20, 2).takeLog(),
+                ElementsAre("1 Started", "7 Silent", "8 Silent OthersJoined", "11 Resumed", "31 Silent",
+                            "32 Silent OthersJoined"));
     for (const Target& noGroup : {target("10.20.1.1", kTcpClient), target("10.20.2.1")})
         EXPECT_THAT(Script().aim(noGroup).sends(5).isSilent(30).takeLog(),
                     ElementsAre("1 Started", "7 Silent"));
@@ -193,6 +221,9 @@ TEST(StreamFollower, TakesNoUsualGapForASilence) {
         EXPECT_THAT(script.isSilent(30).takeLog(), testing::Contains(testing::HasSubstr("Silent")))
             << pace.count();
     }
+    Script script;
+    script.aim(target()).sends(310).isSilent(6).sends(60).takeLog();
+    EXPECT_THAT(script.isSilent(10).sends(1).takeLog(), IsEmpty()) << "a minute ago it was as silent";
 }
 
 TEST(Target, IsTheEndpointOfTheVariantThatWasAskedFor) {
@@ -201,6 +232,8 @@ TEST(Target, IsTheEndpointOfTheVariantThatWasAskedFor) {
     radar.streams.resize(2);
     radar.streams[0].imageStream = endpoint("236.6.7.48", 6032);
     radar.streams[1].imageStream = endpoint("236.6.7.51", 6035);
+    radar.streams[1].imageCtrl = endpoint("236.6.7.52", 0);
+    radar.streams[1].infoDev[0] = {inet_addr("236.6.11.0"), htons(7000)};
     radar.streams[1].infoDev[9] = {inet_addr("236.6.11.9"), htons(7009)};
     radar.tcp.emplace().imageStream = endpoint("10.20.1.1", 9000, kTcpClient);
     Situation situation{inet_addr("10.20.2.1"), "eth0", 2, 0, radar};
@@ -212,16 +245,20 @@ TEST(Target, IsTheEndpointOfTheVariantThatWasAskedFor) {
         {"North", Image, 2, 0},
         {"North", Image, -1, 0},
         {"North", ImageControl, 0, 0},
+        {"North", ImageControl, 1, 0},
+        {"North", InformationDevice, 1, 7000},
         {"North", InformationDevice + 9, 1, 7009},
         {"North", InformationDevice + 10, 1, 0},
         {"North", -1, 0, 0},
         {"North:TCP", Image, 0, 9000},
         {"North:TCP", Image, 1, 0},
         {"North:User", Image, 0, 0},
+        {":TCP", Image, 0, 6032},
     };
     Why lacking;
     for (const auto& [name, channel, number, port] : cases) {
         const auto found = targetOf(situation, name, channel, number, lacking);
+        ASSERT_EQ(found.has_value(), port != 0) << name << " " << channel << " " << number;
         EXPECT_EQ(found ? ntohs(found->endpoint.port) : 0, port) << name << " " << channel << " " << number;
         EXPECT_EQ(lacking, found ? Why::None : Why::NoEndpoint);
     }

@@ -78,7 +78,7 @@ TEST_F(WatchOnLan, TakesTheAddressOfANamedInterface) {
     EXPECT_EQ(next(*watching), "local 192.168.1.1 (eth1)");
     EXPECT_EQ(watching->localAddress().origin, Origin::ProfileInterface);
     m_lan.changeAddress(m_display, 1, "192.168.1.7/24");
-    EXPECT_EQ(next(*watching), "local 192.168.1.7 (eth1)") << "it follows the interface";
+    EXPECT_EQ(next(*watching), "local changed 192.168.1.7 (eth1)") << "it follows the interface";
 }
 
 TEST_F(WatchOnLan, HearsTheTcpServiceOfAFixedRadarOverAConnection) {
