@@ -33,8 +33,9 @@ TEST_F(FollowersTest, AreToldEveryChangeOnce) {
     const auto isToldOnce = [&] {
         const int before = m_follower->told;
         tick(situation);
+        const int once = m_follower->told;
         tick(situation);
-        return m_follower->told == before + 1;
+        return once == before + 1 && m_follower->told == once;
     };
     EXPECT_TRUE(isToldOnce());
     situation.radar->hostId = 17;
@@ -53,6 +54,9 @@ TEST_F(FollowersTest, AreNotCalledAnyMoreWhenTheirRemovalReturns) {
     std::thread calls([&] { tick({}); });
     EXPECT_TRUE(called.isAwaitedBy([&] { m_followers.remove(m_follower.get(), true); }));
     calls.join();
+    const int told = m_follower->told;
+    tick(Situation{0, "eth0", 2, 0, Radar{}});
+    EXPECT_EQ(m_follower->told, told);
 }
 
 } // namespace

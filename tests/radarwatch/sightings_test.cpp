@@ -126,6 +126,8 @@ TEST(Sightings, VariantsBelongToTheirRadar) {
     const radar::Radar& radar = lan.state().find("North:User")->radar;
     EXPECT_TRUE(radar.user && !radar.tcp && radar.streams.size() == 2);
     EXPECT_NE(radar.streams[1].imageOriginal.port, 0) << "by the plan, for the id is announced";
+    EXPECT_EQ(radar::groups(16).size(), 2U);
+    EXPECT_TRUE(radar::groups(15).empty() && radar::groups(256 + 16).empty()) << "of no host";
 
     lan.hear(offer, kNorthHost, {true, true}); // of a fixed radar, the TCP service alone
     EXPECT_TRUE(radar.streams.empty());

@@ -68,11 +68,6 @@ TEST(ArrivalStatistics, HasRatesGapsAndPercentiles) {
         return result;
     };
     EXPECT_FALSE(after(0s).sinceLast);
-    ArrivalStatistics young;
-    for (int i = 0; i < 200; ++i)
-        young.count(now + i * 1ms, 100);
-    young.write(result, now + 200ms);
-    EXPECT_EQ(result.lastTenSeconds.datagrams, 1000) << "of the time since the first one";
     for (int i = 0; i < 12 * 1000; ++i) { // twelve seconds, every two hundredth gap ten times as long
         now += i % 200 == 199 ? 10000us : 955us;
         counted.count(now, 100);
@@ -93,6 +88,42 @@ TEST(ArrivalStatistics, HasRatesGapsAndPercentiles) {
     counted.count(now, 100);
     EXPECT_EQ(after(100ms).lastSecond.datagrams, 1);
     EXPECT_EQ(result.longestGap, 3600s);
+}
+
+TEST(ArrivalStatistics, HasRatesOfWholeTenthsOfASecondSinceTheFirstDatagram) {
+    const Steady::time_point begin(1000s);
+    Statistics result;
+    ArrivalStatistics young;
+    for (int i = 0; i < 150; ++i) {
+        young.write(result, begin + i * 1ms);
+        EXPECT_EQ(result.lastSecond.datagrams, i < 100 ? 0 : 1000) << i;
+        young.count(begin + i * 1ms, 100);
+    }
+    for (int tenths = 1; tenths < 300; ++tenths) {
+        ArrivalStatistics pair;
+        pair.count(begin, 100);
+        pair.count(begin + tenths * 100ms, 100);
+        pair.write(result, begin + (tenths + 1) * 100ms);
+        EXPECT_DOUBLE_EQ(result.lastTenSeconds.datagrams, tenths < 100 ? 20.0 / (tenths + 1) : 0.1) << tenths;
+    }
+}
+
+TEST(ArrivalStatistics, TellsShortGapsFromLongOnesByTheirShare) {
+    const struct {
+        int shortGaps; // of a hundred
+        bool medianIsShort, gap99IsShort;
+    } cases[] = {{49, false, false}, {50, true, false}, {98, true, false}, {99, true, true}};
+    for (const auto& [shortGaps, medianIsShort, gap99IsShort] : cases) {
+        ArrivalStatistics counted;
+        Steady::time_point now(1000s);
+        counted.count(now, 1);
+        for (int i = 0; i < 100; ++i)
+            counted.count(now += i < shortGaps ? 1ms : 100ms, 1);
+        Statistics result;
+        counted.write(result, now);
+        EXPECT_EQ(result.medianGap < 10ms, medianIsShort) << shortGaps;
+        EXPECT_EQ(result.gap99 < 10ms, gap99IsShort) << shortGaps;
+    }
 }
 
 TEST(ArrivalStatistics, MeasuresGapsOfAllLengthsToSevenPercent) {
