@@ -104,6 +104,7 @@ TEST(ArrivalStatistics, HasRatesOfWholeTenthsOfASecondSinceTheFirstDatagram) {
         pair.count(begin, 100);
         pair.count(begin + tenths * 100ms, 100);
         pair.write(result, begin + (tenths + 1) * 100ms);
+        EXPECT_GE(result.medianGap, result.longestGap * 9 / 10) << "of one gap";
         EXPECT_DOUBLE_EQ(result.lastTenSeconds.datagrams, tenths < 100 ? 20.0 / (tenths + 1) : 0.1) << tenths;
     }
 }
