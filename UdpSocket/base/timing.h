@@ -24,9 +24,8 @@ struct Timing {
     std::chrono::milliseconds checkerPause{5000};   ///< between its checks
     std::chrono::milliseconds clientTick{500};      ///< a TCP client's cycle, of which eleven make an attempt
     std::chrono::milliseconds watchPass{1000};      ///< the cycle of the watch of an interface
-    std::chrono::milliseconds restartCarrier{
-        5000};                                 ///< a carrier that comes during a restart is left to settle
-    std::chrono::milliseconds radarLook{1000}; ///< between queries and looks of who watches radars
+    std::chrono::milliseconds restartCarrier{5000}; ///< how long a carrier settles during a restart
+    std::chrono::milliseconds radarLook{1000};      ///< between a Watch's queries, and looks at radars
 };
 
 /// The times in force, read when an object is made and at each new period. Any thread.
