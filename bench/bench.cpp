@@ -59,7 +59,7 @@ void recordFailure(const std::string& benchmark, const std::string& implementati
 }
 
 void start(int argc, char** argv) {
-    if (argc < 2) {
+    if (argc != 2 || *argv[1] == '-') {
         std::fprintf(stderr, "usage: %s RESULTS\n", argv[0]);
         std::exit(2);
     }
