@@ -113,6 +113,8 @@ void RecordedLan::lookAhead() {
             keep({*first, datagram->source, datagram->destination, datagram->payload});
         }
     } catch (const recording::BrokenFile&) { // said when it comes to that
+        if (blocks.error() != 0)
+            throw std::system_error(blocks.error(), std::generic_category(), m_path);
     }
 }
 

@@ -60,6 +60,8 @@ const std::vector<int>& reasonsOf(std::string_view name) {
         {"epoll_wait", {EINTR}},
         {"eventfd", {EMFILE, ENFILE, ENOMEM, ENODEV}},
         {"fcntl", {EMFILE, EPERM}},
+        {"fsync", {EIO, ENOSPC, EDQUOT}},
+        {"ftruncate", {EIO}},
         {"getifaddrs", {EMFILE, ENOBUFS, ENOMEM}},
         {"getsockname", {ENOBUFS}},
         {"getsockopt", {ENOBUFS}},
@@ -69,12 +71,15 @@ const std::vector<int>& reasonsOf(std::string_view name) {
         {"listen", {EADDRINUSE}},
         {"open", {EMFILE, ENFILE, ENOMEM, EACCES, EINTR}},
         {"poll", {ENOMEM, EINTR}},
+        {"ppoll", {ENOMEM, EINTR}},
+        {"pread", {EIO, EINTR}},
         {"posix_spawn", {EAGAIN, ENOMEM}},
         {"pthread_create", {EAGAIN}},
         {"read", {EIO, EINTR}},
         {"recv", {ENOMEM, ECONNREFUSED, ECONNRESET, ETIMEDOUT, EAGAIN, EINTR}},
         {"recvfrom", {ENOMEM, ECONNREFUSED, EAGAIN, EINTR}},
         {"recvmmsg", {ENOMEM, ECONNREFUSED, EAGAIN, EINTR}},
+        {"recvmsg", {ENOMEM, EAGAIN, EINTR}},
         {"send", {ENOBUFS, ENOMEM, ECONNRESET, EPIPE, EINTR}},
         {"sendmmsg", {ENOBUFS, ENOMEM, EPERM, ENETUNREACH, ENODEV}},
         {"sendmsg", {ENOBUFS, ENOMEM, ECONNRESET, EPIPE, EINTR}},
@@ -86,6 +91,7 @@ const std::vector<int>& reasonsOf(std::string_view name) {
         {"stat", {ENOENT, ENOMEM}},
         {"system", {EAGAIN, ENOMEM}},
         {"waitpid", {EINTR}},
+        {"write", {ENOSPC, EIO, EINTR}},
     };
     return reasons.at(name);
 }
@@ -199,6 +205,13 @@ REPLACE(unsigned int, if_nametoindex, (const char* name), noexcept, (name))
 REPLACE(char*, if_indextoname, (unsigned int index, char* name), noexcept, (index, name))
 REPLACE(ssize_t, read, (int fd, void* data, size_t length), , (fd, data, length))
 REPLACE(int, stat, (const char* path, struct stat* state), noexcept, (path, state))
+REPLACE(int, fsync, (int fd), , (fd))
+REPLACE(int, ftruncate, (int fd, off_t length), noexcept, (fd, length))
+REPLACE(ssize_t, pread, (int fd, void* data, size_t length, off_t from), , (fd, data, length, from))
+REPLACE(ssize_t, write, (int fd, const void* data, size_t length), , (fd, data, length))
+REPLACE(int, ppoll, (pollfd * polled, nfds_t count, const timespec* timeout, const sigset_t* signals), ,
+        (polled, count, timeout, signals))
+REPLACE(ssize_t, recvmsg, (int fd, msghdr* message, int flags), , (fd, message, flags))
 REPLACE(int, system, (const char* command), , (command))
 REPLACE(pid_t, waitpid, (pid_t process, int* status, int options), , (process, status, options))
 REPLACE(int, socket, (int family, int type, int protocol), noexcept, (family, type, protocol),

@@ -256,6 +256,15 @@ TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
     EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
 }
 
+TEST_F(Recording, CountsEachPieceOfTcpThatTheFileTakesTooSlowlyFor) {
+    radar::recording::Recorder recorder({path("file"), "a test", 0, 0, 0}, [] {}); // nothing may wait
+    const std::string much(300 << 10, 'x');                                        // is handed over at once
+    for (const std::uint64_t pieces : {1U, 2U}) {
+        recorder.takeTcp(endpoint("10.20.1.1", 5000), much);
+        EXPECT_EQ(recorder.counts().dropped, pieces);
+    }
+}
+
 TEST_F(Recording, OfARingEndsWithAWholeFileWhereMemoryRunsOut) {
     Chunk each{interfaceBlock("eth0"), ""};
     appendDatagramBlock(each.blocks, 0, {1s, endpoint("10.20.1.1", 1), endpoint("236.6.7.8", 6878), "x"}, "");

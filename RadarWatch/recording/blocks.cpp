@@ -32,6 +32,8 @@ Blocks::Blocks(const std::string& path)
     try {
         isRecording = isSection(next());
     } catch (const BrokenFile&) { // something else altogether
+        if (m_error != 0)
+            throw std::system_error(m_error, std::generic_category(), path);
     }
     if (!isRecording)
         throw BrokenFile(path + ": no pcapng file of this machine's byte order");
@@ -47,8 +49,8 @@ std::size_t Blocks::read(char* bytes, std::size_t count) {
     while (length < count) {
         if (m_ahead.empty()) {
             const ssize_t more = ::pread(m_file.get(), m_buffer.get(), kReadAhead, m_readTo);
-            m_failed = more < 0;
-            if (m_failed && errno == EINTR)
+            m_error = more < 0 ? errno : 0;
+            if (m_error == EINTR)
                 continue;
             if (more <= 0)
                 break;
@@ -65,7 +67,7 @@ std::size_t Blocks::read(char* bytes, std::size_t count) {
 std::string_view Blocks::next() {
     m_block.resize(kBegin);
     const std::size_t begun = read(m_block.data(), kBegin);
-    if (begun == 0 && !m_failed)
+    if (begun == 0 && m_error == 0)
         return {};
     std::uint32_t length = 0;
     if (begun == kBegin)
@@ -75,7 +77,9 @@ std::string_view Blocks::next() {
         m_block.resize(length);
     if (!isLength || read(&m_block[kBegin], length - kBegin) != length - kBegin ||
         wholeBlocks({m_block.data(), length}) != length)
-        throw BrokenFile(m_path + ": broken at byte " + std::to_string(m_position));
+        throw BrokenFile(m_path + ": " +
+                         (m_error != 0 ? std::generic_category().message(m_error) : "broken") + " at byte " +
+                         std::to_string(m_position));
     m_position += length;
     return {m_block.data(), length};
 }

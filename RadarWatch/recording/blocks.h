@@ -45,6 +45,9 @@ public:
     /// @throws BrokenFile
     std::optional<Datagram> nextDatagram();
 
+    /// Why the last reading failed, an errno; 0: it did not, and a file that is broken is so on the disk.
+    int error() const { return m_error; }
+
 private:
     std::size_t read(char* bytes, std::size_t count);
 
@@ -53,7 +56,7 @@ private:
     const std::unique_ptr<char[]> m_buffer;
     std::string_view m_ahead; // what is in it and not taken
     off_t m_readTo = 0;
-    bool m_failed = false;
+    int m_error = 0;
     std::uint64_t m_position = 0; // of the next block
     std::vector<char> m_block;
     std::vector<Frames> m_interfaces;

@@ -8,7 +8,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,13 +52,9 @@ Time stampOf(const msghdr& message) {
 } // namespace
 
 Recorder::Recorder(Writer::Options options, std::function<void()> failed)
-    : m_ready(::epoll_create1(EPOLL_CLOEXEC)), m_ending(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_buffer(kBatch * kLargest), m_writer(
+    : m_buffer(kBatch * kLargest), m_writer(
                                        std::move(options), [this] { return closing(); }, std::move(failed)) {
-    epoll_event event{EPOLLIN, {}};
-    event.data.u64 = kEnd;
-    if (!m_ready.isOpen() || !m_ending.isOpen() ||
-        ::epoll_ctl(m_ready.get(), EPOLL_CTL_ADD, m_ending.get(), &event) != 0)
+    if (!m_ready.add(m_ending.descriptor(), kEnd))
         throw std::system_error(errno, std::generic_category(), "recording");
     m_thread = sockets::startThread("radar-record", [this] { run(); });
 }
@@ -67,9 +62,7 @@ Recorder::Recorder(Writer::Options options, std::function<void()> failed)
 void Recorder::finish() {
     if (!m_thread.joinable())
         return;
-    const std::uint64_t one = 1;
-    while (::write(m_ending.get(), &one, sizeof one) < 0 && errno == EINTR)
-        continue;
+    m_ending.set();
     m_thread.join();
     m_writer.finish();
 }
@@ -78,9 +71,10 @@ std::size_t Recorder::interfaceNumber(const std::string& name) {
     const auto known = std::ranges::find(m_interfaces, name, &Interface::name);
     if (known != m_interfaces.end())
         return static_cast<std::size_t>(known - m_interfaces.begin());
-    m_interfaces.push_back({name, {}});
-    m_inChunkOf.push_back(0);
-    m_interfaceBlocks += interfaceBlock(name);
+    std::string blocks = m_interfaceBlocks + interfaceBlock(name);
+    m_inChunkOf.resize(m_interfaces.size() + 1);
+    m_interfaces.push_back({name, {}}); // the last that needs memory
+    m_interfaceBlocks = std::move(blocks);
     return m_interfaces.size() - 1;
 }
 
@@ -120,14 +114,16 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
         }
         sockets::Lock lock(m_mutex);
         socket.interface = interfaceNumber(place.interface);
-        epoll_event event{EPOLLIN, {}};
-        event.data.u64 = ++m_lastSocket;
-        if (::epoll_ctl(m_ready.get(), EPOLL_CTL_ADD, socket.descriptor.get(), &event) != 0) {
+        const int descriptor = socket.descriptor.get();
+        std::map<Place, std::uint64_t> known{{place, ++m_lastSocket}}; // both, or none where memory runs out
+        std::map<std::uint64_t, Socket> added;
+        added.emplace(m_lastSocket, std::move(socket));
+        if (!m_ready.add(descriptor, m_lastSocket)) {
             refused.push_back({place, errno});
             continue;
         }
-        m_places[place] = m_lastSocket;
-        m_sockets.emplace(m_lastSocket, std::move(socket));
+        m_places.merge(known);
+        m_sockets.merge(added);
     }
     return refused;
 }
@@ -169,7 +165,7 @@ void Recorder::run() {
     std::uint64_t ready[kGroups];
     auto handed = Steady::now();
     for (bool ending = false; !ending;) {
-        const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
+        const int count = ::epoll_wait(m_ready.descriptor(), events, std::size(events), kRound);
         for (int i = 0; i < count; ++i) {
             ready[i] = events[i].data.u64;
             ending = ending || ready[i] == kEnd;

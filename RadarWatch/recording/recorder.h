@@ -2,7 +2,9 @@
 /// Hears groups, and records what comes.
 #pragma once
 
+#include <RadarWatch/epoll_set.h>
 #include <RadarWatch/recording/writer.h>
+#include <RadarWatch/wakeup.h>
 
 #include <UdpSocket/base/clock.h>
 #include <UdpSocket/base/link_history.h>
@@ -130,8 +132,8 @@ private:
     const net::detail::Clocks m_start = net::detail::Clocks::now();
     const std::chrono::nanoseconds m_asleepBefore = net::detail::timeAsleep();
     const std::shared_ptr<net::detail::LinkHistory> m_links = net::detail::LinkHistory::ofThisNetwork();
-    net::detail::Descriptor m_ready;  // epoll
-    net::detail::Descriptor m_ending; // eventfd
+    detail::EpollSet m_ready;
+    detail::Wakeup m_ending;
 
     net::detail::Mutex m_mutex;
     std::chrono::nanoseconds m_asleep GUARDED_BY(m_mutex) = m_asleepBefore;

@@ -1,13 +1,20 @@
 // The classes of RadarWatch, while each of their system calls and allocations fails in turn.
+#include <RadarWatch/radarrecording.h>
 #include <RadarWatch/radarstream.h>
 #include <RadarWatch/radarwatch.h>
+#include <RadarWatch/recording/blocks.h>
+#include <RadarWatch/recording/recorder.h>
 
 #include <tests/failures_fixture.h>
+#include <tests/records.h>
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -118,6 +125,80 @@ void streamCalledBack(const std::optional<radar::Pool>& pool) {
     }));
 }
 
+/// A file of this process; nothing of it fails.
+class OwnFile {
+public:
+    ~OwnFile() {
+        const Sound sound;
+        std::filesystem::remove(m_path);
+    }
+    const std::string& path() const { return m_path; }
+
+private:
+    const std::string m_path = "/run/test/" + std::to_string(::getpid());
+};
+
+void records() {
+    using namespace radar::recording;
+    North north;
+    const NetAddress image = endpoint("236.6.7.99", 6131);
+    const OwnFile file;
+    std::uint64_t recorded = 0;
+    std::error_code failure;
+    {
+        Recorder recorder({file.path(), "a test"}, [] {});
+        EXPECT_TRUE(inTheEnd([&] {
+            try {
+                for (const auto& refusal : recorder.listenTo({{"eth0", image.ip, image.port}}))
+                    std::fprintf(stderr, "refused: %s\n", std::strerror(refusal.error));
+            } catch (const std::bad_alloc&) { // said, since it is tried again
+                std::fputs("out of memory\n", stderr);
+            }
+            north.sendImage();
+            pace();
+            return recorder.counts().datagrams > 1 || recorder.writer().failure();
+        }));
+        recorder.finish();
+        recorded = recorder.counts().datagrams;
+        failure = recorder.writer().failure();
+    }
+    if (failure)
+        std::fprintf(stderr, "failed: %s\n", std::strerror(failure.value()));
+    const Sound sound;
+    Blocks blocks(file.path()); // which throws where it ends with a part of a block
+    std::uint64_t read = 0;
+    while (blocks.nextDatagram())
+        ++read;
+    EXPECT_TRUE(failure ? read <= recorded : read == recorded) << read << " of " << recorded;
+}
+
+void replays() {
+    using namespace radar::recording;
+    const OwnFile file;
+    {
+        const Sound sound;
+        std::string bytes = sectionBlock("a test") + interfaceBlock("eth0");
+        const NetAddress source = endpoint("10.20.1.1", 40000);
+        appendDatagramBlock(bytes, 0, {1s, source, endpoint("236.6.7.5", 6878), northsAnnouncement()}, "");
+        appendDatagramBlock(bytes, 0, {1s, source, radar::groups(20)[0].imageStream, "image"}, "");
+        std::ofstream(file.path()) << bytes;
+    }
+    const radar::Recording recording = radar::openRecording(file.path(), 0);
+    Watch::Options options;
+    options.localAddress = recording.localAddress();
+    EXPECT_TRUE(inTheEnd([&] { // a second time where the recording was told that nobody listens any more
+        Watch watch(options);
+        radar::Stream stream(watch, "North", radar::Image);
+        const auto isReceived = [&] {
+            radar::Datagram datagrams[4];
+            while (const auto event = stream.nextEvent())
+                tell(*event);
+            return stream.read(datagrams, 4, 5ms) > 0 || recording.isOver();
+        };
+        return comesTrue(isReceived, 1s);
+    }));
+}
+
 // Quiet is what is asked again within a second, what the system counts besides, and what a membership makes
 // up for; memory, where a Watch that lacked it catches up.
 const std::vector<std::string_view> kLooks = {"getifaddrs", "poll",      "recv",           "recvfrom",
@@ -125,12 +206,17 @@ const std::vector<std::string_view> kLooks = {"getifaddrs", "poll",      "recv",
 const std::vector<std::string_view> kLooksAndCounters = {
     "getifaddrs",      "poll",        "recv", "recvfrom", "recvmmsg", "SO_RCVBUF",
     "SO_BINDTODEVICE", "SO_RCVTIMEO", "open", "read"};
+const std::vector<std::string_view> kReplayed = {"getifaddrs",  "poll",    "ppoll",   "recv",
+                                                 "recvmmsg",    "recvmsg", "sendmsg", "SO_RCVBUF",
+                                                 "SO_RCVTIMEO", "open",    "read"};
 const Scenario kScenarios[] = {
     {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
+    {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync,
+    {"Replays", &replays, kReplayed, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(RadarWatch, EachCall, testing::ValuesIn(kScenarios), nameOf);

@@ -203,14 +203,23 @@ TEST_F(RecordedLan, EndsWithItsLastCopy) {
     EXPECT_TRUE(tells(north, StreamEvent::Kind::Stopped));
 }
 
-TEST_F(RecordedLan, RefusesASpeedThatIsNoneAndTellsOfAFileThatIsBroken) {
+TEST_F(RecordedLan, RefusesASpeedThatIsNoneAndTellsOfAFileThatIsBrokenOrCannotBeRead) {
     EXPECT_THROW(radar::openRecording(record(1), -1), std::invalid_argument);
+    EXPECT_THROW(radar::openRecording(m_directory.path(), 1), std::system_error);
+    testing::internal::CaptureStderr();
+    {
+        const Recording recording = radar::openRecording(record(1), 0, 0);
+        const Fault fault("pread", EIO);
+        const Watch watch(Watch::Options{recording.localAddress()});
+        EXPECT_TRUE(comesTrue([&] { return recording.isOver(); }));
+    }
+    const std::string told = "RadarWatch: recording ends early: " + record(1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), told + ": Input/output error at byte 0\n");
     testing::internal::CaptureStderr();
     const Recording recording = radar::openRecording(record(1, "\x06"), 0, 0);
     const Watch watch(Watch::Options{recording.localAddress()});
     EXPECT_TRUE(comesTrue([&] { return recording.isOver(); }));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                testing::HasSubstr("RadarWatch: recording ends early: " + record(1) + ": broken at byte "));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr(told + ": broken at byte "));
 }
 
 } // namespace
