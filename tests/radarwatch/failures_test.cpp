@@ -195,7 +195,7 @@ void replays() {
                 tell(*event);
             return stream.read(datagrams, 4, 5ms) > 0 || recording.isOver();
         };
-        return comesTrue(isReceived, 1s);
+        return comesTrue(isReceived, 200ms);
     }));
 }
 
