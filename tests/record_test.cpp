@@ -135,7 +135,8 @@ TEST_F(Recording, HoldsWhatWasSaidAndWhatHappenedInAFormThatOtherProgramsRead) {
     ASSERT_EQ(radars.size(), 1U);
     EXPECT_EQ(radars[0]["hostIds"].size(), 2U);
     EXPECT_THAT(shell("capinfos " + path("file")),
-                AllOf(HasSubstr("Number of interfaces in file: 1"), HasSubstr("Strict time order:   True")));
+                AllOf(HasSubstr("Number of interfaces in file: 1"), HasSubstr("Name = eth0"),
+                      HasSubstr("Strict time order:   True")));
     const std::string dissected =
         shell("tshark -r " + path("file") +
               " -o ip.check_checksum:TRUE -o udp.check_checksum:TRUE -X lua_script:" DISSECTOR

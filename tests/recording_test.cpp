@@ -153,6 +153,8 @@ TEST_F(RecordingFile, HasTimesInTheUnitsOfItsInterface) {
     ASSERT_TRUE(reader.next());
     EXPECT_EQ(reader.next()->time, 1000s);
     EXPECT_EQ(readNotes(path()).comments.at(0).time, 1000s);
+    bytes[bytes.find(nanoseconds.substr(0, 4)) + 4] = '\x0A'; // a tenth of that: datagrams are not read
+    EXPECT_FALSE(Blocks(write(bytes)).nextDatagram());
 }
 
 TEST_F(RecordingFile, GoesOnWhereItsClockWasSetBack) {
@@ -340,6 +342,7 @@ TEST_F(Replayed, RadarTakesItsStreamsAlongToAnotherId) {
         EXPECT_EQ(radar.answer(), north);
         playTo(radar, 6);
         EXPECT_EQ(radar.answer(), composeAnnouncement("North", 30, 2)) << "as in the recording";
+        EXPECT_EQ(target(radar, arpaOf(30), 6s), text(arpaOf(30))) << "as is announced there";
         EXPECT_EQ(target(radar, arpaOf(1), 5900ms), text(arpaOf(1))) << "sent late";
     }
     m_now = m_begin - 3s;
