@@ -157,6 +157,12 @@ TEST_F(RecordingFile, HasTimesInTheUnitsOfItsInterface) {
     EXPECT_FALSE(Blocks(write(bytes)).nextDatagram());
 }
 
+TEST_F(RecordingFile, HasAsMuchOfACommentAsTheFormatHolds) {
+    std::string bytes = fileWith(0);
+    appendDatagramBlock(bytes, 0, {1s, kFrom, kDiscovery, "x"}, std::string(70000, 'c'));
+    EXPECT_EQ(readNotes(write(bytes)).comments.at(0).text, std::string(65535, 'c'));
+}
+
 TEST_F(RecordingFile, GoesOnWhereItsClockWasSetBack) {
     std::string bytes = sectionBlock("a test") + interfaceBlock("eth0");
     for (const int second : {100, 110, 50, 60, 59, 70, 30})
