@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -49,12 +50,20 @@ Time stampOf(const msghdr& message) {
     return wallClock();
 }
 
+/// @throws std::system_error when there is none (errno)
+sockets::Descriptor own(int descriptor) {
+    if (descriptor == -1)
+        throw std::system_error(errno, std::generic_category(), "recording");
+    return sockets::Descriptor(descriptor);
+}
+
 } // namespace
 
 Recorder::Recorder(Writer::Options options, std::function<void()> failed)
-    : m_buffer(kBatch * kLargest), m_writer(
+    : m_ready(own(::epoll_create1(EPOLL_CLOEXEC))), m_ending(own(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
+      m_buffer(kBatch * kLargest), m_writer(
                                        std::move(options), [this] { return closing(); }, std::move(failed)) {
-    if (!m_ready.add(m_ending.descriptor(), kEnd))
+    if (!add(m_ending, kEnd))
         throw std::system_error(errno, std::generic_category(), "recording");
     m_thread = sockets::startThread("radar-record", [this] { run(); });
 }
@@ -62,9 +71,16 @@ Recorder::Recorder(Writer::Options options, std::function<void()> failed)
 void Recorder::finish() {
     if (!m_thread.joinable())
         return;
-    m_ending.set();
+    ::eventfd_write(m_ending.get(), 1); // can neither fail nor wait
     m_thread.join();
     m_writer.finish();
+}
+
+/// @return false when the system refuses (errno)
+bool Recorder::add(const sockets::Descriptor& descriptor, std::uint64_t number) {
+    epoll_event event{EPOLLIN, {}};
+    event.data.u64 = number;
+    return ::epoll_ctl(m_ready.get(), EPOLL_CTL_ADD, descriptor.get(), &event) == 0;
 }
 
 std::size_t Recorder::interfaceNumber(const std::string& name) {
@@ -114,14 +130,13 @@ std::vector<Recorder::Refusal> Recorder::listenTo(const std::set<Place>& places)
         }
         sockets::Lock lock(m_mutex);
         socket.interface = interfaceNumber(place.interface);
-        const int descriptor = socket.descriptor.get();
-        std::map<Place, std::uint64_t> known{{place, ++m_lastSocket}}; // both, or none where memory runs out
-        std::map<std::uint64_t, Socket> added;
-        added.emplace(m_lastSocket, std::move(socket));
-        if (!m_ready.add(descriptor, m_lastSocket)) {
+        if (!add(socket.descriptor, ++m_lastSocket)) {
             refused.push_back({place, errno});
             continue;
         }
+        std::map<Place, std::uint64_t> known{{place, m_lastSocket}}; // both, or none where memory runs out
+        std::map<std::uint64_t, Socket> added;
+        added.emplace(m_lastSocket, std::move(socket));
         m_places.merge(known);
         m_sockets.merge(added);
     }
@@ -165,7 +180,7 @@ void Recorder::run() {
     std::uint64_t ready[kGroups];
     auto handed = Steady::now();
     for (bool ending = false; !ending;) {
-        const int count = ::epoll_wait(m_ready.descriptor(), events, std::size(events), kRound);
+        const int count = ::epoll_wait(m_ready.get(), events, std::size(events), kRound);
         for (int i = 0; i < count; ++i) {
             ready[i] = events[i].data.u64;
             ending = ending || ready[i] == kEnd;

@@ -2,9 +2,7 @@
 /// Hears groups, and records what comes.
 #pragma once
 
-#include <RadarWatch/epoll_set.h>
 #include <RadarWatch/recording/writer.h>
-#include <RadarWatch/wakeup.h>
 
 #include <UdpSocket/base/clock.h>
 #include <UdpSocket/base/link_history.h>
@@ -114,6 +112,7 @@ private:
     Time timeOf(std::chrono::steady_clock::time_point moment) const; // that counts asleep()
     Time timeOfNow() REQUIRES(m_mutex);
     std::chrono::nanoseconds asleep() REQUIRES(m_mutex);
+    bool add(const net::detail::Descriptor& descriptor, std::uint64_t number);
     std::size_t interfaceNumber(const std::string& name) REQUIRES(m_mutex);
     void run();
     void round(std::span<const std::uint64_t> ready) REQUIRES(m_mutex);
@@ -132,8 +131,8 @@ private:
     const net::detail::Clocks m_start = net::detail::Clocks::now();
     const std::chrono::nanoseconds m_asleepBefore = net::detail::timeAsleep();
     const std::shared_ptr<net::detail::LinkHistory> m_links = net::detail::LinkHistory::ofThisNetwork();
-    detail::EpollSet m_ready;
-    detail::Wakeup m_ending;
+    net::detail::Descriptor m_ready;  // epoll
+    net::detail::Descriptor m_ending; // eventfd
 
     net::detail::Mutex m_mutex;
     std::chrono::nanoseconds m_asleep GUARDED_BY(m_mutex) = m_asleepBefore;
