@@ -71,7 +71,6 @@ const std::vector<int>& reasonsOf(std::string_view name) {
         {"listen", {EADDRINUSE}},
         {"open", {EMFILE, ENFILE, ENOMEM, EACCES, EINTR}},
         {"poll", {ENOMEM, EINTR}},
-        {"ppoll", {ENOMEM, EINTR}},
         {"pread", {EIO, EINTR}},
         {"posix_spawn", {EAGAIN, ENOMEM}},
         {"pthread_create", {EAGAIN}},
@@ -206,11 +205,7 @@ REPLACE(char*, if_indextoname, (unsigned int index, char* name), noexcept, (inde
 REPLACE(ssize_t, read, (int fd, void* data, size_t length), , (fd, data, length))
 REPLACE(int, stat, (const char* path, struct stat* state), noexcept, (path, state))
 REPLACE(int, fsync, (int fd), , (fd))
-REPLACE(int, ftruncate, (int fd, off_t length), noexcept, (fd, length))
-REPLACE(ssize_t, pread, (int fd, void* data, size_t length, off_t from), , (fd, data, length, from))
 REPLACE(ssize_t, write, (int fd, const void* data, size_t length), , (fd, data, length))
-REPLACE(int, ppoll, (pollfd * polled, nfds_t count, const timespec* timeout, const sigset_t* signals), ,
-        (polled, count, timeout, signals))
 REPLACE(ssize_t, recvmsg, (int fd, msghdr* message, int flags), , (fd, message, flags))
 REPLACE(int, system, (const char* command), , (command))
 REPLACE(pid_t, waitpid, (pid_t process, int* status, int options), , (process, status, options))
@@ -222,6 +217,16 @@ REPLACE(int, setsockopt, (int fd, int level, int option, const void* value, sock
         (fd, level, option, value, length), optionName(level, option))
 REPLACE(int, epoll_ctl, (int set, int operation, int fd, epoll_event* event), noexcept,
         (set, operation, fd, event), operation == EPOLL_CTL_DEL ? "EPOLL_CTL_DEL" : nullptr)
+
+// off_t has 64 bits on every machine.
+REPLACEMENT int ftruncate(int fd, off_t length) noexcept {
+    static const auto real = realOf(&ftruncate, "ftruncate64");
+    return fails("ftruncate", PLACE) ? -1 : real(fd, length);
+}
+REPLACEMENT ssize_t pread(int fd, void* data, size_t length, off_t from) {
+    static const auto real = realOf(&pread, "pread64");
+    return fails("pread", PLACE) ? -1 : real(fd, data, length, from);
+}
 
 // These report their errors by what they return.
 REPLACEMENT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

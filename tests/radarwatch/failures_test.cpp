@@ -206,9 +206,9 @@ const std::vector<std::string_view> kLooks = {"getifaddrs", "poll",      "recv",
 const std::vector<std::string_view> kLooksAndCounters = {
     "getifaddrs",      "poll",        "recv", "recvfrom", "recvmmsg", "SO_RCVBUF",
     "SO_BINDTODEVICE", "SO_RCVTIMEO", "open", "read"};
-const std::vector<std::string_view> kReplayed = {"getifaddrs",  "poll",    "ppoll",   "recv",
-                                                 "recvmmsg",    "recvmsg", "sendmsg", "SO_RCVBUF",
-                                                 "SO_RCVTIMEO", "open",    "read"};
+const std::vector<std::string_view> kReplayed = {"getifaddrs", "poll",    "recv",      "recvmmsg",
+                                                 "recvmsg",    "sendmsg", "SO_RCVBUF", "SO_RCVTIMEO",
+                                                 "open",       "read"};
 const Scenario kScenarios[] = {
     {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
