@@ -32,9 +32,9 @@ __attribute__((visibility("default"))) Recording openRecording(const std::string
 /// now. Where a clock was set back between two datagrams, the second and all behind it have later arrivals
 /// than the file, so that they follow each other. What a stream has no room for waits until the stream takes
 /// it, and all else with it; a stream that takes nothing for a second loses what it has no room for, until it
-/// takes something again. At the end the radars are silent, and leave; a file that is broken, or memory that
-/// runs out while it is read, ends it there, with a line on standard error. What is sent to them goes
-/// nowhere; TCP services are refused.
+/// takes something again. At the end the radars are silent, and leave; a file that is broken or that the
+/// system cannot read any more, or memory that runs out meanwhile, ends it there, with a line on standard
+/// error. What is sent to them goes nowhere; TCP services are refused.
 ///
 /// A value: copies mean the same recording, whose local address is lost with the last of them.
 ///

@@ -257,7 +257,7 @@ TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
     EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
 }
 
-TEST_F(Recording, CountsEachPieceOfTcpThatTheFileTakesTooSlowlyFor) {
+TEST_F(Recording, CountsEachPieceOfTcpThatIsDroppedWhereTheFileIsTooSlow) {
     radar::recording::Recorder recorder({path("file"), "a test", 0, 0, 0}, [] {}); // nothing may wait
     const std::string much(300 << 10, 'x');                                        // is handed over at once
     for (const std::uint64_t pieces : {1U, 2U}) {

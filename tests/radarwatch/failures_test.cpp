@@ -215,7 +215,7 @@ const Scenario kScenarios[] = {
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
-    {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync,
+    {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync
     {"Replays", &replays, kReplayed, true},
 };
 
