@@ -110,6 +110,12 @@ TEST_F(Radarctl, ReportsWhatTheSystemDoesNotAllow) {
                           "--inject=socket:error=EMFILE", RADARCTL, "list"});
     EXPECT_EQ(none.status, 4) << "which may pass";
     EXPECT_EQ(none.errors, "radarctl: this computer allows no UDP socket: Too many open files\n");
+    for (const char* limit : {"10", "11", "12"}) { // wherever they run out, the address is not at fault
+        const Result few = runOn("display", {"prlimit", std::string("--nofile=") + limit, RADARCTL, "list",
+                                             "--local", "10.20.2.1", "--timeout", "0.1"});
+        EXPECT_THAT(few.errors, testing::Not(HasSubstr("no address of this computer"))) << limit;
+        EXPECT_NE(few.status, 2) << limit;
+    }
 }
 
 TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRenumbered) {

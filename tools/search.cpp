@@ -31,7 +31,7 @@ std::string joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words)
         text += (text.empty() ? "" : ", ") + printable(word);
-    return text;
+    return words.empty() ? "none" : text;
 }
 
 void requireSockets() {
@@ -57,7 +57,11 @@ unsigned int localAddress(const LocalOptions& options) {
     if (options.address.empty() && options.interface.empty())
         return 0;
     std::vector<std::string> present;
-    for (const auto& [address, interface] : net::localNetworkInterfaces()) {
+    errno = 0; // the library tells of a list that it cannot get by its being empty
+    const auto interfaces = net::localNetworkInterfaces();
+    if (interfaces.empty() && errno != 0)
+        throw std::system_error(errno, std::generic_category(), "the interfaces cannot be listed");
+    for (const auto& [address, interface] : interfaces) {
         if (interface.ip == options.address || interface.name == options.interface)
             return address;
         present.push_back(options.address.empty() ? interface.name : interface.ip);
