@@ -22,6 +22,7 @@ TEST_F(Radarctl, MisuseIsExplainedInOneLine) {
         {{"--profile", "/nowhere", "list"}, "no profile.ini in '/nowhere'"},
         {{"host", "--name", "seventeen letters"}, "is no radar name: 1 to 16 bytes"},
         {{"host", "--name", "R", "--id", "15"}, "'15' is no host id: 1, or 16 to 63"},
+        {{"host", "--name", "R", "--id", "012"}, "'12' is no host id: 1, or 16 to 63"},
         {{"host", "--name", "R", "--streams", "3"}, "'3' streams cannot be served: 1 or 2"},
         {{"host", "--rate", "30"}, "--rate requires --simulate"},
         {{"list", "--timeout", "soon"}, "'soon' is no time-out: seconds, up to 3600"},

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <type_traits>
 
 namespace {
 
@@ -37,6 +38,14 @@ std::size_t slips(const std::string& typed, const std::string& meant) {
     return best[typed.size()][meant.size()];
 }
 
+/// "020" as people mean it; it would be read as an octal number.
+std::string withoutLeadingZeros(const std::string& text) {
+    const std::size_t first = text.find_first_not_of('0');
+    return first != std::string::npos && text.find_first_not_of("0123456789") == std::string::npos
+               ? text.substr(first)
+               : text;
+}
+
 } // namespace
 
 Check checkNumber(double least, double most, const std::string& words) {
@@ -64,6 +73,8 @@ template <typename Value>
 void Syntax::option(const std::string& names, Value& value, const std::string& kind, const std::string& help,
                     const Check& check) {
     CLI::Option* option = m_app->add_option(names, value, help)->type_name(kind);
+    if constexpr (std::is_integral_v<Value>)
+        option->transform(&withoutLeadingZeros);
     if (check)
         option->check(check);
 }
