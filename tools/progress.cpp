@@ -13,6 +13,8 @@ using namespace std::chrono_literals;
 using std::chrono::ceil;
 using std::chrono::seconds;
 
+constexpr auto kAtOnce = 200ms; // in which an address that is set is in force, and needs no search
+
 /// The client's search goes through these, again and again.
 struct Pass {
     const char* text;
@@ -44,9 +46,9 @@ std::string interfaceNames() {
 Progress::Progress(std::chrono::steady_clock::time_point deadline) : m_deadline(deadline) {}
 
 void Progress::show(unsigned int localIp) {
-    if (!m_line.isShown())
-        return;
     const auto now = std::chrono::steady_clock::now();
+    if (!m_line.isShown() || now - m_start < kAtOnce)
+        return;
     const std::string left = std::to_string(ceil<seconds>(m_deadline - now).count());
     m_line.show(localIp != 0
                     ? "asking on " + std::string(net::transAddr(localIp)) + "; giving up in " + left + " s"
