@@ -3,10 +3,15 @@
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/udpsocket.h>
 
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
 namespace radar::detail {
 
 namespace {
 
+constexpr std::chrono::milliseconds kPause(10); // where the system has no memory
 constexpr int kPeers = 4; // a radar that has come back, while the connections it lost are still open
 
 /// Asked first, since TcpServer prints each refusal, and a port is tried again every second.
@@ -55,11 +60,13 @@ void TcpFeed::end() {
 void TcpFeed::OnTcpDataReceived(int, const char*, unsigned short, const char* data, int length) {
     while (length > 0) {
         const ssize_t written = ::send(m_out.get(), data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
-        if (written < 0 && errno != EINTR)
-            return; // ended
         if (written > 0) {
             data += written;
             length -= static_cast<int>(written);
+        } else if (errno == ENOBUFS || errno == ENOMEM) {
+            std::this_thread::sleep_for(kPause); // no byte of a connection may be left out; the peer waits
+        } else if (errno != EINTR) {
+            return; // ended
         }
     }
 }

@@ -42,7 +42,7 @@ protected:
     }
 
 private:
-    const ProfileDirectory m_profile{"[Local]\nMulticastLoop = true\n"};
+    const ProfileDirectory m_profile{"[Local]\nMulticastLoop = true\n[Radar]\nTCPService = true\n"};
 };
 
 class EachAllocation : public EachCall {};

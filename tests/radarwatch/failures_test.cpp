@@ -5,8 +5,9 @@
 #include <RadarWatch/recording/blocks.h>
 #include <RadarWatch/recording/recorder.h>
 
+#include <tests/announcement_bytes.h>
 #include <tests/failures_fixture.h>
-#include <tests/records.h>
+#include <tests/tcp_support.h>
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -125,6 +126,63 @@ void streamCalledBack(const std::optional<radar::Pool>& pool) {
     }));
 }
 
+/// A radar that connects to the display, for its image and for what it is told; its targets nobody serves.
+void overTcp() {
+    constexpr unsigned short kImage = 7001;
+    constexpr unsigned short kControl = 7002;
+    const Source north{wire::kDiscovery};
+    std::string announcement;
+    {
+        const Sound sound;
+        announcement = AnnouncementBytes(222, "North")
+                           .at(22, 1)
+                           .at(30, 1) // extended, offers TCP
+                           .at(31, endpoint(kLocalAddress, kImage))
+                           .at(67, 2) // a client
+                           .at(37, endpoint(kLocalAddress, kControl))
+                           .at(68, 2) // likewise
+                           .at(49, endpoint(kLocalAddress, 7003))
+                           .at(70, 1); // a server
+    }
+    Watch watch(here());
+    radar::Stream image(watch, "North:TCP", radar::Image);
+    radar::Stream targets(watch, "North:TCP", radar::Arpa);
+    radar::Control control(watch, "North:TCP", radar::ImageControl);
+    const auto isSent = [&] {
+        const bool sent = control.send("set", 3);
+        if (!sent)
+            std::fprintf(stderr, "control: %s\n", std::strerror(errno));
+        return sent;
+    };
+    EXPECT_TRUE(inTheEnd([&] {
+        if (isSaid("select::rfds")) // which ends the accepting
+            return true;
+        north.send(announcement);
+        pace();
+        for (radar::Stream* stream : {&image, &targets})
+            while (const auto event = stream->nextEvent())
+                tell(*event);
+        std::optional<tcp_test::Peer> sends;
+        std::optional<tcp_test::Peer> obeys;
+        const auto connect = [&] {
+            const Sound sound;
+            return sends.emplace().on(::connect, kImage, kLocalAddress) == 0 && sends->send("image") &&
+                   obeys.emplace().on(::connect, kControl, kLocalAddress) == 0;
+        };
+        if (!connect())
+            return isSent(); // which says why not
+        radar::Datagram piece;
+        bool isHeard = false;
+        const auto works = [&] {
+            isHeard = isHeard || image.read(&piece, 1, 5ms) > 0;
+            return isHeard && isSent();
+        };
+        const bool worked = comesTrue(works, 200ms);
+        const Sound sound;
+        return worked && obeys->read(3) == "set";
+    }));
+}
+
 /// A file of this process; nothing of it fails.
 class OwnFile {
 public:
@@ -146,7 +204,7 @@ void records() {
     std::uint64_t recorded = 0;
     std::error_code failure;
     {
-        Recorder recorder({file.path(), "a test"}, [] {});
+        radar::recording::Recorder recorder({file.path(), "a test"}, [] {});
         EXPECT_TRUE(inTheEnd([&] {
             try {
                 for (const auto& refusal : recorder.listenTo({{"eth0", image.ip, image.port}}))
@@ -209,12 +267,16 @@ const std::vector<std::string_view> kLooksAndCounters = {
 const std::vector<std::string_view> kReplayed = {"getifaddrs", "poll",    "recv",      "recvmmsg",
                                                  "recvmsg",    "sendmsg", "SO_RCVBUF", "SO_RCVTIMEO",
                                                  "open",       "read"};
+const std::vector<std::string_view> kOverTcp = {
+    "getifaddrs",      "poll",        "recv", "recvfrom", "recvmmsg", "SO_RCVBUF",
+    "SO_BINDTODEVICE", "SO_RCVTIMEO", "open", "read",     "send"}; // repeated until it is done
 const Scenario kScenarios[] = {
     {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
+    {"OverTcp", &overTcp, kOverTcp, true},
     {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync
     {"Replays", &replays, kReplayed, true},
 };

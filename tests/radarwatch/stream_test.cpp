@@ -416,8 +416,10 @@ TEST_F(StreamTest, OfTcpThatNobodyReadsHoldsItsPeerUpLosesNothingAndEndsAtOnce) 
     ::pthread_sigmask(SIG_BLOCK, &profiler, nullptr); // in the threads of this test
     std::atomic<bool> sent = false;
     const auto send = [&] { sent = peer.send(much); };
+    const Fault fault("send", ENOBUFS, 2, 9); // not of the peer
     std::jthread sender(send);
     EXPECT_FALSE(comesTrue([&] { return sent.load(); }, 100ms));
+    EXPECT_TRUE(fault.hit());
     interruptThreads();
     std::string taken;
     for (radar::Datagram piece; taken.size() < much.size() && stream->read(&piece, 1, 10s) == 1;)
