@@ -60,12 +60,14 @@ std::optional<std::string> contentsOf(const std::string& path, bool isFifo) {
     std::string contents;
     const char* fault = isFifo ? "it is a FIFO" : nullptr;
     if (fault == nullptr) {
-        const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        const Descriptor file(static_cast<int>(
+            TEMP_FAILURE_RETRY(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY))));
         if (!file.isOpen() && errno == ENOENT)
             return std::nullopt;
         std::array<char, 4096> piece;
         ssize_t count = -1;
-        while (file.isOpen() && (count = ::read(file.get(), piece.data(), piece.size())) > 0)
+        while (file.isOpen() &&
+               (count = TEMP_FAILURE_RETRY(::read(file.get(), piece.data(), piece.size()))) > 0)
             contents.append(piece.data(), static_cast<std::size_t>(count));
         if (count != 0)
             fault = std::strerror(errno);

@@ -216,17 +216,22 @@ void RadarEngine::lookAtLocalAddress(TimePoint moment) {
 }
 
 void RadarEngine::openLink() {
-    const char* refused = m_link.open(m_lookedFor, *m_interface, m_radarIp == 0);
-    if (refused == nullptr && m_radarIp != 0 && m_tcp == nullptr)
-        try {
+    const char* refused = nullptr;
+    try {
+        refused = m_link.open(m_lookedFor, *m_interface, m_radarIp == 0);
+        if (refused == nullptr && m_radarIp != 0 && m_tcp == nullptr) {
             m_framing = {};
             m_tcp = std::make_unique<net::TcpClient>(
                 this, NetAddress{m_radarIp, net::HtoNs(wire::kDiscovery.port)}, m_lookedFor);
-        } catch (const std::system_error& error) { // no thread
-            m_link.close();
-            errno = error.code().value();
-            refused = "TcpClient";
         }
+    } catch (const std::system_error& error) { // no thread
+        m_link.close();
+        errno = error.code().value();
+        refused = "TcpClient";
+    } catch (const std::bad_alloc&) { // so that the next look begins again
+        m_link.close();
+        throw;
+    }
     report(m_openRefused, refused == nullptr, "cannot hear radars now", refused);
 }
 

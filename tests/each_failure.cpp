@@ -51,8 +51,8 @@ void enterNetwork(int place) {
 /// is told again, and the rest is asked again later, or done without.
 bool isQuiet(const Scenario& scenario, const Fault::Call& call) {
     using Names = std::vector<std::string_view>;
-    static const Names waiting = {"accept4",  "epoll_wait", "poll", "pread",   "recv", "recvfrom",
-                                  "recvmmsg", "recvmsg",    "send", "sendmsg", "write"};
+    static const Names waiting = {"accept4",  "epoll_wait", "open",    "poll", "pread",   "read", "recv",
+                                  "recvfrom", "recvmmsg",   "recvmsg", "send", "sendmsg", "write"};
     static const Names repeated = {"sendmmsg", "sendto"};
     static const Names always = {
         "EPOLL_CTL_DEL", "SO_KEEPALIVE and the like",

@@ -183,6 +183,37 @@ void overTcp() {
     }));
 }
 
+/// A radar at the address that profile.ini names, which is asked over a connection.
+void fixedRadar() {
+    std::optional<ProfileDirectory> profile;
+    std::optional<tcp_test::Listening> radar;
+    std::vector<tcp_test::Peer> displays;
+    std::string announcement;
+    {
+        const Sound sound;
+        profile.emplace("[Local]\nIP = 127.0.0.1\n[Radar]\nIP = 127.0.0.1\nTCPService = yes\n");
+        radar.emplace(wire::kDiscovery.port);
+        announcement = AnnouncementBytes(222, "ZQ-7").at(22, 1).at(30, 1); // extended, offers TCP
+    }
+    Watch watch;
+    bool appeared = false;
+    EXPECT_TRUE(inTheEnd([&] {
+        {
+            const Sound sound;
+            while (radar->isCalled())
+                displays.push_back(radar->accept());
+            for (const tcp_test::Peer& display : displays)
+                display.send(announcement);
+        }
+        pace();
+        while (const auto event = watch.next(0ms))
+            appeared = appeared || event->kind == radar::Event::Kind::Appeared;
+        return appeared || isSaid("defaults are used");
+    }));
+    const Sound sound;
+    profile.reset();
+}
+
 /// A file of this process; nothing of it fails.
 class OwnFile {
 public:
@@ -267,6 +298,9 @@ const std::vector<std::string_view> kLooksAndCounters = {
 const std::vector<std::string_view> kReplayed = {"getifaddrs", "poll",    "recv",      "recvmmsg",
                                                  "recvmsg",    "sendmsg", "SO_RCVBUF", "SO_RCVTIMEO",
                                                  "open",       "read"};
+const std::vector<std::string_view> kAttempts = {"getifaddrs",     "connect",  "fcntl", "poll",
+                                                 "recv",           "recvfrom", "send",  "SO_RCVBUF",
+                                                 "SO_BINDTODEVICE"}; // of a TCP client
 const std::vector<std::string_view> kOverTcp = {
     "getifaddrs",      "poll",        "recv", "recvfrom", "recvmmsg", "SO_RCVBUF",
     "SO_BINDTODEVICE", "SO_RCVTIMEO", "open", "read",     "send"}; // repeated until it is done
@@ -276,6 +310,7 @@ const Scenario kScenarios[] = {
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
+    {"FixedRadar", &fixedRadar, kAttempts, true},
     {"OverTcp", &overTcp, kOverTcp, true},
     {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync
     {"Replays", &replays, kReplayed, true},
