@@ -88,6 +88,17 @@ void multiRadarClient() {
     client.removeListener(&locals);
 }
 
+void multiRadarClientOfAFixedRadar() {
+    FixedRadar radar;
+    MultiRadarClient client;
+    EXPECT_TRUE(inTheEnd([&] {
+        radar.announce();
+        pace();
+        client.query();
+        return client.getRadarStreamCount("ZQ-7:TCP") > 0 || isSaid("defaults are used");
+    }));
+}
+
 /// Of an interface of which there is nothing else.
 void setCarrier(const std::string& interface, bool up) {
     const Sound sound;
@@ -122,11 +133,14 @@ void netIpHelper() {
 // Quiet are a look at the interfaces, which a receiver repeats; and what the watch of one meets again in its
 // next pass.
 const std::vector<std::string_view> kLooks = {"connect", "getifaddrs", "recv"};
+const std::vector<std::string_view> kAttempts = {"getifaddrs", "connect", "fcntl",
+                                                 "poll",       "recv",    "send"}; // of a TCP client
 const Scenario kScenarios[] = {
     {"HostServer", &hostServer, kLooks},
     {"HostNegotiator", &hostNegotiator, kLooks},
     {"HostNegotiatorOnOwnThread", &hostNegotiatorOnOwnThread, kLooks},
     {"MultiRadarClient", &multiRadarClient, kLooks},
+    {"MultiRadarClientOfAFixedRadar", &multiRadarClientOfAFixedRadar, kAttempts},
     {"TNetIPHelper", &netIpHelper, {"open", "read", "system"}},
 };
 

@@ -3,8 +3,10 @@
 /// nothing.
 #pragma once
 
+#include "announcement_bytes.h"
 #include "each_failure.h"
 #include "profile_directory.h"
+#include "tcp_support.h"
 
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/base/timing.h>
@@ -14,9 +16,11 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 inline constexpr const char* kLocalAddress = "10.1.0.1";
 
@@ -100,6 +104,35 @@ public:
 
 private:
     net::detail::Descriptor m_socket;
+};
+
+/// A radar at the address that profile.ini names, which announces itself over connections; nothing of it
+/// fails.
+class FixedRadar {
+public:
+    FixedRadar() {
+        const Sound sound;
+        m_profile.emplace("[Local]\nIP = 127.0.0.1\n[Radar]\nIP = 127.0.0.1\nTCPService = yes\n");
+        m_listening.emplace(wire::kDiscovery.port);
+        m_announcement = AnnouncementBytes(222, "ZQ-7").at(22, 1).at(30, 1); // extended, offers TCP
+    }
+    ~FixedRadar() {
+        const Sound sound;
+        m_profile.reset();
+    }
+    void announce() {
+        const Sound sound;
+        while (m_listening->isCalled())
+            m_displays.push_back(m_listening->accept());
+        for (const tcp_test::Peer& display : m_displays)
+            display.send(m_announcement);
+    }
+
+private:
+    std::optional<ProfileDirectory> m_profile;
+    std::optional<tcp_test::Listening> m_listening;
+    std::vector<tcp_test::Peer> m_displays;
+    std::string m_announcement;
 };
 
 /// What a listener does that needs memory.

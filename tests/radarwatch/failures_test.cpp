@@ -5,9 +5,7 @@
 #include <RadarWatch/recording/blocks.h>
 #include <RadarWatch/recording/recorder.h>
 
-#include <tests/announcement_bytes.h>
 #include <tests/failures_fixture.h>
-#include <tests/tcp_support.h>
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -183,35 +181,17 @@ void overTcp() {
     }));
 }
 
-/// A radar at the address that profile.ini names, which is asked over a connection.
 void fixedRadar() {
-    std::optional<ProfileDirectory> profile;
-    std::optional<tcp_test::Listening> radar;
-    std::vector<tcp_test::Peer> displays;
-    std::string announcement;
-    {
-        const Sound sound;
-        profile.emplace("[Local]\nIP = 127.0.0.1\n[Radar]\nIP = 127.0.0.1\nTCPService = yes\n");
-        radar.emplace(wire::kDiscovery.port);
-        announcement = AnnouncementBytes(222, "ZQ-7").at(22, 1).at(30, 1); // extended, offers TCP
-    }
+    FixedRadar radar;
     Watch watch;
     bool appeared = false;
     EXPECT_TRUE(inTheEnd([&] {
-        {
-            const Sound sound;
-            while (radar->isCalled())
-                displays.push_back(radar->accept());
-            for (const tcp_test::Peer& display : displays)
-                display.send(announcement);
-        }
+        radar.announce();
         pace();
         while (const auto event = watch.next(0ms))
             appeared = appeared || event->kind == radar::Event::Kind::Appeared;
         return appeared || isSaid("defaults are used");
     }));
-    const Sound sound;
-    profile.reset();
 }
 
 /// A file of this process; nothing of it fails.
