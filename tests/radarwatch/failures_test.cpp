@@ -2,6 +2,7 @@
 #include <RadarWatch/radarrecording.h>
 #include <RadarWatch/radarstream.h>
 #include <RadarWatch/radarwatch.h>
+#include <RadarWatch/radarwatch_c.h>
 #include <RadarWatch/recording/blocks.h>
 #include <RadarWatch/recording/recorder.h>
 
@@ -181,6 +182,60 @@ void overTcp() {
     }));
 }
 
+template <class Structure>
+Structure sized() {
+    Structure structure{};
+    structure.size = sizeof structure;
+    return structure;
+}
+
+/// Each call again until it is not refused.
+void cInterface() {
+    const auto insist = [](auto call) {
+        int result;
+        while ((result = call()) < 0)
+            std::fprintf(stderr, "refused: %s\n", std::strerror(-result));
+        return result;
+    };
+    North north;
+    auto options = sized<radar_watch_options>();
+    options.local_address = Source::local();
+    radar_watch* watch = nullptr;
+    radar_stream* stream = nullptr;
+    radar_control* control = nullptr;
+    insist([&] { return radar_watch_new(&watch, &options); });
+    insist([&] { return radar_stream_new(&stream, watch, "North", RADAR_IMAGE, nullptr); });
+    insist([&] { return radar_control_new(&control, watch, "North", RADAR_IMAGE_CONTROL, 0); });
+    insist([&] { return radar_stream_descriptor(stream); });
+    auto event = sized<radar_event>();
+    auto streamEvent = sized<radar_stream_event>();
+    auto datagram = sized<radar_datagram>();
+    EXPECT_TRUE(inTheEnd([&] {
+        north.announce();
+        north.sendImage();
+        pace();
+        while (insist([&] { return radar_watch_next(watch, &event, 0); }) > 0)
+            continue;
+        while (insist([&] { return radar_stream_next_event(stream, &streamEvent); }) > 0)
+            std::fprintf(stderr, "event: %s\n", std::strerror(streamEvent.error));
+        return insist([&] { return radar_stream_read(stream, &datagram, 1, 5); }) > 0 &&
+               insist([&] { return radar_control_send(control, "set", 3); }) == 0;
+    }));
+    auto entry = sized<radar_entry>();
+    auto local = sized<radar_local>();
+    auto statistics = sized<radar_statistics>();
+    EXPECT_EQ(insist([&] { return radar_watch_find(watch, "North", &entry); }), 1);
+    EXPECT_EQ(insist([&] { return radar_watch_radars(watch, &entry, 1); }), 1);
+    insist([&] { return radar_watch_local(watch, &local); });
+    EXPECT_EQ(local.address, Source::local());
+    insist([&] { return radar_stream_statistics(stream, &statistics); });
+    insist([&] { return radar_watch_renumber(watch, "North"); });
+    insist([&] { return radar_watch_reset(watch); });
+    radar_control_free(control);
+    radar_stream_free(stream);
+    radar_watch_free(watch);
+}
+
 void fixedRadar() {
     FixedRadar radar;
     Watch watch;
@@ -290,11 +345,71 @@ const Scenario kScenarios[] = {
     {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
+    {"CInterface", &cInterface, kLooksAndCounters, true},
     {"FixedRadar", &fixedRadar, kAttempts, true},
     {"OverTcp", &overTcp, kOverTcp, true},
     {"Records", &records, {"recv", "recvmmsg", "SO_RCVBUF"}, true, {std::strerror(EDQUOT)}}, // of fsync
     {"Replays", &replays, kReplayed, true},
 };
+
+TEST(CInterface, RefusesWhatIsNotThere) {
+    const auto options = [] {
+        auto here = sized<radar_watch_options>();
+        here.local_address = net::transAddr("127.0.0.1");
+        return here;
+    }();
+    radar_watch* watch = nullptr;
+    radar_stream* stream = nullptr;
+    radar_control* control = nullptr;
+    ASSERT_EQ(radar_watch_new(&watch, &options), 0);
+    ASSERT_EQ(radar_stream_new(&stream, watch, "North", RADAR_IMAGE, nullptr), 0);
+    ASSERT_EQ(radar_control_new(&control, watch, "North", RADAR_IMAGE_CONTROL, 0), 0);
+    auto entry = sized<radar_entry>();
+    auto local = sized<radar_local>();
+    auto event = sized<radar_event>();
+    auto streamEvent = sized<radar_stream_event>();
+    auto datagram = sized<radar_datagram>();
+    auto statistics = sized<radar_statistics>();
+    radar_stream* none = nullptr;
+    radar_control* nothing = nullptr;
+    const int refused[] = {
+        radar_groups(16, 0, nullptr),
+        radar_watch_new(nullptr, &options),
+        radar_watch_next(nullptr, &event, 0),
+        radar_watch_next(watch, nullptr, 0),
+        radar_watch_descriptor(nullptr),
+        radar_watch_radars(nullptr, &entry, 1),
+        radar_watch_radars(watch, nullptr, 1),
+        radar_watch_find(nullptr, "North", &entry),
+        radar_watch_find(watch, nullptr, &entry),
+        radar_watch_find(watch, "North", nullptr),
+        radar_watch_local(nullptr, &local),
+        radar_watch_local(watch, nullptr),
+        radar_watch_renumber(nullptr, "North"),
+        radar_watch_renumber(watch, nullptr),
+        radar_watch_reset(nullptr),
+        radar_stream_new(nullptr, watch, "North", RADAR_IMAGE, nullptr),
+        radar_stream_new(&none, nullptr, "North", RADAR_IMAGE, nullptr),
+        radar_stream_new(&none, watch, nullptr, RADAR_IMAGE, nullptr),
+        radar_stream_read(nullptr, &datagram, 1, 0),
+        radar_stream_read(stream, nullptr, 1, 0),
+        radar_stream_next_event(nullptr, &streamEvent),
+        radar_stream_next_event(stream, nullptr),
+        radar_stream_descriptor(nullptr),
+        radar_stream_statistics(nullptr, &statistics),
+        radar_stream_statistics(stream, nullptr),
+        radar_control_new(nullptr, watch, "North", RADAR_IMAGE, 0),
+        radar_control_new(&nothing, nullptr, "North", RADAR_IMAGE, 0),
+        radar_control_new(&nothing, watch, nullptr, RADAR_IMAGE, 0),
+        radar_control_send(nullptr, "x", 1),
+        radar_control_send(control, nullptr, 1),
+    };
+    EXPECT_THAT(refused, testing::Each(-EINVAL));
+    EXPECT_EQ(radar_watch_renumber(watch, "North"), -ENOENT);
+    radar_control_free(control);
+    radar_stream_free(stream);
+    radar_watch_free(watch);
+}
 
 INSTANTIATE_TEST_SUITE_P(RadarWatch, EachCall, testing::ValuesIn(kScenarios), nameOf);
 INSTANTIATE_TEST_SUITE_P(RadarWatch, EachAllocation, testing::ValuesIn(kScenarios), nameOf);
