@@ -106,7 +106,9 @@ TEST(HostServerDeathTest, WrongConfigurationEndsTheProcess) {
     for (const unsigned streams : {0U, 3U})
         EXPECT_DEATH(HostServer("R", 16, streams),
                      "Assertion `\\(streamCount ==1\\) \\|\\| \\(streamCount ==2\\)' failed");
-    EXPECT_DEATH(HostServer(std::string(149, 'x').c_str(), 16, 1U), "Assertion");
+    const std::string tooLong(149, 'x');
+    EXPECT_DEATH(HostServer(tooLong.c_str(), 16, 1U), "Assertion");
+    EXPECT_DEATH(HostServer(tooLong.c_str(), 16, RadarAddress{}), "Assertion");
 }
 
 } // namespace

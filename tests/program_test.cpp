@@ -458,8 +458,9 @@ TEST_F(ReceiverOnAnInterface, AndItsSenderTakeUpALateAddressWhileDatagramsArrive
     EXPECT_TRUE(hearsAgain());
     while (m_recorder.next(50ms))
         continue;
-    EXPECT_TRUE(comesTrue([&] { return sender.sendData("moved", 5) == 5 && m_recorder.next(20ms); }))
-        << "the interface that had the address is still up";
+    EXPECT_TRUE(comesTrue([&] {
+        return sender.sendMultipleDatas({{"moved", 5}}) == 1 && m_recorder.next(20ms);
+    })) << "the interface that had the address is still up";
     std::system("ip addr del 10.7.0.1/24 dev eth0; ip link del late");
 }
 

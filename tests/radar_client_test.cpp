@@ -125,6 +125,15 @@ TEST_F(RadarClient, DiagnosticsPrintARecordWhenItDiffersFromTheLast) {
     EXPECT_THAT(printed, HasSubstr("ImageCtrl:   234.5.8.90:35162 null\r\n"));
 }
 
+TEST(MultiRadarClientHandle, TakesTheAddressOfTheProfileThoughNoRadarIsHeardThere) {
+    const ProfileDirectory profile("[Local]\nIP = 127.0.0.9\n");
+    MultiRadarClient client;
+    Addresses addresses;
+    client.addListener(&addresses);
+    ASSERT_TRUE(addresses.reaches(1));
+    EXPECT_THAT(addresses.all(), ElementsAre("127.0.0.9"));
+}
+
 TEST(MultiRadarClientHandle, ListenersGetEveryNewLocalAddressAndSettingOneEndsTheSearch) {
     MultiRadarClient client;
     Addresses early;

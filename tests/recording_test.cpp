@@ -48,6 +48,21 @@ std::string bytesOf(std::initializer_list<int> values) {
     return bytes;
 }
 
+TEST(RecordedPacket, HasChecksumsOfEveryKind) {
+    const auto sumOf = [](std::string_view words, unsigned long sum) {
+        for (std::size_t i = 0; i < words.size(); ++i)
+            sum += static_cast<unsigned long>(static_cast<unsigned char>(words[i])) << (i % 2 == 0 ? 8 : 0);
+        return sum % 0xFFFF; // 0: it is right
+    };
+    for (int word = 0; word <= 0xFFFF; ++word) {
+        const std::string bytes = packet(bytesOf({word >> 8, word & 0xFF}));
+        const std::string_view all(bytes);
+        ASSERT_EQ(sumOf(all.substr(0, 20), 0), 0U);
+        ASSERT_EQ(sumOf(all.substr(12), 17 + all.size() - 20), 0U) << word << ", with the pseudo header";
+        ASSERT_NE(all.substr(26, 2), std::string_view("\0\0", 2)) << word << ": it has none";
+    }
+}
+
 TEST(RecordedPacket, IsFoundBehindEveryLinkLayer) {
     using enum Decoded::Kind;
     const std::string addresses(12, '\x02');
@@ -304,6 +319,9 @@ protected:
 TEST_F(Replayed, RadarClaimsItsIdAndAnswersWhileItWasThere) {
     const std::string north = composeAnnouncement("North", 20, 2);
     const Contents contents = recordingOf({{1, north}, {2, north}, {3, north}, {12, north}});
+    EXPECT_EQ(contents.radars().front().announcements, 4U);
+    EXPECT_EQ(contents.total().longestGap, 9s);
+    EXPECT_EQ(recordingOf({{100, north}}).total().longestGap, 0s);
     ReplayedRadar radar(contents.radars().front(), 0, 1, kObjection);
     EXPECT_THAT(playTo(radar, 0), ElementsAre("\x01\xA1\x14\x01", "\x02\xA1\x14\x01"));
     EXPECT_EQ(radar.answer(), "");

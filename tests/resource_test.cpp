@@ -77,12 +77,13 @@ TEST_F(Resources, ObjectsMadeWithoutDescriptorsWorkOnceSomeAreFree) {
 
 TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
     const int saved = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(STDIN_FILENO);
     ::close(STDOUT_FILENO);
     {
         Everything all(&m_recorder, m_local, kPort);
         EXPECT_TRUE(comesTrue([&] { return all.tcp.isConnected() && all.server.isConnected(); }));
-        EXPECT_TRUE(comesTrue([] { return ::fcntl(STDOUT_FILENO, F_GETFD) == -1; }))
-            << "a file read meanwhile";
+        for (const int number : {STDIN_FILENO, STDOUT_FILENO})
+            EXPECT_TRUE(comesTrue([&] { return ::fcntl(number, F_GETFD) == -1; })) << "a file read meanwhile";
     }
     EXPECT_EQ(::dup2(saved, STDOUT_FILENO), STDOUT_FILENO);
     ::close(saved);

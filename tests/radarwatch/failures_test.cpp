@@ -229,8 +229,8 @@ void cInterface() {
     insist([&] { return radar_watch_local(watch, &local); });
     EXPECT_EQ(local.address, Source::local());
     insist([&] { return radar_stream_statistics(stream, &statistics); });
-    insist([&] { return radar_watch_renumber(watch, "North"); });
-    insist([&] { return radar_watch_reset(watch); });
+    EXPECT_EQ(insist([&] { return radar_watch_renumber(watch, "North"); }), 0);
+    EXPECT_EQ(insist([&] { return radar_watch_reset(watch); }), 0);
     radar_control_free(control);
     radar_stream_free(stream);
     radar_watch_free(watch);
