@@ -92,7 +92,7 @@ void multiRadarClientOfAFixedRadar() {
     FixedRadar radar;
     MultiRadarClient client;
     EXPECT_TRUE(inTheEnd([&] {
-        radar.announce();
+        radar.answer();
         pace();
         client.query();
         return client.getRadarStreamCount("ZQ-7:TCP") > 0 || isSaid("defaults are used");

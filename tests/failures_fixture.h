@@ -62,10 +62,12 @@ TEST_P(EachAllocation, MayFail) {
 /// Sends to a group; nothing of it fails.
 class Source {
 public:
-    Source(const char* group, unsigned short port)
+    /// @param from local address; 0: as the routes say
+    Source(const char* group, unsigned short port, unsigned int from = 0)
         : m_group(net::detail::makeAddress(net::transAddr(group), port)) {
         const Sound sound;
         m_socket = net::detail::openSocket(SOCK_DGRAM);
+        net::detail::setOption(m_socket, IPPROTO_IP, IP_MULTICAST_IF, net::detail::membership(0, from));
     }
     explicit Source(const wire::Group& group) : Source(group.address, group.port) {}
 
@@ -106,8 +108,7 @@ private:
     net::detail::Descriptor m_socket;
 };
 
-/// A radar at the address that profile.ini names, which announces itself over connections; nothing of it
-/// fails.
+/// A radar at the address that profile.ini names, which answers displays that connect; nothing of it fails.
 class FixedRadar {
 public:
     FixedRadar() {
@@ -120,12 +121,13 @@ public:
         const Sound sound;
         m_profile.reset();
     }
-    void announce() {
+    void answer() {
         const Sound sound;
         while (m_listening->isCalled())
             m_displays.push_back(m_listening->accept());
         for (const tcp_test::Peer& display : m_displays)
-            display.send(m_announcement);
+            if (display.read(2, MSG_DONTWAIT) == wire::text(wire::kQuery))
+                display.send(m_announcement);
     }
 
 private:

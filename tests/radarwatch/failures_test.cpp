@@ -237,16 +237,24 @@ void cInterface() {
 }
 
 void fixedRadar() {
-    FixedRadar radar;
+    FixedRadar fixed;
+    const std::string announcement = northsAnnouncement(); // which is not heard beside it
+    const Source north(wire::kDiscovery.address, wire::kDiscovery.port, net::transAddr("127.0.0.1"));
     Watch watch;
     bool appeared = false;
     EXPECT_TRUE(inTheEnd([&] {
-        radar.announce();
+        fixed.answer();
+        north.send(announcement);
         pace();
         while (const auto event = watch.next(0ms))
             appeared = appeared || event->kind == radar::Event::Kind::Appeared;
         return appeared || isSaid("defaults are used");
     }));
+    if (isSaid("defaults are used"))
+        return;
+    const auto found = watch.find("ZQ-7:TCP");
+    EXPECT_TRUE(found && found->tcp && found->streams.empty());
+    EXPECT_EQ(watch.radars().size(), 1U);
 }
 
 /// A file of this process; nothing of it fails.

@@ -81,24 +81,6 @@ TEST_F(WatchOnLan, TakesTheAddressOfANamedInterface) {
     EXPECT_EQ(next(*watching), "local changed 192.168.1.7 (eth1)") << "it follows the interface";
 }
 
-TEST_F(WatchOnLan, HearsTheTcpServiceOfAFixedRadarOverAConnection) {
-    m_profile.write("[Local]\nIP = 10.20.2.1\n[Radar]\nIP = 10.20.1.1\nTCPService = yes\n");
-    std::string announcement = protocol::composeAnnouncement("ZQ-7", 16, 2);
-    announcement[wire::kExtended.offset] = announcement[wire::kTcpOffered.offset] = 1;
-    m_profile.write(announcement, "announcement");
-    m_profile.write(std::string(wire::text(wire::kQuery)), "query");
-    const std::string answers = "SYSTEM:cd " + m_profile.path().string() +
-                                " && head -c 2 | cmp - query && cat announcement && sleep 60";
-    const lab::Process radar = m_host1.start({{"socat", "TCP-LISTEN:6878,reuseaddr,fork", answers}});
-    const auto south = serve(m_host2, "South", 17);
-    const auto watching = watch();
-    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(next(*watching), "ZQ-7 appeared, 16 at 10.20.1.1");
-    const auto found = watching->find("ZQ-7:TCP");
-    ASSERT_TRUE(found && found->tcp && found->streams.empty());
-    EXPECT_EQ(watching->radars().size(), 1U) << "and no other radar";
-}
-
 TEST_F(WatchOnLan, PictureKeepsComingWhateverHappensToItsRadarAndThisComputer) {
     using Kind = radar::StreamEvent::Kind;
     using Why = radar::StreamEvent::Why;
