@@ -346,8 +346,8 @@ const std::vector<std::string_view> kAttempts = {"getifaddrs",     "connect",  "
                                                  "SO_BINDTODEVICE"}; // of a TCP client
 // What is sent on is repeated until it is done; a Control's port is had before somebody asks why it is not.
 const std::vector<std::string_view> kOverTcp = {
-    "getifaddrs",  "poll", "recv", "recvfrom", "recvmmsg", "SO_RCVBUF", "SO_BINDTODEVICE",
-    "SO_RCVTIMEO", "open", "read", "send",     "socket",   "bind",      "SO_REUSEADDR"};
+    "getifaddrs", "poll", "recv", "recvfrom", "recvmmsg", "SO_RCVBUF", "SO_BINDTODEVICE", "SO_RCVTIMEO",
+    "open",       "read", "send", "socket",   "bind",     "connect",   "fcntl",           "SO_REUSEADDR"};
 const Scenario kScenarios[] = {
     {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
