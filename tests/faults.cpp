@@ -99,7 +99,7 @@ bool isMeant(const char* function, const char* name, const void* place) {
     if (!s_plan.name.empty())
         return name == s_plan.name && ++s_plan.calls >= s_plan.first &&
                s_plan.calls < s_plan.first + s_plan.count;
-    if (++s_plan.places[{function, place}] > kOfOnePlace || ++s_plan.calls != s_plan.first)
+    if (++s_plan.places[{name, place}] > kOfOnePlace || ++s_plan.calls != s_plan.first)
         return false;
     const std::vector<int>& reasons = reasonsOf(function);
     if (s_plan.reason < reasons.size())

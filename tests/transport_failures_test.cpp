@@ -238,6 +238,7 @@ const std::vector<std::string> kReceiver = {
     udp("UdpReceiverPrivate,441", "socket"),
     udp("UdpReceiverPrivate,445", "setsockopt::SO_REUSEADDR"),
     udp("UdpReceiverPrivate,447", "setsockopt::SO_RCVBUF"),
+    udp("UdpReceiverPrivate,448", "setsockopt::IP_MULTICAST_ALL"),
     udp("UdpReceiverPrivate,449", "bind"),
     udp("UdpReceiverPrivate,459", "setsockopt::IP_ADD_MEMBERSHIP"),
     udp("UdpReceiverPrivate,462", "setsockopt::SO_RCVTIMEO"),

@@ -32,10 +32,13 @@ void RadarSockets::repair() {
         m_complete = openAll();
 }
 
+/// The senders first, and one by one, so that nothing that is to be sent meanwhile waits for the receiver's
+/// end.
 bool RadarSockets::openAll() try {
-    close();
     put<net::UdpSender>(&RadarSockets::m_resetSender, net::detail::makeSender(wire::kNegotiation, m_localIp));
     put<net::UdpSender>(&RadarSockets::m_querySender, net::detail::makeSender(wire::kDiscovery, m_localIp));
+    put(&RadarSockets::m_announceReceiver, {});
+    put(&RadarSockets::m_tcpClient, {});
     if (m_radarIp != 0) {
         const NetAddress radar{m_radarIp, net::HtoNs(wire::kDiscovery.port)};
         put(&RadarSockets::m_tcpClient, std::make_shared<net::TcpClient>(m_stream, radar, m_localIp));

@@ -96,11 +96,15 @@ void UdpReceiverPrivate::setUp(Attempt attempt) {
         report(attempt, udp_site::kReceiverReuse);
     if (!detail::setOption(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferFactor * m_bufferSize))
         report(attempt, udp_site::kReceiverBuffer);
+    const detail::Kind kind = detail::kindOf(address());
+    // From the bind on, the socket would hear what other programs' memberships bring in on other interfaces.
+    const bool ownOnly = kind == detail::Kind::Multicast && m_localIp != 0;
+    if (ownOnly && !detail::setOption(socket, IPPROTO_IP, IP_MULTICAST_ALL, 0))
+        report(attempt, udp_site::kReceiverAllGroups);
     if (!detail::bindTo(socket, detail::makeAddress(m_listened, port()))) {
         report(attempt, udp_site::kReceiverBind);
         return;
     }
-    const detail::Kind kind = detail::kindOf(address());
     if (kind == detail::Kind::Broadcast && !detail::setOption(socket, SOL_SOCKET, SO_BROADCAST, 1))
         report(attempt, udp_site::kReceiverBroadcast);
     const std::string name =
@@ -112,6 +116,8 @@ void UdpReceiverPrivate::setUp(Attempt attempt) {
     m_joined = kind != detail::Kind::Multicast || detail::joinGroup(socket, m_listened, m_localIp);
     if (!m_joined)
         report(attempt, udp_site::kReceiverJoin);
+    if (!m_joined && ownOnly) // then it is to hear what arrives all the same
+        detail::setOption(socket, IPPROTO_IP, IP_MULTICAST_ALL, 1);
     if (!name.empty() && !detail::bindToDevice(socket, detail::deviceName(name)))
         report(attempt, udp_site::kReceiverDevice);
     if (attempt == Attempt::First)

@@ -37,6 +37,8 @@ inline constexpr ReportSite kReceiverThread{kFile, "UdpReceiverPrivate", 414, "t
 inline constexpr ReportSite kReceiverSocket{kFile, "UdpReceiverPrivate", 441, "socket"};
 inline constexpr ReportSite kReceiverReuse{kFile, "UdpReceiverPrivate", 445, "setsockopt::SO_REUSEADDR"};
 inline constexpr ReportSite kReceiverBuffer{kFile, "UdpReceiverPrivate", 447, "setsockopt::SO_RCVBUF"};
+inline constexpr ReportSite kReceiverAllGroups{kFile, "UdpReceiverPrivate", 448,
+                                               "setsockopt::IP_MULTICAST_ALL"};
 inline constexpr ReportSite kReceiverBind{kFile, "UdpReceiverPrivate", 449, "bind"};
 inline constexpr ReportSite kReceiverBroadcast{kFile, "UdpReceiverPrivate", 454, "setsockopt::SO_BROADCAST"};
 inline constexpr ReportSite kReceiverJoin{kFile, "UdpReceiverPrivate", 459, "setsockopt::IP_ADD_MEMBERSHIP"};
