@@ -78,27 +78,6 @@ void tell(const radar::StreamEvent& event) {
         std::fprintf(stderr, "refused: %s\n", std::strerror(event.error));
 }
 
-void streamRead() {
-    North north;
-    Watch watch(here());
-    radar::Stream stream(watch, "North", radar::Image);
-    try {
-        stream.descriptor();
-    } catch (const std::system_error& error) {
-        std::fprintf(stderr, "thrown: %s\n", error.code().message().c_str());
-        stream.descriptor();
-    }
-    radar::Datagram datagrams[4];
-    EXPECT_TRUE(inTheEnd([&] {
-        north.announce();
-        north.sendImage();
-        while (const auto event = stream.nextEvent())
-            tell(*event);
-        return stream.read(datagrams, 4, 5ms) > 0;
-    }));
-    stream.statistics();
-}
-
 /// @param pool none: a thread of the stream's own
 void streamCalledBack(const std::optional<radar::Pool>& pool) {
     North north;
@@ -352,7 +331,6 @@ const std::vector<std::string_view> kOverTcp = {
 const Scenario kScenarios[] = {
     {"Watches", &watches, kLooks, true},
     {"Pool", [] { radar::Pool({2}); }},
-    {"StreamRead", &streamRead, kLooksAndCounters, true},
     {"StreamOnAThread", [] { streamCalledBack({}); }, kLooksAndCounters, true},
     {"StreamOfAPool", [] { streamCalledBack(radar::Pool({})); }, kLooksAndCounters, true},
     {"CInterface", &cInterface, kLooksAndCounters, true},

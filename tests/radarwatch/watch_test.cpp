@@ -12,36 +12,6 @@ namespace {
 using namespace std::chrono_literals;
 using Origin = radar::LocalAddress::Origin;
 
-TEST_F(WatchOnLan, TellsComingsAndConflictsAndSendsCommands) {
-    const auto north = serve(m_host1, "North", 16);
-    const auto watching = watch();
-    EXPECT_EQ(next(*watching), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(watching->localAddress().origin, Origin::ProfileAddress);
-    EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1");
-    const auto radar = watching->find("North");
-    ASSERT_TRUE(radar.has_value());
-    ASSERT_EQ(radar->streams.size(), 2U);
-    for (std::size_t i = 0; i < 2; ++i)
-        EXPECT_EQ(bytes(radar->streams[i]), bytes(radar::groups(16)[i])) << "stream " << i;
-
-    Recorder objections;
-    const auto tap = makeIn<net::UdpReceiver>(m_host2, &objections, net::transAddr("10.20.1.2"), "236.6.7.4",
-                                              static_cast<unsigned short>(6768), 64);
-    const auto south = serve(m_host2, "South", 16, 1);
-    EXPECT_EQ(next(*watching), "South appeared, 16 at 10.20.1.2");
-    EXPECT_EQ(next(*watching), "16 shared: North South");
-    EXPECT_FALSE(watching->renumber("East"));
-    EXPECT_TRUE(watching->renumber("South"));
-    EXPECT_EQ(objections.nextBytes(), std::string("\x03\xA1\x10\x01", 4));
-    EXPECT_TRUE(watching->reset());
-    EXPECT_EQ(objections.nextBytes(), "\x20\xA1");
-
-    const auto second = watch();
-    EXPECT_EQ(second->radars().size(), 2U);
-    EXPECT_EQ(next(*second), "local 10.20.2.1 (eth0)");
-    EXPECT_EQ(next(*second), "North appeared, 16 at 10.20.1.1");
-}
-
 TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
     const auto watching = watch(Watch::Options{net::transAddr("10.20.2.9")}); // which this computer has not
     EXPECT_FALSE(watching->renumber("North") || watching->reset());
