@@ -12,10 +12,13 @@
 #include <UdpSocket/transport/protocol_sockets.h>
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <gmock/gmock.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -138,6 +141,25 @@ TEST_F(Udp, ReceiverHearsNothingOfAnotherInterfaceWhereItCannotBeTiedToItsOwn) {
     const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
     EXPECT_EQ(here.sendData("x", 1), 1);
     EXPECT_TRUE(m_recorder.next(10s)) << "what arrives all the same";
+}
+
+TEST_F(Udp, ReceiverIsTiedToItsInterfaceInTheEndWhereTheInterfacesCouldNotBeListedFirst) {
+    net::detail::Timing timing;
+    timing.receiverRepair = 50ms;
+    net::detail::setTiming(timing);
+    const auto isTied = [](int socket) {
+        char device[IF_NAMESIZE] = "";
+        socklen_t length = sizeof device;
+        return ::getsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, device, &length) == 0 &&
+               std::string_view(device) == "eth0";
+    };
+    for (const int look : {1, 2}) {
+        const Fault fault("getifaddrs", EMFILE, look);
+        const net::UdpReceiver receiver(&m_recorder, m_local, kGroup, 5000, 64);
+        EXPECT_TRUE(fault.hit());
+        EXPECT_TRUE(comesTrue([&] { return std::ranges::any_of(sockets(), isTied); })) << look;
+    }
+    net::detail::setTiming({});
 }
 
 TEST_F(Udp, DescriptorsAreCloseOnExecAndClosedAtOnceWithTheirOwners) {
