@@ -1,8 +1,10 @@
+#include "faults.h"
 #include "tcp_support.h"
 
 #include <UdpSocket/base/timing.h>
 
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <fstream>
@@ -12,6 +14,8 @@ namespace {
 
 using namespace tcp_test;
 using net::TcpClient;
+using testing::AllOf;
+using testing::Not;
 
 /// A client with auto-connect off and its connection to a plain socket.
 struct Connected {
@@ -253,6 +257,38 @@ TEST(TcpClient, ConnectedWaitsUntilDisconnectedOnAnotherThreadHasReturned) {
     release.set_value();
     EXPECT_TRUE(connected.get());
     EXPECT_EQ(c.notes.connected.all().size(), 2U);
+}
+
+TEST(TcpClient, ASendThatWaitsIsReportedWhereReceivingFails) {
+    const Output output;
+    Connected c;
+    auto sent = std::async(std::launch::async, [&] {
+        const std::string much(16 << 20, 'a');
+        return c.client.sendData(much.data(), static_cast<unsigned>(much.size()));
+    });
+    ASSERT_EQ(c.peer->read(1), "a");
+    const Fault fault("recv", ECONNRESET);
+    EXPECT_FALSE(sent.get());
+    EXPECT_TRUE(c.lossIsAnnounced());
+    EXPECT_THAT(output.out(), HasSubstr("tcp client send error -1\r\n"));
+    EXPECT_THAT(output.err(), AllOf(HasSubstr("receiveThread,856,"), HasSubstr("sendData,702,")));
+}
+
+TEST(TcpClient, ConnectsAgainWithTheDescriptorOfTheConnectionThatWasLost) {
+    tickQuickly();
+    const Output output;
+    Connected c;
+    c.peer->close();
+    EXPECT_TRUE(c.lossIsAnnounced());
+    const rlimit few{64, 64};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::vector<Descriptor> others;
+    do
+        others.emplace_back(::dup(STDERR_FILENO));
+    while (others.back().isOpen());
+    c.client.setAutoConnectEnable(true);
+    EXPECT_TRUE(c.notes.connected.reaches(2));
+    EXPECT_THAT(output.err(), Not(HasSubstr("function[socket]")));
 }
 
 TEST(TcpClient, ConnectsToNobodyElseThanItsServerAndLeavesItThePort) {

@@ -139,9 +139,16 @@ ConnectionPtr TcpClientPrivate::current() const {
 
 // ------------------------------------------------------------------------------------------- connecting
 
-/// Ends the current connection and makes a new socket with its options. Needs the connection lock.
+/// Ends the current connection, lets go of it, for the new one may need its descriptor, and makes a new
+/// socket with its options. Needs the connection lock.
 ConnectionPtr TcpClientPrivate::reset() {
+    auto none = std::make_shared<Connection>(detail::Descriptor());
     current()->end();
+    {
+        detail::Lock lock(m_stateMutex);
+        m_current.swap(none);
+    }
+    none.reset();
     auto connection = std::make_shared<Connection>(detail::openSocket(SOCK_STREAM | SOCK_NONBLOCK));
     if (connection->socket.isOpen())
         connection->setOptions(m_localIp, m_errors);
@@ -285,8 +292,9 @@ void TcpClientPrivate::pass() {
 }
 
 void TcpClientPrivate::probeOrConnect() {
-    const ConnectionPtr connection = current();
+    ConnectionPtr connection = current();
     if (!connection->stands()) {
+        connection.reset(); // an attempt may need its descriptor
         connectUnlessConnected();
         return;
     }
@@ -305,6 +313,7 @@ void TcpClientPrivate::probeOrConnect() {
     if (code == EPIPE) {
         connection->lose(State::kLost);
         announceLoss(connection);
+        connection.reset();
         connectUnlessConnected();
     }
 }
@@ -343,9 +352,9 @@ void TcpClientPrivate::receiveThread(const ConnectionPtr& connection, char* buff
     }
     std::printf("tcp client (addr = %s,port = %u) receive thread out ....\r\n", m_errors.address().c_str(),
                 m_errors.port());
-    if (failed)
-        connection->end(); // a thread that still waits to send would not see it otherwise
     m_queue.between([&] { connection->lose(peerEnded ? State::kPeerEnded : State::kLost); });
+    if (failed)
+        detail::endStream(connection->socket); // a thread that still waits to send would not see it otherwise
 }
 
 // ---------------------------------------------------------------------------------------------- sending
