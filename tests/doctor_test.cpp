@@ -205,17 +205,6 @@ TEST_F(Doctor, ReportsOtherDisplaysAndContestedIds) {
     EXPECT_EQ(found.wrong, "");
 }
 
-TEST_F(Doctor, SaysWhereOneInterfaceAloneWasLookedAt) {
-    const auto north = serve("host1", "North", 20);
-    lab::Process other = look("display", {"--interface", "eth1"});
-    lab::Process leading = look("display", {"--interface", "eth0"});
-    EXPECT_EQ(other.wait(60s), 1);
-    EXPECT_THAT(other.output(), HasSubstr("nobody answers on eth1, which alone was looked at"));
-    EXPECT_EQ(leading.wait(60s), 0);
-    EXPECT_THAT(leading.output(),
-                HasSubstr("nothing to complain about on eth0, which alone was looked at\n"));
-}
-
 TEST_F(Doctor, OneComputerIsEnoughForHostAndDisplay) {
     m_profile.write("[Local]\nIP = 10.20.1.1\n");
     const lab::Process host =

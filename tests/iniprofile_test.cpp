@@ -203,19 +203,4 @@ TEST_F(Profile, MemoryThatRunsOutReachesTheCaller) {
     EXPECT_EQ(textOf("Local", "IP"), "10.0.0.1");
 }
 
-TEST_F(Profile, ConcurrentLookUpsWorkAndReportsAreLimited) {
-    std::string text = "[Local]\nNetName = eth0\n";
-    for (int i = 0; i < 300; ++i)
-        text += "broken\n";
-    write(text);
-    const Output output;
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i)
-            threads.emplace_back([] { EXPECT_EQ(textOf("Local", "NetName"), "eth0"); });
-    }
-    EXPECT_GT(linesIn(output.err()), 50);
-    EXPECT_LE(linesIn(output.err()), 100);
-}
-
 } // namespace

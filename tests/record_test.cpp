@@ -226,37 +226,6 @@ TEST_F(Recording, IsInOrderWhereItWasHeldUp) {
     EXPECT_THAT(shell("capinfos -o " + path("file")), HasSubstr("Strict time order:   True"));
 }
 
-TEST_F(Recording, LosesNoMoreThanADatagramWhereMemoryRunsOutAndCountsIt) {
-    const auto source = imageSender();
-    const lab::Inside inside = m_lan.node("display").enter();
-    const Output output;
-    radar::recording::Recorder recorder({path("file"), "a test"}, [] {});
-    ASSERT_TRUE(recorder.listenTo({{"eth0", imageOf(20).ip, imageOf(20).port}}).empty());
-    {
-        const StoppedStream errors(stderr);
-        const FailingMemory memory(1);
-        source->sendData(std::string(200, 'x').data(), 200);
-        EXPECT_TRUE(comesTrue([&] { return recorder.counts().dropped == 1; })) << "while it is being said";
-        errors.fail();
-    }
-    constexpr std::uint64_t each = 10; // of as many as there are allocations for them
-    for (std::uint64_t failing = 1; failing <= 2 * each; ++failing) {
-        const FailingMemory memory(static_cast<long>(failing));
-        for (std::uint64_t i = 0; i < each; ++i)
-            source->sendData(std::string(200, 'x').data(), 200);
-        EXPECT_TRUE(comesTrue([&] {
-            const auto counts = recorder.counts();
-            return counts.datagrams + counts.dropped == 1 + failing * each;
-        })) << failing;
-    }
-    recorder.finish();
-    const auto counts = recorder.counts();
-    EXPECT_THAT(counts.dropped, AllOf(testing::Ge(each), testing::Le(1 + 2 * each)));
-    EXPECT_EQ(counts.datagrams, payloadsOf(path("file")).at(Contents::keyOf(imageOf(20))).size());
-    EXPECT_EQ(counts.dropped, readNotes(path("file")).statistics.at(0).dropped);
-    EXPECT_THAT(output.err(), HasSubstr("recording: a datagram"));
-}
-
 TEST_F(Recording, CountsEachPieceOfTcpThatIsDroppedWhereTheFileIsTooSlow) {
     radar::recording::Recorder recorder({path("file"), "a test", 0, 0, 0}, [] {}); // nothing may wait
     const std::string much(300 << 10, 'x');                                        // is handed over at once
@@ -311,18 +280,6 @@ TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSetAndTheMachineSleeps) {
     EXPECT_THAT(times[1] - times[0], isAbout(60s));
     EXPECT_THAT(times[2] - times[1], isAbout(600s));
     EXPECT_THAT(now - times[0], isAbout(600s));
-}
-
-TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {
-    const auto north = serve("host1", "North", 20);
-    const auto sender = imageSender();
-    lab::Process recorder = record();
-    EXPECT_TRUE(comes("before", [&] { sender->sendData("before", 6); }));
-    m_lan.unplug(m_lan.node("display"));
-    m_lan.plugIn(m_lan.node("display"));
-    EXPECT_TRUE(comes("behind", [&] { sender->sendData("behind", 6); }));
-    end(recorder);
-    EXPECT_EQ(info()["broken"], nullptr);
 }
 
 TEST_F(Recording, OnAFullDiskEndsWithItsLastWholeBlock) {

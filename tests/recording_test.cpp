@@ -135,31 +135,6 @@ private:
     const ProfileDirectory m_directory;
 };
 
-TEST_F(RecordingFile, IsReadBeyondWhatA32BitPositionReaches) {
-    const net::detail::Descriptor memory(::memfd_create("file", MFD_CLOEXEC)); // holes are quickly read there
-    const std::string name = "/proc/self/fd/" + std::to_string(memory.get());
-    std::ofstream file(name, std::ios::binary);
-    file << fileWith(1);
-    const std::uint32_t foreign[] = {0x40000000, 15 << 20}; // kind and length of a block that is passed over
-    while (file.tellp() <= std::int64_t{1} << 32) {
-        file.write(reinterpret_cast<const char*>(foreign), 8).seekp(foreign[1] - 12, std::ios::cur);
-        file.write(reinterpret_cast<const char*>(&foreign[1]), 4); // a hole is between
-    }
-    std::string last;
-    appendDatagramBlock(last, 0, {2s, kFrom, kDiscovery, "last"}, "");
-    file << last;
-    const std::string length = std::to_string(file.tellp());
-    file << "broken" << std::flush;
-    Blocks blocks(name);
-    std::string payload;
-    const auto readOn = [&] {
-        while (const auto datagram = blocks.nextDatagram())
-            payload = datagram->payload;
-    };
-    EXPECT_THAT(readOn, testing::ThrowsMessage<BrokenFile>(HasSubstr("broken at byte " + length)));
-    EXPECT_EQ(payload, "last");
-}
-
 TEST_F(RecordingFile, HasTimesInTheUnitsOfItsInterface) {
     std::string bytes = fileWith(2);
     const std::string nanoseconds("\x09\0\x01\0\x09", 5); // the option

@@ -129,13 +129,6 @@ TEST(TcpClient, APeerThatEndsItsOwnDirectionIsAnnouncedOnceAndStillGetsWhatWasTo
                                 ")>:\n\tfunction[peer closed connection],code[0,Success]\n");
 }
 
-TEST(TcpClient, SendsOfSeveralThreadsArriveWholeThoughInterrupted) {
-    Connected c;
-    EXPECT_TRUE(arriveWhole(*c.peer, [&](const char* data, unsigned length) {
-        return c.client.sendMultipleDatas({{data, 1}, {data + 1, static_cast<int>(length) - 1}});
-    }));
-}
-
 TEST(TcpClient, QueuedSendsKeepTheirOrderAndALongQueueIsMentionedPerItem) {
     Connected c;
     const Output output;
@@ -220,11 +213,7 @@ TEST(TcpClient, EveryConnectedHasItsDisconnectedWhoeverConnectsAndSends) {
     EXPECT_GE(notes.connected.all().size(), 60U);
 }
 
-TEST(TcpClient, IsGoneAtOnceWhetherConnectingConnectedLostOrBlockedInASend) {
-    ASSERT_EQ(std::system("ip link add d0 type veth peer name d1 && ip addr add 10.9.0.1/24 dev d0 && "
-                          "ip link set d0 up && ip link set d1 up && "
-                          "ip neigh add 10.9.0.2 lladdr 02:00:00:00:00:02 dev d0"),
-              0);
+TEST(TcpClient, IsGoneAtOnceWhetherConnectedLostOrBlockedInASend) {
     auto lost = std::make_unique<Connected>();
     lost->peer->close();
     EXPECT_TRUE(lost->lossIsAnnounced());
@@ -234,11 +223,7 @@ TEST(TcpClient, IsGoneAtOnceWhetherConnectingConnectedLostOrBlockedInASend) {
     blocked->client.asyncSendData(much.data(), static_cast<unsigned>(much.size()));
     blocked->client.asyncSendData("never", 5);
     ASSERT_EQ(blocked->peer->read(1), "a");
-    tickQuickly();
-    auto connecting = std::make_unique<TcpClient>(nullptr, "10.9.0.2", 4000, 0);
-    ASSERT_TRUE(comesTrue([] { return std::system("ss -Htn state syn-sent | grep -q 10.9.0.2:4000") == 0; }));
     const Output output;
-    EXPECT_LT(timeOf([&] { connecting.reset(); }), kQuick);
     EXPECT_LT(timeOf([&] { lost.reset(); }), kQuick);
     EXPECT_LT(timeOf([&] { connected.reset(); }), kQuick);
     EXPECT_LT(timeOf([&] { blocked.reset(); }), kQuick);

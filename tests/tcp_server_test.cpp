@@ -128,77 +128,6 @@ TEST(TcpServer, CloseClientEndsItForThePeerAtOnceAndIsAnnouncedOnce) {
     EXPECT_EQ(s.notes.disconnected.all().size(), 4U) << "even when the server ends at once";
 }
 
-TEST(TcpServer, AClientThatDoesNotReadIsWaitedForOnceAndLosesOnlyItsOwn) {
-    Serving s;
-    const auto [deaf, deafFd] = s.join(kLocal, 1 << 16);
-    const auto [attentive, attentiveFd] = s.join();
-    std::atomic<size_t> heard = 0;
-    const auto reading = std::async(std::launch::async, [&, &peer = attentive] {
-        for (std::string bytes; !(bytes = peer.read(65536, 0)).empty();)
-            heard += bytes.size();
-    });
-    const std::string first(64 << 20, '1'); // several times what the connection holds
-    EXPECT_LT(timeOf([&] { s.server.sendData(first.data(), 64 << 20); }), kQuick);
-    const Output output;
-    const std::string block(1 << 20, 'b');
-    constexpr int kBlocks = 40;
-    EXPECT_LT(timeOf([&] {
-                  for (int i = 0; i < kBlocks; ++i)
-                      s.server.sendData(block.data(), 1 << 20);
-              }),
-              kQuick)
-        << "half a second each, if it were waited for";
-    EXPECT_THAT(output.err(), HasSubstr("function[send],code[11,Resource temporarily unavailable]\n"));
-    EXPECT_EQ(std::ranges::count(output.err(), '<'), kBlocks);
-    EXPECT_TRUE(comesTrue([&] { return heard == first.size() + kBlocks * block.size(); }));
-    EXPECT_FALSE(s.server.sendData(deafFd, "x", 1));
-    EXPECT_FALSE(s.server.sendData(kLocal, deaf.port(), "x", 1));
-
-    EXPECT_LT(timeOf([&, &peer = deaf] { EXPECT_TRUE(peer.read(first.size()) == first); }), kQuick)
-        << "the rest of the message that was cut short goes by itself, and not every half second";
-    EXPECT_TRUE(comesTrue([&, fd = deafFd] { return s.server.sendData(fd, "next", 4); }));
-    EXPECT_EQ(deaf.read(4), "next");
-    s.server.disconnect(); // which ends the reading, too
-}
-
-TEST(TcpServer, AClientThatEndsItsOwnDirectionStillGetsWhatWasToBeSent) {
-    const std::string much(32 << 20, 'a'); // more than the connection holds
-    for (const bool readsInTime : {true, false}) {
-        Serving s;
-        const auto [peer, fd] = s.join(kLocal, 1 << 16);
-        auto sent = std::async(std::launch::async, [&, fd = fd] {
-            return s.server.sendData(fd, much.data(), static_cast<unsigned>(much.size()));
-        });
-        ASSERT_EQ(peer.read(1), "a") << "a send is under way";
-        peer.endOwnDirection();
-        EXPECT_TRUE(s.left(1));
-        EXPECT_EQ(s.server.numOfClients(), 0);
-        if (!readsInTime) {
-            EXPECT_TRUE(sent.get()) << "cut short by its time-out";
-            const std::clock_t before = std::clock();
-            EXPECT_FALSE(s.notes.disconnected.reaches(2, 200ms));
-            EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20) << "of the processor, to wait for the peer";
-        }
-        EXPECT_TRUE(peer.read(much.size() - 1) == much.substr(1));
-        if (readsInTime) {
-            EXPECT_TRUE(sent.get());
-        }
-        EXPECT_EQ(peer.read(1), "") << "and then its end";
-        EXPECT_TRUE(comesTrue([fd = fd] { return ::fcntl(fd, F_GETFD) == -1; })) << "its number is free";
-        EXPECT_EQ(s.notes.disconnected.all().size(), 1U);
-    }
-}
-
-TEST(TcpServer, SendsOfSeveralThreadsArriveWholeThoughInterrupted) {
-    Serving s;
-    const auto [peer, fd] = s.join();
-    EXPECT_TRUE(arriveWhole(peer, [&, fd = fd](auto... bytes) { return s.server.sendData(fd, bytes...); }));
-    EXPECT_TRUE(arriveWhole(peer, [&](auto... bytes) {
-        s.server.sendData(bytes...);
-        return true;
-    }));
-}
-
 TEST(TcpServer, ABrokenClientNeitherEndsTheProcessNorDisturbsOthers) {
     std::signal(SIGPIPE, SIG_DFL);
     Serving s;
@@ -243,32 +172,6 @@ TEST(TcpServer, EndsAtOnceInTheMiddleOfTrafficAndServesAgain) {
         EXPECT_EQ(s.server.numOfClients(), 0);
     }
     EXPECT_EQ(s.notes.disconnected.all().size(), 0U) << "an end of our own making is not announced";
-}
-
-TEST(TcpServer, StableClientsLoseNoByteWhileOthersComeAndGo) {
-    constexpr size_t kRound = 16384;  // fills the connection of who does not read
-    constexpr size_t kChurners = 300; // in all
-    const Output output;
-    Serving s;
-    std::vector<Peer> stable;
-    for (int i = 0; i < 20; ++i)
-        stable.push_back(s.join().first);
-    std::vector<std::jthread> churners;
-    for (int i = 0; i < 4; ++i)
-        churners.emplace_back([&](const std::stop_token& stop) {
-            for (bool resets = false; !stop.stop_requested(); resets = !resets) {
-                Peer peer(s.port, kLocal, 1);
-                resets ? peer.reset() : peer.close();
-            }
-        });
-    for (char letter = 'A'; !s.notes.disconnected.reaches(kChurners, 0ms) && !HasFailure(); ++letter) {
-        const std::string text(kRound, letter);
-        s.server.sendData(text.data(), kRound);
-        for (const Peer& peer : stable)
-            EXPECT_TRUE(peer.read(kRound) == text);
-    }
-    churners.clear();
-    EXPECT_TRUE(comesTrue([&] { return s.server.numOfClients() == 20; })) << "the others have left";
 }
 
 } // namespace

@@ -104,35 +104,6 @@ private:
     Peer m_socket;
 };
 
-/// Whether frames that two threads send to a peer that reads slowly all arrive, and whole. Their calls are
-/// interrupted every millisecond, by a signal that restarts none. @param send sends one frame
-template <class Send>
-bool arriveWhole(const Peer& peer, Send send) {
-    constexpr size_t kFrame = 100000;
-    constexpr int kFrames = 60; // of each thread
-    std::vector<std::jthread> senders;
-    for (const char letter : {'a', 'b'})
-        senders.emplace_back([&, frame = std::string(kFrame, letter)] {
-            for (int i = 0; i < kFrames; ++i)
-                EXPECT_TRUE(send(frame.data(), static_cast<unsigned>(frame.size())));
-        });
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    ::sigaction(SIGUSR1, &action, nullptr);
-    std::jthread interrupter([&](const std::stop_token& stop) {
-        for (; !stop.stop_requested(); std::this_thread::sleep_for(1ms))
-            for (std::jthread& sender : senders)
-                ::pthread_kill(sender.native_handle(), SIGUSR1);
-    });
-    int whole = 0;
-    for (std::string frame = peer.read(kFrame);
-         frame == std::string(kFrame, frame[0]) && ++whole < 2 * kFrames; frame = peer.read(kFrame))
-        std::this_thread::sleep_for(1ms);
-    interrupter.request_stop();
-    interrupter.join();
-    return whole == 2 * kFrames;
-}
-
 /// A port that nobody listens on.
 inline unsigned short freePort() {
     return Listening().port();

@@ -45,6 +45,7 @@ std::optional<Datagram> Reader::next() {
     for (;;) {
         pcap_pkthdr* header = nullptr;
         const unsigned char* bytes = nullptr;
+        static_assert(sizeof(off_t) == 8, "files are larger than 4 GiB");
         const off_t position = ::ftello(::pcap_file(m_file.get()));
         const int result = ::pcap_next_ex(m_file.get(), &header, &bytes);
         if (result == PCAP_ERROR_BREAK)

@@ -236,6 +236,15 @@ Descriptor plainClient(Testbed& testbed) {
     return socket;
 }
 
+/// What is missing of a message when its reader has the end of the stream or of its patience.
+long missing(const Descriptor& reader, long length) {
+    net::detail::setOption(reader, SOL_SOCKET, SO_RCVTIMEO, timeval{5, 0});
+    std::vector<char> piece(64 * 1024);
+    for (ssize_t count; length > 0 && (count = ::recv(reader.get(), piece.data(), piece.size(), 0)) > 0;)
+        length -= count;
+    return length;
+}
+
 Figures unread(Testbed& testbed) {
     constexpr int kTimes = 40;
     ConnectionCounter counter;
@@ -244,7 +253,8 @@ Figures unread(Testbed& testbed) {
     ConnectedClient reader(testbed);
     secondsUntil([&] { return counter.connected == 2; }, 10s, "the server has both clients");
     const std::string data(1024 * 1024, 'x');
-    const long all = kTimes * static_cast<long>(data.size());
+    const auto length = static_cast<long>(data.size());
+    const long all = kTimes * length;
     double longest = 0;
     const auto secondsForAll = [&] {
         const long before = reader.counter().bytes;
@@ -260,10 +270,13 @@ Figures unread(Testbed& testbed) {
     };
     const double first = secondsForAll(); // until the silent one is set aside
     const double second = secondsForAll();
+    const long taken = 2 * all - missing(silent, 2 * all);
     return {{"s for the longest send to both", longest, 1},
             {"bytes missing at the other client", static_cast<double>(2 * all - reader.counter().bytes), 0},
             {"s until it has all", first, 3},
-            {"s for as much again", second, 2}};
+            {"s for as much again", second, 2},
+            {"MiB at the silent one in the end", static_cast<double>(taken / length)},
+            {"bytes of one cut short", static_cast<double>(taken % length), 0}};
 }
 
 Figures slow(Testbed& testbed) {
@@ -342,16 +355,6 @@ Figures shared(Testbed& testbed) {
     return {{"frames torn", static_cast<double>(tornFrames(stream, kFrame)), 0},
             {"bytes missing", static_cast<double>(kAll - stream.size()), 0},
             {"MB/s", static_cast<double>(stream.size()) / 1e6 / secondsSince(start)}};
-}
-
-/// What is missing of a message when its reader, which has ended its own direction, has the end of the stream
-/// or of its patience.
-long missing(const Descriptor& reader, long length) {
-    net::detail::setOption(reader, SOL_SOCKET, SO_RCVTIMEO, timeval{5, 0});
-    std::vector<char> piece(64 * 1024);
-    for (ssize_t count; length > 0 && (count = ::recv(reader.get(), piece.data(), piece.size(), 0)) > 0;)
-        length -= count;
-    return length;
 }
 
 Figures halfClosed(Testbed& testbed) {
@@ -442,7 +445,9 @@ constexpr Fault kFaults[] = {
     {"tcp-churn", "1,000 connects and disconnects", "one client, one server",
      "each is reported on both sides; no descriptor or thread is left", churn, Load::Heavy},
     {"tcp-unread", "TCP client that reads nothing", "40 MiB sent to it and to one that reads, twice",
-     "a send takes a second at most; the other client gets all within 3 s, and as much again within 2 s",
+     "a send takes a second at most; the other client gets all within 3 s, and as much again within 2 s; "
+     "when "
+     "it reads in the end, no message is cut short",
      unread, Load::Heavy},
     {"tcp-starved", "TCP client that reads nothing, beside one that reads", "6,000 messages of 16 KiB to all",
      "the other gets them at full rate, but for half a second that is waited once or twice", starved,

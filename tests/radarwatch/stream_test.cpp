@@ -172,22 +172,6 @@ TEST_F(StreamTest, ReaderLearnsOfDatagramsAndEventsByItsDescriptorAndByReturning
     EXPECT_TRUE(before <= datagram.arrival && datagram.arrival <= std::chrono::system_clock::now());
 }
 
-TEST_F(StreamTest, ReceivesWhateverItIsToldOfTheLargestDatagram) {
-    m_engine->tellImage(kGroup, kPort);
-    const std::pair<std::size_t, std::size_t> cases[] = {{0, 1}, {100, 100}, {SIZE_MAX, 200}};
-    for (const auto& [largest, received] : cases) {
-        StreamOptions options;
-        options.largestDatagram = largest;
-        const auto stream = reader(options);
-        EXPECT_EQ(next(*stream).kind, Kind::Started);
-        m_source.send();
-        radar::Datagram datagram;
-        EXPECT_TRUE(comesTrue([&] { return stream->read(&datagram, 1, 1s) == 1; })) << largest;
-        EXPECT_EQ(datagram.size, received);
-        EXPECT_EQ(stream->statistics().cut, received < 200 ? 1U : 0U);
-    }
-}
-
 TEST_F(StreamTest, ReaderReturnsInTimeAndWhenASignalHandlerRanWithoutARadarToo) {
     const auto stream = reader();
     radar::Datagram datagram;

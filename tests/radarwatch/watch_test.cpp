@@ -51,48 +51,4 @@ TEST_F(WatchOnLan, TakesTheAddressOfANamedInterface) {
     EXPECT_EQ(next(*watching), "local changed 192.168.1.7 (eth1)") << "it follows the interface";
 }
 
-TEST_F(WatchOnLan, PictureKeepsComingWhateverHappensToItsRadarAndThisComputer) {
-    using Kind = radar::StreamEvent::Kind;
-    using Why = radar::StreamEvent::Why;
-    m_profile.write(""); // the local address is searched, and may change
-    std::unique_ptr<HostServer> north;
-    std::unique_ptr<net::UdpSender> image;
-    const auto put = [&](const lab::Node& host, int id) { // from now on
-        north.reset();
-        north = serve(host, "North", id, 1);
-        image = makeIn<net::UdpSender>(host, radar::groups(id)[0].imageStream, 0U, std::uint16_t{0});
-    };
-    auto watching = watch();
-    Log<radar::StreamEvent> events;
-    std::atomic<long> received = 0;
-    const auto stream = makeIn<radar::Stream>(
-        m_display, *watching, "North", radar::Image, [&](const radar::Datagram&) { ++received; },
-        [&](const radar::StreamEvent& event) { events.add(event); });
-    // Whether one of these is told, and the picture comes after it.
-    const auto comesAfter = [&](const std::vector<std::pair<Kind, Why>>& expected) {
-        std::optional<long> before;
-        return comesTrue(
-            [&] {
-                image->sendData("image", 5);
-                const auto event = events.next(0ms);
-                if (event && std::ranges::count(expected, std::pair(event->kind, event->why)) == 1)
-                    before = received.load();
-                return before && received >= *before + 20;
-            },
-            60s);
-    };
-    put(m_host1, 16);
-    EXPECT_TRUE(comesAfter({{Kind::Started, Why::None}}));
-    put(m_host1, 20);
-    EXPECT_TRUE(comesAfter({{Kind::Moved, Why::Endpoint}}));
-    watching.reset(); // which the stream outlives
-    m_lan.unplug(m_display);
-    m_lan.plugIn(m_display);
-    EXPECT_TRUE(comesAfter({{Kind::Started, Why::None}, {Kind::Moved, Why::Interface}}));
-    m_lan.changeAddress(m_display, 0, "10.20.2.7/16");
-    EXPECT_TRUE(comesAfter({{Kind::Moved, Why::LocalAddress}}));
-    put(m_host2, 40);
-    EXPECT_TRUE(comesAfter({{Kind::Started, Why::None}, {Kind::Moved, Why::Endpoint}}));
-}
-
 } // namespace
