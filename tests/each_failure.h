@@ -3,9 +3,9 @@
 /// allocation.
 #pragma once
 
-#include "failing_memory.h"
 #include "faults.h"
 #include "wait.h"
+#include <lab/failing_memory.h>
 
 #include <gtest/gtest.h>
 

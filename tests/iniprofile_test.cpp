@@ -1,4 +1,3 @@
-#include "failing_memory.h"
 #include "profile_directory.h"
 #include "recorder.h"
 
@@ -6,6 +5,8 @@
 #include <UdpSocket/base/descriptor.h>
 #include <UdpSocket/base/escape.h>
 #include <UdpSocket/settings/settings.h>
+
+#include <lab/failing_memory.h>
 
 #include <gmock/gmock.h>
 

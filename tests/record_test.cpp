@@ -1,15 +1,15 @@
 // radarctl record, replay and info, on the virtual LAN.
 
-#include "failing_memory.h"
 #include "radarctl_fixture.h"
 #include "records.h"
-#include "stopped_stream.h"
 
 #include <RadarWatch/recording/contents.h>
 #include <RadarWatch/recording/reader.h>
 #include <RadarWatch/recording/recorder.h>
 
 #include <UdpSocket/protocol/announcement.h>
+
+#include <lab/failing_memory.h>
 
 #include <sys/syscall.h>
 

@@ -3,7 +3,7 @@
 #include "tcp_server_process.h"
 #include "testbed.h"
 
-#include <tests/failing_memory.h>
+#include <lab/failing_memory.h>
 
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/tcpsocket.h>

@@ -1,4 +1,4 @@
-#include <tests/failing_memory.h>
+#include <lab/failing_memory.h>
 
 #include <UdpSocket/protocol/radar_table.h>
 

@@ -1,4 +1,4 @@
-#include "failing_memory.h"
+#include <lab/failing_memory.h>
 
 #include <atomic>
 #include <cstddef>
