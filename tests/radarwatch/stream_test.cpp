@@ -221,8 +221,7 @@ TEST_F(StreamTest, IsDestroyedInEveryState) {
             own = caller([&](const radar::Datagram&) { destroy(false); },
                          [&](const StreamEvent&) { destroy(true); }, options);
             made = true;
-            m_source.send();
-            EXPECT_TRUE(comesTrue([&] { return destroyed.load(); }));
+            EXPECT_TRUE(comesTrue([&] { return m_source.send(), destroyed.load(); })) << pooled << byEvent;
         }
 
         LongCallback called;
