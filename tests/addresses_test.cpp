@@ -1,13 +1,11 @@
+#include "test.h"
+
 #include <UdpSocket/transport/interfaces.h>
 #include <UdpSocket/udpsocket.h>
-
-#include <gmock/gmock.h>
 
 #include <locale>
 
 namespace {
-
-using testing::ElementsAre;
 
 TEST(Addresses, AreInNetworkOrderAndAllOnesForInvalidText) {
     EXPECT_EQ(net::transAddr("1.2.3.4"), net::HtoNl(0x01020304));

@@ -4,8 +4,6 @@
 
 #include "records.h"
 
-#include <string>
-
 /// A radar of host id 16 at 10.1.2.3, with one stream; of the long form, the first stream alone is filled.
 class AnnouncementBytes : public std::string {
 public:

@@ -4,10 +4,6 @@
 
 #include "profile_directory.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-
 /// Shell scripts that are found before the system's commands as long as the object lives.
 class Commands : public ProfileDirectory {
 public:

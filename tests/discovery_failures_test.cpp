@@ -8,17 +8,7 @@
 #include <UdpSocket/netiphelper.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <system_error>
-#include <thread>
-
-#include <unistd.h>
-
 namespace {
-
-using namespace std::chrono_literals;
 
 void hostServer() {
     Source display(wire::kDiscovery);

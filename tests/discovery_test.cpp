@@ -9,14 +9,7 @@
 
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
-
-#include <set>
-
 namespace {
-
-using namespace std::chrono_literals;
-using testing::ElementsAre;
 
 // How a search goes on, the simulation shows, and that answers lead it, too, discovery_failures_test.cpp.
 TEST(Search, SettlesOnTheAddressThatReceivesBeaconsAndReportsItOnce) {

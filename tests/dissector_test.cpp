@@ -12,17 +12,9 @@
 
 #include <lab/process.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <iomanip>
-#include <map>
-#include <sstream>
 
 namespace {
-
-using namespace std::chrono_literals;
-using testing::HasSubstr;
 
 /// One frame: the value of each requested field, several of one field joined by '|'.
 using Frame = std::map<std::string, std::string>;

@@ -1,20 +1,18 @@
 // What radarctl doctor makes of what it saw: pure, on a healthy network with one thing changed. doctor_test
 // looks at networks that are really broken.
+#include "test.h"
+
 #include <tools/doctor/observation.h>
 #include <tools/doctor/redaction.h>
 
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <gmock/gmock.h>
-
-#include <cerrno>
 #include <clocale>
 
 namespace {
 
 using namespace doctor;
-using namespace std::chrono_literals;
 using net::transAddr;
 
 constexpr int kEth0 = 2;

@@ -3,11 +3,7 @@
 #include <UdpSocket/hostnegotiator.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <ostream>
-
 namespace {
-
-using testing::AllOf;
 
 struct Host {
     const char* node;

@@ -1,23 +1,8 @@
 #include "each_failure.h"
 
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <new>
-#include <optional>
-#include <system_error>
-#include <thread>
 
 namespace {
 

@@ -4,17 +4,8 @@
 #pragma once
 
 #include "faults.h"
-#include "wait.h"
+#include "test.h"
 #include <lab/failing_memory.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <ostream>
-#include <string>
-#include <string_view>
-#include <vector>
 
 /// A class at work: an object is made, used in each of its ways, and destroyed.
 struct Scenario {

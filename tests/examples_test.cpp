@@ -1,12 +1,10 @@
-#include <lab/process.h>
+#include "test.h"
 
-#include <gmock/gmock.h>
+#include <lab/process.h>
 
 namespace {
 
-using namespace std::chrono_literals;
 using lab::Process;
-using testing::HasSubstr;
 
 TEST(TcpClientExample, SendsWhatIsPipedIntoItOrSaysThatItDoesNot) {
     const std::string client = "printf 'one\ntwo\n' | " TCP_CLIENT " 127.0.0.1 4000";

@@ -14,14 +14,6 @@
 #include <UdpSocket/protocol/wire.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
-
 inline constexpr const char* kLocalAddress = "10.1.0.1";
 
 class EachCall : public testing::TestWithParam<Scenario> {

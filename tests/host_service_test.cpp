@@ -1,13 +1,10 @@
 // radarctl host as a service manager runs it: from a cold boot on, watched, and started again when that can
 // help.
+#include "test.h"
+
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
-
 namespace {
-
-using namespace std::chrono_literals;
-using testing::HasSubstr;
 
 class HostService : public testing::Test {
 protected:

@@ -8,13 +8,9 @@
 
 #include <lab/failing_memory.h>
 
-#include <gmock/gmock.h>
-
 #include <dlfcn.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 
-#include <algorithm>
 #include <new>
 
 using ReadLine = char* (*)(char*, int, void*);
@@ -29,8 +25,6 @@ int ini_parse_stream(ReadLine line, void* stream, TakeEntry entry, void* user) n
 }
 
 namespace {
-
-using testing::HasSubstr;
 
 class Profile : public testing::Test, protected ProfileDirectory {
 protected:

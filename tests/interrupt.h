@@ -2,12 +2,8 @@
 /// A signal that does nothing but interrupt what threads wait for.
 #pragma once
 
+#include "test.h"
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-#include <string>
 
 /// Sends a profiler's signal, which the library's threads take, to every thread of this process.
 inline void interruptThreads() {

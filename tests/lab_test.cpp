@@ -1,24 +1,11 @@
-#include "wait.h"
+#include "test.h"
 
 #include <lab/private_network.h>
 #include <lab/process.h>
 
-#include <gmock/gmock.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <filesystem>
-#include <set>
-
 namespace {
 
-using namespace std::chrono_literals;
 using lab::Process;
-using testing::AllOf;
-using testing::HasSubstr;
 
 TEST(Process, IsStoppedWithAllThatItStarted) {
     Process stubborn({.command = {"sh", "-c", "trap '' TERM; sleep 1000 & echo $!; wait; sleep 1000"}});

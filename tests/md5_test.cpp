@@ -1,15 +1,9 @@
+#include "test.h"
+
 #include <UdpSocket/md5.h>
 
-#include <gmock/gmock.h>
-
-#include <sys/mman.h>
-
-#include <cstdlib>
-#include <fstream>
 #include <iomanip>
 #include <random>
-#include <sstream>
-#include <string>
 
 namespace {
 

@@ -3,13 +3,6 @@
 #include "netip_fixture.h"
 #include "radarwatch/asleep.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <future>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-
 namespace {
 
 TEST_F(NetworkManagement, AProgramEndsWithItsOwnStatusWhileARestartWaitsUntilItMay) {

@@ -9,17 +9,7 @@
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/netiphelper.h>
 
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
-using namespace std::chrono_literals;
 using net::tNetIPHelper;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 /// Records every event as "eth0 10.0.0.1" or, for an address from DHCP, "eth0 10.0.0.1 dhcp".
 class NetIpLog : public net::iNetIPListener, public Log<std::string> {

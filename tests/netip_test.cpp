@@ -1,8 +1,5 @@
 #include "netip_fixture.h"
 
-#include <future>
-#include <memory>
-
 namespace {
 
 const char* const kRestartOfEth9 = "ifconfig|eth9:0|down\n"

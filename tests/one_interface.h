@@ -2,10 +2,7 @@
 /// The network of tests that need one interface.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <thread>
+#include "test.h"
 
 /// A test suite with one interface, eth0, with the address 10.1.0.1/24.
 class OneInterface : public testing::Test {

@@ -2,12 +2,8 @@
 /// A profile.ini of a test's own.
 #pragma once
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include "test.h"
 #include <iterator>
-#include <stdexcept>
-#include <string>
 
 /// An empty directory, named by INIPROFILE_DIR as long as the object lives.
 class ProfileDirectory {

@@ -8,7 +8,6 @@
 #include "profile_directory.h"
 #include "recorder.h"
 #include "stopped_stream.h"
-#include "wait.h"
 
 #include <UdpSocket/base/clock.h>
 #include <UdpSocket/base/escape.h>
@@ -20,25 +19,11 @@
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <gmock/gmock.h>
-
 #include <IniProfile/iniprofile.h>
 
-#include <csignal>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <ctime>
-#include <filesystem>
-#include <functional>
-#include <future>
 
 namespace {
-
-using namespace std::chrono_literals;
 
 /// The ids of all threads but the calling one.
 std::vector<pid_t> otherThreads() {

@@ -12,17 +12,7 @@
 
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <fstream>
-#include <sstream>
-
 namespace {
-
-using namespace std::chrono_literals;
 
 std::string name(plan::EndpointField field) {
     constexpr std::pair<plan::EndpointField, const char*> kNames[] = {

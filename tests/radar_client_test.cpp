@@ -7,12 +7,7 @@
 #include <UdpSocket/discovery/record_text.h>
 #include <UdpSocket/protocol/address_plan.h>
 
-#include <gmock/gmock.h>
-
 namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 std::int64_t s_time = 1000;
 

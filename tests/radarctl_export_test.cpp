@@ -1,13 +1,7 @@
 // radarctl export: what the node exporter's textfile collector reads.
 #include "radarctl_fixture.h"
 
-#include <sys/stat.h>
-
-#include <set>
-
 namespace {
-
-using testing::Contains;
 
 class Export : public Radarctl {
 protected:

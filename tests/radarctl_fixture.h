@@ -9,16 +9,8 @@
 
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include <sstream>
-#include <string>
-#include <vector>
-
-using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 

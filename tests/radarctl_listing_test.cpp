@@ -4,18 +4,7 @@
 #include <UdpSocket/protocol/announcement.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <set>
-
 namespace {
-
-using testing::AllOf;
-using testing::Contains;
-using testing::Not;
 
 using Listing = Radarctl;
 

@@ -1,13 +1,8 @@
 #include "radarctl_fixture.h"
 
-#include <fcntl.h>
 #include <termios.h>
-#include <unistd.h>
 
 #include <bitset>
-#include <csignal>
-#include <cstdlib>
-#include <fstream>
 #include <limits>
 
 namespace {

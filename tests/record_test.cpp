@@ -13,10 +13,6 @@
 
 #include <sys/syscall.h>
 
-#include <atomic>
-#include <csignal>
-#include <ctime>
-
 namespace {
 
 std::atomic<int> s_behind = 0;  // seconds that the wall clock was set back, beside the steady one
@@ -41,8 +37,6 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 namespace {
 
 using namespace radar::recording;
-using testing::AllOf;
-using testing::Not;
 
 /// What was sent to each endpoint, in order.
 using Payloads = std::map<Contents::Key, std::vector<std::string>>;

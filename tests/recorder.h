@@ -2,25 +2,14 @@
 /// Records what threads report and print, for tests to wait for.
 #pragma once
 
-#include "wait.h"
+#include "test.h"
 
 #include <UdpSocket/multiradarclient.h>
 #include <UdpSocket/udpsocket.h>
 
 #include <lab/node.h>
 
-#include <gtest/gtest.h>
-
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <deque>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 /// A list that any thread adds to.
 template <class Entry>

@@ -13,24 +13,12 @@
 
 #include <UdpSocket/protocol/announcement.h>
 
-#include <gmock/gmock.h>
-
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
 #include <numeric>
 
 namespace {
 
 using namespace radar::recording;
-using namespace std::chrono_literals;
 using protocol::composeAnnouncement;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 const NetAddress kFrom = endpoint("10.20.1.1", 40000);
 const NetAddress kDiscovery = endpoint(wire::kDiscovery.address, wire::kDiscovery.port);

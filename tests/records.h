@@ -2,10 +2,8 @@
 /// Endpoints and records as tests write and read them.
 #pragma once
 
+#include "test.h"
 #include <UdpSocket/udpsocket.h>
-
-#include <ostream>
-#include <string>
 
 /// "236.6.7.8:6678"
 inline std::string text(const NetAddress& endpoint) {

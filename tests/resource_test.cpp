@@ -9,21 +9,10 @@
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/protocol/wire.h>
 
-#include <gmock/gmock.h>
-
-#include <fcntl.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <future>
-
 namespace {
-
-using namespace std::chrono_literals;
-using testing::Contains;
-using testing::HasSubstr;
 
 /// Displays are set to the one interface, and receive hosts of this machine.
 class Resources : public OneInterface {

@@ -2,13 +2,7 @@
 /// Output that stands still.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdio>
-#include <fcntl.h>
-#include <string>
-#include <unistd.h>
+#include "test.h"
 
 /// A standard stream behind a full pipe, as behind Ctrl-S, until it fails instead.
 class StoppedStream {

@@ -6,16 +6,10 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <fstream>
-#include <future>
-
 namespace {
 
 using namespace tcp_test;
 using net::TcpClient;
-using testing::AllOf;
-using testing::Not;
 
 /// A client with auto-connect off and its connection to a plain socket.
 struct Connected {

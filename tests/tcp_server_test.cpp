@@ -1,11 +1,5 @@
 #include "tcp_support.h"
 
-#include <atomic>
-#include <csignal>
-#include <ctime>
-#include <fcntl.h>
-#include <future>
-
 namespace {
 
 using namespace tcp_test;

@@ -7,27 +7,12 @@
 #include <UdpSocket/base/socket.h>
 #include <UdpSocket/tcpsocket.h>
 
-#include <gmock/gmock.h>
-
 #include <netinet/in.h>
-#include <poll.h>
 #include <pthread.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <thread>
 
 namespace tcp_test {
 
-using namespace std::chrono_literals;
 using net::detail::Descriptor;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr const char* kLocal = "127.0.0.1";
 constexpr auto kQuick = 4s; // limit of what must wait neither for a time-out of 5 s nor forever

@@ -9,14 +9,8 @@
 #include <UdpSocket/transport/protocol_sockets.h>
 #include <UdpSocket/udpsocket.h>
 
-#include <optional>
-#include <set>
-#include <stdexcept>
-#include <vector>
-
 namespace {
 
-using namespace std::chrono_literals;
 using tcp_test::kLocal;
 using tcp_test::Peer;
 

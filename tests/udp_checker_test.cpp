@@ -3,15 +3,7 @@
 
 #include <UdpSocket/base/timing.h>
 
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <thread>
-
 namespace {
-
-using namespace std::chrono_literals;
-using testing::ElementsAre;
 
 constexpr const char* kGroup = "236.6.7.30";
 constexpr unsigned short kPort = 6730;

@@ -4,27 +4,17 @@
 #include "profile_directory.h"
 #include "recorder.h"
 #include "records.h"
-#include "wait.h"
 
 #include <UdpSocket/base/command.h>
 #include <UdpSocket/base/timing.h>
 #include <UdpSocket/netiphelper.h>
 #include <UdpSocket/transport/protocol_sockets.h>
 
-#include <fcntl.h>
 #include <net/if.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
-#include <gmock/gmock.h>
-
-#include <algorithm>
 
 namespace {
 
-using namespace std::chrono_literals;
 using testing::FieldsAre;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Optional;
 

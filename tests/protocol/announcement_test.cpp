@@ -2,13 +2,10 @@
 
 #include <UdpSocket/protocol/announcement.h>
 
-#include <gmock/gmock.h>
-
 namespace {
 
 using protocol::Announcement;
 using protocol::DisplayOptions;
-using testing::ElementsAre;
 
 constexpr DisplayOptions kTcpService{false, true};
 

@@ -1,15 +1,9 @@
+#include "../test.h"
+
 #include <UdpSocket/protocol/negotiation.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <set>
-#include <tuple>
-#include <vector>
 
 namespace {
 
-using namespace std::chrono_literals;
 using protocol::Negotiation;
 using State = Negotiation::State;
 

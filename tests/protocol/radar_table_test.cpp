@@ -1,8 +1,9 @@
+#include "../test.h"
+
 #include <lab/failing_memory.h>
 
 #include <UdpSocket/protocol/radar_table.h>
 
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 namespace {

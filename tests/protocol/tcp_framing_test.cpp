@@ -1,8 +1,6 @@
+#include "../test.h"
+
 #include <UdpSocket/protocol/tcp_framing.h>
-
-#include <gtest/gtest.h>
-
-#include <vector>
 
 namespace {
 

@@ -2,16 +2,9 @@
 /// Threads that wait, and those that are waited for.
 #pragma once
 
-#include "../wait.h"
-
-#include <gtest/gtest.h>
+#include "../test.h"
 
 #include <sys/types.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <fstream>
-#include <string>
 
 /// Whether a thread of this process waits in the system.
 inline bool isAsleep(pid_t thread) {

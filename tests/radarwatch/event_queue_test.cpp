@@ -4,10 +4,6 @@
 #include <RadarWatch/inbox.h>
 #include <RadarWatch/state.h>
 
-#include <gmock/gmock.h>
-
-#include <poll.h>
-
 namespace {
 
 using radar::Event;

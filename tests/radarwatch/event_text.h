@@ -2,12 +2,10 @@
 /// Events as tests read them.
 #pragma once
 
+#include "../test.h"
 #include <RadarWatch/radarwatch.h>
 
 #include <UdpSocket/udpsocket.h>
-
-#include <string>
-#include <vector>
 
 /// "North appeared, 16 at 10.1.0.1", "North left, Renamed: South", "16: North South", "local 10.1.0.9
 /// (eth0)", "local changed 10.1.0.9 (eth1)"

@@ -9,20 +9,9 @@
 #include <tests/failures_fixture.h>
 
 #include <arpa/inet.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <string>
-#include <system_error>
-#include <vector>
 
 namespace {
 
-using namespace std::chrono_literals;
 using radar::Watch;
 
 Watch::Options here() {

@@ -2,16 +2,13 @@
 /// An engine that says what a test wants.
 #pragma once
 
+#include "../test.h"
 #include <RadarWatch/stream_private.h>
 
 #include <arpa/inet.h>
 #include <net/if.h>
 
-#include <atomic>
-#include <chrono>
 #include <list>
-#include <mutex>
-#include <thread>
 
 /// Tells the situation, and a tick, on the thread that makes or changes something, and ticks fifty times a
 /// second on one of its own.

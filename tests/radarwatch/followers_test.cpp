@@ -2,9 +2,6 @@
 
 #include <RadarWatch/followers.h>
 
-#include <functional>
-#include <thread>
-
 namespace radar::detail {
 namespace {
 

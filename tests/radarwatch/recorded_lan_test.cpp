@@ -3,7 +3,6 @@
 #include "../faults.h"
 #include "../profile_directory.h"
 #include "../records.h"
-#include "../wait.h"
 
 #include <RadarWatch/radarrecording.h>
 #include <RadarWatch/radarstream.h>
@@ -11,18 +10,8 @@
 
 #include <UdpSocket/protocol/announcement.h>
 
-#include <gmock/gmock.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
 namespace {
 
-using namespace std::chrono_literals;
 using namespace radar::recording;
 using radar::Event;
 using radar::Recording;

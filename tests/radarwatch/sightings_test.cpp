@@ -3,20 +3,12 @@
 
 #include <RadarWatch/sightings.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <functional>
-#include <map>
-
 namespace {
 
-using namespace std::chrono_literals;
 using radar::Event;
 using radar::detail::Sightings;
 using radar::detail::State;
 using radar::detail::TimePoint;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr const char* kNorthHost = "10.1.0.1";

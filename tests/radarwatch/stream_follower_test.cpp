@@ -1,16 +1,12 @@
+#include "../test.h"
+
 #include <RadarWatch/stream_follower.h>
 
-#include <gmock/gmock.h>
-
 #include <arpa/inet.h>
-
-#include <tuple>
 
 namespace radar::detail {
 namespace {
 
-using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using Why = StreamEvent::Why;
 

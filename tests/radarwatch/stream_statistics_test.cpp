@@ -1,3 +1,5 @@
+#include "../test.h"
+
 #include <RadarWatch/arrival_statistics.h>
 #include <RadarWatch/inlet.h>
 #include <RadarWatch/membership.h>
@@ -6,12 +8,9 @@
 #include <UdpSocket/base/clock.h>
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
 
 namespace radar::detail {
 namespace {
-
-using namespace std::chrono_literals;
 
 TEST(SequenceCounter, TellsLossFromRepetitionAndReordering) {
     struct Case {

@@ -10,18 +10,10 @@
 
 #include <lab/lan.h>
 
-#include <gmock/gmock.h>
-
-#include <poll.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstring>
 #include <numeric>
 
 namespace {
 
-using namespace std::chrono_literals;
 using radar::Stream;
 using radar::StreamEvent;
 using radar::StreamOptions;

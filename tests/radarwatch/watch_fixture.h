@@ -15,13 +15,6 @@
 
 #include <lab/lan.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <memory>
-#include <string>
-#include <utility>
-
 class WatchOnLan : public testing::Test {
 protected:
     using Watch = radar::Watch;

@@ -9,19 +9,9 @@
 #include <UdpSocket/base/socket.h>
 
 #include <net/if.h>
-#include <poll.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <future>
-#include <system_error>
-#include <thread>
 
 namespace {
 
-using namespace std::chrono_literals;
 using radar::Stream;
 using radar::detail::Membership;
 

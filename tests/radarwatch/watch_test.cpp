@@ -4,12 +4,8 @@
 
 #include <RadarWatch/radarstream.h>
 
-#include <algorithm>
-#include <atomic>
-
 namespace {
 
-using namespace std::chrono_literals;
 using Origin = radar::LocalAddress::Origin;
 
 TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
