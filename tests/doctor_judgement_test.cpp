@@ -222,6 +222,8 @@ const Case kCases[] = {
     {"LostAnswers", [](Observation& s) { hear(s, "East", "10.20.1.3", 23, kEth0, 5ms, 2); }, {{Id::LostAnswers, "\"East\" (10.20.1.3) answers only some of the queries"}}},
     {"QueriesBeforeTheFirstAnswerDoNotCount", [](Observation& s) { auto& north = s.listening.hosts.begin()->second.times; north.erase(north.begin(), north.begin() + 2); },
      {}},
+    {"SwitchThatForgetsAFollowedImage", [](Observation& s) { s.image = ImageSeen{.radar = "North", .interface = "eth0", .datagrams = 9, .forgotten = 1, .followed = 5s}; },
+     {{Id::SwitchForgets, "the image of \"North\""}, {Id::SwitchForgets, "joined again: 1"}}},
     {"ObjectionThatSettlesIt", [](Observation& s) { s.listening.objections[20] = 1; s.listening.claims[transAddr("10.20.1.1")] = {20}; }, {}},
 };
 // clang-format on

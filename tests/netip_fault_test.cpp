@@ -1,7 +1,6 @@
 #include "faults.h"
 #include "left_threads.h"
 #include "netip_fixture.h"
-#include "radarwatch/asleep.h"
 
 namespace {
 
@@ -22,35 +21,6 @@ TEST_F(NetworkManagement, AProgramEndsWithItsOwnStatusWhileARestartWaitsUntilItM
     };
     for (const bool onOwnThread : {true, false})
         EXPECT_EXIT(program(onOwnThread), testing::ExitedWithCode(7), "");
-}
-
-TEST_F(NetworkManagement, ExitInACallbackEndsTheProgramAlsoWhereAnotherInterfacesWatchCalls) {
-    setCarrier("eth9", "1");
-    struct Exits final : net::iNetIPListener {
-        void OnNetIPChanged(const std::string&, const std::string&, bool) override {
-            if (::gettid() != ::getpid()) // nor while it is added
-                std::exit(7);
-        }
-    };
-    const auto program = [] {
-        ::alarm(30);
-        static Exits s_exits;
-        setWatchTimes(1h, 2ms);
-        static tNetIPHelper s_hears(false, "eth8", "10.5.0.8", "255.255.255.0");
-        s_hears.AddNetIPListener(&s_exits);
-        comesTrue([] { // its watch begins that hour
-            const std::filesystem::directory_iterator threads("/proc/self/task");
-            return std::ranges::any_of(threads, [](const auto& thread) {
-                const pid_t id = std::stoi(thread.path().filename());
-                return id != ::gettid() && isAsleep(id);
-            });
-        });
-        setWatchTimes(2ms, 2ms);
-        static tNetIPHelper s_restarts(false, "eth9", "10.5.0.9", "255.255.255.0");
-        for (;;)
-            ::pause();
-    };
-    EXPECT_EXIT(program(), testing::ExitedWithCode(7), "");
 }
 
 /// Throws on the thread that made it, while told to.
@@ -120,17 +90,8 @@ TEST_F(NetworkManagement, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAno
 
     std::ofstream("/run/hold");
     ASSERT_TRUE(comesTrue([] { return std::filesystem::exists("/run/held"); }));
-    const auto destroysOther = [&] {
-        auto done = std::async(std::launch::async, [&] { other.reset(); });
-        return done.wait_for(2s) == std::future_status::ready ||
-               (std::filesystem::remove("/run/hold"), false);
-    };
-    EXPECT_TRUE(destroysOther()) << "it waits for its turn";
-
-    busyLog.clear();
-    other = std::make_unique<tNetIPHelper>(false, "eth9", "10.5.0.9", "255.255.255.0");
-    EXPECT_TRUE(busyLog.lastBecomes("eth8 0.0.0.0")) << "its restart has begun";
-    EXPECT_TRUE(destroysOther()) << "its restart waits for the command";
+    auto destroyed = std::async(std::launch::async, [&] { other.reset(); });
+    EXPECT_EQ(destroyed.wait_for(2s), std::future_status::ready) << "it waits for its turn";
     EXPECT_TRUE(std::filesystem::remove("/run/hold")) << "the command is still running";
     EXPECT_TRUE(busyLog.lastBecomes("eth8 10.5.0.8"));
 }

@@ -100,27 +100,6 @@ TEST_F(NetworkManagement, UnsafeTextReachesNoShell) {
     EXPECT_THAT(recordedCommands(), HasSubstr("ifconfig|eth7:0|down\n"));
 }
 
-TEST_F(NetworkManagement, InstanceDestroyedDuringARestartDoesNotWaitAndGetsNoCommand) {
-    setWatchTimes(200ms, 1h);
-    const Output output;
-    tNetIPHelper::SetResetReady(false);
-    NetIpLog listener;
-    auto destroyed = std::make_unique<tNetIPHelper>(true, "eth8", "10.5.0.8", "255.255.255.0");
-    tNetIPHelper other(false, "eth9", "10.5.0.9", "255.255.255.0");
-    destroyed->AddNetIPListener(&listener);
-    ASSERT_TRUE(listener.reaches(2)) << "added, no carrier";
-    auto restart = std::async(std::launch::async, &tNetIPHelper::NetworkRestart);
-    ASSERT_TRUE(listener.reaches(3)) << "the restart has begun";
-    setCarrier("eth8", "1");
-    ASSERT_TRUE(isPrinted(output, "eth8 carrier state changed 1")) << "the pause after it has begun";
-    destroyed.reset();
-
-    tNetIPHelper::SetResetReady(true);
-    restart.get();
-    EXPECT_EQ(listener.all().size(), 3U);
-    EXPECT_EQ(recordedCommands(), kRestartOfEth9);
-}
-
 TEST_F(NetworkManagement, DestructionCancelsTheRestartThatTheInstanceBegan) {
     NetIpLog listener;
     NetIpLog nextLog;

@@ -117,92 +117,60 @@ TEST_F(Program, ExitInACallbackEndsTheProgramWithItsStatus) {
                          net::iTcpDataListener,
                          net::iNetIPListener,
                          iMultiRadarCheckerListener {
-        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override {
-            std::exit(7);
+        void OnUdpGroupDataReceived(const char*, int, const char*, int, const char*, int) override { end(); }
+        void OnUdpCheckerIpFound(unsigned int) override { end(); }
+        void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override { end(); }
+        void OnTcpClientConnected(int, const char*, unsigned short) override {
+            if (exitsWhenConnected)
+                end();
         }
-        void OnUdpCheckerIpFound(unsigned int) override { std::exit(7); }
-        void OnTcpDataReceived(int, const char*, unsigned short, const char*, int) override { std::exit(7); }
-        void OnTcpClientConnected(int, const char*, unsigned short) override { std::exit(7); }
         void OnTcpClientDisconnected(int, const char*, unsigned short) override {}
         void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+            if (isGone || ::gettid() != ::getpid()) // not while it is added
+                end();
+        }
+        void OnLocalIpChanged(unsigned int) override { end(); }
+        void end() const {
             if (isGone)
                 ::_exit(9);
-            if (::gettid() != ::getpid()) // nor while it is added
-                std::exit(7);
+            std::exit(7);
         }
-        void OnLocalIpChanged(unsigned int) override { std::exit(7); }
+        bool exitsWhenConnected = true;
         MultiRadarClient* client = nullptr;
         std::atomic<bool> isGone = false;
         ~Exits() {
+            std::this_thread::sleep_for(50ms); // a callback in progress is not waited for
             isGone = true;
             net::tNetIPHelper::NetworkRestart();
             if (client != nullptr)
                 client->removeListener(this);
-        }
-    };
-    static Exits s_exits;
-    struct ExitsForOne final : net::iTcpDataListener {
-        void OnTcpDataReceived(int, const char*, unsigned short, const char* data, int) override {
-            if (isGone)
-                ::_exit(9);
-            if (*data == 'e')
-                std::exit(7);
-        }
-        void OnTcpClientConnected(int fd, const char*, unsigned short) override { last = fd; }
-        void OnTcpClientDisconnected(int, const char*, unsigned short) override {
-            if (isGone)
-                ::_exit(9);
-        }
-        net::TcpServer* server = nullptr;
-        std::atomic<int> last = -1;
-        std::atomic<bool> isGone = false;
-        ~ExitsForOne() {
-            std::this_thread::sleep_for(50ms); // a callback in progress is not waited for
-            isGone = true;
-            if (server != nullptr)
-                server->closeClient(last);
             std::this_thread::sleep_for(50ms);
         }
     };
+    static Exits s_exits;
     const auto connect = [](net::iTcpDataListener* ofServer, net::iTcpDataListener* ofClient) {
         static net::TcpServer s_server(ofServer);
-        s_server.connect("127.0.0.1", kPort, 1);
+        s_server.connect("127.0.0.1", kPort, 2);
         static net::TcpClient s_client(ofClient, "127.0.0.1", kPort, 0);
         s_client.connectOnce();
     };
     const std::function<void()> programs[] = {
         [this] { static const net::UdpReceiver s_receiver(&s_exits, m_local, kGroup, 5000, 64); },
-        [this] {
-            static net::UdpSocket s_socket(&s_exits, 64);
-            s_socket.SetGroupRecvSockAddr(m_local, kGroup, 5000);
-        },
         [] {
             static net::UdpChecker s_checker(kGroup, 5000, "x");
             s_checker.addListener(&s_exits);
         },
         [] {
-            static ExitsForOne s_listener;
-            static HostNegotiator s_negotiator([] { std::exit(7); },
-                                               [](std::uint8_t) {
-                                                   if (s_listener.isGone)
-                                                       ::_exit(9);
-                                               });
+            static HostNegotiator s_negotiator([] { s_exits.end(); }, [](std::uint8_t) { s_exits.end(); });
             s_negotiator.asyncLogin(20);
         },
         [&] { connect(&s_exits, nullptr); },
         [&] { connect(nullptr, &s_exits); },
-        [] {
-            static ExitsForOne s_listener;
-            static net::TcpServer s_server(&s_listener);
-            s_listener.server = &s_server;
-            s_server.connect("127.0.0.1", kPort, 3);
-            auto* const client = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
+        [&] { // one client's bytes end it, and another goes on sending
+            s_exits.exitsWhenConnected = false;
+            connect(&s_exits, nullptr);
             auto* const other = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
-            auto* const idle = new net::TcpClient(nullptr, "127.0.0.1", kPort, 0);
-            for (net::TcpClient* each : {client, other, idle})
-                each->connectOnce();
-            comesTrue([] { return s_server.numOfClients() == 3; });
-            client->sendData("e", 1);
+            other->connectOnce();
             for (;;)
                 other->sendData("x", 1);
         },

@@ -64,6 +64,21 @@ TEST_F(UdpCheckerOnTwoInterfaces, ReportsEachAddressThatReceivesTheTextAndNoOthe
     EXPECT_THAT(removed.all(), ElementsAre());
 }
 
+TEST_F(UdpCheckerOnTwoInterfaces, HearsTheTextInAProbeThatIsInterrupted) {
+    net::detail::Timing timing;
+    timing.checkerProbe = timing.checkerPause = 60s;
+    net::detail::setTiming(timing);
+    ASSERT_EQ(std::system("ip addr flush dev eth2"), 0);
+    Addresses found;
+    net::UdpChecker checker(kGroup, kPort, "radar");
+    checker.addListener(&found);
+    ASSERT_TRUE(comesTrue([] { return std::system("ip maddr show dev eth1 | grep -q 236.6.7.30") == 0; }));
+    interruptThreads();
+    const std::jthread beacons = beacon("10.1.0.1", "radar");
+    EXPECT_TRUE(found.reaches(1));
+    ASSERT_EQ(std::system("ip addr add 10.2.0.1/24 dev eth2"), 0);
+}
+
 TEST_F(UdpCheckerOnTwoInterfaces, IsGoneAtOnceInAProbeAndInAPause) {
     net::detail::setTiming({});
     const Output output;

@@ -35,43 +35,14 @@ RadarEndpoint udp(const NetAddress& endpoint) {
     return {endpoint.ip, endpoint.port, 0};
 }
 
-/// What the plan makes of a host's stream.
-RadarAddress planned(std::uint8_t id, int stream, bool completed) {
-    RadarAddress record{};
-    for (const plan::EndpointField field : kFields)
-        record.*field = udp(plan::announcedEndpoint(id, field, stream));
-    if (completed) {
-        record.imageOriginal = udp(plan::getOriginalImageEp(id, static_cast<std::uint8_t>(stream)));
-        plan::fillInfoDevices(record.infoDev, plan::getInfoDevBaseEp(id));
-    }
-    return record;
-}
-
-// protocol_test.cpp compares what is composed with what examples/host.py does.
-TEST(Announcement, WhatEveryHostComposesIsReadAsThePlanHasIt) {
-    for (std::uint8_t id = 1; id <= 63; id = id == 1 ? 16 : id + 1)
-        for (const unsigned streams : {1U, 2U}) {
-            SCOPED_TRACE(testing::Message() << int{id} << " with " << streams << " streams");
-            const Announcement announcement =
-                read(protocol::composeAnnouncement("R", id, streams), kTcpService);
-            EXPECT_THAT(names(announcement), ElementsAre("R"));
-            EXPECT_EQ(bytes(announcement.listings[0].record), bytes(planned(id, 0, streams == 2)));
-            EXPECT_FALSE(announcement.answer);
-            ASSERT_EQ(announcement.secondStream.has_value(), streams == 2);
-            ASSERT_EQ(announcement.number.has_value(), streams == 2) << "the short form computes no number";
-            if (streams == 2) {
-                EXPECT_EQ(bytes(*announcement.secondStream), bytes(planned(id, 1, true)));
-            }
-            EXPECT_EQ(plan::hostNumber(announcement.arpaPort).id, id);
-        }
-}
-
 TEST(Announcement, HostWithEndpointsOfItsOwnComposesItsImageEndpoints) {
     RadarAddress own{};
     own.imageStream = {net::transAddr("239.1.1.1"), net::HtoNs(111), 2}; // kinds are not announced
     own.imageState = udp(endpoint("239.1.1.3", 113));
     own.arpaStream = udp(endpoint("239.1.1.4", 114)); // the plan's is announced
-    RadarAddress expected = planned(17, 0, false);
+    RadarAddress expected{};
+    for (const plan::EndpointField field : kFields)
+        expected.*field = udp(plan::announcedEndpoint(17, field, 0));
     expected.imageStream = udp(own.imageStream);
     expected.imageCtrl = {};
     expected.imageState = own.imageState;
