@@ -117,6 +117,8 @@ TEST_F(Profile, EveryBrokenLineIsReportedOnceWithItsNumber) {
     EXPECT_EQ(quotes(), path().string() + "/profile.ini:4: [Local] NetName is taken with its quotes\n");
     write("[Local]\nNetName = \"eth1\"\n");
     EXPECT_EQ(quotes(), "") << "also when it has moved";
+    write("[Local]\nIP = \"\"\n");
+    EXPECT_THAT(errOf([] { textOf("Local", "IP"); }), HasSubstr("IP is taken with its quotes"));
     write("[Local]\nIP 10.0.0.1\n\nNetName = 123.123.123.1234\n");
     EXPECT_EQ(textOf("Local", "NetName", 16), "123.123.123.1234");
     EXPECT_EQ(errOf([] { EXPECT_EQ(textOf("Local", "NetName", 15), "default"); }),

@@ -1,6 +1,7 @@
 #include "faults.h"
 #include "left_threads.h"
 #include "netip_fixture.h"
+#include "radarwatch/asleep.h"
 
 namespace {
 
@@ -96,6 +97,21 @@ TEST_F(NetworkManagement, CommandsRunOneAtATimeAndNoDestructorWaitsForThoseOfAno
     EXPECT_TRUE(busyLog.lastBecomes("eth8 10.5.0.8"));
 }
 
+TEST_F(NetworkManagement, DestructorWaitsForAListenerThatAnotherThreadCalls) {
+    struct : net::iNetIPListener {
+        LongCallback called;
+        void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+            if (::gettid() != ::getpid()) // not while it is added
+                called();
+        }
+    } listener;
+    setWatchTimes(1h, 2ms);
+    std::optional<tNetIPHelper> helper(std::in_place, false, "eth9", "10.5.0.9", "255.255.255.0");
+    helper->AddNetIPListener(&listener);
+    const std::jthread restart(&tNetIPHelper::NetworkRestart);
+    EXPECT_TRUE(listener.called.isAwaitedBy([&] { helper.reset(); }));
+}
+
 TEST_F(NetworkManagement, ARestartThatIsGivenUpLeavesNoInterfaceWithoutConfiguration) {
     replaceCommands(R"(
         echo "${0##*/} $*" >> "${0%/*}/recorded"
@@ -141,9 +157,10 @@ TEST_F(NetworkManagement, DescriptorsThatRunOutPullNoCable) {
     ASSERT_TRUE(listener.lastBecomes("eth9 10.5.0.9"));
     const std::vector<std::string> before = listener.all();
     const Output output;
-    {
-        const Fault none("open", EMFILE, 1, 1'000'000);
-        EXPECT_TRUE(isPrinted(output, "a pass of the watch was lost: Too many open files\n"));
+    for (const int error : {EMFILE, ENFILE, ENOMEM}) {
+        const Fault none("open", error, 1, 1'000'000);
+        const std::string reason = std::strerror(error);
+        EXPECT_TRUE(isPrinted(output, "a pass of the watch was lost: " + reason + "\n"));
     }
     EXPECT_EQ(listener.all(), before);
     setCarrier("eth9", "0");

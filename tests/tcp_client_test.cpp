@@ -84,11 +84,18 @@ TEST(TcpClient, BytesTravelBothWaysThroughTheInterfaceOfTheLocalAddress) {
             length = sizeof noDelay;
             ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
             EXPECT_NE(noDelay, 0);
+            int probes = 0; // of a silent peer, until it counts as gone
+            length = sizeof probes;
+            ::getsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, &length);
+            EXPECT_EQ(probes, 3);
         };
         EXPECT_TRUE(c.client.sendData("one", 3));
         EXPECT_TRUE(c.client.sendMultipleDatas({{"t", 1}, {"", 0}, {"wo", 2}}));
         EXPECT_TRUE(c.client.asyncSendData("thr\0ee", 6));
         EXPECT_EQ(c.peer->read(12), std::string("onetwothr\0ee", 12));
+        const std::vector<std::pair<const void*, int>> most(IOV_MAX, {"x", 1});
+        EXPECT_TRUE(c.client.sendMultipleDatas(most));
+        EXPECT_EQ(c.peer->read(most.size()), std::string(most.size(), 'x'));
         EXPECT_TRUE(c.peer->send("back"));
         EXPECT_TRUE(c.notes.receives("back"));
     }
@@ -153,6 +160,10 @@ TEST(TcpClient, AnIdleLinkIsProbedUnlessAutoConnectIsOff) {
               400ms);
     quiet.client.sendData("x", 1);
     EXPECT_EQ(quiet.peer->read(1), "x") << "nothing came before";
+    quiet.client.setAutoConnectEnable(true);
+    const Fault fault("send", EPIPE);
+    EXPECT_TRUE(quiet.notes.connected.reaches(2)) << "one that fails is an end";
+    EXPECT_EQ(quiet.notes.disconnected.all().size(), 1U);
 }
 
 TEST(TcpClient, ReplacingAConnectionAnnouncesItsEndFirstAlsoWhereAListenerIsBusyWithItsData) {

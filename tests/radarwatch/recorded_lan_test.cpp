@@ -141,10 +141,28 @@ TEST_F(RecordedLan, StandsUntilAsManyStreamsListenAsItWaitsForAndThenKeepsTheRec
     EXPECT_LE(descriptors.back(), descriptors.front() + 10) << "they are forgotten with those that follow";
     Stream north(watch, "North", radar::Image);
     radar::Datagram datagram;
+    const std::clock_t before = std::clock();
     EXPECT_FALSE(comesTrue([&] { return north.read(&datagram, 1, 10ms) > 0; }, 200ms));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20) << "of the processor, to wait";
     EXPECT_FALSE(recording.isOver());
     const Stream south(watch, "South", radar::Image);
     EXPECT_GE(timeOf([&] { EXPECT_TRUE(readsAll(north, recording, 50)); }), 49 * kStep / 2);
+}
+
+TEST_F(RecordedLan, RepeatsWhatARadarAnnouncedLast) {
+    const NetAddress moved = endpoint("10.20.1.2", 40000);
+    std::string bytes;
+    announce(bytes, "North", 20, kSource);
+    announce(bytes, "North", 20, moved, kBegin + 3s);
+    announce(bytes, "North", 20, moved, kBegin + 7s); // until then all are repeated
+    const Recording recording = radar::openRecording(file(bytes), 5, 0);
+    Watch watch(Watch::Options{recording.localAddress()});
+    ASSERT_TRUE(next(watch, Event::Kind::Appeared));
+    const auto changed = watch.next(20s);
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(changed->changes, Event::Source);
+    EXPECT_EQ(changed->radar.source, std::uint32_t{moved.ip});
+    EXPECT_FALSE(watch.next(1s)); // in which it is announced again
 }
 
 TEST_F(RecordedLan, LeavesAStreamBehindThatTakesNothing) {

@@ -81,6 +81,7 @@ class Controls(unittest.TestCase):
         self.enterContext(repeated(announcement, *HOST["DISCOVERY"]))
         with Watch(LOCAL) as watch, Control(watch, "Deaf:TCP", "image-control") as control:
             self.assertTrue(comes_true(lambda: reaches(control)))
+            self.assertEqual(watch.find("Deaf:TCP").tcp.image_control.port, 5000)
             signal.signal(signal.SIGALRM, interrupt)
             signal.setitimer(signal.ITIMER_REAL, 0.2, 0.2)
             with self.assertRaises(KeyboardInterrupt):
