@@ -20,6 +20,14 @@ TEST_F(WatchOnLan, LocalAddressGoesAndComesBack) {
     }
     const auto north = serve(m_host1, "North", 16);
     EXPECT_EQ(next(*watching), "North appeared, 16 at 10.20.1.1") << "no address was taken for lost";
+    Recorder heard;
+    const auto tap = makeIn<net::UdpReceiver>(m_host2, &heard, net::transAddr("10.20.1.2"),
+                                              wire::kDiscovery.address, wire::kDiscovery.port, 1024);
+    for (int own = 0; own < 3;)
+        if (const Datagram datagram = heard.next().value(); datagram.from.starts_with("10.20.2.9:")) {
+            EXPECT_EQ(datagram.bytes, wire::text(wire::kQuery)) << "nothing else goes to the radars";
+            ++own;
+        }
     m_lan.changeAddress(m_display, 0, "");
     EXPECT_EQ(next(*watching), "lost 10.20.2.9");
     EXPECT_EQ(watching->localAddress().origin, Origin::None);
