@@ -393,9 +393,12 @@ Figures halfClosed(Testbed& testbed) {
     secondsUntil([&] { return counter.disconnected == 1; }, 10s, "the server says that the client has gone");
     std::this_thread::sleep_for(1s); // beyond the time that a send waits
     const long fromServer = missing(peer, length);
+    char none;
+    const bool ends = ::recv(peer.get(), &none, 1, 0) == 0;
     return {{"bytes missing of a client's send", static_cast<double>(fromClient), 0},
             {"bytes missing of a server's", static_cast<double>(fromServer), 0},
-            {"sends that said otherwise", (fromClient == 0) == clientSays ? 0.0 : 1.0, 0}};
+            {"sends that said otherwise", (fromClient == 0) == clientSays ? 0.0 : 1.0, 0},
+            {"connections left open", ends ? 0.0 : 1.0, 0}};
 }
 
 /// Every allocation of the threads of a server and a client fails in turn, while one connects to the other.
@@ -456,7 +459,8 @@ constexpr Fault kFaults[] = {
      "300 frames of 64 KiB each, it reads 16 MB/s at most", "no frame is torn, none missing", shared,
      Load::Heavy},
     {"tcp-half-closed", "TCP peer that ends its own direction, and reads on",
-     "in the middle of 32 MiB, both ways", "all arrives, and the send says so", halfClosed, Load::Heavy},
+     "in the middle of 32 MiB, both ways", "all arrives, the send says so, and then the connection ends",
+     halfClosed, Load::Heavy},
     {"tcp-memory", "Memory runs out on the TCP threads",
      "every allocation fails in turn, while a client connects and sends",
      "the process lives, and works again at once", withoutMemory, Load::Heavy},
