@@ -24,16 +24,19 @@ TEST_F(NetworkManagement, AProgramEndsWithItsOwnStatusWhileARestartWaitsUntilItM
         EXPECT_EXIT(program(onOwnThread), testing::ExitedWithCode(7), "");
 }
 
-/// Throws on the thread that made it, while told to.
+/// Throws on the thread that made it, while told to, and once when it is told of an address.
 class Thrower : public net::iNetIPListener {
 public:
     bool throws = true;
 
 private:
-    void OnNetIPChanged(const std::string&, const std::string&, bool) override {
+    void OnNetIPChanged(const std::string&, const std::string& ip, bool) override {
         if (throws && std::this_thread::get_id() == m_thread)
             throw std::runtime_error("listener");
+        if (ip != "0.0.0.0" && !std::exchange(m_hasThrown, true))
+            throw std::bad_alloc();
     }
+    bool m_hasThrown = false;
     const std::thread::id m_thread = std::this_thread::get_id();
 };
 
@@ -53,6 +56,8 @@ TEST_F(NetworkManagement, WhatAListenerThrowsReachesTheApplicationAndLeavesTheWa
         EXPECT_THROW(tNetIPHelper::NetworkRestart(), std::runtime_error);
         setCarrier("eth8", "1");
         EXPECT_TRUE(listener.lastBecomes("eth8 10.5.0.8")) << "the watch is not left paused";
+        listener.clear();
+        EXPECT_TRUE(listener.lastBecomes("eth8 10.5.0.8")) << "again, since not all have heard it";
         other.RemoveNetIPListener(&thrower);
         EXPECT_NO_THROW(tNetIPHelper::NetworkRestart());
     }

@@ -122,6 +122,12 @@ TEST_F(StreamTest, LosesNothingThatTheSystemHadTakenWhenItMoves) {
         expected.push_back(number);
     EXPECT_EQ(readNumbers(*stream, 150), expected);
     EXPECT_EQ(stream->statistics().datagrams, 150U);
+    for (const char* group : {kOtherGroup, kGroup}) { // each through a socket of its own
+        m_engine->tellImage(group, kPort);
+        radar::Datagram none;
+        EXPECT_EQ(stream->read(&none, 1, 50ms), 0U) << "news";
+        EXPECT_EQ(stream->read(&none, 1, 50ms), 0U) << "in time";
+    }
 }
 
 TEST_F(StreamTest, CountsDropsAlsoOfSocketsThatAreClosed) {
