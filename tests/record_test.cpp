@@ -268,7 +268,9 @@ TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSetAndTheMachineSleeps) {
         (number == 1 ? s_behind : s_toSleep) = number == 1 ? 60 : 0;
     }
     const Time now = recorder.now(); // which s_behind does not touch
+    recorder.comment("no datagram follows");
     recorder.finish();
+    EXPECT_EQ(readNotes(path("file")).comments.back().text, "no datagram follows");
     std::vector<Time> times;
     for (Reader reader(path("file")); const auto datagram = reader.next();)
         times.push_back(datagram->time);

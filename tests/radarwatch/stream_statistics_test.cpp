@@ -87,6 +87,11 @@ TEST(ArrivalStatistics, HasRatesGapsAndPercentiles) {
     counted.count(now, 100);
     EXPECT_EQ(after(100ms).lastSecond.datagrams, 1);
     EXPECT_EQ(result.longestGap, 3600s);
+    ArrivalStatistics slow;
+    for (const auto time : {0s, 3600s})
+        slow.count(now + time, 100);
+    slow.write(result, now + 3600s);
+    EXPECT_THAT(result.medianGap, AllOf(testing::Gt(1000s), testing::Lt(1100s))) << "the last bucket's";
 }
 
 TEST(ArrivalStatistics, HasRatesOfWholeTenthsOfASecondSinceTheFirstDatagram) {

@@ -107,6 +107,7 @@ TEST_F(StreamTest, LosesNothingThatTheSystemHadTakenWhenItMoves) {
     const auto stream = reader();
     m_engine->tellImage(kGroup, kPort);
     EXPECT_EQ(next(*stream).kind, Kind::Started);
+    EXPECT_GE(stream->descriptor(), 0);
     Recorder witness; // has a datagram when the system has taken it for all
     auto beside = std::make_unique<net::UdpReceiver>(&witness, inet_addr("10.20.2.1"), kGroup, kPort, 65536);
     m_source.send(100);
