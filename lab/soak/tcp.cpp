@@ -275,7 +275,7 @@ Figures unread(Testbed& testbed) {
             {"bytes missing at the other client", static_cast<double>(2 * all - reader.counter().bytes), 0},
             {"s until it has all", first, 3},
             {"s for as much again", second, 2},
-            {"MiB at the silent one in the end", static_cast<double>(taken / length)},
+            {"MiB at the silent one in the end", static_cast<double>(taken) / static_cast<double>(length)},
             {"bytes of one cut short", static_cast<double>(taken % length), 0}};
 }
 
