@@ -158,6 +158,14 @@ TEST_F(Radarctl, ListenAndTheExampleOfADisplayFollowTheExampleOfAHostWhenItIsRen
     EXPECT_GT(total["medianGapSeconds"], 0);
 }
 
+TEST_F(Radarctl, EndsWhenItsReaderEnds) {
+    const auto host = serve("host1", "North", 16);
+    lab::Process pipe = m_lan.node("display").start({.command = {"sh", "-c", RADARCTL " watch | head -n 1"}});
+    EXPECT_TRUE(pipe.lineWith("+ North", 30s));
+    const auto other = serve("host2", "South", 17); // the next line finds no reader
+    EXPECT_EQ(pipe.wait(30s), 0);
+}
+
 TEST_F(Radarctl, RemovesItsProfileWhereItsOutputEndsItToo) {
     for (const std::string end : {"| true", "> /dev/full", ">&-"}) {
         const Result result =

@@ -281,6 +281,18 @@ TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSetAndTheMachineSleeps) {
     EXPECT_THAT(now - times[0], isAbout(600s));
 }
 
+TEST_F(Recording, GoesOnWhenTheInterfaceIsReplaced) {
+    const auto north = serve("host1", "North", 20);
+    const auto sender = imageSender();
+    lab::Process recorder = record();
+    EXPECT_TRUE(comes("before", [&] { sender->sendData("before", 6); }));
+    m_lan.unplug(m_lan.node("display"));
+    m_lan.plugIn(m_lan.node("display"));
+    EXPECT_TRUE(comes("behind", [&] { sender->sendData("behind", 6); }));
+    end(recorder);
+    EXPECT_EQ(info()["broken"], nullptr);
+}
+
 TEST_F(Recording, OnAFullDiskEndsWithItsLastWholeBlock) {
     const auto north = serve("host1", "North", 20);
     const auto sender = imageSender();

@@ -78,6 +78,18 @@ TEST_F(Resources, OutputWithoutStandardStreamsGoesIntoNoConnection) {
     ::close(saved);
 }
 
+TEST_F(Resources, FailureToListInterfacesIsPrintedWithoutTheLock) {
+    const StoppedStream errors(stderr);
+    const Fault fault("getifaddrs", EMFILE);
+    std::thread prints([this] { net::localIfaName(m_local); });
+    ASSERT_TRUE(comesTrue([&] { return fault.hit(); }));
+    auto lists = std::async(std::launch::async, [this] { return net::localIfaName(m_local); });
+    EXPECT_EQ(lists.wait_for(10s), std::future_status::ready);
+    errors.fail();
+    prints.join();
+    EXPECT_EQ(lists.get(), "eth0");
+}
+
 TEST_F(Resources, InterfacesThatCannotBeListedHaveNotLostTheRadars) {
     const ProfileDirectory searching;
     const Output output;
