@@ -268,6 +268,7 @@ TEST_F(Recording, KeepsTheSpacingWhereTheWallClockIsSetAndTheMachineSleeps) {
         (number == 1 ? s_behind : s_toSleep) = number == 1 ? 60 : 0;
     }
     const Time now = recorder.now(); // which s_behind does not touch
+    EXPECT_EQ(recorder.counts().bytes, 3U);
     recorder.comment("no datagram follows");
     recorder.finish();
     EXPECT_EQ(readNotes(path("file")).comments.back().text, "no datagram follows");
