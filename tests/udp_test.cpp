@@ -143,7 +143,6 @@ TEST_F(Udp, ReceiverIsTiedToItsInterfaceInTheEndWhereTheInterfacesCouldNotBeList
         EXPECT_TRUE(comesTrue([] { return std::system("ss -Huna | grep -q 236.1.2.3%eth0:5000") == 0; }))
             << look;
     }
-    net::detail::setTiming({});
 }
 
 TEST_F(Udp, DescriptorsAreCloseOnExecAndClosedAtOnceWithTheirOwners) {

@@ -449,8 +449,7 @@ constexpr Fault kFaults[] = {
      "each is reported on both sides; no descriptor or thread is left", churn, Load::Heavy},
     {"tcp-unread", "TCP client that reads nothing", "40 MiB sent to it and to one that reads, twice",
      "a send takes a second at most; the other client gets all within 3 s, and as much again within 2 s; "
-     "when "
-     "it reads in the end, no message is cut short",
+     "when it reads in the end, no message is cut short",
      unread, Load::Heavy},
     {"tcp-starved", "TCP client that reads nothing, beside one that reads", "6,000 messages of 16 KiB to all",
      "the other gets them at full rate, but for half a second that is waited once or twice", starved,
